@@ -1,0 +1,70 @@
+# exvol front door. `make run` mounts a volume (a built-in demo image when
+# IMG is not given); `make test` installs what is missing, builds with
+# sanitizers and runs every test.
+
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+BUILD_TEST ?= build/test
+BUILD_TSAN ?= build/tsan
+BUILD_REL ?= build/release
+CMAKE_COMMON := -G Ninja -DEXVOL_WERROR=ON
+DEMO_IMG ?= build/demo.img
+
+DEB_PACKAGES := build-essential cmake ninja-build pkg-config libfuse3-dev fuse3 \
+	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs
+
+.PHONY: all deps build build-tsan release test test-unit test-tsan run bench clean
+
+all: build
+
+# Installs only the Debian packages that are missing (one apt-get update).
+deps:
+	@missing=""; for p in $(DEB_PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:$$missing"; \
+	  SUDO=""; [ "$$(id -u)" -ne 0 ] && SUDO=sudo; \
+	  $$SUDO apt-get update -qq && DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -qq $$missing; \
+	fi
+
+build:
+	cmake -S . -B $(BUILD_TEST) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DEXVOL_SANITIZE=asan
+	cmake --build $(BUILD_TEST) -j $(JOBS)
+
+build-tsan:
+	cmake -S . -B $(BUILD_TSAN) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DEXVOL_SANITIZE=tsan
+	cmake --build $(BUILD_TSAN) -j $(JOBS)
+
+release:
+	cmake -S . -B $(BUILD_REL) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Release -DEXVOL_TESTS=OFF -DEXVOL_BENCH=ON
+	cmake --build $(BUILD_REL) -j $(JOBS)
+
+test-unit: build
+	ctest --test-dir $(BUILD_TEST) -j $(JOBS) --output-on-failure --timeout 600
+
+# The threading tests again, under ThreadSanitizer.
+test-tsan: build-tsan
+	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+	  ctest --test-dir $(BUILD_TSAN) -j $(JOBS) --output-on-failure --timeout 600 -R 'Concurrency'
+
+test: deps
+	$(MAKE) test-unit
+	$(MAKE) test-tsan
+
+run: deps release
+	@if [ -z "$(IMG)" ]; then \
+	  if [ ! -f $(DEMO_IMG) ]; then \
+	    mkdir -p $(dir $(DEMO_IMG)); truncate -s 64M $(DEMO_IMG); \
+	    mkfs.exfat -L EXVOLDEMO $(DEMO_IMG) >/dev/null; \
+	  fi; \
+	  img=$(DEMO_IMG); \
+	else img="$(IMG)"; fi; \
+	if [ -x $(BUILD_REL)/cli/exvol ]; then $(BUILD_REL)/cli/exvol info "$$img"; \
+	else echo "exvol: the driver does not mount volumes yet; image: $$img"; ls -l "$$img"; fi
+
+bench: deps release
+	@for b in $(BUILD_REL)/bench/exvol_bench_*; do [ -x "$$b" ] && "$$b"; done; true
+
+clean:
+	rm -rf build

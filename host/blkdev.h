@@ -1,0 +1,54 @@
+#pragma once
+// Block devices: a device vnode (VBLK) over a file, a real block device, or
+// memory.
+//
+// Strategy reads and writes the device in large pread/pwrite requests.
+// VNOP_IOCTL answers the disk requests below; VNOP_FSYNC writes the vnode's
+// dirty buffers and flushes the backing store. Test devices live in memory
+// and can inject faults.
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/types.h"
+
+#define DKIOCGETBLOCKSIZE 0x40046418u          // uint32_t: logical block size
+#define DKIOCSETBLOCKSIZE 0x80046418u          // uint32_t in: logical block size
+#define DKIOCGETBLOCKCOUNT 0x40086419u         // uint64_t: blocks of the logical size
+#define DKIOCGETPHYSICALBLOCKSIZE 0x4004644Du  // uint32_t
+#define DKIOCSYNCHRONIZECACHE 0x20006416u      // no argument
+
+// Fault injection and counters of an in-memory device. Thread-safe.
+struct host_memdev_faults {
+  std::vector<uint64_t> fail_read_bytes;   // byte offsets whose reads fail (EIO)
+  std::vector<uint64_t> fail_write_bytes;  // byte offsets whose writes fail (EIO)
+  int64_t fail_writes_after = -1;          // writes after this many succeed fail
+  bool power_cut_mode = false;             // writes are volatile until a cache flush
+};
+
+struct host_memdev;  // opaque
+
+struct host_devstats {
+  uint64_t reads, writes, bytes_read, bytes_written, flushes;
+};
+
+// Opens a file or block device as a device vnode with an I/O reference.
+// Logical block size: the device's for a block device, 512 for a file
+// (overridable). ENOENT, EACCES … from open.
+int host_blkdev_open(const char* path, int rdonly, vnode_t* devvpp);
+// An in-memory device of `bytes` bytes with the given block sizes.
+int host_memdev_create(uint64_t bytes, uint32_t logical_block, uint32_t physical_block,
+                       vnode_t* devvpp);
+// Loads/saves the contents of an in-memory device.
+int host_memdev_load(vnode_t devvp, const void* data, size_t len, uint64_t offset);
+int host_memdev_read(vnode_t devvp, void* data, size_t len, uint64_t offset);
+void host_memdev_set_faults(vnode_t devvp, const host_memdev_faults& faults);
+// Drops every write since the last cache flush (power_cut_mode).
+void host_memdev_power_cut(vnode_t devvp);
+// Refuses DKIOCSETBLOCKSIZE with this error (0: accept).
+void host_memdev_refuse_setblocksize(vnode_t devvp, int error);
+void host_blkdev_stats(vnode_t devvp, host_devstats* stats);
+void host_blkdev_reset_stats(vnode_t devvp);
+// Releases the device vnode (after any mount of it is gone).
+void host_blkdev_close(vnode_t devvp);
