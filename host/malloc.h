@@ -43,3 +43,6 @@ uint64_t host_malloc_type_outstanding(int type);
 void host_malloc_fail_nth(uint64_t n);
 // Allocations made since start (for sizing failure sweeps).
 uint64_t host_malloc_count(void);
+// For host services that allocate with new/std containers where a kernel
+// would allocate: counts one allocation and says whether it must fail.
+bool host_alloc_should_fail(void);
