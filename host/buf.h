@@ -87,6 +87,11 @@ void buf_setflags(buf_t bp, int32_t flags);
 void buf_clearflags(buf_t bp, int32_t flags);
 void buf_setlblkno(buf_t bp, daddr64_t lblkno);
 void buf_setvnode(buf_t bp, vnode_t vp);
+// Cluster I/O: the buffer's data lives in the pages of a page list, from
+// byte `offset` of the list on (the device does vectored I/O into them).
+void buf_setupl(buf_t bp, upl_t upl, uint32_t offset);
+upl_t buf_upl(buf_t bp);
+uint32_t buf_uploffset(buf_t bp);
 // Waits for an asynchronous buffer to complete; returns its error.
 errno_t buf_biowait(buf_t bp);
 void buf_biodone(buf_t bp);
