@@ -277,3 +277,14 @@ TEST_F(EntrySetDeathTest, CopyNameRejectsLengthsOutside1To255) {
   EXPECT_DEATH(exfat_file_set_init(set.data(), name.data(), 0, 0, 0),
                "invalid name length \\(0\\)");
 }
+
+TEST_F(EntrySetDeathTest, RenameRefusesToGrowPast255Secondaries) {
+  // A set read from disk with 254 vendor secondaries after one name entry
+  // has no room for a second name entry.
+  std::vector<exvol::test::Entry> vendors(253, exvol::test::raw_entry(0xE0));
+  std::vector<uint8_t> set = buffer(file_set(u"a", vendors));
+  ASSERT_EQ(set[1], 255);
+  std::vector<uint16_t> name(16, u'b');
+  EXPECT_DEATH(exfat_file_set_rename(set.data(), name.data(), 16, 0),
+               "exfat_file_set_rename: set too large \\(256 secondaries\\)");
+}
