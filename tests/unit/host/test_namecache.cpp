@@ -216,7 +216,8 @@ TEST(NameCacheConcurrency, LookupsWhileVnodesAreReclaimed) {
     });
   }
   std::thread recycler([&] {
-    for (int i = 0; i < 400; i++) {
+    for (int i = 0; i < 100000 && (i < 400 || hits.load() < 50); i++) {
+      if (i % 16 == 0) std::this_thread::yield();
       vnode_t vp;
       if (fs.lookup(root, names[i % 4], &vp) != 0) continue;
       vnode_recycle(vp);
