@@ -267,3 +267,26 @@ TEST(ImageBuilderLayout, SecondFatMirrorsTheFirst) {
             f.first_cluster + 1);
 }
 
+
+TEST(ImageBuilderLayout, BrokenSetsForTheDirectoryReader) {
+  ImageBuilder b = standard();
+  std::vector<uint8_t> no_stream = make_file_set({.name = u"nostream"}, b.upcase());
+  no_stream.erase(no_stream.begin() + 32, no_stream.begin() + 64);
+  no_stream[1] -= 1;
+  fix_set_checksum(no_stream);
+  std::vector<uint8_t> short_count = make_file_set({.name = std::u16string(20, u's')}, b.upcase());
+  short_count[1] = 2;
+  fix_set_checksum(short_count);
+  Placed p1 = b.add_entries(b.root(), no_stream);
+  Placed p2 = b.add_entries(b.root(), short_count);
+  std::vector<uint8_t> image = b.build();
+
+  std::vector<uint8_t> set(EXFAT_SET_BUFFER_SIZE, 0);
+  memcpy(set.data(), image.data() + b.dir_byte_offset(b.root(), p1.offset), 32 * p1.entries);
+  EXPECT_EQ(le16dec(set.data() + 2), exfat_checksum_file_set(set.data()));
+  EXPECT_FALSE(exfat_valid_entry_set(set.data()));  // checksum right, shape wrong
+  std::fill(set.begin(), set.end(), 0);
+  memcpy(set.data(), image.data() + b.dir_byte_offset(b.root(), p2.offset), 32 * p2.entries);
+  EXPECT_EQ(le16dec(set.data() + 2), exfat_checksum_file_set(set.data()));
+  EXPECT_FALSE(exfat_valid_entry_set(set.data()));
+}
