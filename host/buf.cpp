@@ -121,6 +121,7 @@ struct bufcache {
   buflist bc_dirty;  // idle delayed writes, least recently used first
   size_t bc_bytes = 0;
   size_t bc_limit = kDefaultLimit;
+  int bc_waiters = 0;  // threads in wait_busy_locked
   std::condition_variable bc_wait[kWaitChannels];
 
   bufcache() {
@@ -189,7 +190,9 @@ void wait_busy_locked(Lock& lk, buf* bp, const char* who) {
     panic("%s: block %lld of vnode %p is held by the calling thread", who,
           static_cast<long long>(bp->b_lblkno), static_cast<void*>(bp->b_vp));
   bp->b_lflags |= BL_WANTED;
+  bc().bc_waiters++;
   channel_for(bp->b_vp, bp->b_lblkno).wait(lk);
+  bc().bc_waiters--;
 }
 
 void wake_waiters_locked(buf* bp) {
@@ -807,6 +810,11 @@ void host_bufcache_set_limit(size_t bytes) {
 size_t host_bufcache_bytes(void) {
   Lock lk(bc().bc_lock);
   return bc().bc_bytes;
+}
+
+int host_buf_waiters(void) {
+  Lock lk(bc().bc_lock);
+  return bc().bc_waiters;
 }
 
 int host_buf_count(vnode_t vp) {

@@ -116,3 +116,5 @@ void host_bufcache_set_limit(size_t bytes);
 size_t host_bufcache_bytes(void);
 // Cached buffers of a vnode (any state).
 int host_buf_count(vnode_t vp);
+// Threads sleeping until a busy buffer is released (tests).
+int host_buf_waiters(void);

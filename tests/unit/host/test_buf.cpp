@@ -76,6 +76,7 @@ int vnode_recycle(vnode_t vp) {
 }
 
 void* vnode_fsnode(vnode_t vp) { return vp->fsnode; }
+enum vtype vnode_vtype(vnode_t vp) { return vp->type; }
 int vnode_isblk(vnode_t vp) { return vp->type == VBLK; }
 dev_t vnode_specrdev(vnode_t vp) { return vp->rdev; }
 void** host_vnode_buf_slot(vnode_t vp) { return &vp->bufslot; }
