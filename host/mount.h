@@ -28,9 +28,11 @@
 
 // --- statfs ------------------------------------------------------------------------
 
+// The platform's <sys/types.h> already defines fsid_t (with other member
+// names), so the kernel's record goes by this name here.
 typedef struct fsid {
   int32_t val[2];
-} fsid_t;
+} vfs_fsid_t;
 
 #define MAXPATHLEN 1024
 
@@ -43,7 +45,7 @@ struct vfsstatfs {
   uint64_t f_bused;
   uint64_t f_files;
   uint64_t f_ffree;
-  fsid_t f_fsid;
+  vfs_fsid_t f_fsid;
   uid_t f_owner;
   uint64_t f_flags;
   char f_fstypename[MFSTYPENAMELEN];
@@ -107,7 +109,7 @@ struct vfs_attr {
   uint32_t f_bsize;
   size_t f_iosize;
   uint64_t f_blocks, f_bfree, f_bavail, f_bused, f_files, f_ffree;
-  fsid_t f_fsid;
+  vfs_fsid_t f_fsid;
   uid_t f_owner;
   vol_capabilities_attr_t f_capabilities;
   vol_attributes_attr_t f_attributes;

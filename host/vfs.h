@@ -15,7 +15,6 @@
 
 struct vnode_attr;
 struct vfs_attr;
-struct vfsconf;
 
 // --- Operation descriptions --------------------------------------------------
 
@@ -475,6 +474,14 @@ struct vfsops {
 #define VFS_TBLVNOP_PAGEINV2 0x2000
 #define VFS_TBLVNOP_PAGEOUTV2 0x4000
 
+// What vfs_init learns about its type.
+struct vfsconf {
+  char vfc_name[MFSNAMELEN];
+  int vfc_typenum;
+  int vfc_refcount;  // volumes of the type mounted
+  uint32_t vfc_flags;
+};
+
 struct vfs_fsentry {
   struct vfsops* vfe_vfsops;
   int vfe_vopcnt;
@@ -492,7 +499,12 @@ errno_t vfs_fsadd(struct vfs_fsentry* vfe, vfstable_t* handle);
 // EBUSY while volumes of the type are mounted.
 errno_t vfs_fsremove(vfstable_t handle);
 
-// Generic file-system sync entry used by the host for vfs_sync calls.
+// File-system operations through the mount's vfsops; an operation the file
+// system does not provide returns ENOTSUP.
+int VFS_MOUNT(mount_t mp, vnode_t devvp, user_addr_t data, vfs_context_t ctx);
+int VFS_START(mount_t mp, int flags, vfs_context_t ctx);
+int VFS_UNMOUNT(mount_t mp, int mntflags, vfs_context_t ctx);
+int VFS_VGET(mount_t mp, ino64_t ino, vnode_t* vpp, vfs_context_t ctx);
 int VFS_SYNC(mount_t mp, int waitfor, vfs_context_t ctx);
 int VFS_ROOT(mount_t mp, vnode_t* vpp, vfs_context_t ctx);
 int VFS_GETATTR(mount_t mp, struct vfs_attr* attr, vfs_context_t ctx);

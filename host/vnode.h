@@ -168,3 +168,9 @@ int host_mount_vnode_count(mount_t mp);
 int host_vnode_iocount(vnode_t vp);
 int host_vnode_usecount(vnode_t vp);
 int host_vnode_isdead(vnode_t vp);
+// Vnodes alive or being reclaimed, all mounts and devices together.
+int host_vnode_count(void);
+// Unused vnodes beyond the limit are normally pushed out by a host thread;
+// this does it now on the calling thread and waits for push-outs already
+// under way, so that a test sees the result.
+void host_vnode_push_out(void);

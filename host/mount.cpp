@@ -1,0 +1,320 @@
+// Mounts: queries and setters, per-call contexts, copyin/copyout, module
+// references, and the mount machinery that plays the kernel's mount, update
+// and unmount system calls.
+//
+// Locking: g_mount_lock protects the list of mounts and each mount's busy
+// bit. Mount, update, sync and unmount of one mount run one at a time: each
+// marks the mount busy (waiting while another holds it) and calls the file
+// system without g_mount_lock. A caller that loses the race to an unmount
+// finds the mount gone from the list and gets EINVAL; it never touches the
+// freed record. Mount flags are atomic so that file-system code on other
+// threads can read them while an update runs.
+
+#include "host/mount.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include "host/kern.h"
+#include "host/malloc.h"
+#include "host/vnode_private.h"
+
+// --- Mount queries and setters ------------------------------------------------
+
+namespace {
+
+// Flags a caller may pass to host_mount and that vfs_setflags may set.
+const uint64_t kOptionFlags = MNT_RDONLY | MNT_SYNCHRONOUS | MNT_NOEXEC | MNT_NOSUID | MNT_NODEV |
+                              MNT_UNION | MNT_ASYNC | MNT_DONTBROWSE | MNT_IGNORE_OWNERSHIP |
+                              MNT_LOCAL | MNT_NOATIME;
+// Options an update replaces (read-only is handled on its own; ownership and
+// locality are the file system's to set).
+const uint64_t kUpdatableFlags = MNT_SYNCHRONOUS | MNT_NOEXEC | MNT_NOSUID | MNT_NODEV |
+                                 MNT_UNION | MNT_ASYNC | MNT_DONTBROWSE | MNT_NOATIME;
+const uint64_t kRequestFlags = MNT_UPDATE | MNT_RELOAD | MNT_FORCE;
+
+// Default transfer limits: one request may carry 8 MiB.
+const uint32_t kMaxIO = 8u << 20;
+const uint32_t kSegSize = 32u << 10;
+
+}  // namespace
+
+struct vfsstatfs* vfs_statfs(mount_t mp) { return &mp->mnt_vfsstat; }
+void* vfs_fsprivate(mount_t mp) { return mp->mnt_data.load(); }
+void vfs_setfsprivate(mount_t mp, void* data) { mp->mnt_data.store(data); }
+uint64_t vfs_flags(mount_t mp) { return mp->mnt_flag.load(); }
+int vfs_isupdate(mount_t mp) { return (vfs_flags(mp) & MNT_UPDATE) != 0; }
+int vfs_isrdonly(mount_t mp) { return (vfs_flags(mp) & MNT_RDONLY) != 0; }
+int vfs_isrdwr(mount_t mp) { return !vfs_isrdonly(mp); }
+int vfs_isreload(mount_t mp) {
+  return (vfs_flags(mp) & (MNT_UPDATE | MNT_RELOAD)) == (MNT_UPDATE | MNT_RELOAD);
+}
+int vfs_iswriteupgrade(mount_t mp) { return vfs_isupdate(mp) && mp->mnt_want_rdwr.load(); }
+int vfs_isforce(mount_t mp) { return (vfs_flags(mp) & MNT_FORCE) != 0; }
+int vfs_typenum(mount_t mp) { return mp->mnt_vtable->vfc_typenum; }
+vnode_t vfs_devvp(mount_t mp) { return mp->mnt_devvp; }
+
+void vfs_name(mount_t mp, char* buffer) {
+  strncpy(buffer, mp->mnt_vtable->vfc_name, MFSTYPENAMELEN - 1);
+  buffer[MFSTYPENAMELEN - 1] = '\0';
+}
+
+void vfs_setflags(mount_t mp, uint64_t flags) {
+  if (flags & ~kOptionFlags) panic("vfs_setflags: unsupported flags 0x%llx", (unsigned long long)flags);
+  mp->mnt_flag.fetch_or(flags);
+}
+
+void vfs_clearflags(mount_t mp, uint64_t flags) {
+  if (flags & ~kOptionFlags) {
+    panic("vfs_clearflags: unsupported flags 0x%llx", (unsigned long long)flags);
+  }
+  mp->mnt_flag.fetch_and(~flags);
+}
+
+void vfs_ioattr(mount_t mp, struct vfsioattr* ioattrp) { *ioattrp = mp->mnt_ioattr; }
+void vfs_setioattr(mount_t mp, struct vfsioattr* ioattrp) { mp->mnt_ioattr = *ioattrp; }
+
+// Advisory locking is always local to the host: this records the request.
+void vfs_setlocklocal(mount_t mp) { mp->mnt_locallock.store(true); }
+
+// --- Contexts -------------------------------------------------------------------
+// The host has no users: a credential is an opaque token that file systems
+// pass along (to the buffer cache, for example) and never look into.
+
+namespace {
+alignas(16) char g_kernel_cred_token[16];
+struct vfs_context g_kernel_context = {reinterpret_cast<kauth_cred_t>(g_kernel_cred_token)};
+}  // namespace
+
+vfs_context_t vfs_context_kernel(void) { return &g_kernel_context; }
+
+vfs_context_t vfs_context_create(vfs_context_t ctx) {
+  if (host_alloc_should_fail()) return nullptr;
+  auto* c = new (std::nothrow) vfs_context;
+  if (c == nullptr) return nullptr;
+  c->vc_ucred = (ctx != nullptr ? ctx : &g_kernel_context)->vc_ucred;
+  return c;
+}
+
+int vfs_context_rele(vfs_context_t ctx) {
+  if (ctx == &g_kernel_context) panic("vfs_context_rele: the kernel context is not released");
+  delete ctx;
+  return 0;
+}
+
+kauth_cred_t vfs_context_ucred(vfs_context_t ctx) { return ctx->vc_ucred; }
+
+int copyin(user_addr_t uaddr, void* kaddr, size_t len) {
+  if (uaddr == 0) return EFAULT;
+  memcpy(kaddr, reinterpret_cast<const void*>(uaddr), len);
+  return 0;
+}
+
+int copyout(const void* kaddr, user_addr_t uaddr, size_t len) {
+  if (uaddr == 0) return EFAULT;
+  memcpy(reinterpret_cast<void*>(uaddr), kaddr, len);
+  return 0;
+}
+
+// --- Module references ------------------------------------------------------------
+
+namespace {
+std::atomic<int> g_module_refs{0};
+}
+
+int host_module_ref(void) { return ++g_module_refs; }
+
+int host_module_rele(void) {
+  int n = --g_module_refs;
+  if (n < 0) panic("host_module_rele: no module reference to drop");
+  return n;
+}
+
+int host_module_refcount(void) { return g_module_refs.load(); }
+
+// --- Mount machinery ---------------------------------------------------------------
+
+namespace {
+
+std::mutex g_mount_lock;
+std::condition_variable g_mount_idle;
+vlist<mount, &mount::mnt_list> g_mounts;
+
+bool mounted_locked(mount_t mp) {
+  for (mount_t m = g_mounts.head; m != nullptr; m = m->mnt_list.next) {
+    if (m == mp) return true;
+  }
+  return false;
+}
+
+// Marks the mount busy for one operation; false when it is not mounted (or
+// was unmounted while the caller waited).
+bool mount_begin_op(mount_t mp) {
+  std::unique_lock<std::mutex> lk(g_mount_lock);
+  for (;;) {
+    if (!mounted_locked(mp)) return false;
+    if (!mp->mnt_busy) break;
+    g_mount_idle.wait(lk);
+  }
+  mp->mnt_busy = true;
+  return true;
+}
+
+void mount_end_op(mount_t mp) {
+  std::lock_guard<std::mutex> guard(g_mount_lock);
+  mp->mnt_busy = false;
+  g_mount_idle.notify_all();
+}
+
+// The device's logical block size, or 512 when it can't say.
+uint32_t device_block_size(vnode_t devvp) {
+  const u_long kGetBlockSize = 0x40046418u;  // DKIOCGETBLOCKSIZE
+  uint32_t size = 0;
+  if (devvp == nullptr ||
+      VNOP_IOCTL(devvp, kGetBlockSize, reinterpret_cast<caddr_t>(&size), 0, vfs_context_kernel()) != 0 ||
+      size == 0) {
+    return 512;
+  }
+  return size;
+}
+
+void init_mount(mount_t mp, vfstable_t vfc, vnode_t devvp, uint64_t flags) {
+  mp->mnt_vtable = vfc;
+  mp->mnt_flag.store(flags);
+  mp->mnt_devvp = devvp;
+  struct vfsstatfs* sf = &mp->mnt_vfsstat;
+  strncpy(sf->f_fstypename, vfc->vfc_name, MFSTYPENAMELEN - 1);
+  sf->f_fsid.val[1] = vfc->vfc_typenum;
+  sf->f_flags = flags;
+  struct vfsioattr* io = &mp->mnt_ioattr;
+  io->io_maxreadcnt = io->io_maxwritecnt = kMaxIO;
+  io->io_segreadcnt = io->io_segwritecnt = kMaxIO / kSegSize;
+  io->io_maxsegreadsize = io->io_maxsegwritesize = kSegSize;
+  io->io_devblocksize = device_block_size(devvp);
+}
+
+// The argument record as the file system will copy it in: a private copy,
+// so that the caller's buffer need not outlive the call.
+user_addr_t stage_args(std::vector<char>& copy, const void* data, size_t datalen) {
+  if (data == nullptr) return 0;
+  copy.assign(static_cast<const char*>(data), static_cast<const char*>(data) + datalen);
+  if (copy.empty()) copy.push_back(0);
+  return reinterpret_cast<user_addr_t>(copy.data());
+}
+
+// Reclaims whatever vnodes a file system left behind on a mount that is
+// going away, so that none outlives its mount.
+void reclaim_leftovers(mount_t mp, const char* who) {
+  int left = host_mount_vnode_count(mp);
+  if (left == 0) return;
+  kprintf("%s: %s left %d vnodes; reclaiming them", who, mp->mnt_vtable->vfc_name, left);
+  if (vflush(mp, nullptr, FORCECLOSE) != 0) {
+    panic("%s: %s: vnodes survive a forced flush", who, mp->mnt_vtable->vfc_name);
+  }
+}
+
+void destroy_mount(mount_t mp) {
+  {
+    std::lock_guard<std::mutex> guard(g_mount_lock);
+    g_mounts.remove(mp);
+    g_mount_idle.notify_all();
+  }
+  if (mp->mnt_devvp != nullptr) vnode_rele(mp->mnt_devvp);
+  vfs_table_release(mp->mnt_vtable);
+  delete mp;
+}
+
+}  // namespace
+
+int host_mount(const char* fstype, vnode_t devvp, uint64_t flags, const void* data,
+               size_t datalen, mount_t* mpp) {
+  if (flags & ~kOptionFlags) panic("host_mount: unsupported flags 0x%llx", (unsigned long long)flags);
+  *mpp = nullptr;
+  vfstable_t vfc = vfs_table_acquire(fstype);
+  if (vfc == nullptr) return ENODEV;
+  mount_t mp = host_alloc_should_fail() ? nullptr : new (std::nothrow) mount;
+  if (mp == nullptr) {
+    vfs_table_release(vfc);
+    return ENOMEM;
+  }
+  init_mount(mp, vfc, devvp, flags);
+  if (devvp != nullptr) {
+    int error = vnode_ref(devvp);
+    if (error != 0) {
+      vfs_table_release(vfc);
+      delete mp;
+      return error;
+    }
+  }
+  {
+    std::lock_guard<std::mutex> guard(g_mount_lock);
+    mp->mnt_busy = true;
+    g_mounts.push_back(mp);
+  }
+  std::vector<char> args;
+  int error = VFS_MOUNT(mp, devvp, stage_args(args, data, datalen), vfs_context_kernel());
+  if (error != 0) {
+    reclaim_leftovers(mp, "host_mount");
+    destroy_mount(mp);
+    return error;
+  }
+  (void)VFS_START(mp, 0, vfs_context_kernel());
+  mp->mnt_vfsstat.f_flags = vfs_flags(mp);
+  mount_end_op(mp);
+  *mpp = mp;
+  return 0;
+}
+
+int host_mount_update(mount_t mp, uint64_t flags, const void* data, size_t datalen) {
+  if (flags & ~(kOptionFlags | MNT_RELOAD | MNT_FORCE)) {
+    panic("host_mount_update: unsupported flags 0x%llx", (unsigned long long)flags);
+  }
+  if (!mount_begin_op(mp)) return EINVAL;
+  uint64_t old = vfs_flags(mp);
+  // A downgrade is visible as MNT_RDONLY during the call; an upgrade keeps
+  // the mount read-only until the file system has accepted it.
+  uint64_t during = (old & ~kUpdatableFlags) | (flags & kUpdatableFlags) | MNT_UPDATE |
+                    (flags & (MNT_RELOAD | MNT_FORCE)) | (flags & MNT_RDONLY);
+  mp->mnt_want_rdwr.store((old & MNT_RDONLY) && !(flags & MNT_RDONLY));
+  mp->mnt_flag.store(during);
+  std::vector<char> args;
+  int error = VFS_MOUNT(mp, mp->mnt_devvp, stage_args(args, data, datalen), vfs_context_kernel());
+  if (error != 0) {
+    mp->mnt_flag.store(old);
+  } else {
+    uint64_t now = vfs_flags(mp) & ~kRequestFlags;
+    if (mp->mnt_want_rdwr.load()) now &= ~(uint64_t)MNT_RDONLY;
+    mp->mnt_flag.store(now);
+  }
+  mp->mnt_want_rdwr.store(false);
+  mp->mnt_vfsstat.f_flags = vfs_flags(mp);
+  mount_end_op(mp);
+  return error;
+}
+
+int host_unmount(mount_t mp, int mntflags) {
+  if (mntflags & ~MNT_FORCE) panic("host_unmount: unsupported flags 0x%x", mntflags);
+  if (!mount_begin_op(mp)) return EINVAL;
+  if (mntflags & MNT_FORCE) mp->mnt_flag.fetch_or(MNT_FORCE);
+  int error = VFS_UNMOUNT(mp, mntflags, vfs_context_kernel());
+  if (error != 0) {
+    mp->mnt_flag.fetch_and(~(uint64_t)MNT_FORCE);
+    mount_end_op(mp);
+    return error;
+  }
+  reclaim_leftovers(mp, "host_unmount");
+  destroy_mount(mp);
+  return 0;
+}
+
+int host_sync(mount_t mp, int waitfor) {
+  if (waitfor != MNT_WAIT && waitfor != MNT_NOWAIT) panic("host_sync: waitfor %d", waitfor);
+  if (!mount_begin_op(mp)) return EINVAL;
+  int error = VFS_SYNC(mp, waitfor, vfs_context_kernel());
+  mount_end_op(mp);
+  return error;
+}

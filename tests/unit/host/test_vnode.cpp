@@ -1,0 +1,583 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "host/malloc.h"
+#include "host/namecache.h"
+#include "host/vnode_internal.h"
+#include "tinyfs.h"
+
+namespace {
+
+// Restores the vnode limit a test lowered.
+struct VnodeLimit {
+  explicit VnodeLimit(int n) { host_set_desiredvnodes(n); }
+  ~VnodeLimit() { host_set_desiredvnodes(4096); }
+};
+
+vnode_t create_file(TinyFs& fs, vnode_t dvp, const char* name) {
+  vnode_t vp = nullptr;
+  EXPECT_EQ(fs.create(dvp, name, &vp), 0) << name;
+  return vp;
+}
+
+TEST(VnodeLifeCycle, LastPutRunsInactiveAndLeavesTheVnodeCached) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t vp = create_file(fs, root, "a");
+  EXPECT_EQ(host_vnode_iocount(vp), 1);
+  EXPECT_EQ(vnode_vtype(vp), VREG);
+  EXPECT_TRUE(vnode_isreg(vp));
+  EXPECT_EQ(vnode_mount(vp), fs.mp());
+  EXPECT_EQ(tinyfs_node_of(vp)->name, "a");
+  uint32_t vid = vnode_vid(vp);
+  fs.clear_events();
+
+  EXPECT_EQ(vnode_put(vp), 0);
+  EXPECT_EQ(fs.events(), std::vector<std::string>{"inactive a"});
+  EXPECT_FALSE(host_vnode_isdead(vp));
+  // Still the same file: the vid holds and the fsnode stays.
+  ASSERT_EQ(vnode_getwithvid(vp, vid), 0);
+  EXPECT_EQ(tinyfs_node_of(vp)->name, "a");
+  vnode_put(vp);
+  vnode_put(root);
+}
+
+TEST(VnodeLifeCycle, UseReferenceDefersInactive) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t vp = create_file(fs, root, "a");
+  ASSERT_EQ(vnode_ref(vp), 0);
+  fs.clear_events();
+  vnode_put(vp);
+  EXPECT_TRUE(fs.events().empty()) << "inactive with a use reference held";
+  EXPECT_EQ(host_vnode_usecount(vp), 1);
+  EXPECT_TRUE(vnode_isinuse(vp, 0));
+  EXPECT_FALSE(vnode_isinuse(vp, 1));
+  vnode_rele(vp);
+  EXPECT_EQ(fs.events(), std::vector<std::string>{"inactive a"});
+  vnode_put(root);
+}
+
+TEST(VnodeLifeCycle, RecycleOfUnusedVnodeReclaimsAndChangesVid) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t vp = create_file(fs, root, "a");
+  uint32_t vid = vnode_vid(vp);
+  vnode_put(vp);
+  fs.clear_events();
+
+  EXPECT_EQ(vnode_recycle(vp), 1);
+  EXPECT_EQ(fs.events(), std::vector<std::string>{"reclaim a"});
+  EXPECT_TRUE(host_vnode_isdead(vp));
+  EXPECT_GT(vnode_vid(vp), vid);
+  EXPECT_EQ(vnode_getwithvid(vp, vid), ENOENT);
+  EXPECT_EQ(vnode_get(vp), ENOENT);
+  EXPECT_EQ(vnode_fsnode(vp), nullptr);
+  EXPECT_EQ(vnode_mount(vp), nullptr);
+  // Looking the name up again makes a new vnode for the same node.
+  vnode_t again;
+  ASSERT_EQ(fs.lookup(root, "a", &again), 0);
+  EXPECT_EQ(tinyfs_node_of(again)->name, "a");
+  vnode_put(again);
+  vnode_put(root);
+}
+
+TEST(VnodeLifeCycle, RecycleWhileInUseReclaimsAfterTheLastReference) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t vp = create_file(fs, root, "a");
+  ASSERT_EQ(vnode_ref(vp), 0);
+  fs.clear_events();
+  EXPECT_EQ(vnode_recycle(vp), 0);
+  EXPECT_FALSE(host_vnode_isdead(vp));
+  vnode_put(vp);
+  EXPECT_TRUE(fs.events().empty());
+  vnode_rele(vp);
+  EXPECT_EQ(fs.events(), (std::vector<std::string>{"inactive a", "reclaim a"}));
+  EXPECT_TRUE(host_vnode_isdead(vp));
+  vnode_put(root);
+}
+
+TEST(VnodeLifeCycle, RemovedFileIsReclaimedWhenItsLastUseEnds) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t vp = create_file(fs, root, "gone");
+  ASSERT_EQ(vnode_ref_ext(vp, FREAD | FWRITE, 0), 0);  // an open file
+  ASSERT_EQ(fs.remove(root, vp, "gone"), 0);
+  vnode_put(vp);
+  EXPECT_FALSE(host_vnode_isdead(vp)) << "reclaimed while open";
+  fs.clear_events();
+  vnode_rele_ext(vp, FREAD | FWRITE, 0);
+  EXPECT_EQ(fs.events(), (std::vector<std::string>{"inactive gone", "reclaim gone"}));
+  EXPECT_TRUE(host_vnode_isdead(vp));
+  vnode_put(root);
+}
+
+TEST(VnodeLifeCycle, ReleaseWithoutReentryDefersInactiveToReclaim) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t vp = create_file(fs, root, "a");
+  ASSERT_EQ(vnode_ref(vp), 0);
+  vnode_put(vp);
+  fs.clear_events();
+  vnode_rele_ext(vp, 0, 1);
+  EXPECT_TRUE(fs.events().empty());
+  EXPECT_EQ(vnode_recycle(vp), 1);
+  EXPECT_EQ(fs.events(), (std::vector<std::string>{"inactive a", "reclaim a"}));
+  vnode_put(root);
+}
+
+TEST(VnodeLifeCycle, RecordsAreReusedWithLargerVids) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t vp = create_file(fs, root, "a");
+  uint32_t vid = vnode_vid(vp);
+  vnode_put(vp);
+  ASSERT_EQ(vnode_recycle(vp), 1);
+  // The freed record is the first candidate for the next vnode.
+  vnode_t next = create_file(fs, root, "b");
+  ASSERT_EQ(next, vp);
+  EXPECT_GT(vnode_vid(next), vid);
+  EXPECT_EQ(vnode_getwithvid(vp, vid), ENOENT);
+  EXPECT_EQ(tinyfs_node_of(next)->name, "b");
+  vnode_put(next);
+  vnode_put(root);
+}
+
+TEST(VnodeLifeCycle, CreateFailsCleanlyWithoutMemory) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  int before = host_mount_vnode_count(fs.mp());
+  struct vnode_fsparam p = {};
+  p.vnfs_mp = fs.mp();
+  p.vnfs_vtype = VREG;
+  p.vnfs_vops = host_vnode_ops(root);
+  p.vnfs_dvp = root;
+  vnode_t vp = nullptr;
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &vp), ENOMEM);
+  host_malloc_fail_nth(0);
+  EXPECT_EQ(vp, nullptr);
+  EXPECT_EQ(host_mount_vnode_count(fs.mp()), before);
+  EXPECT_EQ(host_vnode_usecount(root), 0) << "child reference left on the parent";
+  vnode_put(root);
+}
+
+TEST(VnodeLifeCycleDeathTest, PutWithoutReferencePanics) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_put(root);
+  EXPECT_DEATH(vnode_put(root), "panic: vnode_put: .* has no I/O reference");
+}
+
+// --- Parents --------------------------------------------------------------------
+
+TEST(VnodeParent, ChildHoldsItsParentWithoutMakingItInUse) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t dir;
+  ASSERT_EQ(fs.mkdir(root, "d", &dir), 0);
+  vnode_t f = create_file(fs, dir, "f");
+  EXPECT_EQ(host_vnode_usecount(dir), 1);
+  EXPECT_FALSE(vnode_isinuse(dir, 0));
+  vnode_t p = vnode_getparent(f);
+  EXPECT_EQ(p, dir);
+  vnode_put(p);
+  vnode_put(f);
+  vnode_put(dir);
+
+  // The directory can't go while its child exists; it goes right after.
+  fs.clear_events();
+  EXPECT_EQ(vnode_recycle(dir), 0);
+  EXPECT_FALSE(host_vnode_isdead(dir));
+  EXPECT_EQ(vnode_recycle(f), 1);
+  EXPECT_EQ(fs.events(), (std::vector<std::string>{"reclaim f", "inactive d", "reclaim d"}));
+  EXPECT_TRUE(host_vnode_isdead(dir));
+  vnode_put(root);
+}
+
+TEST(VnodeParent, ReparentingMovesTheChildReference) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t d1, d2;
+  ASSERT_EQ(fs.mkdir(root, "d1", &d1), 0);
+  ASSERT_EQ(fs.mkdir(root, "d2", &d2), 0);
+  vnode_t f = create_file(fs, d1, "f");
+  vnode_update_identity(f, d2, "g", 0, 0, VNODE_UPDATE_PARENT | VNODE_UPDATE_NAME);
+  EXPECT_EQ(host_vnode_usecount(d1), 0);
+  EXPECT_EQ(host_vnode_usecount(d2), 1);
+  char name[8];
+  EXPECT_EQ(vnode_getname_copy(f, name, sizeof name), 1);
+  EXPECT_STREQ(name, "g");
+  vnode_t p = vnode_getparent(f);
+  EXPECT_EQ(p, d2);
+  vnode_put(p);
+  vnode_update_identity(f, nullptr, "long-name", 4, 0, VNODE_UPDATE_NAME);
+  EXPECT_EQ(vnode_getname_copy(f, name, sizeof name), 4);
+  EXPECT_STREQ(name, "long");
+  vnode_put(f);
+  vnode_put(d1);
+  vnode_put(d2);
+  vnode_put(root);
+}
+
+// --- Device vnodes ------------------------------------------------------------------
+
+std::atomic<int> g_dev_reclaims{0};
+int dev_reclaim(void* ap) {
+  g_dev_reclaims++;
+  vnode_clearfsnode(static_cast<struct vnop_reclaim_args*>(ap)->a_vp);
+  return 0;
+}
+int dev_inactive(void* ap) { return 0; }
+
+TEST(VnodeDevice, VnodeWithoutMountUsesItsOwnVector) {
+  std::vector<VOPFUNC> ops(vnop_desc_count(), vn_default_error);
+  ops[vnop_reclaim_desc.vdesc_offset] = dev_reclaim;
+  ops[vnop_inactive_desc.vdesc_offset] = dev_inactive;
+  int dev_node = 0;
+  struct vnode_fsparam p = {};
+  p.vnfs_vtype = VBLK;
+  p.vnfs_str = "dev";
+  p.vnfs_fsnode = &dev_node;
+  p.vnfs_vops = ops.data();
+  p.vnfs_rdev = 0x0801;
+  p.vnfs_flags = VNFS_NOCACHE | VNFS_CANTCACHE;
+  vnode_t vp;
+  ASSERT_EQ(vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &vp), 0);
+  EXPECT_TRUE(vnode_isblk(vp));
+  EXPECT_EQ(vnode_mount(vp), nullptr);
+  EXPECT_EQ(vnode_specrdev(vp), (dev_t)0x0801);
+  EXPECT_FALSE(vnode_vfsisrdonly(vp));
+  EXPECT_EQ(vnode_fsnode(vp), &dev_node);
+  EXPECT_EQ(VNOP_FSYNC(vp, MNT_WAIT, vfs_context_kernel()), ENOTSUP);
+  *host_vnode_spec_slot(vp) = &dev_node;
+  EXPECT_EQ(*host_vnode_spec_slot(vp), &dev_node);
+  int before = g_dev_reclaims;
+  vnode_recycle(vp);
+  vnode_put(vp);
+  EXPECT_EQ(g_dev_reclaims, before + 1);
+  EXPECT_TRUE(host_vnode_isdead(vp));
+}
+
+// --- The vnode limit -------------------------------------------------------------------
+
+TEST(VnodeLimitTest, UnusedVnodesArePushedOutLeastRecentlyUsedFirst) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  const int kFiles = 6;
+  std::vector<vnode_t> files;
+  std::vector<uint32_t> vids;
+  char name[8];
+  for (int i = 0; i < kFiles; i++) {
+    snprintf(name, sizeof name, "f%d", i);
+    files.push_back(create_file(fs, root, name));
+    vids.push_back(vnode_vid(files.back()));
+  }
+  for (vnode_t vp : files) vnode_put(vp);
+  // Use f0 again, so that f1 is now the least recently used.
+  ASSERT_EQ(vnode_getwithvid(files[0], vids[0]), 0);
+  vnode_put(files[0]);
+
+  int total = host_vnode_count();
+  {
+    VnodeLimit limit(total - 2);
+    host_vnode_push_out();
+    EXPECT_LE(host_vnode_count(), total - 2);
+  }
+  EXPECT_EQ(vnode_getwithvid(files[1], vids[1]), ENOENT);
+  EXPECT_EQ(vnode_getwithvid(files[2], vids[2]), ENOENT);
+  ASSERT_EQ(vnode_getwithvid(files[0], vids[0]), 0) << "recently used vnode was pushed out";
+  vnode_put(files[0]);
+  ASSERT_EQ(vnode_getwithvid(files[3], vids[3]), 0);
+  vnode_put(files[3]);
+  vnode_put(root);
+}
+
+TEST(VnodeLimitTest, VnodesInUseAreNeverPushedOut) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t held = create_file(fs, root, "held");
+  {
+    VnodeLimit limit(1);
+    host_vnode_push_out();
+    EXPECT_FALSE(host_vnode_isdead(held));
+    EXPECT_FALSE(host_vnode_isdead(root));
+  }
+  vnode_put(held);
+  vnode_put(root);
+}
+
+TEST(VnodeLimitTest, PushOutThreadKeepsTheLimitWithoutHelp) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  int base = host_vnode_count();
+  VnodeLimit limit(base + 4);
+  char name[8];
+  for (int i = 0; i < 20; i++) {
+    snprintf(name, sizeof name, "f%d", i);
+    vnode_put(create_file(fs, root, name));
+  }
+  for (int i = 0; i < 400 && host_vnode_count() > base + 4; i++) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  EXPECT_LE(host_vnode_count(), base + 4);
+  vnode_put(root);
+}
+
+// --- Iteration and vflush ------------------------------------------------------------------
+
+int count_cb(vnode_t vp, void* arg) {
+  ++*static_cast<int*>(arg);
+  return VNODE_RETURNED;
+}
+
+TEST(VnodeIterate, ActiveSelectsVnodesInUse) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t a = create_file(fs, root, "a");
+  vnode_t b = create_file(fs, root, "b");
+  vnode_put(b);
+  int all = 0, active = 0;
+  vnode_iterate(fs.mp(), 0, count_cb, &all);
+  vnode_iterate(fs.mp(), VNODE_ITERATE_ACTIVE, count_cb, &active);
+  EXPECT_EQ(all, 3);
+  EXPECT_EQ(active, 2);  // root and a
+  EXPECT_EQ(host_vnode_iocount(a), 1) << "iterate leaked a reference";
+  EXPECT_EQ(host_vnode_iocount(b), 0);
+  vnode_put(a);
+  vnode_put(root);
+}
+
+TEST(VnodeIterate, DoneStopsTheWalk) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_put(create_file(fs, root, "a"));
+  vnode_put(create_file(fs, root, "b"));
+  int calls = 0;
+  vnode_iterate(fs.mp(), 0, [](vnode_t, void* arg) {
+    ++*static_cast<int*>(arg);
+    return VNODE_RETURNED_DONE;
+  }, &calls);
+  EXPECT_EQ(calls, 1);
+  vnode_put(root);
+}
+
+TEST(VnodeFlush, BusyVnodesGiveEbusyAfterTheRestIsReclaimed) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t busy = create_file(fs, root, "busy");
+  vnode_put(create_file(fs, root, "idle"));
+  vnode_put(root);
+  EXPECT_EQ(vflush(fs.mp(), nullptr, 0), EBUSY);
+  EXPECT_FALSE(host_vnode_isdead(busy));
+  // idle went; busy and its parent stayed.
+  EXPECT_EQ(host_mount_vnode_count(fs.mp()), 2);
+  vnode_put(busy);
+  EXPECT_EQ(vflush(fs.mp(), nullptr, 0), 0);
+  EXPECT_EQ(host_mount_vnode_count(fs.mp()), 0);
+}
+
+TEST(VnodeFlush, ChildrenGoBeforeTheirParents) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t d, e;
+  ASSERT_EQ(fs.mkdir(root, "d", &d), 0);
+  ASSERT_EQ(fs.mkdir(d, "e", &e), 0);
+  vnode_put(create_file(fs, e, "f"));
+  vnode_put(e);
+  vnode_put(d);
+  vnode_put(root);
+  fs.clear_events();
+  EXPECT_EQ(vflush(fs.mp(), nullptr, 0), 0);
+  std::vector<std::string> reclaims;
+  for (auto& ev : fs.events()) {
+    if (ev.rfind("reclaim", 0) == 0) reclaims.push_back(ev);
+  }
+  EXPECT_EQ(reclaims,
+            (std::vector<std::string>{"reclaim f", "reclaim e", "reclaim d", "reclaim /"}));
+}
+
+TEST(VnodeFlush, ForceCloseLeavesDeadVnodesToTheirHolders) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t open_file = create_file(fs, root, "open");
+  ASSERT_EQ(vnode_ref(open_file), 0);
+  vnode_put(open_file);
+  vnode_put(root);
+  fs.clear_events();
+  EXPECT_EQ(vflush(fs.mp(), nullptr, FORCECLOSE), 0);
+  EXPECT_EQ(host_mount_vnode_count(fs.mp()), 0);
+  EXPECT_TRUE(host_vnode_isdead(open_file));
+  // In use: inactive ran before reclaim.
+  EXPECT_EQ(fs.events()[0], "inactive open");
+  EXPECT_EQ(VNOP_FSYNC(open_file, MNT_WAIT, vfs_context_kernel()), EBADF);
+  EXPECT_EQ(VNOP_OPEN(open_file, FREAD, vfs_context_kernel()), ENXIO);
+  EXPECT_EQ(VNOP_CLOSE(open_file, FREAD, vfs_context_kernel()), 0);
+  EXPECT_EQ(vnode_get(open_file), ENOENT);
+  EXPECT_EQ(vnode_ref(open_file), ENOENT);
+  vnode_rele(open_file);
+  EXPECT_EQ(host_vnode_usecount(open_file), 0);
+}
+
+TEST(VnodeFlush, SkipSystemAndSkipvpAreLeftAlone) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  struct vnode_fsparam p = {};
+  p.vnfs_mp = fs.mp();
+  p.vnfs_vtype = VREG;
+  p.vnfs_vops = host_vnode_ops(root);
+  p.vnfs_marksystem = 1;
+  p.vnfs_flags = VNFS_NOCACHE;
+  vnode_t sys;
+  ASSERT_EQ(vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &sys), 0);
+  EXPECT_TRUE(vnode_issystem(sys));
+  ASSERT_EQ(vnode_ref(sys), 0);
+  vnode_put(sys);
+  EXPECT_EQ(vflush(fs.mp(), root, SKIPSYSTEM), 0);
+  EXPECT_FALSE(host_vnode_isdead(sys));
+  EXPECT_FALSE(host_vnode_isdead(root));
+  EXPECT_EQ(vflush(fs.mp(), root, 0), EBUSY);
+  vnode_rele(sys);
+  vnode_put(root);
+}
+
+TEST(VnodeFlush, WriteCloseConsidersOnlyFilesOpenForWriting) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t reader = create_file(fs, root, "r");
+  vnode_t writer = create_file(fs, root, "w");
+  ASSERT_EQ(vnode_ref_ext(reader, FREAD, 0), 0);
+  ASSERT_EQ(vnode_ref_ext(writer, FREAD | FWRITE, 0), 0);
+  vnode_put(reader);
+  vnode_put(writer);
+  EXPECT_EQ(vflush(fs.mp(), nullptr, WRITECLOSE), EBUSY);
+  EXPECT_FALSE(host_vnode_isdead(writer));
+  EXPECT_EQ(vflush(fs.mp(), nullptr, WRITECLOSE | FORCECLOSE), 0);
+  EXPECT_TRUE(host_vnode_isdead(writer));
+  EXPECT_FALSE(host_vnode_isdead(reader));
+  EXPECT_FALSE(host_vnode_isdead(root));
+  vnode_rele_ext(writer, FREAD | FWRITE, 0);
+  vnode_rele_ext(reader, FREAD, 0);
+  vnode_put(root);
+}
+
+// --- Concurrency ---------------------------------------------------------------------
+
+// Threads look a vnode up by (pointer, vid) while another thread recycles and
+// re-creates it: every successful vnode_getwithvid must hand out the live
+// vnode of that identity, never a reclaimed or reused one.
+TEST(VnodeConcurrency, GetwithvidRacesReclaim) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  std::atomic<bool> stop{false};
+  std::atomic<int> hits{0}, misses{0};
+  std::mutex id_lock;
+  vnode_t cur_vp = create_file(fs, root, "x");
+  uint32_t cur_vid = vnode_vid(cur_vp);
+  vnode_put(cur_vp);
+
+  std::vector<std::thread> readers;
+  for (int t = 0; t < 3; t++) {
+    readers.emplace_back([&] {
+      while (!stop) {
+        vnode_t vp;
+        uint32_t vid;
+        {
+          std::lock_guard<std::mutex> g(id_lock);
+          vp = cur_vp;
+          vid = cur_vid;
+        }
+        if (vnode_getwithvid(vp, vid) == 0) {
+          tinyfs_node* n = tinyfs_node_of(vp);
+          EXPECT_NE(n, nullptr);
+          if (n != nullptr) {
+            EXPECT_EQ(n->name, "x");
+          }
+          EXPECT_FALSE(host_vnode_isdead(vp));
+          vnode_put(vp);
+          hits++;
+        } else {
+          misses++;
+        }
+      }
+    });
+  }
+  for (int i = 0; i < 300; i++) {
+    vnode_recycle(cur_vp);
+    vnode_t vp;
+    ASSERT_EQ(fs.lookup(root, "x", &vp), 0);
+    {
+      std::lock_guard<std::mutex> g(id_lock);
+      cur_vp = vp;
+      cur_vid = vnode_vid(vp);
+    }
+    vnode_put(vp);
+  }
+  stop = true;
+  for (auto& t : readers) t.join();
+  EXPECT_GT(hits.load(), 0);
+  vnode_put(root);
+}
+
+// Many threads take and drop references and recycle the same few vnodes;
+// at the end every count is back to zero and each node has at most one
+// vnode.
+TEST(VnodeConcurrency, GetPutRecycleStorm) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  const char* names[] = {"a", "b", "c"};
+  for (const char* n : names) vnode_put(create_file(fs, root, n));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; t++) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 400; i++) {
+        vnode_t vp;
+        ASSERT_EQ(fs.lookup(root, names[(i + t) % 3], &vp), 0);
+        if (i % 3 == 0) {
+          ASSERT_EQ(vnode_ref(vp), 0);
+          vnode_rele(vp);
+        }
+        if ((i + t) % 5 == 0) vnode_recycle(vp);
+        vnode_put(vp);
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  int live = 0;
+  vnode_iterate(fs.mp(), 0, count_cb, &live);
+  EXPECT_LE(live, 4);  // root and at most one vnode per name
+  EXPECT_EQ(host_vnode_iocount(root), 1);
+  vnode_put(root);
+  EXPECT_EQ(vflush(fs.mp(), nullptr, 0), 0);
+}
+
+// Forced flushing while other threads keep taking and dropping references:
+// the flush waits for operations in progress and never hangs.
+TEST(VnodeConcurrency, ForcedFlushDrainsOperationsInProgress) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  vnode_t f = create_file(fs, root, "f");
+  uint32_t vid = vnode_vid(f);
+  vnode_put(f);
+  vnode_put(root);
+  std::atomic<bool> stop{false};
+  std::thread user([&] {
+    while (!stop) {
+      if (vnode_getwithvid(f, vid) != 0) break;
+      std::this_thread::yield();
+      vnode_put(f);
+    }
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_EQ(vflush(fs.mp(), nullptr, FORCECLOSE), 0);
+  stop = true;
+  user.join();
+  EXPECT_TRUE(host_vnode_isdead(f));
+  EXPECT_EQ(host_vnode_iocount(f), 0);
+}
+
+}  // namespace
