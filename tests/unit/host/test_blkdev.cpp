@@ -276,6 +276,21 @@ TEST_F(FiledevTest, ReadsAndWritesTheFileInOneRequestEach) {
   close(fd);
 }
 
+TEST_F(FiledevTest, ClosingWritesDelayedWrites) {
+  vnode_t dev = nullptr;
+  ASSERT_EQ(host_blkdev_open(path_.c_str(), 0, &dev), 0);
+  buf_t bp = buf_getblk(dev, 3, 512, 0, 0, BLK_META);
+  memset(reinterpret_cast<void*>(buf_dataptr(bp)), 0x7E, 512);
+  buf_bdwrite(bp);
+  host_blkdev_close(dev);
+  int fd = open(path_.c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  uint8_t b = 0;
+  ASSERT_EQ(pread(fd, &b, 1, 3 * 512 + 100), 1);
+  EXPECT_EQ(b, 0x7E);
+  close(fd);
+}
+
 TEST_F(FiledevTest, ReadOnlyDevicesRefuseWritesAndMissingFilesFailToOpen) {
   vnode_t dev = nullptr;
   ASSERT_EQ(host_blkdev_open(path_.c_str(), 1, &dev), 0);
