@@ -1,0 +1,89 @@
+#pragma once
+// The per-mount record of the exFAT driver and the mount argument record.
+//
+// One exfat_mount exists per mounted volume, allocated zero-filled at mount
+// under exfat_malloc_tag, attached to the kernel mount as its private data
+// and freed at unmount. Lock order among its mutexes, outermost first:
+// xm_rename_lock, xm_bitmap_lock, xm_fat_lock; xm_meta_lock is never held
+// together with the others.
+
+#include "host/locks.h"
+#include "host/thread_call.h"
+#include "host/types.h"
+
+// xm_flags bits.
+#define XM_CORRUPT 0x20000000  // metadata corruption seen: never mark clean
+#define XM_RDONLY 0x80000000   // mounted read-only: write nothing
+
+// xm_meta_state bits.
+#define META_SCHEDULED 0x00000001  // the delayed flush is armed
+
+#define EXFAT_LABEL_BYTES 64  // xm_label: UTF-8, NUL-terminated
+#define EXFAT_NO_LABEL_OFFSET 0xFFFFFFFFu
+#define EXFAT_CACHE_NONE 0xFFFFFFFFu  // cache offset: nothing cached
+
+struct exfat_mount {
+  mount_t xm_mp;               // the kernel mount
+  vnode_t xm_fat_vp;           // "<FAT>", a use reference from fat_init_vol to uninit
+  vnode_t xm_bitmap_vp;        // "<bitmap>", a use reference from the root scan to uninit
+  lck_mtx_t* xm_rename_lock;   // serialises directory moves between parents
+  uint16_t* xm_upcase;         // 65,536 entries, exfat_malloc_tag; read-only once set
+  uint32_t xm_flags;           // XM_*; XM_CORRUPT set by plain read-modify-write
+  uint32_t xm_dev;             // device number (hash key of every node)
+  uint16_t xm_mask;            // permission bits reported for every file
+  vnode_t xm_devvp;            // the block device
+  uint32_t xm_max_io;          // largest file I/O in bytes
+  uint32_t xm_root_cluster;    // first cluster of the root directory
+  uint32_t xm_max_cluster;     // highest valid cluster number
+  uint32_t xm_free_clusters;   // protected by xm_bitmap_lock
+  uint32_t xm_heap_offset;     // sector of cluster 2
+  uint32_t xm_bytes_per_cluster;
+  uint32_t xm_bytes_per_sector;
+  uint32_t xm_phys_block_size;
+  uint32_t xm_block_size;      // metadata (directory) block size
+  uint32_t xm_sectors_per_block;
+  uint32_t xm_blocks_per_cluster;
+  lck_mtx_t* xm_fat_lock;      // guards the FAT cache, FAT entries, node extent caches
+  uint32_t* xm_fat_cache;      // 4096 bytes of the FAT (little-endian entries); xm_fat_lock
+  uint32_t xm_fat_cache_offset;  // byte offset in the FAT, or EXFAT_CACHE_NONE; xm_fat_lock
+  uint32_t xm_fat_cache_dirty;   // xm_fat_lock
+  uint32_t xm_fat_offset;      // sector of the FAT
+  uint32_t xm_fat_size;        // FAT size in bytes
+  lck_mtx_t* xm_bitmap_lock;   // guards the bitmap cache and xm_free_clusters
+  uint32_t* xm_bitmap_cache;   // 4096 bytes of the bitmap; xm_bitmap_lock
+  uint32_t xm_bitmap_cache_offset;  // byte offset in the bitmap, or EXFAT_CACHE_NONE
+  uint32_t xm_bitmap_size;     // bitmap file length in bytes
+  uint8_t xm_bitmap_cache_dirty;    // xm_bitmap_lock
+  uint8_t xm_percent_in_use;   // last percentInUse written (0 after mount)
+  char xm_label[EXFAT_LABEL_BYTES];  // volume label, UTF-8
+  uint8_t xm_uuid[16];         // volume UUID, RFC 4122 byte order
+  uint32_t xm_label_offset;    // label entry's offset in the root, or EXFAT_NO_LABEL_OFFSET
+  lck_mtx_t* xm_meta_lock;     // guards xm_meta_state
+  thread_call_t xm_meta_timer; // the delayed metadata flush
+  uint32_t xm_meta_state;      // META_*; xm_meta_lock
+};
+
+// --- Mount arguments --------------------------------------------------------------
+//
+// The 24-byte record a mount tool passes to the mount call. The caller and
+// the driver share one machine, so the record uses native integers; the
+// layout is still fixed and checked below because it crosses a program
+// boundary.
+
+#define EXFAT_ARGS_MAGIC 0xD4C1C6F8u
+
+struct exfat_args {
+  uint32_t magic;        //  0: EXFAT_ARGS_MAGIC
+  uint32_t uid;          //  4: accepted, not used
+  uint32_t gid;          //  8: accepted, not used
+  uint16_t mask;         // 12: permission bits, low 12 bits used
+  uint16_t pad;          // 14
+  int32_t secondsWest;   // 16: time-zone value for timestamps
+  uint32_t reserved;     // 20: cleared when the magic is wrong
+};
+static_assert(sizeof(struct exfat_args) == 24);
+static_assert(offsetof(struct exfat_args, uid) == 4);
+static_assert(offsetof(struct exfat_args, gid) == 8);
+static_assert(offsetof(struct exfat_args, mask) == 12);
+static_assert(offsetof(struct exfat_args, secondsWest) == 16);
+static_assert(offsetof(struct exfat_args, reserved) == 20);

@@ -1,0 +1,186 @@
+// Timestamp conversions in both directions, with the module-wide time-zone
+// value.
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "exfat_proto.h"
+
+namespace {
+
+constexpr int64_t kEpoch1980 = 315532800;
+
+uint32_t ts(uint32_t year, uint32_t month, uint32_t day, uint32_t hour = 0, uint32_t minute = 0,
+            uint32_t second = 0) {
+  return ((year - 1980) << 25) | (month << 21) | (day << 16) | (hour << 11) | (minute << 5) |
+         (second / 2);
+}
+
+// Restores exfat_secondsWest, a global every test here changes.
+class Timestamp : public ::testing::Test {
+ protected:
+  void SetUp() override { saved_ = exfat_secondsWest; exfat_secondsWest = 0; }
+  void TearDown() override { exfat_secondsWest = saved_; }
+
+  static struct timespec to_unix(uint32_t t, uint8_t inc, uint8_t off) {
+    struct timespec r;
+    exfat_timestamp_to_unix(t, inc, off, &r);
+    return r;
+  }
+  struct Encoded {
+    uint32_t timestamp;
+    uint8_t increment, offset;
+  };
+  static Encoded from_unix(int64_t sec, long nsec = 0) {
+    struct timespec in = {static_cast<time_t>(sec), nsec};
+    Encoded e{};
+    exfat_timestamp_from_unix(&e.timestamp, &e.increment, &e.offset, &in);
+    return e;
+  }
+
+ private:
+  int32_t saved_ = 0;
+};
+
+}  // namespace
+
+TEST_F(Timestamp, ToUnixDocumentedValues) {
+  struct timespec r = to_unix(0x00210000, 0, 0x80);
+  EXPECT_EQ(r.tv_sec, kEpoch1980);
+  EXPECT_EQ(r.tv_nsec, 0);
+
+  r = to_unix(0x00210000, 199, 0x80);
+  EXPECT_EQ(r.tv_sec, kEpoch1980 + 1);
+  EXPECT_EQ(r.tv_nsec, 990000000);
+
+  EXPECT_EQ(to_unix(0x00210000, 0, 0x84).tv_sec, 315529200);
+  EXPECT_EQ(to_unix(0x00210000, 0, 0xFC).tv_sec, 315536400);
+  // Without a valid offset the stored time is local: UTC = local + S.
+  exfat_secondsWest = 3600;
+  EXPECT_EQ(to_unix(0x00210000, 0, 0x04).tv_sec, 315536400);
+  // With a valid offset S plays no part.
+  EXPECT_EQ(to_unix(0x00210000, 0, 0x80).tv_sec, kEpoch1980);
+
+  EXPECT_EQ(exfat_timestamp_to_nanoseconds(0x00210000, 199, 0x80),
+            (kEpoch1980 + 1) * 1000000000LL + 990000000);
+}
+
+TEST_F(Timestamp, ToUnixToleratesDamagedDates) {
+  int64_t jan1 = to_unix(ts(2000, 1, 1), 0, 0x80).tv_sec;
+  EXPECT_EQ(to_unix(ts(2000, 0, 1), 0, 0x80).tv_sec, jan1);   // month 0
+  EXPECT_EQ(to_unix(ts(2000, 13, 1), 0, 0x80).tv_sec, jan1);  // month 13
+  EXPECT_EQ(to_unix(ts(2000, 1, 0), 0, 0x80).tv_sec, jan1);   // day 0
+  EXPECT_EQ(jan1, 946684800);
+}
+
+TEST_F(Timestamp, Year2100IsNotALeapYear) {
+  int64_t feb28 = to_unix(ts(2100, 2, 28), 0, 0x80).tv_sec;
+  int64_t mar1 = to_unix(ts(2100, 3, 1), 0, 0x80).tv_sec;
+  EXPECT_EQ(mar1 - feb28, 86400);
+  EXPECT_EQ(mar1, 4107542400);
+  EXPECT_EQ(from_unix(feb28 + 86400).timestamp, ts(2100, 3, 1));
+  EXPECT_EQ(from_unix(feb28).timestamp, ts(2100, 2, 28));
+
+  int64_t feb29_2104 = to_unix(ts(2104, 2, 29), 0, 0x80).tv_sec;
+  EXPECT_EQ(feb29_2104, 4233686400);
+  EXPECT_EQ(from_unix(feb29_2104).timestamp, ts(2104, 2, 29));
+  EXPECT_EQ(from_unix(to_unix(ts(2096, 2, 29), 0, 0x80).tv_sec).timestamp, ts(2096, 2, 29));
+}
+
+TEST_F(Timestamp, FromUnixDocumentedValues) {
+  Encoded e = from_unix(kEpoch1980, 5000000);
+  EXPECT_EQ(e.timestamp, 0x00210000u);
+  EXPECT_EQ(e.increment, 0);
+  EXPECT_EQ(e.offset, 0x80);
+
+  EXPECT_EQ(from_unix(kEpoch1980 + 1).increment, 100);
+  EXPECT_EQ(from_unix(kEpoch1980 + 1, 990000000).increment, 199);
+
+  // Before 1980: that moment, the increment from the nanoseconds alone.
+  e = from_unix(kEpoch1980 - 1, 370000000);
+  EXPECT_EQ(e.timestamp, 0x00210000u);
+  EXPECT_EQ(e.increment, 37);
+  EXPECT_EQ(from_unix(0).timestamp, 0x00210000u);
+  EXPECT_EQ(from_unix(-5000000000LL).timestamp, 0x00210000u);
+
+  e = from_unix(1718446273);  // 2024-06-15 10:11:13 UTC
+  EXPECT_EQ(e.timestamp, 0x58CF5166u);
+  EXPECT_EQ(e.increment, 100);
+  EXPECT_EQ(to_unix(e.timestamp, e.increment, e.offset).tv_sec, 1718446273);
+
+  int64_t last = to_unix(ts(2107, 12, 31, 23, 59, 58), 0, 0x80).tv_sec;
+  EXPECT_EQ(from_unix(last).timestamp, 0xFF9FBF7Du);
+  EXPECT_EQ(to_unix(0xFF9FBF7D, 0, 0x80).tv_sec, last);
+}
+
+TEST_F(Timestamp, OffsetByteFromSecondsWest) {
+  exfat_secondsWest = 3600;
+  EXPECT_EQ(from_unix(1718446273).offset, 0x84);
+  exfat_secondsWest = -3600;
+  EXPECT_EQ(from_unix(1718446273).offset, 0xFC);
+  exfat_secondsWest = -1800;  // -2 units
+  EXPECT_EQ(from_unix(1718446273).offset, 0xFE);
+  exfat_secondsWest = 1000;   // truncates toward zero: 1 unit
+  EXPECT_EQ(from_unix(1718446273).offset, 0x81);
+  // The stored time is local = UTC + S.
+  exfat_secondsWest = 3600;
+  EXPECT_EQ(from_unix(1718446273).timestamp, ts(2024, 6, 15, 11, 11, 13));
+}
+
+TEST_F(Timestamp, AbsentOutputsAreNotProduced) {
+  struct timespec in = {1718446273, 0};
+  uint8_t increment = 0xAA;
+  exfat_timestamp_from_unix(nullptr, &increment, nullptr, &in);
+  EXPECT_EQ(increment, 100);
+  uint32_t timestamp = 0;
+  exfat_timestamp_from_unix(&timestamp, nullptr, nullptr, &in);
+  EXPECT_EQ(timestamp, 0x58CF5166u);
+}
+
+// Every whole second from 1980 to the end of 2107 (local) must survive a
+// write and a read for any S that is a multiple of 900. Sampled every 9973
+// seconds (a prime, so every time of day and both second parities come up)
+// plus the calendar's hard days.
+TEST_F(Timestamp, WholeSecondsRoundTrip) {
+  std::vector<int64_t> locals;
+  for (int64_t t = 0; t <= 4039286399LL; t += 9973)
+    locals.push_back(t);
+  for (uint32_t named : {ts(1980, 1, 1), ts(1980, 2, 29, 23, 59, 58), ts(2000, 2, 29),
+                         ts(2099, 12, 31, 23, 59, 58), ts(2100, 2, 28, 23, 59, 58),
+                         ts(2100, 3, 1), ts(2101, 1, 1), ts(2104, 2, 29, 12), ts(2107, 12, 31)}) {
+    int64_t t = to_unix(named, 0, 0x80).tv_sec - kEpoch1980;
+    locals.push_back(t);
+    locals.push_back(t + 1);
+  }
+  locals.push_back(4039286399LL);  // 2107-12-31 23:59:59
+
+  for (int32_t s : {0, 900, 3600, -3600, 19800, -36000, 63 * 900, -64 * 900}) {
+    exfat_secondsWest = s;
+    for (int64_t local : locals) {
+      int64_t utc = kEpoch1980 + local - s;
+      Encoded e = from_unix(utc);
+      struct timespec back = to_unix(e.timestamp, e.increment, e.offset);
+      ASSERT_EQ(back.tv_sec, utc) << "S " << s << ", local second " << local;
+      ASSERT_EQ(back.tv_nsec, 0);
+    }
+  }
+}
+
+// Decision: times at or after 2108-01-01 00:00:00 local, which the 7-bit
+// year can't hold, saturate to 2107-12-31 23:59:58 with increment 0.
+TEST_F(Timestamp, SaturatesAfter2107) {
+  int64_t y2108 = kEpoch1980 + 4039286400LL;
+  for (int64_t sec : {y2108, y2108 + 1, y2108 + 86400 * 400, int64_t{1} << 40}) {
+    Encoded e = from_unix(sec, 990000000);
+    EXPECT_EQ(e.timestamp, 0xFF9FBF7Du) << sec;
+    EXPECT_EQ(e.increment, 0) << sec;
+  }
+  Encoded last = from_unix(y2108 - 1, 990000000);  // 23:59:59.99, still representable
+  EXPECT_EQ(last.timestamp, 0xFF9FBF7Du);
+  EXPECT_EQ(last.increment, 199);
+
+  exfat_secondsWest = 3600;  // local is an hour ahead: saturates an hour earlier in UTC
+  EXPECT_EQ(from_unix(y2108 - 3600).increment, 0);
+  EXPECT_EQ(from_unix(y2108 - 3601).increment, 100);
+}
