@@ -12,6 +12,7 @@
 #include "exfat_proto.h"
 #include "host/cluster.h"
 #include "host/kern.h"
+#include "host/mount.h"
 #include "host/utf8.h"
 
 namespace {

@@ -191,8 +191,9 @@ class MountedVolume {
 
   // Unmounts (forced when needed) and closes the device.
   void release() {
-    if (mp != nullptr && unmount() != 0)
+    if (mp != nullptr && unmount() != 0) {
       EXPECT_EQ(0, unmount(MNT_FORCE));
+    }
     close_device();
   }
 
