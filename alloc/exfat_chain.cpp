@@ -399,6 +399,9 @@ int exfat_file_shrink(struct exfat_node* node, uint64_t new_size) {
   if (error)
     return error;
 
+  // The extent cache is guarded by xm_fat_lock, which is taken for the trim
+  // even for a contiguous node, whose FAT entries are never touched: a
+  // directory reader may be mapping the same node under that lock alone.
   lck_mtx_lock(mount->xm_fat_lock);
   if (keep < node->x_extent_index)
     node->x_extent_length = 0;
