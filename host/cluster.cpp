@@ -313,13 +313,14 @@ void read_ahead(Info* info, off_t off, off_t end, off_t filesize) {
       return;
     }
     info->ra_window = info->ra_window ? std::min(info->ra_window * 2, kRaMax) : kRaMin;
+    // Read ahead in large steps: only when less than half a window is left
+    // ahead of the reader.
+    if (info->ra_issued - end >= off_t(info->ra_window / 2)) return;
     from = std::max<off_t>(round_up(end, PAGE_SIZE), info->ra_issued);
     // Never read ahead more than a quarter of the pool: read-ahead must not
     // push out what it read ahead before the reader gets to it.
     off_t cap = off_t(pool().limit_pages / 4) * PAGE_SIZE;
     to = std::min<off_t>({end + info->ra_window, end + cap, round_up(filesize, PAGE_SIZE)});
-    // Read ahead in large steps: wait until half a window is used up.
-    if (to - from < off_t(info->ra_window / 2) && from > end) return;
     if (from >= to) return;
     info->ra_issued = to;
   }
