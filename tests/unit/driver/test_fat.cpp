@@ -377,8 +377,9 @@ class FatVnodeTest : public FatTest {
 
 TEST_F(FatVnodeTest, PageinZeroFillsPastTheEndOfTheFatAndRefusesPagesPastIt) {
   mount_volume(two_block_fat());
-  // Device bytes from the FAT's start: a pattern over 12 KiB, past 10,000.
-  const uint32_t first_sector = 2048;
+  // Device bytes from the FAT's start (an unused part of the heap): a
+  // pattern over 12 KiB, past 10,000.
+  const uint32_t first_sector = 600;
   std::vector<uint8_t> pattern(12288);
   for (size_t i = 0; i < pattern.size(); ++i)
     pattern[i] = static_cast<uint8_t>(i * 7 + 1);
