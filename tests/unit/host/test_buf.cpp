@@ -395,6 +395,19 @@ TEST_F(BufTest, BlockSizeChangeDropsIdleBuffersOfTheOldSize) {
   ASSERT_EQ(buf_meta_bread(dev_, 8, 4096, NOCRED, &bp), 0);
   EXPECT_TRUE(holds_pattern(bp, 8 * 4096));
   buf_brelse(bp);
+
+  // The way a mount changes the size: with the boot buffer still held. The
+  // held buffer is left alone (no wait for it), then dropped by its holder.
+  ASSERT_EQ(buf_meta_bread(dev_, 0, 4096, NOCRED, &bp), 0);
+  size = 512;
+  ASSERT_EQ(VNOP_IOCTL(dev_, DKIOCSETBLOCKSIZE, reinterpret_cast<caddr_t>(&size), FWRITE, nullptr),
+            0);
+  EXPECT_TRUE(holds_pattern(bp, 0));
+  buf_markinvalid(bp);
+  buf_brelse(bp);
+  ASSERT_EQ(buf_meta_bread(dev_, 0, 8 * 512, NOCRED, &bp), 0);
+  EXPECT_TRUE(holds_pattern(bp, 0));
+  buf_brelse(bp);
 }
 
 TEST_F(BufTest, CallerDescribedBuffersTransferAtTheirBlock) {
