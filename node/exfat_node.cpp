@@ -471,9 +471,11 @@ int exfat_node_get(struct exfat_mount* mount, vnode_t parent_vp, struct componen
   if (type == VLNK)
     node->x_flags |= X_SYMLINK;
   // Nobody can see the node yet, so locking it under the hash lock can't
-  // wait. From the insert on, other lookups of the key sleep until
+  // wait; a try-lock says so, and keeps the hash lock out of the order of
+  // node locks. From the insert on, other lookups of the key sleep until
   // initialisation ends.
-  exfat_node_lock(node);
+  if (!exfat_node_try_lock(node))
+    panic("exfat_node_get: new node is locked\n");
   exfat_hash_insert(node);
   lck_mtx_unlock(exfat_hash_lock);
 
