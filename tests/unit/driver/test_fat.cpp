@@ -468,6 +468,20 @@ TEST_F(FatVnodeTest, FsyncReportsAFailedCacheWriteBack) {
   EXPECT_EQ(51u, disk_entry(50));
 }
 
+using FatVnodeDeathTest = FatVnodeTest;
+
+// The file system is registered so that paging requests come without a page
+// list; one that comes with a list is a caller error.
+TEST_F(FatVnodeDeathTest, PagingWithACallersPageListIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  mount_volume(two_block_fat());
+  upl_t fake = reinterpret_cast<upl_t>(&fat_byte_offset_);
+  EXPECT_DEATH(VNOP_PAGEIN(xm->xm_fat_vp, fake, 0, 0, 4096, 0, vfs_context_kernel()),
+               "exfat_vnop_pagein: a_pl != NULL");
+  EXPECT_DEATH(VNOP_PAGEOUT(xm->xm_fat_vp, fake, 0, 0, 4096, 0, vfs_context_kernel()),
+               "exfat_vnop_pageout: a_pl != NULL");
+}
+
 // --- Concurrency -----------------------------------------------------------------------
 
 class FatConcurrency : public FatTest {};
