@@ -621,6 +621,31 @@ TEST_F(FileBufTest, WritingIntoAHoleOrAFailedMappingIsAnError) {
   EXPECT_EQ(host_buf_count(vp_), 0);
 }
 
+TEST_F(FileBufTest, EvictionLeavesFileDelayedWritesToTheirFlush) {
+  // Writing a file buffer calls into its file system, which the evicting
+  // thread may not be free to do: such buffers wait for their vnode's flush.
+  tf_.read_map = tf_.write_map = {{0, 65536, 700 * 512}};
+  host_bufcache_set_limit(4096);
+  buf_t bp = buf_getblk(vp_, 0, 4096, 0, 0, BLK_META);
+  memset(data(bp), 0x71, 4096);
+  buf_bdwrite(bp);
+  int calls = tf_.blockmap_calls;
+  ASSERT_EQ(buf_meta_bread(dev_, 0, 4096, NOCRED, &bp), 0);
+  buf_brelse(bp);
+  ASSERT_EQ(buf_meta_bread(dev_, 8, 4096, NOCRED, &bp), 0);  // evicts block 0, not the file's
+  buf_brelse(bp);
+  EXPECT_EQ(tf_.blockmap_calls, calls);
+  EXPECT_EQ(host_buf_count(vp_), 1);
+  EXPECT_EQ(host_buf_count(dev_), 1);
+  EXPECT_EQ(stats().writes, 0u);
+  host_bufcache_set_limit(1);
+  EXPECT_EQ(host_bufcache_bytes(), 4096u);
+  buf_flushdirtyblks(vp_, 1, 0, "test");
+  EXPECT_EQ(device_bytes(700 * 512, 4096), std::vector<uint8_t>(4096, 0x71));
+  host_bufcache_set_limit(1);
+  EXPECT_EQ(host_bufcache_bytes(), 0u);
+}
+
 TEST_F(FileBufTest, ReclaimWritesDirtyBuffersAndDropsThemAll) {
   tf_.read_map = tf_.write_map = {{0, 65536, 600 * 512}};
   buf_t bp = nullptr;
