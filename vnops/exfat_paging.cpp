@@ -25,7 +25,11 @@ namespace {
 constexpr int kPageinListFlags = UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT;   // 0x08000100
 constexpr int kPageoutListFlags = UPL_UBC_PAGEOUT | UPL_RET_ONLY_DIRTY;  // 0x04000020
 constexpr int kMsyncListFlags = UPL_UBC_MSYNC | UPL_RET_ONLY_DIRTY;      // 0x02000020
-constexpr int kHeadZeroFill = IO_HEADZEROFILL | IO_NOZEROVALID | IO_NOZERODIRTY;  // 0x380
+// The gap fill ahead of a page-out past the valid length leaves dirty pages
+// (data stored through a mapping) alone but zeroes valid ones: their zeros
+// exist only in the page cache, and must reach the disk before the valid
+// length covers them.
+constexpr int kHeadZeroFill = IO_HEADZEROFILL | IO_NOZERODIRTY;
 constexpr uint64_t kNoAccessTime = MNT_RDONLY | MNT_NOATIME;  // 0x10000001
 
 bool page_misaligned(uint64_t value) {
@@ -109,7 +113,7 @@ int exfat_page_walk(struct exfat_page_walk* walk) {
 }
 
 // Zero-fills the file from the valid length up to a page-out's offset in the
-// page cache, without touching pages that are valid or dirty, and moves the
+// page cache, without touching dirty pages, and moves the
 // valid length there. The caller holds x_io_lock and the node lock (dropped
 // around the fill). Returns 0 or cluster_write's error (nothing changed).
 int exfat_pageout_fill_gap(vnode_t vp, struct exfat_node* node, off_t f_offset) {

@@ -23,7 +23,13 @@
 namespace {
 
 constexpr uint32_t kSizeDirty = X_MODIFIED | X_DIRTY | X_STREAM_DIRTY;
-constexpr int kHeadZeroFill = IO_HEADZEROFILL | IO_NOZEROVALID | IO_NOZERODIRTY;  // 0x380
+// The zero fill ahead of a write that starts past the valid length. Dirty
+// pages are left alone: a store through a mapping beyond the valid length
+// is data. Valid (resident, clean) pages are zeroed too, although they
+// already read as zeros: those zeros exist only in the page cache (pages
+// past the valid length are read as holes), and once the valid length
+// moves over them they must be on the disk, which only a dirty page gets.
+constexpr int kHeadZeroFill = IO_HEADZEROFILL | IO_NOZERODIRTY;
 // Mount flags under which reads leave the access time alone.
 constexpr uint64_t kNoAccessTime = MNT_RDONLY | MNT_NOATIME;  // 0x10000001
 
@@ -170,7 +176,8 @@ int exfat_write_copy(vnode_t vp, struct exfat_node* node, uio_t uio, uint64_t ol
     ubc_setsize(vp, static_cast<off_t>(size));
   // The page that holds the valid length must not be read from the disk
   // beyond it: a write reaching past the valid length keeps the rest of that
-  // page, and the head zero-fill leaves a resident page alone.
+  // page as it is in the cache, and the cluster layer would read a partly
+  // written page that is not resident up to the old size.
   int error = 0;
   if (write_end > valid)
     error = exfat_page_in_valid_end(vp, node, valid, old_size);

@@ -1,0 +1,676 @@
+// Reading and writing file contents through VNOP_READ and VNOP_WRITE on
+// mounted builder images: zeros at and past the valid length whatever the
+// disk holds there, the zero fill of a write that starts past it, growth
+// inside and beyond the last cluster, all-or-nothing and short writes on a
+// full volume, appends, synchronous writes and their entry update, writes
+// to a removed file, and the refused requests with their log lines. A
+// threaded suite runs readers and writers on one file and on several. Every
+// volume meant to be consistent is checked with the exFAT checker after
+// unmount.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/blkdev.h"
+#include "host/kern.h"
+#include "host/mount.h"
+#include "host/uio.h"
+#include "host/vfs.h"
+#include "tests/support/fsck.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+constexpr uint32_t kCluster = 4096;  // 512-byte sectors, 8 per cluster
+constexpr uint8_t kJunk = 0xEE;      // what the disk holds past a valid length
+
+// File bytes as written by the builder and by the tests: never zero, so
+// that a zero is always a byte the driver produced.
+uint8_t pattern(uint64_t offset, uint8_t seed = 0) {
+  return static_cast<uint8_t>((offset + seed) % 251 + 1);
+}
+
+std::vector<uint8_t> pattern_bytes(uint64_t offset, size_t length, uint8_t seed = 0) {
+  std::vector<uint8_t> v(length);
+  for (size_t i = 0; i < length; i++)
+    v[i] = pattern(offset + i, seed);
+  return v;
+}
+
+bool all_zero(const std::vector<uint8_t>& v, size_t from = 0, size_t to = SIZE_MAX) {
+  for (size_t i = from; i < std::min(to, v.size()); i++)
+    if (v[i] != 0)
+      return false;
+  return true;
+}
+
+// Transfers through the vnode operations, the way the library drives them.
+struct Transfer {
+  int error = 0;
+  std::vector<uint8_t> data;  // read: the bytes that came back
+  off_t offset = 0;           // the uio's offset afterwards
+  user_ssize_t resid = 0;     // the uio's residual count afterwards
+};
+
+Transfer vn_read(vnode_t vp, off_t offset, size_t length, int ioflag = 0) {
+  Transfer t;
+  std::vector<uint8_t> buffer(length, 0xA5);
+  uio_t uio = uio_create(1, offset, UIO_SYSSPACE, UIO_READ);
+  uio_addiov(uio, reinterpret_cast<user_addr_t>(buffer.data()), length);
+  t.error = VNOP_READ(vp, uio, ioflag, vfs_context_kernel());
+  t.offset = uio_offset(uio);
+  t.resid = uio_resid(uio);
+  buffer.resize(length - static_cast<size_t>(t.resid));
+  t.data = std::move(buffer);
+  uio_free(uio);
+  return t;
+}
+
+Transfer vn_write(vnode_t vp, off_t offset, const std::vector<uint8_t>& data, int ioflag = 0) {
+  Transfer t;
+  uio_t uio = uio_create(1, offset, UIO_SYSSPACE, UIO_WRITE);
+  uio_addiov(uio, reinterpret_cast<user_addr_t>(data.data()), data.size());
+  t.error = VNOP_WRITE(vp, uio, ioflag, vfs_context_kernel());
+  t.offset = uio_offset(uio);
+  t.resid = uio_resid(uio);
+  uio_free(uio);
+  return t;
+}
+
+class RwTest : public MountTest {
+ protected:
+  explicit RwTest(uint32_t cluster_count = 256) : builder_(geometry(cluster_count)) {
+    builder_.add_bitmap_entry().add_upcase_entry();
+  }
+
+  static Geometry geometry(uint32_t cluster_count) {
+    Geometry g;
+    g.cluster_count = cluster_count;
+    return g;
+  }
+
+  void TearDown() override {
+    release_nodes();
+    MountTest::TearDown();
+  }
+
+  struct File {
+    uint32_t offset = 0;         // of its set in the root
+    uint32_t first_cluster = 0;  // of its (contiguous) data
+  };
+
+  // A contiguous file of `size` bytes whose first `valid` bytes hold the
+  // pattern and whose clusters hold junk after that.
+  File file(const std::u16string& name, uint64_t size, uint64_t valid) {
+    File f;
+    uint32_t clusters = static_cast<uint32_t>((size + kCluster - 1) / kCluster);
+    if (clusters != 0) {
+      f.first_cluster = builder_.allocate(clusters, Alloc::Contiguous);
+      std::vector<uint8_t> data(uint64_t(clusters) * kCluster, kJunk);
+      for (uint64_t i = 0; i < valid; i++)
+        data[i] = pattern(i);
+      builder_.write_data(f.first_cluster, Alloc::Contiguous, data);
+    }
+    FileSpec spec;
+    spec.name = name;
+    spec.first_cluster = f.first_cluster;
+    spec.data_length = size;
+    spec.valid_length = valid;
+    spec.no_fat_chain = clusters != 0;
+    f.offset = builder_.add_set(builder_.root(), spec).offset;
+    return f;
+  }
+
+  // Leaves exactly `free` clusters of the volume unallocated by giving the
+  // others to a filler file.
+  void leave_free(uint32_t free) {
+    uint32_t count = builder_.geometry().cluster_count;
+    uint32_t unallocated = 0;
+    for (uint32_t c = 2; c < count + 2; c++)
+      unallocated += builder_.allocated(c) ? 0 : 1;
+    ASSERT_GE(unallocated, free);
+    uint32_t take = unallocated - free;
+    FileSpec spec;
+    spec.name = u"filler";
+    spec.first_cluster = builder_.allocate(take, Alloc::Chain);
+    spec.data_length = uint64_t(take) * kCluster;
+    builder_.add_set(builder_.root(), spec);
+  }
+
+  void mount_built(uint64_t flags = 0) {
+    image_ = builder_.build();
+    ASSERT_EQ(0, load(image_));
+    ASSERT_EQ(0, mount(flags));
+    ctx_ = vfs_context_kernel();
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
+    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
+  }
+
+  // The vnode of the set at `offset` in the root, held until the test ends
+  // (or until put()).
+  vnode_t get(uint32_t offset, enum vtype type = VNON) {
+    struct exfat_node* node = nullptr;
+    exfat_node_lock(root_);  // exfat_node_get drops this level
+    EXPECT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, offset, type, 0, &node, ctx_));
+    if (node == nullptr)
+      return NULLVP;
+    held_.push_back(node->x_vnode);
+    return node->x_vnode;
+  }
+
+  static struct exfat_node* node_of(vnode_t vp) {
+    return static_cast<struct exfat_node*>(vnode_fsnode(vp));
+  }
+
+  // Drops the test's reference: the vnode goes inactive.
+  void put(vnode_t vp) {
+    held_.erase(std::find(held_.begin(), held_.end(), vp));
+    vnode_put(vp);
+  }
+
+  // Removes a file's entry set from the root while its vnode stays in use,
+  // as remove does.
+  void remove_entry(vnode_t vp) {
+    struct exfat_node* node = node_of(vp);
+    exfat_lock_two(root_, node);
+    ASSERT_EQ(0, exfat_delete_dirents(root_, node->x_dir_offset, node->x_secondary_count + 1u, 1,
+                                      ctx_));
+    node->x_flags |= X_DELETED;
+    node->x_parent = nullptr;
+    lck_mtx_lock(exfat_hash_lock);
+    node->x_hash_flags |= X_HASH_STALE;
+    lck_mtx_unlock(exfat_hash_lock);
+    exfat_node_unlock(node);
+    exfat_node_unlock(root_);
+  }
+
+  void release_nodes() {
+    for (vnode_t vp : held_)
+      vnode_put(vp);
+    held_.clear();
+    if (root_vp_ != NULLVP)
+      vnode_put(root_vp_);
+    root_vp_ = NULLVP;
+  }
+
+  void unmount_and_check() {
+    release_nodes();
+    ASSERT_EQ(0, unmount());
+    if (fsck_program().empty())
+      return;  // the checker is an optional oracle
+    FsckResult r = run_fsck(read_device(0, image_.size()));
+    EXPECT_EQ(0, r.status) << r.output;
+  }
+
+  // The stream extension of the root's set at `offset`, as on the device.
+  std::vector<uint8_t> disk_stream(uint32_t offset) {
+    return read_device(builder_.dir_byte_offset(builder_.root(), offset + 32), 32);
+  }
+  std::vector<uint8_t> disk_data(uint32_t first_cluster, uint64_t offset, size_t length) {
+    return read_device(builder_.cluster_byte_offset(first_cluster) + offset, length);
+  }
+
+  ImageBuilder builder_;
+  std::vector<uint8_t> image_;
+  vfs_context_t ctx_ = nullptr;
+  vnode_t root_vp_ = NULLVP;
+  struct exfat_node* root_ = nullptr;
+  std::vector<vnode_t> held_;
+};
+
+// --- Reading ----------------------------------------------------------------
+
+// Valid length 1,000 in 512-byte sectors: a read across it gets the disk's
+// bytes up to it and zeros after, although the disk holds junk there; a
+// read that starts in the sector after it, with nothing of the file in the
+// page cache yet, gets zeros too; the rest of the file reads as zeros.
+TEST_F(RwTest, ReadsZerosFromTheValidLengthOn) {
+  File f = file(u"f", 3 * kCluster, 1000);
+  File g = file(u"g", 3 * kCluster, 1000);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  vnode_t cold = get(g.offset);
+
+  Transfer t = vn_read(vp, 900, 200);
+  ASSERT_EQ(0, t.error);
+  ASSERT_EQ(200u, t.data.size());
+  EXPECT_EQ(pattern_bytes(900, 100), std::vector<uint8_t>(t.data.begin(), t.data.begin() + 100));
+  EXPECT_TRUE(all_zero(t.data, 100)) << "bytes 1000-1099 must be zeros";
+
+  t = vn_read(cold, 1024, 3 * kCluster - 1024);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(3 * kCluster - 1024, t.data.size());
+  EXPECT_TRUE(all_zero(t.data)) << "a cold read past the valid length saw the disk's junk";
+
+  t = vn_read(cold, 0, 3 * kCluster);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(pattern_bytes(0, 1000), std::vector<uint8_t>(t.data.begin(), t.data.begin() + 1000));
+  EXPECT_TRUE(all_zero(t.data, 1000));
+  unmount_and_check();
+}
+
+// A valid length that ends on a sector boundary needs no zeros from the
+// driver's zero buffer, and the read still stops at x_size; a read at or
+// past x_size gives 0 bytes and no error; a negative offset is refused and
+// an empty request does nothing.
+TEST_F(RwTest, ReadStopsAtTheSizeAndRefusesNegativeOffsets) {
+  File f = file(u"f", 2 * kCluster - 300, 1024);
+  mount_built();
+  vnode_t vp = get(f.offset);
+
+  Transfer t = vn_read(vp, 1000, 3 * kCluster);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(2 * kCluster - 300 - 1000, t.data.size());
+  EXPECT_EQ(pattern_bytes(1000, 24), std::vector<uint8_t>(t.data.begin(), t.data.begin() + 24));
+  EXPECT_TRUE(all_zero(t.data, 24));
+  EXPECT_EQ(2 * kCluster - 300, static_cast<uint64_t>(t.offset));
+
+  for (off_t at : {off_t(2 * kCluster - 300), off_t(2 * kCluster), off_t(1) << 40}) {
+    t = vn_read(vp, at, 100);
+    EXPECT_EQ(0, t.error) << at;
+    EXPECT_EQ(0u, t.data.size()) << at;
+    EXPECT_EQ(100, t.resid) << at;
+  }
+  EXPECT_EQ(EINVAL, vn_read(vp, -1, 10).error);
+  EXPECT_EQ(0, vn_read(vp, 0, 0).error);
+}
+
+// A read that moved bytes asks for an access-time stamp; one that moved
+// none, or on a volume mounted without access times, does not.
+TEST_F(RwTest, ReadNotesTheAccessUnlessTheMountSaysNot) {
+  File f = file(u"f", 100, 100);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  ASSERT_EQ(0, vn_read(vp, 200, 10).error);
+  EXPECT_EQ(0u, node_of(vp)->x_flags & X_ACCESSED);
+  ASSERT_EQ(0, vn_read(vp, 0, 10).error);
+  EXPECT_NE(0u, node_of(vp)->x_flags & X_ACCESSED);
+}
+
+class RwNoAtimeTest : public RwTest {};
+
+TEST_F(RwNoAtimeTest, ReadLeavesTheAccessTimeAlone) {
+  File f = file(u"f", 100, 100);
+  mount_built(MNT_NOATIME);
+  vnode_t vp = get(f.offset);
+  ASSERT_EQ(0, vn_read(vp, 0, 10).error);
+  EXPECT_EQ(0u, node_of(vp)->x_flags & X_ACCESSED);
+}
+
+// A directory reads as its raw entries up to its size; other types are not
+// readable.
+TEST_F(RwTest, DirectoriesReadRawAndLinksNotAtAll) {
+  File f = file(u"f", 100, 100);
+  mount_built();
+  Transfer t = vn_read(root_vp_, 0, 96);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(read_device(builder_.dir_byte_offset(builder_.root(), 0), 96), t.data);
+  EXPECT_EQ(0x81, t.data[0]) << "the root starts with the bitmap entry";
+
+  t = vn_read(root_vp_, static_cast<off_t>(root_->x_size) - 10, 100);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(10u, t.data.size());
+  EXPECT_EQ(0u, vn_read(root_vp_, static_cast<off_t>(root_->x_size), 10).data.size());
+
+  vnode_t link = get(f.offset, VLNK);
+  ASSERT_EQ(VLNK, vnode_vtype(link));
+  EXPECT_EQ(ENOTSUP, vn_read(link, 0, 10).error);
+}
+
+// --- Writing ----------------------------------------------------------------
+
+// A write at 5,000 into a file whose valid length is 1,000 zero-fills
+// 1,000-4,999 (the disk holds junk there), and the valid length moves to
+// the end of the write; the size, inside the allocation, stays.
+TEST_F(RwTest, WritePastTheValidLengthZeroFillsTheGap) {
+  File f = file(u"f", 3 * kCluster, 1000);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  struct exfat_node* node = node_of(vp);
+  std::vector<uint8_t> data = pattern_bytes(0, 100, 77);
+
+  Transfer t = vn_write(vp, 5000, data);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(0, t.resid);
+  EXPECT_EQ(5100, t.offset);
+  EXPECT_EQ(5100u, node->x_valid_size);
+  EXPECT_EQ(3u * kCluster, node->x_size);
+  EXPECT_EQ(X_DIRTY | X_STREAM_DIRTY, node->x_flags & (X_DIRTY | X_STREAM_DIRTY));
+
+  t = vn_read(vp, 0, 3 * kCluster);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(pattern_bytes(0, 1000), std::vector<uint8_t>(t.data.begin(), t.data.begin() + 1000));
+  EXPECT_TRUE(all_zero(t.data, 1000, 5000));
+  EXPECT_EQ(data, std::vector<uint8_t>(t.data.begin() + 5000, t.data.begin() + 5100));
+  EXPECT_TRUE(all_zero(t.data, 5100)) << "past the new valid length";
+
+  ASSERT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
+  std::vector<uint8_t> disk = disk_data(f.first_cluster, 0, 5100);
+  EXPECT_TRUE(all_zero(disk, 1000, 5000)) << "the gap must be zeros on the device";
+  EXPECT_EQ(data, std::vector<uint8_t>(disk.begin() + 5000, disk.end()));
+  unmount_and_check();
+  std::vector<uint8_t> stream = disk_stream(f.offset);
+  EXPECT_EQ(5100u, le64dec(&stream[8]));
+  EXPECT_EQ(3u * kCluster, le64dec(&stream[24]));
+}
+
+// Pages of the gap that a read brought in hold zeros only in the page
+// cache: a later write past them must still put the zeros on the device
+// before the valid length covers them.
+TEST_F(RwTest, GapPagesAlreadyReadStillReachTheDisk) {
+  File f = file(u"f", 4 * kCluster, 1000);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  ASSERT_TRUE(all_zero(vn_read(vp, 0, 4 * kCluster).data, 1000));
+
+  ASSERT_EQ(0, vn_write(vp, 9000, pattern_bytes(9000, 10)).error);
+  ASSERT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
+  std::vector<uint8_t> disk = disk_data(f.first_cluster, 0, 9010);
+  EXPECT_EQ(pattern_bytes(0, 1000), std::vector<uint8_t>(disk.begin(), disk.begin() + 1000));
+  EXPECT_TRUE(all_zero(disk, 1000, 9000)) << "junk left under the new valid length";
+  unmount_and_check();
+}
+
+// A write that ends inside the last allocated cluster changes only x_size:
+// no cluster is taken.
+TEST_F(RwTest, WriteInsideTheLastClusterOnlyMovesTheSize) {
+  File f = file(u"f", 100, 100);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  struct exfat_node* node = node_of(vp);
+  uint32_t free_before = xm->xm_free_clusters;
+
+  ASSERT_EQ(0, vn_write(vp, 100, pattern_bytes(100, 3000)).error);
+  EXPECT_EQ(3100u, node->x_size);
+  EXPECT_EQ(3100u, node->x_valid_size);
+  EXPECT_EQ(free_before, xm->xm_free_clusters);
+  EXPECT_EQ(f.first_cluster, node->x_start_cluster);
+  EXPECT_EQ(0u, xm->xm_bitmap_cache_dirty);
+
+  ASSERT_EQ(0, vn_write(vp, 3100, pattern_bytes(3100, 2000)).error);
+  EXPECT_EQ(5100u, node->x_size);
+  EXPECT_EQ(free_before - 1, xm->xm_free_clusters) << "the second cluster";
+  EXPECT_EQ(pattern_bytes(0, 5100), vn_read(vp, 0, 8192).data);
+  unmount_and_check();
+}
+
+// IO_APPEND writes at x_size whatever the uio's offset says.
+TEST_F(RwTest, AppendWritesAtTheEnd) {
+  File f = file(u"f", 1000, 1000);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  std::vector<uint8_t> data = pattern_bytes(1000, 500);
+  Transfer t = vn_write(vp, 10, data, IO_APPEND);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(1500, t.offset);
+  EXPECT_EQ(1500u, node_of(vp)->x_size);
+  EXPECT_EQ(pattern_bytes(0, 1500), vn_read(vp, 0, 4096).data);
+  unmount_and_check();
+}
+
+class RwFullTest : public RwTest {
+ protected:
+  RwFullTest() : RwTest(64) {}
+};
+
+// IO_UNIT with more clusters asked for than are free: ENOSPC before
+// anything changes; the uio is as it was.
+TEST_F(RwFullTest, AllOrNothingWriteWithoutSpaceChangesNothing) {
+  File f = file(u"f", 100, 100);
+  leave_free(3);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  struct exfat_node* node = node_of(vp);
+  ASSERT_EQ(3u, xm->xm_free_clusters);
+
+  Transfer t = vn_write(vp, 0, pattern_bytes(0, 5 * kCluster), IO_UNIT);
+  EXPECT_EQ(ENOSPC, t.error);
+  EXPECT_EQ(0, t.offset);
+  EXPECT_EQ(5 * kCluster, t.resid);
+  EXPECT_EQ(100u, node->x_size);
+  EXPECT_EQ(100u, node->x_valid_size);
+  EXPECT_EQ(3u, xm->xm_free_clusters);
+  EXPECT_EQ(pattern_bytes(0, 100), vn_read(vp, 0, 4096).data);
+  unmount_and_check();
+}
+
+// Without IO_UNIT the same write fills the free clusters and succeeds with
+// the rest left in the uio; with nothing free at all it fails.
+TEST_F(RwFullTest, WriteOnAFullVolumeIsShort) {
+  File f = file(u"f", 100, 100);
+  leave_free(3);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  struct exfat_node* node = node_of(vp);
+
+  std::vector<uint8_t> data = pattern_bytes(0, 5 * kCluster);
+  Transfer t = vn_write(vp, 0, data);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(4 * kCluster, t.offset);
+  EXPECT_EQ(kCluster, t.resid);
+  EXPECT_EQ(4u * kCluster, node->x_size);
+  EXPECT_EQ(4u * kCluster, node->x_valid_size);
+  EXPECT_EQ(0u, xm->xm_free_clusters);
+  EXPECT_EQ(std::vector<uint8_t>(data.begin(), data.begin() + 4 * kCluster),
+            vn_read(vp, 0, 5 * kCluster).data);
+
+  t = vn_write(vp, 4 * kCluster, pattern_bytes(0, 10));
+  EXPECT_EQ(ENOSPC, t.error);
+  EXPECT_EQ(10, t.resid);
+  unmount_and_check();
+}
+
+// An IO_UNIT write whose data can't be written is undone: the clusters it
+// took are given back, the size is the old one and the uio as at entry.
+TEST_F(RwTest, FailedAllOrNothingWriteRollsBack) {
+  File f = file(u"f", 100, 100);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  struct exfat_node* node = node_of(vp);
+  uint32_t free_before = xm->xm_free_clusters;
+
+  host_memdev_faults faults;
+  faults.fail_writes_after = 0;
+  host_memdev_set_faults(devvp, faults);
+  Transfer t = vn_write(vp, 50, pattern_bytes(0, 3 * kCluster), IO_UNIT | IO_SYNC);
+  host_memdev_set_faults(devvp, host_memdev_faults{});
+  EXPECT_EQ(EIO, t.error);
+  EXPECT_EQ(50, t.offset);
+  EXPECT_EQ(3 * kCluster, t.resid);
+  EXPECT_EQ(100u, node->x_size);
+  EXPECT_EQ(free_before, xm->xm_free_clusters);
+}
+
+// IO_SYNC: when the write returns, the device holds the data and the entry
+// holds the new sizes.
+TEST_F(RwTest, SynchronousWriteUpdatesTheEntry) {
+  File f = file(u"f", 0, 0);
+  mount_built(MNT_ASYNC);  // no delayed flush: what is on disk came from the write
+  vnode_t vp = get(f.offset);
+  std::vector<uint8_t> data = pattern_bytes(0, 2 * kCluster + 10);
+
+  ASSERT_EQ(0, vn_write(vp, 0, data, IO_SYNC).error);
+  std::vector<uint8_t> stream = disk_stream(f.offset);
+  EXPECT_EQ(data.size(), le64dec(&stream[8])) << "ValidDataLength";
+  EXPECT_EQ(data.size(), le64dec(&stream[24])) << "DataLength";
+  uint32_t first = le32dec(&stream[20]);
+  ASSERT_EQ(node_of(vp)->x_start_cluster, first);
+  EXPECT_EQ(data, disk_data(first, 0, data.size()));
+  EXPECT_EQ(0u, node_of(vp)->x_flags & (X_DIRTY | X_STREAM_DIRTY));
+  unmount_and_check();
+}
+
+// A synchronous write to a file removed while open writes the data but no
+// entry (there is none); the last release then frees its clusters.
+TEST_F(RwTest, SynchronousWriteToARemovedFileSkipsTheEntry) {
+  File f = file(u"f", 100, 100);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  uint32_t free_before = xm->xm_free_clusters;
+  remove_entry(vp);
+  exfat_meta_flush_internal(xm, 1);
+  std::vector<uint8_t> stream_before = disk_stream(f.offset);
+  EXPECT_EQ(0x40, stream_before[0]) << "the stream entry is deleted";
+
+  std::vector<uint8_t> data = pattern_bytes(0, 2 * kCluster);
+  ASSERT_EQ(0, vn_write(vp, 0, data, IO_SYNC).error);
+  EXPECT_EQ(2u * kCluster, node_of(vp)->x_size);
+  EXPECT_EQ(data, disk_data(f.first_cluster, 0, 2 * kCluster));
+  exfat_meta_flush_internal(xm, 1);
+  EXPECT_EQ(stream_before, disk_stream(f.offset));
+  EXPECT_EQ(free_before - 1, xm->xm_free_clusters);
+
+  put(vp);
+  EXPECT_EQ(free_before + 1, xm->xm_free_clusters) << "both clusters freed at inactive";
+  unmount_and_check();
+}
+
+// Refused writes, with their log lines.
+TEST_F(RwTest, RefusedWritesSayWhy) {
+  File f = file(u"f", 100, 100);
+  File g = file(u"g", 100, 100);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  struct exfat_node* node = node_of(vp);
+  KernLogCapture log;
+
+  EXPECT_EQ(EINVAL, vn_write(vp, -5, pattern_bytes(0, 10)).error);
+  EXPECT_EQ(1u, log.count("exfat_vnop_write: invalid offset (-5)"));
+  EXPECT_EQ(EISDIR, vn_write(root_vp_, 0, pattern_bytes(0, 10)).error);
+  vnode_t link = get(g.offset, VLNK);
+  EXPECT_EQ(EINVAL, vn_write(link, 0, pattern_bytes(0, 10)).error);
+  EXPECT_EQ(1u, log.count("exfat_vnop_write: invalid vnode type (5)"));
+
+  Transfer t = vn_write(vp, INT64_MAX - 5, pattern_bytes(0, 10));
+  EXPECT_EQ(EFBIG, t.error);
+  EXPECT_EQ(1u, log.count("exfat_vnop_write: end of write overflow"));
+  EXPECT_EQ(100u, node->x_size);
+
+  // A size that no longer fits an offset (only corrupt metadata could
+  // make one) stops an append.
+  exfat_node_lock(node);
+  node->x_size = uint64_t(1) << 63;
+  exfat_node_unlock(node);
+  EXPECT_EQ(EFBIG, vn_write(vp, 0, pattern_bytes(0, 10), IO_APPEND).error);
+  EXPECT_EQ(1u, log.count("exfat_vnop_write: file offset overflow (append)"));
+  exfat_node_lock(node);
+  node->x_size = 100;
+  exfat_node_unlock(node);
+
+  EXPECT_EQ(0, vn_write(vp, 0, {}).error);
+  EXPECT_EQ(4u, log.lines().size()) << "nothing else was logged";
+}
+
+// --- Concurrency --------------------------------------------------------------
+
+class RwConcurrency : public RwTest {
+ protected:
+  RwConcurrency() : RwTest(1024) {}
+};
+
+constexpr uint32_t kRecord = 1536;  // crosses pages and sectors unevenly
+constexpr uint32_t kRecords = 48;
+
+// Writers fill disjoint records of one shared file (in scrambled order)
+// while readers read it: every record a reader sees is either all zeros
+// (not written yet, or past the end) or exactly its pattern, because a
+// write and a read never interleave on one file. Meanwhile other threads
+// write and read back files of their own. In the end every file holds
+// exactly what was written.
+TEST_F(RwConcurrency, ReadersAndWritersOnOneFileAndOnSeveral) {
+  File shared = file(u"shared", 0, 0);
+  std::vector<File> own;
+  for (int i = 0; i < 2; i++)
+    own.push_back(file(u"own" + std::u16string(1, char16_t(u'0' + i)), 0, 0));
+  mount_built();
+  vnode_t shared_vp = get(shared.offset);
+  std::vector<vnode_t> own_vp;
+  for (const File& f : own)
+    own_vp.push_back(get(f.offset));
+
+  std::atomic<int> failures{0};
+  std::atomic<bool> writers_done{false};
+  auto record = [](uint32_t r) { return pattern_bytes(uint64_t(r) * kRecord, kRecord, 3); };
+
+  auto writer = [&](int which) {
+    for (uint32_t k = 0; k < kRecords / 2; k++) {
+      uint32_t r = (k * 7 + uint32_t(which) * 5) % kRecords;
+      if (r % 2 != uint32_t(which))
+        r = (r + 1) % kRecords;
+      if (vn_write(shared_vp, off_t(r) * kRecord, record(r)).error != 0)
+        failures++;
+    }
+  };
+  auto reader = [&](unsigned seed) {
+    std::mt19937 rng(seed);
+    while (!writers_done.load()) {
+      uint32_t r = rng() % kRecords;
+      Transfer t = vn_read(shared_vp, off_t(r) * kRecord, 3 * kRecord);
+      if (t.error != 0) {
+        failures++;
+        return;
+      }
+      for (size_t at = 0; at + kRecord <= t.data.size(); at += kRecord) {
+        std::vector<uint8_t> got(t.data.begin() + at, t.data.begin() + at + kRecord);
+        if (!all_zero(got) && got != record(r + uint32_t(at / kRecord)))
+          failures++;
+      }
+    }
+  };
+  auto loner = [&](vnode_t vp, uint8_t seed) {
+    for (uint32_t i = 0; i < 24; i++) {
+      std::vector<uint8_t> data = pattern_bytes(uint64_t(i) * 3000, 3000, seed);
+      if (vn_write(vp, off_t(i) * 3000, data).error != 0 ||
+          vn_read(vp, off_t(i) * 3000, 3000).data != data)
+        failures++;
+    }
+  };
+
+  std::vector<std::thread> threads;
+  threads.emplace_back(writer, 0);
+  threads.emplace_back(writer, 1);
+  threads.emplace_back(reader, 11u);
+  threads.emplace_back(reader, 12u);
+  threads.emplace_back(loner, own_vp[0], uint8_t(21));
+  threads.emplace_back(loner, own_vp[1], uint8_t(22));
+  threads[0].join();
+  threads[1].join();
+  writers_done = true;
+  for (size_t i = 2; i < threads.size(); i++)
+    threads[i].join();
+  EXPECT_EQ(0, failures.load());
+
+  // Which records were written is decided by the writers' schedule above.
+  std::vector<bool> written(kRecords, false);
+  for (int which = 0; which < 2; which++)
+    for (uint32_t k = 0; k < kRecords / 2; k++) {
+      uint32_t r = (k * 7 + uint32_t(which) * 5) % kRecords;
+      written[r % 2 != uint32_t(which) ? (r + 1) % kRecords : r] = true;
+    }
+  Transfer all = vn_read(shared_vp, 0, kRecords * kRecord);
+  ASSERT_EQ(0, all.error);
+  for (uint32_t r = 0; r < all.data.size() / kRecord; r++) {
+    std::vector<uint8_t> got(all.data.begin() + r * kRecord, all.data.begin() + (r + 1) * kRecord);
+    EXPECT_EQ(written[r] ? record(r) : std::vector<uint8_t>(kRecord, 0), got) << "record " << r;
+  }
+  for (size_t i = 0; i < own_vp.size(); i++) {
+    std::vector<uint8_t> expect;
+    for (uint32_t k = 0; k < 24; k++) {
+      std::vector<uint8_t> part = pattern_bytes(uint64_t(k) * 3000, 3000, uint8_t(21 + i));
+      expect.insert(expect.end(), part.begin(), part.end());
+    }
+    EXPECT_EQ(expect, vn_read(own_vp[i], 0, 100000).data) << "own file " << i;
+  }
+  unmount_and_check();
+}
+
+}  // namespace
