@@ -1,0 +1,321 @@
+// Paging on mounted builder images, driven the way mapped access drives
+// it (ubc_page_fault, ubc_page_dirty, ubc_msync, VNOP_MNOMAP) and through
+// direct VNOP_PAGEIN/VNOP_PAGEOUT calls: zeros past the valid length in the
+// page that holds it and in every later page although the disk holds junk
+// there, a page-in that straddles the valid length, a store beyond the valid
+// length whose page-out zero-fills the gap on the device and advances the
+// valid length, refused requests, page-outs with nothing dirty, access-time
+// notes, and the fatal caller errors.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/blkdev.h"
+#include "host/kern.h"
+#include "host/mount.h"
+#include "host/ubc.h"
+#include "host/vfs.h"
+#include "tests/support/fsck.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+constexpr uint32_t kCluster = 4096;
+constexpr uint8_t kJunk = 0xEE;
+
+uint8_t pattern(uint64_t offset) {
+  return static_cast<uint8_t>(offset % 251 + 1);
+}
+
+bool holds_pattern(const uint8_t* p, uint64_t offset, size_t length) {
+  for (size_t i = 0; i < length; i++)
+    if (p[i] != pattern(offset + i))
+      return false;
+  return true;
+}
+
+bool all_zero(const uint8_t* p, size_t length) {
+  for (size_t i = 0; i < length; i++)
+    if (p[i] != 0)
+      return false;
+  return true;
+}
+
+class PagingTest : public MountTest {
+ protected:
+  PagingTest() {
+    builder_.add_bitmap_entry().add_upcase_entry();
+  }
+
+  void TearDown() override {
+    release_nodes();
+    MountTest::TearDown();
+  }
+
+  struct File {
+    uint32_t offset = 0;
+    uint32_t first_cluster = 0;
+  };
+
+  // A contiguous file of `size` bytes: the pattern up to `valid`, junk in
+  // the rest of its clusters.
+  File file(const std::u16string& name, uint64_t size, uint64_t valid) {
+    File f;
+    uint32_t clusters = static_cast<uint32_t>((size + kCluster - 1) / kCluster);
+    f.first_cluster = builder_.allocate(clusters, Alloc::Contiguous);
+    std::vector<uint8_t> data(uint64_t(clusters) * kCluster, kJunk);
+    for (uint64_t i = 0; i < valid; i++)
+      data[i] = pattern(i);
+    builder_.write_data(f.first_cluster, Alloc::Contiguous, data);
+    FileSpec spec;
+    spec.name = name;
+    spec.first_cluster = f.first_cluster;
+    spec.data_length = size;
+    spec.valid_length = valid;
+    spec.no_fat_chain = true;
+    f.offset = builder_.add_set(builder_.root(), spec).offset;
+    return f;
+  }
+
+  void mount_built(uint64_t flags = 0) {
+    image_ = builder_.build();
+    ASSERT_EQ(0, load(image_));
+    ASSERT_EQ(0, mount(flags));
+    ctx_ = vfs_context_kernel();
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
+    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
+  }
+
+  vnode_t get(uint32_t offset) {
+    struct exfat_node* node = nullptr;
+    exfat_node_lock(root_);  // exfat_node_get drops this level
+    EXPECT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, offset, VNON, 0, &node, ctx_));
+    if (node == nullptr)
+      return NULLVP;
+    held_.push_back(node->x_vnode);
+    return node->x_vnode;
+  }
+
+  static struct exfat_node* node_of(vnode_t vp) {
+    return static_cast<struct exfat_node*>(vnode_fsnode(vp));
+  }
+
+  // A copy of the page at `offset` as mapped access sees it.
+  std::vector<uint8_t> fault(vnode_t vp, off_t offset) {
+    uintptr_t addr = 0;
+    EXPECT_EQ(0, ubc_page_fault(vp, offset, 0, &addr));
+    if (addr == 0)
+      return {};
+    std::vector<uint8_t> page(reinterpret_cast<uint8_t*>(addr),
+                              reinterpret_cast<uint8_t*>(addr) + PAGE_SIZE);
+    ubc_page_unpin(vp, offset);
+    return page;
+  }
+
+  // A store of the pattern over the whole page at `offset`, through a mapping.
+  void store(vnode_t vp, off_t offset) {
+    uintptr_t addr = 0;
+    ASSERT_EQ(0, ubc_page_fault(vp, offset, 1, &addr));
+    auto* p = reinterpret_cast<uint8_t*>(addr);
+    for (uint32_t i = 0; i < PAGE_SIZE; i++)
+      p[i] = pattern(static_cast<uint64_t>(offset) + i);
+    ubc_page_dirty(vp, offset);
+    ubc_page_unpin(vp, offset);
+  }
+
+  void release_nodes() {
+    for (vnode_t vp : held_)
+      vnode_put(vp);
+    held_.clear();
+    if (root_vp_ != NULLVP)
+      vnode_put(root_vp_);
+    root_vp_ = NULLVP;
+  }
+
+  void unmount_and_check() {
+    release_nodes();
+    ASSERT_EQ(0, unmount());
+    if (fsck_program().empty())
+      return;  // the checker is an optional oracle
+    FsckResult r = run_fsck(read_device(0, image_.size()));
+    EXPECT_EQ(0, r.status) << r.output;
+  }
+
+  std::vector<uint8_t> disk_data(uint32_t first_cluster, uint64_t offset, size_t length) {
+    return read_device(builder_.cluster_byte_offset(first_cluster) + offset, length);
+  }
+  std::vector<uint8_t> disk_stream(uint32_t offset) {
+    return read_device(builder_.dir_byte_offset(builder_.root(), offset + 32), 32);
+  }
+
+  ImageBuilder builder_;
+  std::vector<uint8_t> image_;
+  vfs_context_t ctx_ = nullptr;
+  vnode_t root_vp_ = NULLVP;
+  struct exfat_node* root_ = nullptr;
+  std::vector<vnode_t> held_;
+};
+
+// Valid length 5,000, inside the second page: that page maps with zeros
+// after byte 5,000, and every later page up to the size is zeros, while the
+// disk holds junk there.
+TEST_F(PagingTest, MappedPagesReadZerosPastTheValidLength) {
+  File f = file(u"f", 4 * kCluster, 5000);
+  mount_built();
+  vnode_t vp = get(f.offset);
+
+  std::vector<uint8_t> page = fault(vp, 4096);
+  ASSERT_EQ(size_t(PAGE_SIZE), page.size());
+  EXPECT_TRUE(holds_pattern(page.data(), 4096, 5000 - 4096));
+  EXPECT_TRUE(all_zero(page.data() + (5000 - 4096), 8192 - 5000));
+  for (off_t at : {off_t(8192), off_t(12288)}) {
+    page = fault(vp, at);
+    EXPECT_TRUE(all_zero(page.data(), page.size())) << at;
+  }
+  page = fault(vp, 0);
+  EXPECT_TRUE(holds_pattern(page.data(), 0, PAGE_SIZE));
+}
+
+// A page-in over the whole file stops at the page that holds the valid
+// length (the later pages are left to later faults), and that page comes in
+// with zeros past it.
+TEST_F(PagingTest, PageinThatStraddlesTheValidLengthStopsAfterIt) {
+  File f = file(u"f", 4 * kCluster, 5000);
+  mount_built();
+  vnode_t vp = get(f.offset);
+
+  ASSERT_EQ(0, VNOP_PAGEIN(vp, nullptr, 0, 0, 4 * kCluster, 0, ctx_));
+  EXPECT_EQ(2u, host_ubc_vnode_pages(vp));
+  std::vector<uint8_t> page = fault(vp, 4096);
+  EXPECT_TRUE(all_zero(page.data() + (5000 - 4096), 8192 - 5000));
+
+  // A second page-in of the same range finds nothing absent before the
+  // valid length's page end: nothing more comes in.
+  ASSERT_EQ(0, VNOP_PAGEIN(vp, nullptr, 0, 0, 4 * kCluster, 0, ctx_));
+  EXPECT_EQ(2u, host_ubc_vnode_pages(vp));
+}
+
+// A store through a mapping two pages beyond the valid length: its
+// page-out first zero-fills the gap (the zeros reach the device), then
+// writes the page, and the valid length ends at the page's end, or at the
+// size when that is smaller.
+TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
+  File f = file(u"f", 4 * kCluster, 1000);
+  File g = file(u"g", 10000, 1000);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  vnode_t short_vp = get(g.offset);
+
+  store(vp, 8192);
+  ASSERT_EQ(0, ubc_msync(vp, 0, 4 * kCluster, nullptr, UBC_PUSHDIRTY | UBC_SYNC));
+  EXPECT_EQ(12288u, node_of(vp)->x_valid_size);
+  EXPECT_EQ(X_DIRTY | X_STREAM_DIRTY, node_of(vp)->x_flags & (X_DIRTY | X_STREAM_DIRTY));
+  ASSERT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
+  std::vector<uint8_t> disk = disk_data(f.first_cluster, 0, 12288);
+  EXPECT_TRUE(holds_pattern(disk.data(), 0, 1000));
+  EXPECT_TRUE(all_zero(disk.data() + 1000, 8192 - 1000)) << "the gap on the device";
+  EXPECT_TRUE(holds_pattern(disk.data() + 8192, 8192, 4096));
+
+  store(short_vp, 8192);
+  ASSERT_EQ(0, ubc_msync(short_vp, 0, 10000, nullptr, UBC_PUSHDIRTY | UBC_SYNC));
+  EXPECT_EQ(10000u, node_of(short_vp)->x_valid_size);
+
+  unmount_and_check();
+  EXPECT_EQ(12288u, le64dec(&disk_stream(f.offset)[8]));
+  EXPECT_EQ(10000u, le64dec(&disk_stream(g.offset)[8]));
+}
+
+// Page-ins at or past the size, or not page-aligned, are refused and leave
+// no page behind; so is a fault there.
+TEST_F(PagingTest, MisplacedPageinIsRefused) {
+  File f = file(u"f", 2 * kCluster, 2 * kCluster);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  EXPECT_EQ(EINVAL, VNOP_PAGEIN(vp, nullptr, 0, 2 * kCluster, PAGE_SIZE, 0, ctx_));
+  EXPECT_EQ(EINVAL, VNOP_PAGEIN(vp, nullptr, 0, 3 * kCluster, PAGE_SIZE, 0, ctx_));
+  EXPECT_EQ(EINVAL, VNOP_PAGEIN(vp, nullptr, 0, 100, PAGE_SIZE, 0, ctx_));
+  EXPECT_EQ(EINVAL, VNOP_PAGEIN(vp, nullptr, 0, 0, 100, 0, ctx_));
+  EXPECT_EQ(EINVAL, VNOP_PAGEIN(vp, nullptr, 0, -PAGE_SIZE, PAGE_SIZE, 0, ctx_));
+  EXPECT_EQ(0u, host_ubc_vnode_pages(vp));
+  uintptr_t addr = 0;
+  EXPECT_EQ(EINVAL, ubc_page_fault(vp, 2 * kCluster, 0, &addr));
+}
+
+// A page-out over pages of which none is dirty writes nothing and leaves
+// the node clean; refused page-outs likewise.
+TEST_F(PagingTest, PageoutWithNothingDirtyWritesNothing) {
+  File f = file(u"f", 2 * kCluster, 2 * kCluster);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  fault(vp, 0);
+  host_blkdev_reset_stats(devvp);
+  uint32_t flags = node_of(vp)->x_flags;
+
+  EXPECT_EQ(0, VNOP_PAGEOUT(vp, nullptr, 0, 0, 2 * kCluster, 0, ctx_));
+  EXPECT_EQ(EINVAL, VNOP_PAGEOUT(vp, nullptr, 0, 2 * kCluster, PAGE_SIZE, 0, ctx_));
+  EXPECT_EQ(EINVAL, VNOP_PAGEOUT(vp, nullptr, 0, 0, 100, 0, ctx_));
+  host_devstats stats{};
+  host_blkdev_stats(devvp, &stats);
+  EXPECT_EQ(0u, stats.writes);
+  EXPECT_EQ(flags, node_of(vp)->x_flags);
+  EXPECT_EQ(2u * kCluster, node_of(vp)->x_valid_size);
+}
+
+// Removing the last mapping pushes the dirty pages.
+TEST_F(PagingTest, UnmappingPushesDirtyPages) {
+  File f = file(u"f", 2 * kCluster, 2 * kCluster);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  uintptr_t addr = 0;
+  ASSERT_EQ(0, ubc_page_fault(vp, 4096, 1, &addr));
+  memset(reinterpret_cast<void*>(addr), 0x5A, PAGE_SIZE);
+  ubc_page_dirty(vp, 4096);
+  ubc_page_unpin(vp, 4096);
+  ASSERT_EQ(1u, host_ubc_vnode_dirty_pages(vp));
+
+  EXPECT_EQ(0, VNOP_MNOMAP(vp, ctx_));
+  EXPECT_EQ(0u, host_ubc_vnode_dirty_pages(vp));
+  EXPECT_EQ(std::vector<uint8_t>(PAGE_SIZE, 0x5A), disk_data(f.first_cluster, 4096, PAGE_SIZE));
+  unmount_and_check();
+}
+
+// A page-in notes the access, except on a volume mounted without access
+// times.
+TEST_F(PagingTest, PageinNotesTheAccess) {
+  File f = file(u"f", kCluster, kCluster);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  fault(vp, 0);
+  EXPECT_NE(0u, node_of(vp)->x_flags & X_ACCESSED);
+}
+
+class PagingNoAtimeTest : public PagingTest {};
+
+TEST_F(PagingNoAtimeTest, PageinLeavesTheAccessTimeAlone) {
+  File f = file(u"f", kCluster, kCluster);
+  mount_built(MNT_NOATIME);
+  vnode_t vp = get(f.offset);
+  fault(vp, 0);
+  EXPECT_EQ(0u, node_of(vp)->x_flags & X_ACCESSED);
+}
+
+// The file system builds its own page lists: one passed in is fatal.
+TEST_F(PagingTest, PageListPassedInIsFatal) {
+  File f = file(u"f", kCluster, kCluster);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  upl_t bogus = reinterpret_cast<upl_t>(uintptr_t(0x1000));
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(VNOP_PAGEIN(vp, bogus, 0, 0, PAGE_SIZE, 0, ctx_), "exfat_vnop_pagein: a_pl != NULL");
+  EXPECT_DEATH(VNOP_PAGEOUT(vp, bogus, 0, 0, PAGE_SIZE, 0, ctx_),
+               "exfat_vnop_pageout: a_pl != NULL");
+}
+
+}  // namespace
