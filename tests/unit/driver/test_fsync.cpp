@@ -1,0 +1,307 @@
+// The node life cycle on mounted builder images: close writes a changed
+// entry back once and an unchanged one never, removing an open file frees
+// its clusters when the last use ends and recycles the vnode, fsync writes
+// data and entry and drops the dirty bits, the full-sync ioctl has the
+// device flush its cache after the data (seen through a simulated power
+// cut), fsync writes nothing on a read-only volume, and a directory's fsync
+// writes its cached dirty blocks without reading any other.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/blkdev.h"
+#include "host/buf.h"
+#include "host/kern.h"
+#include "host/mount.h"
+#include "host/uio.h"
+#include "host/vfs.h"
+#include "tests/support/fsck.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+constexpr uint32_t kCluster = 4096;
+
+std::vector<uint8_t> pattern_bytes(size_t length, uint8_t seed) {
+  std::vector<uint8_t> v(length);
+  for (size_t i = 0; i < length; i++)
+    v[i] = static_cast<uint8_t>((i + seed) % 251 + 1);
+  return v;
+}
+
+int vn_write(vnode_t vp, off_t offset, const std::vector<uint8_t>& data, int ioflag = 0) {
+  uio_t uio = uio_create(1, offset, UIO_SYSSPACE, UIO_WRITE);
+  uio_addiov(uio, reinterpret_cast<user_addr_t>(data.data()), data.size());
+  int error = VNOP_WRITE(vp, uio, ioflag, vfs_context_kernel());
+  uio_free(uio);
+  return error;
+}
+
+class LifeCycleTest : public MountTest {
+ protected:
+  LifeCycleTest() {
+    builder_.add_bitmap_entry().add_upcase_entry();
+  }
+
+  void TearDown() override {
+    release_nodes();
+    host_memdev_set_faults(devvp, host_memdev_faults{});
+    MountTest::TearDown();
+  }
+
+  // A chained file of `clusters` clusters filled with a pattern; returns the
+  // offset of its set in the root.
+  uint32_t file(const std::u16string& name, uint32_t clusters) {
+    std::vector<uint8_t> data = pattern_bytes(uint64_t(clusters) * kCluster, 9);
+    return builder_.add_file(builder_.root(), name, data).offset;
+  }
+
+  void mount_built(uint64_t flags = MNT_ASYNC) {
+    image_ = builder_.build();
+    ASSERT_EQ(0, load(image_));
+    ASSERT_EQ(0, mount(flags));
+    ctx_ = vfs_context_kernel();
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
+    root_ = node_of(root_vp_);
+  }
+
+  vnode_t get(uint32_t offset) {
+    struct exfat_node* node = nullptr;
+    exfat_node_lock(root_);  // exfat_node_get drops this level
+    EXPECT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, offset, VNON, 0, &node, ctx_));
+    if (node == nullptr)
+      return NULLVP;
+    held_.push_back(node->x_vnode);
+    return node->x_vnode;
+  }
+
+  static struct exfat_node* node_of(vnode_t vp) {
+    return static_cast<struct exfat_node*>(vnode_fsnode(vp));
+  }
+
+  // Writes every cache and dirty buffer of the volume, then forgets the
+  // device's counters: what is written afterwards is the test's doing.
+  void settle() {
+    exfat_meta_flush_internal(xm, 1);
+    host_blkdev_reset_stats(devvp);
+  }
+
+  host_devstats stats() {
+    host_devstats s{};
+    host_blkdev_stats(devvp, &s);
+    return s;
+  }
+
+  void release_nodes() {
+    for (vnode_t vp : held_)
+      vnode_put(vp);
+    held_.clear();
+    if (root_vp_ != NULLVP)
+      vnode_put(root_vp_);
+    root_vp_ = NULLVP;
+  }
+
+  void unmount_and_check() {
+    release_nodes();
+    ASSERT_EQ(0, unmount());
+    if (fsck_program().empty())
+      return;  // the checker is an optional oracle
+    FsckResult r = run_fsck(read_device(0, image_.size()));
+    EXPECT_EQ(0, r.status) << r.output;
+  }
+
+  std::vector<uint8_t> disk_stream(uint32_t offset) {
+    return read_device(builder_.dir_byte_offset(builder_.root(), offset + 32), 32);
+  }
+
+  ImageBuilder builder_;
+  std::vector<uint8_t> image_;
+  vfs_context_t ctx_ = nullptr;
+  vnode_t root_vp_ = NULLVP;
+  struct exfat_node* root_ = nullptr;
+  std::vector<vnode_t> held_;
+};
+
+// Close writes a written file's File and Stream entries back and leaves the
+// node clean, so that a second close, and closing a file nobody changed,
+// write nothing at all.
+TEST_F(LifeCycleTest, CloseWritesAChangedEntryOnceAndAnUnchangedOneNever) {
+  uint32_t f = file(u"f", 1);
+  uint32_t g = file(u"g", 1);
+  mount_built();
+  vnode_t vp = get(f);
+  vnode_t untouched = get(g);
+  settle();
+
+  ASSERT_EQ(0, VNOP_OPEN(untouched, FREAD, ctx_));
+  ASSERT_EQ(0, VNOP_CLOSE(untouched, FREAD, ctx_));
+  exfat_meta_flush_internal(xm, 1);
+  EXPECT_EQ(0u, stats().writes) << "closing an unchanged file";
+
+  ASSERT_EQ(0, VNOP_OPEN(vp, FREAD | FWRITE, ctx_));
+  ASSERT_EQ(0, vn_write(vp, 0, pattern_bytes(5000, 1)));
+  ASSERT_EQ(0, VNOP_CLOSE(vp, FREAD | FWRITE, ctx_));
+  EXPECT_EQ(0u, node_of(vp)->x_flags & (X_DIRTY | X_STREAM_DIRTY | X_MODIFIED));
+  exfat_meta_flush_internal(xm, 1);
+  std::vector<uint8_t> stream = disk_stream(f);
+  EXPECT_EQ(5000u, le64dec(&stream[8]));
+  EXPECT_EQ(5000u, le64dec(&stream[24]));
+
+  host_blkdev_reset_stats(devvp);
+  ASSERT_EQ(0, VNOP_CLOSE(vp, FREAD | FWRITE, ctx_));
+  exfat_meta_flush_internal(xm, 1);
+  EXPECT_EQ(0u, stats().writes) << "the entry was already written";
+  unmount_and_check();
+}
+
+// Removing a file that is open, then closing it: its clusters come back to
+// the volume when the last use ends, and the vnode is recycled at once.
+TEST_F(LifeCycleTest, RemovedOpenFileIsReleasedAtLastClose) {
+  uint32_t f = file(u"f", 3);
+  mount_built(0);
+  vnode_t vp = get(f);
+  held_.clear();  // the test manages this vnode's references itself
+  struct exfat_node* node = node_of(vp);
+  ASSERT_EQ(0, VNOP_OPEN(vp, FREAD, ctx_));
+  ASSERT_EQ(0, vnode_ref(vp));
+  vnode_put(vp);
+  uint32_t free_before = xm->xm_free_clusters;
+  uint32_t vid = vnode_vid(vp);
+
+  exfat_lock_two(root_, node);
+  ASSERT_EQ(0, exfat_delete_dirents(root_, node->x_dir_offset, node->x_secondary_count + 1u, 1,
+                                    ctx_));
+  node->x_flags |= X_DELETED;
+  node->x_parent = nullptr;
+  lck_mtx_lock(exfat_hash_lock);
+  node->x_hash_flags |= X_HASH_STALE;
+  lck_mtx_unlock(exfat_hash_lock);
+  exfat_node_unlock(node);
+  exfat_node_unlock(root_);
+  EXPECT_EQ(free_before, xm->xm_free_clusters) << "still open: nothing freed yet";
+
+  ASSERT_EQ(0, vnode_get(vp));
+  ASSERT_EQ(0, VNOP_CLOSE(vp, FREAD, ctx_));
+  vnode_rele(vp);
+  vnode_put(vp);
+  EXPECT_EQ(free_before + 3, xm->xm_free_clusters);
+  EXPECT_EQ(ENOENT, vnode_getwithvid(vp, vid)) << "the vnode was not recycled";
+  unmount_and_check();
+}
+
+// fsync writes the data and the entry and clears the dirty bits; a node
+// without an entry of its own (the root) just drops them.
+TEST_F(LifeCycleTest, FsyncWritesTheEntryAndDropsTheDirtyBits) {
+  uint32_t f = file(u"f", 1);
+  mount_built();
+  vnode_t vp = get(f);
+  std::vector<uint8_t> data = pattern_bytes(3 * kCluster, 4);
+  ASSERT_EQ(0, vn_write(vp, 0, data));
+  ASSERT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
+  EXPECT_EQ(0u, node_of(vp)->x_flags & (X_DIRTY | X_STREAM_DIRTY));
+  exfat_meta_flush_internal(xm, 1);
+  EXPECT_EQ(3u * kCluster, le64dec(&disk_stream(f)[24]));
+
+  exfat_node_lock(root_);
+  root_->x_flags |= X_DIRTY | X_STREAM_DIRTY;
+  exfat_node_unlock(root_);
+  ASSERT_EQ(0, VNOP_FSYNC(root_vp_, MNT_WAIT, ctx_));
+  EXPECT_EQ(0u, root_->x_flags & (X_DIRTY | X_STREAM_DIRTY));
+  unmount_and_check();
+}
+
+// F_FULLFSYNC writes the data, then asks the device to flush its cache:
+// after a power cut the data is there. A plain fsync leaves it in the
+// device's volatile cache, where the power cut loses it.
+TEST_F(LifeCycleTest, FullFsyncFlushesTheDeviceCacheAfterTheData) {
+  uint32_t f = file(u"f", 2);
+  uint32_t g = file(u"g", 2);
+  mount_built();
+  vnode_t vp = get(f);
+  vnode_t other = get(g);
+  settle();
+  host_memdev_faults faults;
+  faults.power_cut_mode = true;
+  host_memdev_set_faults(devvp, faults);
+  uint32_t first = node_of(vp)->x_start_cluster;
+  uint32_t other_first = node_of(other)->x_start_cluster;
+
+  std::vector<uint8_t> data(2 * kCluster, 0x3C);
+  ASSERT_EQ(0, vn_write(vp, 0, data));
+  ASSERT_EQ(0, VNOP_IOCTL(vp, 51, nullptr, 0, ctx_));
+  EXPECT_EQ(1u, stats().flushes);
+
+  ASSERT_EQ(0, vn_write(other, 0, data));
+  ASSERT_EQ(0, VNOP_FSYNC(other, MNT_WAIT, ctx_));
+  host_memdev_power_cut(devvp);
+  EXPECT_EQ(data, read_device(builder_.cluster_byte_offset(first), data.size()));
+  EXPECT_NE(data, read_device(builder_.cluster_byte_offset(other_first), data.size()))
+      << "without the cache flush the power cut should have lost these writes";
+}
+
+// Only the full-sync request is an ioctl of files and directories.
+TEST_F(LifeCycleTest, OtherIoctlsAreNotSupported) {
+  uint32_t f = file(u"f", 1);
+  mount_built();
+  vnode_t vp = get(f);
+  EXPECT_EQ(ENOTTY, VNOP_IOCTL(vp, 52, nullptr, 0, ctx_));
+  EXPECT_EQ(ENOTTY, VNOP_IOCTL(root_vp_, 0x20006416u, nullptr, 0, ctx_));
+}
+
+// A read-only volume is never written, even for a node that claims to be
+// dirty.
+TEST_F(LifeCycleTest, FsyncOnAReadOnlyVolumeWritesNothing) {
+  uint32_t f = file(u"f", 1);
+  mount_built(MNT_RDONLY);
+  vnode_t vp = get(f);
+  struct exfat_node* node = node_of(vp);
+  exfat_node_lock(node);
+  node->x_flags |= X_MODIFIED | X_DIRTY | X_STREAM_DIRTY;
+  exfat_node_unlock(node);
+  host_blkdev_reset_stats(devvp);
+
+  EXPECT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
+  EXPECT_EQ(0u, stats().writes);
+  EXPECT_EQ(X_MODIFIED | X_DIRTY | X_STREAM_DIRTY, node->x_flags & (X_MODIFIED | X_DIRTY | X_STREAM_DIRTY));
+}
+
+// A directory's fsync writes the blocks of the directory that wait in the
+// buffer cache with a delayed write, and does not read the blocks that are
+// not cached.
+TEST_F(LifeCycleTest, DirectoryFsyncWritesItsCachedDirtyBlocksOnly) {
+  uint32_t d = builder_.root().next_offset;
+  Dir dir = builder_.mkdir(builder_.root(), u"d", 2, Alloc::Contiguous);
+  mount_built();
+  vnode_t dvp = get(d);
+  ASSERT_EQ(VDIR, vnode_vtype(dvp));
+  settle();
+
+  // The directory's second block gets a deleted File entry in the buffer
+  // cache; its first block is cached clean; the rest is not cached.
+  const uint32_t spb = xm->xm_sectors_per_block;
+  const daddr64_t start = static_cast<daddr64_t>(builder_.cluster_byte_offset(dir.first_cluster) /
+                                                 xm->xm_bytes_per_sector);
+  buf_t bp = nullptr;
+  ASSERT_EQ(0, buf_meta_bread(devvp, start, static_cast<int>(xm->xm_block_size), NOCRED, &bp));
+  buf_brelse(bp);
+  ASSERT_EQ(0, buf_meta_bread(devvp, start + spb, static_cast<int>(xm->xm_block_size), NOCRED,
+                              &bp));
+  reinterpret_cast<uint8_t*>(buf_dataptr(bp))[0] = 0x05;
+  buf_bdwrite(bp);
+  host_blkdev_reset_stats(devvp);
+
+  ASSERT_EQ(0, VNOP_FSYNC(dvp, MNT_WAIT, ctx_));
+  host_devstats s = stats();
+  EXPECT_EQ(0u, s.reads) << "blocks that were not cached must not be read";
+  EXPECT_EQ(1u, s.writes);
+  EXPECT_EQ(0x05, read_device(uint64_t(start + spb) * xm->xm_bytes_per_sector, 1)[0]);
+  unmount_and_check();
+}
+
+}  // namespace
