@@ -420,6 +420,7 @@ static void exfat_count_tail_bits(struct exfat_mount* mount, uint32_t word, uint
 // xm_bitmap_lock itself. Returns 0 or a mapping error (the count is then
 // meaningless and the mount fails).
 int exfat_count_free_clusters(struct exfat_mount* mount) {
+  lck_mtx_assert(mount->xm_bitmap_lock, LCK_MTX_ASSERT_NOTOWNED);
   lck_mtx_lock(mount->xm_bitmap_lock);
   mount->xm_free_clusters = mount->xm_max_cluster - 1;
   struct exfat_bitmap_walk w;

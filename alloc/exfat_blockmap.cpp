@@ -135,6 +135,7 @@ int exfat_blockmap_internal(struct exfat_node* node, uint32_t index, uint32_t co
 int exfat_blockmap(struct exfat_node* node, uint32_t index, uint32_t count, uint64_t* sector,
                    uint32_t* cluster, uint64_t* bytes) {
   struct exfat_mount* mount = node->x_mount;
+  lck_mtx_assert(mount->xm_fat_lock, LCK_MTX_ASSERT_NOTOWNED);
   lck_mtx_lock(mount->xm_fat_lock);
   int error = exfat_blockmap_internal(node, index, count, sector, cluster, bytes);
   lck_mtx_unlock(mount->xm_fat_lock);

@@ -236,6 +236,7 @@ int exfat_fat_get_set_internal(int op, struct exfat_mount* mount, uint32_t clust
 // lock is taken and released around it.
 int exfat_fat_get_set(int op, struct exfat_mount* mount, uint32_t cluster, uint32_t* old_value,
                       uint32_t new_value) {
+  lck_mtx_assert(mount->xm_fat_lock, LCK_MTX_ASSERT_NOTOWNED);
   lck_mtx_lock(mount->xm_fat_lock);
   int error = exfat_fat_get_set_internal(op, mount, cluster, old_value, new_value);
   lck_mtx_unlock(mount->xm_fat_lock);
@@ -302,6 +303,7 @@ int exfat_fat_find_last_cluster(struct exfat_node* node, uint32_t* last_cluster,
     return 0;
   }
 
+  lck_mtx_assert(mount->xm_fat_lock, LCK_MTX_ASSERT_NOTOWNED);
   lck_mtx_lock(mount->xm_fat_lock);
   uint32_t cluster;
   uint32_t count;

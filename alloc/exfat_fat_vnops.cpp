@@ -176,6 +176,7 @@ int exfat_fat_fsync(struct vnop_fsync_args* ap) {
   struct exfat_mount* mount = exfat_fat_node_of(vp)->xf_mount;
   const int ioflags = (ap->a_waitfor == MNT_WAIT) ? IO_SYNC : 0;
 
+  lck_mtx_assert(mount->xm_fat_lock, LCK_MTX_ASSERT_NOTOWNED);
   lck_mtx_lock(mount->xm_fat_lock);
   int error = 0;
   if (mount->xm_fat_cache_dirty)

@@ -32,9 +32,14 @@
 //
 // Lists. Every cached buffer is on its vnode's clean or dirty list (dirty:
 // a delayed write is pending, B_DELWRI). Every cached buffer that is idle
-// (not busy) is also on the global clean or dirty idle list, oldest first;
-// eviction takes the oldest clean buffer, and only when there is none the
-// oldest dirty one, which it writes before dropping it.
+// (not busy) is also on one global idle list, oldest first: clean, dirty
+// device blocks, dirty file blocks. Eviction takes the oldest clean buffer,
+// and only when there is none the oldest dirty device block, which it writes
+// before dropping it. Delayed writes of file vnodes are never evicted:
+// writing one calls the file system's blockmap, which may need a lock that
+// the thread that happens to evict (any caller of buf_getblk) already holds.
+// They leave the cache when their vnode is flushed, invalidated or
+// reclaimed.
 
 namespace {
 
@@ -85,7 +90,8 @@ struct buf {
   errno_t b_error;
   upl_t b_upl;
   uint32_t b_uploffset;
-  TAILQ_ENTRY(buf) b_freelist;  // bc_clean / bc_dirty while idle
+  bool b_isdev;                 // b_vp is a device vnode (fixed at creation)
+  TAILQ_ENTRY(buf) b_freelist;  // an idle list of the cache while idle
   TAILQ_ENTRY(buf) b_vnbufs;    // bv_clean / bv_dirty of b_vp while cached
 };
 
@@ -119,7 +125,8 @@ struct bufcache {
   std::mutex bc_lock;
   std::unordered_map<BufKey, buf*, BufKeyHash> bc_hash;
   buflist bc_clean;  // idle clean buffers, least recently used first
-  buflist bc_dirty;  // idle delayed writes, least recently used first
+  buflist bc_dirty;  // idle delayed writes of devices, least recently used first
+  buflist bc_dirty_file;  // idle delayed writes of files, least recently used first
   size_t bc_bytes = 0;
   size_t bc_limit = kDefaultLimit;
   int bc_waiters = 0;  // threads in wait_busy_locked
@@ -128,6 +135,7 @@ struct bufcache {
   bufcache() {
     TAILQ_INIT(&bc_clean);
     TAILQ_INIT(&bc_dirty);
+    TAILQ_INIT(&bc_dirty_file);
   }
 };
 
@@ -170,7 +178,8 @@ buf* lookup_locked(vnode_t vp, daddr64_t blkno) {
 }
 
 buflist& idle_list_locked(buf* bp) {
-  return (bp->b_lflags & BL_DELWRI) ? bc().bc_dirty : bc().bc_clean;
+  if (!(bp->b_lflags & BL_DELWRI)) return bc().bc_clean;
+  return bp->b_isdev ? bc().bc_dirty : bc().bc_dirty_file;
 }
 
 buflist& vnode_list_locked(bufvnode* bv, buf* bp) {
@@ -256,6 +265,7 @@ buf* new_buf_locked(vnode_t vp, daddr64_t blkno, uint32_t size, bool isdev, dev_
   bp->b_dev = dev;
   bp->b_lflags = BL_BUSY | BL_CACHED;
   bp->b_hflags = isdev ? BH_MAPPED : 0;  // a device block needs no mapping
+  bp->b_isdev = isdev;
   bp->b_owner = std::this_thread::get_id();
   bp->b_data = reinterpret_cast<uintptr_t>(data);
   bp->b_bufsize = bp->b_bcount = size;
@@ -347,8 +357,9 @@ int write_and_release(buf* bp, bool async) {
   return error;
 }
 
-// Makes room for `size` more bytes by evicting one idle buffer. Returns
-// false when nothing can be evicted. Writing a dirty buffer drops bc_lock.
+// Evicts one idle buffer: the oldest clean one, else the oldest delayed
+// write of a device, written first. Returns false when there is nothing to
+// evict. Writing drops bc_lock for the time of the write.
 bool evict_one_locked(Lock& lk) {
   bufcache& c = bc();
   if (buf* bp = TAILQ_FIRST(&c.bc_clean)) {

@@ -219,8 +219,10 @@ TEST_F(BitmapDeathTest, MarkUsedAssertsItsArguments) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   mount_volume(small_volume(512));
   EXPECT_DEATH(mark_used(20, 0), "exfat_bitmap_mark_used: count == 0!");
-  EXPECT_DEATH(mark_used(512, 2),
-               "exfat_bitmap_mark_used: invalid args: cluster=512, count=2; xm_max_cluster=513");
+  EXPECT_DEATH(mark_used(513, 2),
+               "exfat_bitmap_mark_used: invalid args: cluster=513, count=2; xm_max_cluster=513");
+  EXPECT_DEATH(mark_used(1, 1),
+               "exfat_bitmap_mark_used: invalid args: cluster=1, count=1; xm_max_cluster=513");
 }
 
 TEST_F(BitmapTest, CountFreeContigStopsAtUsedClustersLimitsAndTheEnd) {
@@ -384,9 +386,10 @@ TEST_F(BitmapConcurrency, MarkingFromManyThreadsKeepsBitsAndCount) {
         ASSERT_EQ(0, mark_used(low, 37));
         ASSERT_EQ(0, mark_used(high, 50));
         ASSERT_EQ(0, mark_free(low, 37));
-        ASSERT_EQ(0, mark_free(high + 10, 40));
+        ASSERT_EQ(0, mark_free(high, 50));
       }
       ASSERT_EQ(0, mark_used(low + t, 1));
+      ASSERT_EQ(0, mark_used(high, 10));
     });
   }
   for (auto& th : threads)

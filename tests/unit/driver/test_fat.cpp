@@ -377,8 +377,9 @@ class FatVnodeTest : public FatTest {
 
 TEST_F(FatVnodeTest, PageinZeroFillsPastTheEndOfTheFatAndRefusesPagesPastIt) {
   mount_volume(two_block_fat());
-  // Device bytes from the FAT's start: a pattern over 12 KiB, past 10,000.
-  const uint32_t first_sector = 2048;
+  // Device bytes from the FAT's start (an unused part of the heap): a
+  // pattern over 12 KiB, past 10,000.
+  const uint32_t first_sector = 600;
   std::vector<uint8_t> pattern(12288);
   for (size_t i = 0; i < pattern.size(); ++i)
     pattern[i] = static_cast<uint8_t>(i * 7 + 1);
@@ -465,6 +466,20 @@ TEST_F(FatVnodeTest, FsyncReportsAFailedCacheWriteBack) {
   host_memdev_set_faults(devvp, host_memdev_faults{});
   fsync_fat();
   EXPECT_EQ(51u, disk_entry(50));
+}
+
+using FatVnodeDeathTest = FatVnodeTest;
+
+// The file system is registered so that paging requests come without a page
+// list; one that comes with a list is a caller error.
+TEST_F(FatVnodeDeathTest, PagingWithACallersPageListIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  mount_volume(two_block_fat());
+  upl_t fake = reinterpret_cast<upl_t>(&fat_byte_offset_);
+  EXPECT_DEATH(VNOP_PAGEIN(xm->xm_fat_vp, fake, 0, 0, 4096, 0, vfs_context_kernel()),
+               "exfat_vnop_pagein: a_pl != NULL");
+  EXPECT_DEATH(VNOP_PAGEOUT(xm->xm_fat_vp, fake, 0, 0, 4096, 0, vfs_context_kernel()),
+               "exfat_vnop_pageout: a_pl != NULL");
 }
 
 // --- Concurrency -----------------------------------------------------------------------

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -519,6 +521,11 @@ TEST(VnodeConcurrency, GetwithvidRacesReclaim) {
       cur_vid = vnode_vid(vp);
     }
     vnode_put(vp);
+  }
+  // On a loaded machine the recycling loop may have starved the readers;
+  // leave the current vnode alive until one of them has seen it.
+  for (int i = 0; i < 5000 && hits.load() == 0; i++) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   stop = true;
   for (auto& t : readers) t.join();

@@ -1,0 +1,243 @@
+// libexvol volumes: loading the driver module, mounting through the host's
+// mount machinery, and the statfs and attribute queries.
+//
+// The library plays the kernel's system-call layer: it reaches the driver
+// only through VFS_* dispatch and host_mount/host_unmount, never by calling
+// the driver's functions, with one exception below: starting the module.
+
+#include "exvol/volume.h"
+
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+#include <shared_mutex>
+#include <vector>
+
+#include "host/blkdev.h"
+#include "host/buf.h"
+#include "host/kern.h"
+#include "host/mount.h"
+#include "host/vfs.h"
+#include "host/vnode.h"
+
+// The driver module's start routine. A kernel's module loader calls it when
+// the module is loaded; the library is that loader here, and this is the one
+// place outside the driver that calls one of its functions.
+int exfat_module_start(void);
+
+namespace exvol {
+
+namespace {
+
+constexpr size_t kMountArgsSize = 24;
+constexpr uint32_t kMountArgsMagic = 0xD4C1C6F8u;
+
+std::error_code make_error(int error) {
+  return std::error_code(error, std::generic_category());
+}
+
+// Loads the driver once per process. The module stays loaded until exit.
+int load_driver_module() {
+  static std::once_flag once;
+  static int status = 0;
+  std::call_once(once, [] { status = exfat_module_start() == 0 ? 0 : EIO; });
+  return status;
+}
+
+void put_le16(uint8_t* p, uint16_t v) {
+  p[0] = static_cast<uint8_t>(v);
+  p[1] = static_cast<uint8_t>(v >> 8);
+}
+
+void put_le32(uint8_t* p, uint32_t v) {
+  for (int i = 0; i < 4; i++)
+    p[i] = static_cast<uint8_t>(v >> (8 * i));
+}
+
+uint32_t get_le32(const uint8_t* p) {
+  return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
+}
+
+// The driver's mount argument record: magic, owner, group, mask, time zone.
+std::vector<uint8_t> mount_args(const MountOptions& options) {
+  std::vector<uint8_t> args(kMountArgsSize, 0);
+  put_le32(&args[0], kMountArgsMagic);
+  put_le16(&args[12], options.mask);
+  put_le32(&args[16], static_cast<uint32_t>(options.seconds_west));
+  return args;
+}
+
+// Joins captured kernel log lines into one diagnostic line.
+std::string join_lines(const std::vector<std::string>& lines) {
+  std::string s;
+  for (const std::string& line : lines) {
+    if (!s.empty())
+      s += "; ";
+    s += line;
+  }
+  return s;
+}
+
+// Serialises mounts, so that the kernel log captured during one is that
+// mount's.
+std::mutex g_mount_lock;
+
+}  // namespace
+
+std::string VolumeInfo::uuid_string() const {
+  char s[37];
+  const uint8_t* u = uuid.data();
+  snprintf(s, sizeof(s), "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+           u[0], u[1], u[2], u[3], u[4], u[5], u[6], u[7], u[8], u[9], u[10], u[11], u[12], u[13],
+           u[14], u[15]);
+  return s;
+}
+
+struct Volume::Impl {
+  vnode_t devvp = nullptr;
+  mount_t mp = nullptr;  // nullptr once unmounted
+  bool read_only = false;
+  // Queries hold it shared, unmount exclusively.
+  mutable std::shared_mutex lock;
+};
+
+Volume::Volume(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+Volume::~Volume() {
+  if (mounted() && unmount(false))
+    unmount(true);
+}
+
+std::error_code Volume::mount(const std::string& path, const MountOptions& options,
+                              std::unique_ptr<Volume>* out, std::string* diagnostic) {
+  out->reset();
+  if (diagnostic != nullptr)
+    diagnostic->clear();
+  if (int error = load_driver_module())
+    return make_error(error);
+
+  auto impl = std::make_unique<Impl>();
+  impl->read_only = options.read_only;
+  int error = host_blkdev_open(path.c_str(), options.read_only ? 1 : 0, &impl->devvp);
+  if (error)
+    return make_error(error);
+
+  uint64_t flags = 0;
+  if (options.read_only)
+    flags |= MNT_RDONLY;
+  if (options.async)
+    flags |= MNT_ASYNC;
+  if (options.noatime)
+    flags |= MNT_NOATIME;
+  std::vector<uint8_t> args = mount_args(options);
+  std::vector<std::string> lines;
+  {
+    std::lock_guard<std::mutex> guard(g_mount_lock);
+    KernLogCapture capture;
+    error = host_mount("exfat", impl->devvp, flags, args.data(), args.size(), &impl->mp);
+    lines = capture.lines();
+  }
+  // Passed on to whoever listened before the capture (stderr by default).
+  if (options.echo_kernel_log) {
+    for (const std::string& line : lines)
+      kprintf("%s", line.c_str());
+  }
+  if (diagnostic != nullptr)
+    *diagnostic = join_lines(lines);
+  if (error) {
+    host_blkdev_close(impl->devvp);
+    return make_error(error);
+  }
+  out->reset(new Volume(std::move(impl)));
+  return {};
+}
+
+bool Volume::mounted() const {
+  std::shared_lock<std::shared_mutex> guard(impl_->lock);
+  return impl_->mp != nullptr;
+}
+
+std::error_code Volume::unmount(bool force) {
+  std::unique_lock<std::shared_mutex> guard(impl_->lock);
+  if (impl_->mp == nullptr)
+    return make_error(ENXIO);
+  int error = host_unmount(impl_->mp, force ? MNT_FORCE : 0);
+  if (error)
+    return make_error(error);
+  impl_->mp = nullptr;
+  host_blkdev_close(impl_->devvp);
+  impl_->devvp = nullptr;
+  return {};
+}
+
+std::error_code Volume::statfs(StatFs* out) const {
+  std::shared_lock<std::shared_mutex> guard(impl_->lock);
+  if (impl_->mp == nullptr)
+    return make_error(ENXIO);
+  struct vfs_attr va;
+  VFSATTR_INIT(&va);
+  if (int error = VFS_GETATTR(impl_->mp, &va, vfs_context_kernel()))
+    return make_error(error);
+  out->block_size = va.f_bsize;
+  out->io_size = va.f_iosize;
+  out->blocks = va.f_blocks;
+  out->blocks_free = va.f_bfree;
+  out->blocks_available = va.f_bavail;
+  out->blocks_used = va.f_bused;
+  out->files = va.f_files;
+  out->files_free = va.f_ffree;
+  return {};
+}
+
+namespace {
+
+// Reads the boot sector from the device (through the device's buffer cache,
+// which the driver's own boot-sector writes go through as well).
+int read_boot_sector(vnode_t devvp, VolumeInfo* out) {
+  uint32_t block_size = 0;
+  int error = VNOP_IOCTL(devvp, DKIOCGETBLOCKSIZE, reinterpret_cast<caddr_t>(&block_size), 0,
+                         vfs_context_kernel());
+  if (error)
+    return error;
+  buf_t bp = nullptr;
+  error = buf_meta_bread(devvp, 0, static_cast<int>(block_size), NOCRED, &bp);
+  if (error == 0) {
+    const uint8_t* boot = reinterpret_cast<const uint8_t*>(buf_dataptr(bp));
+    out->serial_number = get_le32(boot + 100);
+    out->volume_flags = static_cast<uint16_t>(boot[106] | boot[107] << 8);
+    out->bytes_per_sector = 1u << (boot[108] & 31);
+    out->percent_in_use = boot[112];
+  }
+  if (bp != nullptr)
+    buf_brelse(bp);
+  return error;
+}
+
+}  // namespace
+
+std::error_code Volume::info(VolumeInfo* out) const {
+  std::shared_lock<std::shared_mutex> guard(impl_->lock);
+  if (impl_->mp == nullptr)
+    return make_error(ENXIO);
+  struct vfs_attr va;
+  VFSATTR_INIT(&va);
+  std::vector<char> name(MAXPATHLEN, '\0');
+  va.f_vol_name = name.data();
+  VFSATTR_WANTED(&va, f_vol_name);
+  VFSATTR_WANTED(&va, f_uuid);
+  if (int error = VFS_GETATTR(impl_->mp, &va, vfs_context_kernel()))
+    return make_error(error);
+  *out = VolumeInfo{};
+  out->label = name.data();
+  memcpy(out->uuid.data(), va.f_uuid, out->uuid.size());
+  out->bytes_per_cluster = va.f_bsize;
+  out->cluster_count = va.f_blocks;
+  out->free_clusters = va.f_bfree;
+  out->io_size = va.f_iosize;
+  out->read_only = impl_->read_only;
+  if (int error = read_boot_sector(impl_->devvp, out))
+    return make_error(error);
+  return {};
+}
+
+}  // namespace exvol

@@ -1,0 +1,142 @@
+// `exvol info IMG`: what a volume is and how full it is, read-only.
+
+#include <cstdio>
+#include <string>
+
+#include "cli.h"
+#include "exvol/volume.h"
+
+namespace exvol::cli {
+
+namespace {
+
+std::string json_string(const std::string& s) {
+  std::string out = "\"";
+  for (unsigned char c : s) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20) {
+          char esc[8];
+          snprintf(esc, sizeof(esc), "\\u%04x", c);
+          out += esc;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out + "\"";
+}
+
+std::string human_size(uint64_t bytes) {
+  const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+  double v = static_cast<double>(bytes);
+  int u = 0;
+  while (v >= 1024 && u < 4) {
+    v /= 1024;
+    u++;
+  }
+  char s[32];
+  snprintf(s, sizeof(s), u == 0 ? "%.0f %s" : "%.1f %s", v, units[u]);
+  return s;
+}
+
+std::string state_of(const VolumeInfo& v) {
+  if (!v.dirty() && !v.media_failure())
+    return "clean";
+  std::string s;
+  if (v.dirty())
+    s = "dirty";
+  if (v.media_failure())
+    s += s.empty() ? "media failure" : ", media failure";
+  return s;
+}
+
+void print_human(const std::string& image, const VolumeInfo& v) {
+  printf("Image:           %s\n", image.c_str());
+  printf("Label:           %s\n", v.label.c_str());
+  printf("UUID:            %s\n", v.uuid_string().c_str());
+  printf("Serial number:   0x%08X\n", v.serial_number);
+  printf("Sector size:     %u\n", v.bytes_per_sector);
+  printf("Cluster size:    %u\n", v.bytes_per_cluster);
+  printf("Clusters:        %llu\n", static_cast<unsigned long long>(v.cluster_count));
+  printf("Free clusters:   %llu\n", static_cast<unsigned long long>(v.free_clusters));
+  printf("Size:            %llu (%s)\n", static_cast<unsigned long long>(v.total_bytes()),
+         human_size(v.total_bytes()).c_str());
+  printf("Used:            %llu (%s)\n",
+         static_cast<unsigned long long>(v.used_clusters() * v.bytes_per_cluster),
+         human_size(v.used_clusters() * v.bytes_per_cluster).c_str());
+  printf("Free:            %llu (%s)\n", static_cast<unsigned long long>(v.free_bytes()),
+         human_size(v.free_bytes()).c_str());
+  printf("Percent in use:  %u\n", v.percent_in_use);
+  printf("Volume flags:    0x%04X (%s)\n", v.volume_flags, state_of(v).c_str());
+}
+
+void print_json(const std::string& image, const VolumeInfo& v) {
+  printf("{\n");
+  printf("  \"image\": %s,\n", json_string(image).c_str());
+  printf("  \"label\": %s,\n", json_string(v.label).c_str());
+  printf("  \"uuid\": \"%s\",\n", v.uuid_string().c_str());
+  printf("  \"serial_number\": %u,\n", v.serial_number);
+  printf("  \"bytes_per_sector\": %u,\n", v.bytes_per_sector);
+  printf("  \"bytes_per_cluster\": %u,\n", v.bytes_per_cluster);
+  printf("  \"cluster_count\": %llu,\n", static_cast<unsigned long long>(v.cluster_count));
+  printf("  \"free_clusters\": %llu,\n", static_cast<unsigned long long>(v.free_clusters));
+  printf("  \"total_bytes\": %llu,\n", static_cast<unsigned long long>(v.total_bytes()));
+  printf("  \"free_bytes\": %llu,\n", static_cast<unsigned long long>(v.free_bytes()));
+  printf("  \"percent_in_use\": %u,\n", v.percent_in_use);
+  printf("  \"volume_flags\": %u,\n", v.volume_flags);
+  printf("  \"dirty\": %s,\n", v.dirty() ? "true" : "false");
+  printf("  \"media_failure\": %s\n", v.media_failure() ? "true" : "false");
+  printf("}\n");
+}
+
+}  // namespace
+
+int info_command(const std::vector<std::string>& args) {
+  bool json = false;
+  std::string image;
+  for (const std::string& a : args) {
+    if (a == "--json") {
+      json = true;
+    } else if (!a.empty() && a[0] == '-') {
+      return usage_error("info: unknown option " + a);
+    } else if (image.empty()) {
+      image = a;
+    } else {
+      return usage_error("info: one image only");
+    }
+  }
+  if (image.empty())
+    return usage_error("info: missing image");
+
+  MountOptions options;
+  options.read_only = true;
+  options.echo_kernel_log = false;
+  std::unique_ptr<Volume> volume;
+  std::string diagnostic;
+  std::error_code ec = Volume::mount(image, options, &volume, &diagnostic);
+  if (ec) {
+    std::string message = image + ": cannot mount: " + ec.message();
+    if (!diagnostic.empty())
+      message += " (" + diagnostic + ")";
+    return failure(message);
+  }
+  VolumeInfo info;
+  ec = volume->info(&info);
+  if (ec)
+    return failure(image + ": " + ec.message());
+  if (json)
+    print_json(image, info);
+  else
+    print_human(image, info);
+  ec = volume->unmount();
+  if (ec)
+    return failure(image + ": unmount: " + ec.message());
+  return 0;
+}
+
+}  // namespace exvol::cli

@@ -1,0 +1,278 @@
+// The volume's dirty state on disk, percentInUse, and the delayed metadata
+// flush: coalescing, MNT_ASYNC, and an unmount that meets a running flush.
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "host/buf.h"
+#include "mount_fixture.h"
+#include "tests/support/image_builder.h"
+
+using namespace exvol::test;
+using namespace std::chrono_literals;
+
+namespace {
+
+ImageBuilder mountable(Geometry g = {}) {
+  ImageBuilder b(g);
+  b.add_bitmap_entry().add_upcase_entry();
+  return b;
+}
+
+uint64_t device_writes(vnode_t devvp) {
+  host_devstats stats;
+  host_blkdev_stats(devvp, &stats);
+  return stats.writes;
+}
+
+// A block past the volume's end, free for the tests to dirty.
+constexpr daddr64_t kScratchBlock = 16384;
+
+// Leaves a delayed-write buffer on the device; the next metadata flush
+// writes it.
+void dirty_scratch_block(vnode_t devvp, uint8_t fill) {
+  buf_t bp = buf_getblk(devvp, kScratchBlock, 512, 0, 0, BLK_META);
+  memset(reinterpret_cast<void*>(buf_dataptr(bp)), fill, 512);
+  buf_bdwrite(bp);
+}
+
+uint8_t scratch_on_disk(const MountedVolume& v) {
+  return v.read_device(kScratchBlock * 512, 1)[0];
+}
+
+bool flush_pending(struct exfat_mount* xm) {
+  lck_mtx_lock(xm->xm_meta_lock);
+  bool pending = (xm->xm_meta_state & META_SCHEDULED) != 0;
+  lck_mtx_unlock(xm->xm_meta_lock);
+  return pending;
+}
+
+// Waits (up to two seconds) for the armed flush to have run.
+bool wait_for_flush(struct exfat_mount* xm) {
+  for (int i = 0; i < 2000 && flush_pending(xm); i++)
+    std::this_thread::sleep_for(1ms);
+  return !flush_pending(xm);
+}
+
+}  // namespace
+
+class DirtyMark : public MountTest {
+ protected:
+  void mount_with_flags(uint16_t flags, uint64_t mount_flags = 0) {
+    ImageBuilder b = mountable();
+    b.volume_flags(flags);
+    ASSERT_EQ(0, load(b.build(), 512, 512, 16 << 20));
+    ASSERT_EQ(0, mount(mount_flags));
+  }
+};
+
+TEST_F(DirtyMark, ClearToZeroGoesAndDirtyFollowsTheMount) {
+  mount_with_flags(0x0008);
+  EXPECT_EQ(0x0002, disk_volume_flags());
+  ASSERT_EQ(0, exfat_mark_vol_dirty(xm, 0, vfs_context_kernel()));
+  EXPECT_EQ(0x0000, disk_volume_flags());
+  uint64_t writes = device_writes(devvp);
+  ASSERT_EQ(0, exfat_mark_vol_dirty(xm, 0, vfs_context_kernel()));
+  EXPECT_EQ(writes, device_writes(devvp)) << "an unchanged mark is not rewritten";
+}
+
+TEST_F(DirtyMark, CleanUnmountClearsDirtyAndKeepsOtherBits) {
+  mount_with_flags(0x0001);
+  EXPECT_EQ(0x0003, disk_volume_flags());
+  ASSERT_EQ(0, unmount());
+  EXPECT_EQ(0x0001, disk_volume_flags());
+}
+
+TEST_F(DirtyMark, CorruptionSetsMediaFailureAndIsNeverMarkedClean) {
+  mount_with_flags(0x0000);
+  EXPECT_EQ(0x0002, disk_volume_flags());
+  xm->xm_flags |= XM_CORRUPT;
+  ASSERT_EQ(0, exfat_mark_vol_dirty(xm, 0, vfs_context_kernel()));
+  EXPECT_EQ(0x0004, disk_volume_flags());
+  ASSERT_EQ(0, exfat_mark_vol_dirty(xm, 1, vfs_context_kernel()));
+  EXPECT_EQ(0x0006, disk_volume_flags());
+  ASSERT_EQ(0, unmount());
+  EXPECT_EQ(0x0006, disk_volume_flags()) << "a corrupt volume stays dirty";
+}
+
+TEST_F(DirtyMark, ReadOnlyMountRefusesToMark) {
+  mount_with_flags(0x0000, MNT_RDONLY);
+  EXPECT_EQ(EROFS, exfat_mark_vol_dirty(xm, 1, vfs_context_kernel()));
+  EXPECT_EQ(EROFS, exfat_mark_vol_dirty(xm, 0, vfs_context_kernel()));
+  EXPECT_EQ(0x0000, disk_volume_flags());
+}
+
+TEST_F(DirtyMark, BadUpcaseOnAWritableMountLeavesDirtyAndMediaFailure) {
+  ImageBuilder b = ImageBuilder();
+  b.add_bitmap_entry().add_upcase_entry(0x12345678);
+  std::vector<uint8_t> image = b.build();
+
+  ASSERT_EQ(0, load(image));
+  KernLogCapture log;
+  EXPECT_EQ(EIO, mount(MNT_RDONLY));
+  EXPECT_EQ(1u, log.count("exfat: upcase checksum mismatch"));
+  EXPECT_EQ(image, read_device(0, image.size())) << "a read-only mount changes nothing";
+  expect_nothing_left("after a read-only mount with a bad up-case table");
+
+  ASSERT_EQ(0, load(image));
+  EXPECT_EQ(EIO, mount());
+  EXPECT_EQ(0x0006, disk_volume_flags());
+  expect_nothing_left("after a writable mount with a bad up-case table");
+}
+
+class PercentInUse : public MountTest {
+ protected:
+  // A volume of 1000 clusters of which `free_clusters` are free.
+  void mount_with_free(uint32_t free_clusters, uint8_t disk_percent = 0) {
+    ImageBuilder b = mountable(Geometry{.cluster_shift = 0, .cluster_count = 1000});
+    uint32_t used = 0;
+    for (uint32_t c = 2; c < 1002; c++)
+      used += b.allocated(c) ? 1 : 0;
+    if (1000 - used > free_clusters)
+      b.allocate(1000 - used - free_clusters, Alloc::Contiguous);
+    b.percent_in_use(disk_percent);
+    ASSERT_EQ(0, load(b.build()));
+    ASSERT_EQ(0, mount());
+    ASSERT_EQ(free_clusters, xm->xm_free_clusters);
+  }
+};
+
+TEST_F(PercentInUse, RoundsDownAndWritesOnlyOnChange) {
+  mount_with_free(333);
+  ASSERT_EQ(0, exfat_sync_boot_sector(xm, 1, vfs_context_kernel()));
+  EXPECT_EQ(66, disk_percent_in_use());
+  EXPECT_EQ(66, xm->xm_percent_in_use);
+  uint64_t writes = device_writes(devvp);
+  ASSERT_EQ(0, exfat_sync_boot_sector(xm, 1, vfs_context_kernel()));
+  EXPECT_EQ(writes, device_writes(devvp));
+}
+
+TEST_F(PercentInUse, ZeroIsNotWrittenOverTheDiskValue) {
+  mount_with_free(997, 40);  // 0.3 % in use: 0
+  uint64_t writes = device_writes(devvp);
+  exfat_meta_flush(xm, IO_SYNC);
+  EXPECT_EQ(writes, device_writes(devvp));
+  EXPECT_EQ(40, disk_percent_in_use());
+}
+
+TEST_F(PercentInUse, AFailedReadIsReportedAndTriedAgain) {
+  mount_with_free(500);
+  host_memdev_faults faults;
+  faults.fail_read_bytes = {0};
+  host_memdev_set_faults(devvp, faults);
+  // Make the next read of the boot sector go to the device.
+  buf_invalidateblks(devvp, BUF_WRITE_DATA, 0, 0);
+  KernLogCapture log;
+  EXPECT_EQ(EIO, exfat_sync_boot_sector(xm, 1, vfs_context_kernel()));
+  EXPECT_EQ(1u, log.count(
+                    "exfat_sync_boot_sector: Could not read boot sector to update percentInUse"));
+  EXPECT_EQ(0, xm->xm_percent_in_use);
+  host_memdev_set_faults(devvp, host_memdev_faults{});
+  ASSERT_EQ(0, exfat_sync_boot_sector(xm, 1, vfs_context_kernel()));
+  EXPECT_EQ(50, disk_percent_in_use());
+}
+
+class DelayedFlush : public MountTest {
+ protected:
+  void mount_scratch(uint64_t flags = 0) {
+    ASSERT_EQ(0, load(mountable().build(), 512, 512, 16 << 20));
+    ASSERT_EQ(0, mount(flags));
+  }
+};
+
+TEST_F(DelayedFlush, RequestsWithinTheDelayShareOneFlush) {
+  mount_scratch();
+  dirty_scratch_block(devvp, 0xA1);
+  exfat_meta_flush(xm, 0);
+  EXPECT_TRUE(flush_pending(xm));
+  std::this_thread::sleep_for(10ms);
+  // A second arming of a pending timer would panic.
+  exfat_meta_flush(xm, 0);
+  ASSERT_TRUE(wait_for_flush(xm));
+  EXPECT_EQ(0xA1, scratch_on_disk(*this));
+
+  // Nothing else is armed: a change made now stays in memory…
+  dirty_scratch_block(devvp, 0xA2);
+  std::this_thread::sleep_for(80ms);
+  EXPECT_EQ(0xA1, scratch_on_disk(*this));
+  // …until a later request arms a second flush.
+  exfat_meta_flush(xm, 0);
+  EXPECT_TRUE(flush_pending(xm));
+  ASSERT_TRUE(wait_for_flush(xm));
+  EXPECT_EQ(0xA2, scratch_on_disk(*this));
+}
+
+TEST_F(DelayedFlush, AsyncMountFlushesOnlyOnSynchronousRequests) {
+  mount_scratch(MNT_ASYNC);
+  dirty_scratch_block(devvp, 0xB1);
+  exfat_meta_flush(xm, 0);
+  EXPECT_FALSE(flush_pending(xm));
+  std::this_thread::sleep_for(80ms);
+  EXPECT_NE(0xB1, scratch_on_disk(*this));
+  exfat_meta_flush(xm, IO_SYNC);
+  EXPECT_EQ(0xB1, scratch_on_disk(*this));
+}
+
+TEST_F(DelayedFlush, FlushWritesTheCachesAndPercentInUse) {
+  mount_scratch();
+  // Dirty the FAT cache with an unchanged entry, and change the free count.
+  uint32_t value = 0;
+  ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET, xm, 2, &value, 0));
+  ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, 2, nullptr, 0x0ABCDEF0));
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  uint32_t saved_free = xm->xm_free_clusters;
+  xm->xm_free_clusters = (xm->xm_max_cluster - 1) / 4;
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+
+  exfat_meta_flush(xm, 0);
+  ASSERT_TRUE(wait_for_flush(xm));
+  EXPECT_EQ(75, disk_percent_in_use());
+  uint64_t fat = static_cast<uint64_t>(xm->xm_fat_offset) * 512;
+  EXPECT_EQ(0x0ABCDEF0u, le32dec(read_device(fat + 8, 4).data()));
+
+  ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, 2, nullptr, value));
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  xm->xm_free_clusters = saved_free;
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+}
+
+// Threads: the timer's callback against unmount.
+class DelayedFlushConcurrency : public MountTest {};
+
+TEST_F(DelayedFlushConcurrency, UnmountWaitsForARunningFlush) {
+  ASSERT_EQ(0, load(mountable().build(), 512, 512, 16 << 20));
+  ASSERT_EQ(0, mount());
+  struct exfat_mount* x = xm;
+  dirty_scratch_block(devvp, 0xC1);
+
+  // Hold the FAT lock so that the flush, once the timer fires, stops inside
+  // its run while holding xm_meta_lock.
+  lck_mtx_lock(x->xm_fat_lock);
+  exfat_meta_flush(x, 0);
+  std::this_thread::sleep_for(120ms);
+
+  std::atomic<bool> done{false};
+  std::atomic<int> result{-1};
+  std::thread unmounter([&] {
+    result = unmount();
+    done = true;
+  });
+  std::this_thread::sleep_for(100ms);
+  EXPECT_FALSE(done.load()) << "unmount must wait for the running flush";
+  lck_mtx_unlock(x->xm_fat_lock);
+  unmounter.join();
+  EXPECT_EQ(0, result.load());
+  EXPECT_EQ(0xC1, scratch_on_disk(*this)) << "the flush ran to its end";
+  EXPECT_EQ(0, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
+}
+
+TEST_F(DelayedFlushConcurrency, UnmountCancelsAPendingFlush) {
+  ASSERT_EQ(0, load(mountable().build(), 512, 512, 16 << 20));
+  ASSERT_EQ(0, mount());
+  exfat_meta_flush(xm, 0);
+  EXPECT_TRUE(flush_pending(xm));
+  ASSERT_EQ(0, unmount());
+  // The freed timer must not fire: give it the time it would have taken.
+  std::this_thread::sleep_for(80ms);
+}

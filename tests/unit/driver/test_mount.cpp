@@ -1,0 +1,343 @@
+// Mounting: the boot region checks and geometry, the device block size,
+// the volume UUID, mount arguments, statfs figures and volume attributes,
+// and unmounting.
+
+#include <cstring>
+
+#include "host/buf.h"
+#include "mount_fixture.h"
+#include "tests/support/image_builder.h"
+
+using namespace exvol::test;
+
+namespace {
+
+// A builder with the system entries every mountable volume needs.
+ImageBuilder mountable(Geometry g = {}) {
+  ImageBuilder b(g);
+  b.add_bitmap_entry().add_upcase_entry();
+  return b;
+}
+
+uint32_t device_block_size(vnode_t devvp) {
+  uint32_t size = 0;
+  EXPECT_EQ(0, VNOP_IOCTL(devvp, DKIOCGETBLOCKSIZE, reinterpret_cast<caddr_t>(&size), 0,
+                          vfs_context_kernel()));
+  return size;
+}
+
+std::string uuid_string(const uint8_t* u) {
+  char s[37];
+  snprintf(s, sizeof(s), "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+           u[0], u[1], u[2], u[3], u[4], u[5], u[6], u[7], u[8], u[9], u[10], u[11], u[12], u[13],
+           u[14], u[15]);
+  return s;
+}
+
+}  // namespace
+
+class BootRegion : public MountTest {};
+
+TEST_F(BootRegion, SmallDeviceBlocksAreRaisedToTheSectorSizeAndReadAgain) {
+  ImageBuilder b = mountable(Geometry{.sector_shift = 12, .cluster_shift = 0, .cluster_count = 64});
+  ASSERT_EQ(0, load(b.build(), 512, 512));
+  KernLogCapture log;
+  ASSERT_EQ(0, mount());
+  EXPECT_EQ(1u, log.count("exfat_mount_internal: Changed logical block size to 4096"));
+  EXPECT_EQ(4096u, device_block_size(devvp));
+  // The checksum over 4096-byte sectors spans 45056 bytes, far more than the
+  // first read of 12 × 512: the mount can only pass it on the second read.
+  EXPECT_EQ(4096u, xm->xm_bytes_per_sector);
+  EXPECT_EQ(4096u, xm->xm_block_size);
+  EXPECT_EQ(1u, xm->xm_sectors_per_block);
+}
+
+TEST_F(BootRegion, DeviceThatRefusesTheSectorSizeFailsWithItsError) {
+  ImageBuilder b = mountable(Geometry{.sector_shift = 12, .cluster_shift = 0, .cluster_count = 64});
+  ASSERT_EQ(0, load(b.build(), 512, 512));
+  host_memdev_refuse_setblocksize(devvp, EPERM);
+  KernLogCapture log;
+  EXPECT_EQ(EPERM, mount());
+  EXPECT_EQ(1u, log.count("exfat_mount_internal: Couldn't change logical block size to 4096 (error " +
+                          std::to_string(EPERM) + ")"));
+  expect_nothing_left("after a refused block size");
+}
+
+TEST_F(BootRegion, SectorShiftOutsideNineToSixteenFailsBeforeTheChecksum) {
+  for (unsigned shift : {8u, 17u}) {
+    ImageBuilder b = mountable();
+    b.boot_field(108, shift, 1).corrupt_boot_checksum_word(0);
+    ASSERT_EQ(0, load(b.build()));
+    KernLogCapture log;
+    EXPECT_EQ(EINVAL, mount()) << shift;
+    EXPECT_EQ(1u, log.count("exfat_mount_internal: bsBytesPerSectorShift (" +
+                            std::to_string(shift) + ") is out of range 9..16"));
+    EXPECT_EQ(0u, log.count("exfat: Boot region's checksum is invalid"));
+    expect_nothing_left("after a bad sector shift");
+  }
+}
+
+TEST_F(BootRegion, SixtyFourKilobyteSectorsMount) {
+  ImageBuilder b = mountable(Geometry{.sector_shift = 16, .cluster_shift = 0, .cluster_count = 40});
+  ASSERT_EQ(0, load(b.build()));
+  ASSERT_EQ(0, mount());
+  EXPECT_EQ(65536u, xm->xm_bytes_per_sector);
+  EXPECT_EQ(65536u, xm->xm_bytes_per_cluster);
+}
+
+TEST_F(BootRegion, SignatureMismatchFailsSilently) {
+  ImageBuilder b = mountable();
+  b.boot_field(3, 0x2020205441465845ull + 1, 8);  // "EXFAT   " with one byte changed
+  ASSERT_EQ(0, load(b.build()));
+  KernLogCapture log;
+  EXPECT_EQ(EINVAL, mount());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(BootRegion, OneWrongChecksumWordFailsWithEio) {
+  ImageBuilder b = mountable();
+  b.corrupt_boot_checksum_word(77);
+  ASSERT_EQ(0, load(b.build()));
+  KernLogCapture log;
+  EXPECT_EQ(EIO, mount());
+  EXPECT_EQ(1u, log.count("exfat: Boot region's checksum is invalid"));
+}
+
+TEST_F(BootRegion, ChangedFlagsAndPercentDoNotBreakTheChecksum) {
+  ImageBuilder b = mountable();
+  std::vector<uint8_t> image = b.build();
+  image[106] ^= 0x04;
+  image[107] ^= 0x80;
+  image[112] = 99;
+  ASSERT_EQ(0, load(image));
+  EXPECT_EQ(0, mount(MNT_RDONLY));
+}
+
+TEST_F(BootRegion, ClustersUpToOneMebibyteMount) {
+  ImageBuilder b = mountable(Geometry{.sector_shift = 12, .cluster_shift = 8, .cluster_count = 6});
+  ASSERT_EQ(0, load(b.build(), 4096, 4096));
+  ASSERT_EQ(0, mount());
+  EXPECT_EQ(1048576u, xm->xm_bytes_per_cluster);
+  EXPECT_EQ(4096u, xm->xm_block_size);
+  EXPECT_EQ(256u, xm->xm_blocks_per_cluster);
+  EXPECT_GE(xm->xm_max_io, 1048576u);
+}
+
+TEST_F(BootRegion, ClustersAboveOneMebibyteAreRefused) {
+  struct Case {
+    unsigned sector_shift, cluster_shift;
+    const char* size;
+  } cases[] = {{12, 9, "2097152"}, {16, 16, "4294967296"}};
+  for (const Case& c : cases) {
+    ImageBuilder b = mountable(
+        Geometry{.sector_shift = c.sector_shift, .cluster_shift = 0, .cluster_count = 40});
+    b.boot_field(109, c.cluster_shift, 1);
+    ASSERT_EQ(0, load(b.build(), 1u << c.sector_shift, 1u << c.sector_shift));
+    KernLogCapture log;
+    EXPECT_EQ(EINVAL, mount());
+    EXPECT_EQ(1u, log.count(std::string("exfat: bytes per cluster (") + c.size +
+                            ") > MAXBSIZE (1048576).  Can't mount."))
+        << c.sector_shift << "+" << c.cluster_shift;
+    expect_nothing_left("after a cluster size above MAXBSIZE");
+  }
+}
+
+TEST_F(BootRegion, ClusterShiftAboveSixteenIsRefused) {
+  ImageBuilder b = mountable();
+  b.boot_field(109, 17, 1);
+  ASSERT_EQ(0, load(b.build()));
+  KernLogCapture log;
+  EXPECT_EQ(EINVAL, mount());
+  EXPECT_EQ(1u, log.count("exfat_mount_internal: bsSectorsPerClusterShift (17) is too large"));
+}
+
+TEST_F(BootRegion, RootClusterMustLieInTheHeap) {
+  const uint32_t count = 512;
+  for (uint32_t root : {1u, count + 2}) {
+    ImageBuilder b = mountable(Geometry{.cluster_count = count});
+    b.boot_field(96, root, 4);
+    ASSERT_EQ(0, load(b.build()));
+    KernLogCapture log;
+    EXPECT_EQ(EINVAL, mount());
+    EXPECT_EQ(1u, log.count("exfat: root starting cluster (" + std::to_string(root) +
+                            ") out of range"));
+    expect_nothing_left("after a bad root cluster");
+  }
+}
+
+TEST_F(BootRegion, RootInTheLastClusterMounts) {
+  const uint32_t count = 64;
+  const uint32_t last = count + 1;
+  ImageBuilder b = mountable(Geometry{.cluster_count = count});
+  b.add_label(u"LAST");
+  // Move the root directory's one cluster to the highest valid cluster.
+  std::vector<uint8_t> image = b.build();
+  uint64_t from = b.cluster_byte_offset(b.root().first_cluster);
+  std::vector<uint8_t> root(image.begin() + from, image.begin() + from + b.bytes_per_cluster());
+  b.write_data(last, Alloc::Chain, root).set_fat(last, 0xFFFFFFFF).set_allocated(last, true);
+  b.boot_field(96, last, 4);
+  ASSERT_EQ(0, load(b.build()));
+  ASSERT_EQ(0, mount());
+  EXPECT_EQ(last, xm->xm_root_cluster);
+  EXPECT_STREQ("LAST", xm->xm_label);
+}
+
+TEST_F(BootRegion, MoreClustersThanFatEntriesLowersTheLimit) {
+  ImageBuilder b = mountable(Geometry{.cluster_shift = 0, .cluster_count = 200, .fat_length = 1});
+  ASSERT_EQ(0, load(b.build()));
+  KernLogCapture log;
+  ASSERT_EQ(0, mount());
+  EXPECT_EQ(1u, log.count("exfat: Warning: number of clusters (202) exceeds FAT capacity (128)"));
+  EXPECT_EQ(127u, xm->xm_max_cluster);
+  EXPECT_EQ(512u, xm->xm_fat_size);
+}
+
+TEST_F(BootRegion, FatWithoutEntriesIsRefused) {
+  ImageBuilder b = mountable();
+  b.boot_field(84, 0, 4);
+  ASSERT_EQ(0, load(b.build()));
+  KernLogCapture log;
+  EXPECT_EQ(EINVAL, mount());
+  EXPECT_EQ(1u, log.count_prefix("exfat: Warning: number of clusters"));
+  expect_nothing_left("after an empty FAT");
+}
+
+TEST_F(BootRegion, GeometryFollowsTheBootSector) {
+  ImageBuilder b = mountable(Geometry{.sector_shift = 9, .cluster_shift = 2, .cluster_count = 300});
+  ASSERT_EQ(0, load(b.build(), 512, 4096));
+  ASSERT_EQ(0, mount());
+  EXPECT_EQ(4096u, xm->xm_phys_block_size);
+  EXPECT_EQ(2048u, xm->xm_bytes_per_cluster);
+  EXPECT_EQ(2048u, xm->xm_block_size);  // the physical block is larger than a cluster
+  EXPECT_EQ(4u, xm->xm_sectors_per_block);
+  EXPECT_EQ(1u, xm->xm_blocks_per_cluster);
+  EXPECT_EQ(301u, xm->xm_max_cluster);
+  EXPECT_EQ(b.geometry().fat_offset, xm->xm_fat_offset);
+  EXPECT_EQ(b.fat_byte_offset() / 512, xm->xm_fat_offset);
+  EXPECT_EQ(b.cluster_byte_offset(2) / 512, xm->xm_heap_offset);
+  EXPECT_EQ(b.root().first_cluster, xm->xm_root_cluster);
+}
+
+class SerialUuid : public MountTest {
+ protected:
+  std::string mounted_uuid(uint32_t serial) {
+    ImageBuilder b = mountable(Geometry{.serial = serial});
+    EXPECT_EQ(0, load(b.build()));
+    EXPECT_EQ(0, mount(MNT_RDONLY));
+    std::string s = uuid_string(xm->xm_uuid);
+    EXPECT_EQ(0, unmount());
+    return s;
+  }
+};
+
+TEST_F(SerialUuid, MadeFromTheSerialNumberBytes) {
+  EXPECT_EQ("C8BF5026-0077-3F03-AA08-019E0A1DC444", mounted_uuid(0));
+  EXPECT_EQ("9246EF5C-39A0-3E38-8960-B3D469327E21", mounted_uuid(0x12345678));
+}
+
+class MountArguments : public MountTest {};
+
+TEST_F(MountArguments, MaskAndTimeZoneApplyWithOrWithoutTheMagic) {
+  for (uint32_t magic : {EXFAT_ARGS_MAGIC, 0u}) {
+    ASSERT_EQ(0, load(mountable().build()));
+    ASSERT_EQ(0, mount(MNT_RDONLY, exfat_mount_args(0x7123, -3600, magic)));
+    EXPECT_EQ(0x123, xm->xm_mask) << "only the low 12 bits are kept";
+    EXPECT_EQ(-3600, exfat_secondsWest);
+    ASSERT_EQ(0, unmount());
+  }
+  exfat_secondsWest = 0;
+}
+
+TEST_F(MountArguments, UpdateChangesTheMaskAndReloadIsRefused) {
+  ASSERT_EQ(0, load(mountable().build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY, exfat_mount_args(0700, 0)));
+  auto args = exfat_mount_args(0555, 7200);
+  ASSERT_EQ(0, host_mount_update(mp, MNT_RDONLY, args.data(), args.size()));
+  EXPECT_EQ(0555, xm->xm_mask);
+  EXPECT_EQ(7200, exfat_secondsWest);
+  EXPECT_EQ(ENOTSUP, host_mount_update(mp, MNT_RDONLY | MNT_RELOAD, args.data(), args.size()));
+  exfat_secondsWest = 0;
+}
+
+TEST_F(MountArguments, WriteUpgradeMarksTheVolumeDirty) {
+  ASSERT_EQ(0, load(mountable().build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  EXPECT_EQ(0, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
+  auto args = exfat_mount_args();
+  ASSERT_EQ(0, host_mount_update(mp, 0, args.data(), args.size()));
+  EXPECT_EQ(0u, xm->xm_flags & XM_RDONLY);
+  EXPECT_EQ(EXFAT_VOLUME_DIRTY, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
+  ASSERT_EQ(0, unmount());
+  EXPECT_EQ(0, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
+}
+
+class VolumeFigures : public MountTest {};
+
+TEST_F(VolumeFigures, StatfsAndGetattrReportTheGeometryAndFreeSpace) {
+  ImageBuilder b = mountable(Geometry{.cluster_shift = 3, .cluster_count = 1000});
+  b.add_label(u"FIGURES");
+  uint32_t used = 0;
+  for (uint32_t c = 2; c < 1002; c++)
+    used += b.allocated(c) ? 1 : 0;
+  ASSERT_EQ(0, load(b.build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+
+  struct vfsstatfs* sbp = vfs_statfs(mp);
+  EXPECT_EQ(4096u, sbp->f_bsize);
+  EXPECT_EQ(1000u, sbp->f_blocks);
+  EXPECT_EQ(1000u - used, sbp->f_bfree);
+  EXPECT_EQ(1000u - used, sbp->f_bavail);
+  EXPECT_EQ(used, sbp->f_bused);
+  EXPECT_EQ(0u, sbp->f_files);
+  EXPECT_STREQ("exfat", sbp->f_fstypename);
+  EXPECT_EQ(static_cast<int32_t>(xm->xm_dev), sbp->f_fsid.val[0]);
+  EXPECT_EQ(vfs_typenum(mp), sbp->f_fsid.val[1]);
+  EXPECT_TRUE(vfs_flags(mp) & MNT_IGNORE_OWNERSHIP);
+
+  struct vfs_attr va;
+  VFSATTR_INIT(&va);
+  char name[MAXPATHLEN];
+  va.f_vol_name = name;
+  VFSATTR_WANTED(&va, f_vol_name);
+  VFSATTR_WANTED(&va, f_uuid);
+  VFSATTR_WANTED(&va, f_capabilities);
+  VFSATTR_WANTED(&va, f_attributes);
+  ASSERT_EQ(0, VFS_GETATTR(mp, &va, vfs_context_kernel()));
+  EXPECT_EQ(1000u, va.f_blocks);
+  EXPECT_EQ(va.f_blocks, va.f_files);
+  EXPECT_EQ(va.f_bfree, va.f_ffree);
+  EXPECT_EQ(1000u - used, va.f_bfree);
+  EXPECT_STREQ("FIGURES", name);
+  EXPECT_EQ(0, memcmp(va.f_uuid, xm->xm_uuid, 16));
+  EXPECT_EQ(0x00402E22u, va.f_capabilities.capabilities[VOL_CAPABILITIES_FORMAT]);
+  EXPECT_EQ(0x0040FFFFu, va.f_capabilities.valid[VOL_CAPABILITIES_FORMAT]);
+  EXPECT_EQ(0x00000382u, va.f_capabilities.capabilities[VOL_CAPABILITIES_INTERFACES]);
+  EXPECT_EQ(0x022416BFu, va.f_attributes.nativeattr.commonattr);
+  EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_vol_name));
+  EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_bsize));
+  EXPECT_FALSE(VFSATTR_IS_SUPPORTED(&va, f_fsid)) << "filled only when asked for";
+}
+
+class Unmount : public MountTest {};
+
+TEST_F(Unmount, ReadOnlyUnmountWritesNothing) {
+  ImageBuilder b = mountable();
+  b.volume_flags(0x0008).percent_in_use(40);
+  std::vector<uint8_t> image = b.build();
+  ASSERT_EQ(0, load(image));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  ASSERT_EQ(0, unmount());
+  host_devstats stats;
+  host_blkdev_stats(devvp, &stats);
+  EXPECT_EQ(0u, stats.writes);
+  EXPECT_EQ(image, read_device(0, image.size()));
+}
+
+TEST_F(Unmount, ModuleCantStopWhileAVolumeIsMounted) {
+  ASSERT_EQ(0, load(mountable().build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  EXPECT_EQ(5, exfat_module_stop());
+  // Still usable: the volume unmounts and another mounts.
+  ASSERT_EQ(0, unmount());
+  EXPECT_EQ(0, mount(MNT_RDONLY));
+}

@@ -1,0 +1,212 @@
+// The root directory scan at mount: which bitmap is opened, duplicate
+// system entries, the volume label, the Volume GUID, and volumes that lack
+// a bitmap or an up-case table.
+
+#include <cstring>
+
+#include "mount_fixture.h"
+#include "tests/support/image_builder.h"
+
+using namespace exvol::test;
+
+namespace {
+
+std::string uuid_string(const uint8_t* u) {
+  char s[37];
+  snprintf(s, sizeof(s), "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+           u[0], u[1], u[2], u[3], u[4], u[5], u[6], u[7], u[8], u[9], u[10], u[11], u[12], u[13],
+           u[14], u[15]);
+  return s;
+}
+
+uint32_t used_clusters(const ImageBuilder& b) {
+  uint32_t used = 0;
+  for (uint32_t c = 2; c < b.geometry().cluster_count + 2; c++)
+    used += b.allocated(c) ? 1 : 0;
+  return used;
+}
+
+// A cluster whose bytes are all 0xFF: a bitmap that says every cluster is
+// in use, to tell a wrongly opened bitmap by the free count.
+uint32_t full_bitmap_cluster(ImageBuilder& b) {
+  uint32_t c = b.allocate(1, Alloc::Chain);
+  b.write_data(c, Alloc::Chain, std::vector<uint8_t>(b.bytes_per_cluster(), 0xFF));
+  return c;
+}
+
+const std::array<uint8_t, 16> kGuid = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
+                                       0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
+
+}  // namespace
+
+class RootScan : public MountTest {
+ protected:
+  struct exfat_node* bitmap_node() {
+    return static_cast<struct exfat_node*>(vnode_fsnode(xm->xm_bitmap_vp));
+  }
+};
+
+TEST_F(RootScan, SecondFatBitmapBeforeTheActiveOneIsPassedOver) {
+  ImageBuilder b;
+  uint32_t decoy = full_bitmap_cluster(b);
+  Placed second = b.add_entry(b.root(), bitmap_entry(0x01, decoy, b.bitmap_length()));
+  b.add_bitmap_entry().add_upcase_entry();
+  uint32_t used = used_clusters(b);
+  ASSERT_EQ(0, load(b.build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  EXPECT_EQ(b.geometry().cluster_count - used, xm->xm_free_clusters);
+  EXPECT_EQ(second.offset + 32, bitmap_node()->x_dir_offset);
+  EXPECT_EQ(b.bitmap_cluster(), bitmap_node()->x_start_cluster);
+  EXPECT_EQ(b.bitmap_length(), xm->xm_bitmap_size);
+  EXPECT_TRUE(vnode_issystem(xm->xm_bitmap_vp));
+  char name[32];
+  vnode_getname_copy(xm->xm_bitmap_vp, name, sizeof(name));
+  EXPECT_STREQ("<bitmap>", name);
+}
+
+TEST_F(RootScan, SecondActiveBitmapIsReportedAndIgnored) {
+  ImageBuilder b;
+  uint32_t decoy = full_bitmap_cluster(b);
+  b.add_bitmap_entry();
+  b.add_entry(b.root(), bitmap_entry(0x00, decoy, b.bitmap_length()));
+  b.add_upcase_entry();
+  uint32_t used = used_clusters(b);
+  ASSERT_EQ(0, load(b.build()));
+  KernLogCapture log;
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  EXPECT_EQ(1u, log.count("exfat: Found two active bitmap files!"));
+  EXPECT_EQ(b.geometry().cluster_count - used, xm->xm_free_clusters);
+}
+
+TEST_F(RootScan, SecondUpcaseTableIsReportedAndNotRead) {
+  ImageBuilder b;
+  b.add_bitmap_entry().add_upcase_entry().add_upcase_entry(0xBADBAD);
+  ASSERT_EQ(0, load(b.build()));
+  KernLogCapture log;
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  EXPECT_EQ(1u, log.count("exfat_scan_root_dir: Found two upcase tables!"));
+  EXPECT_EQ(0u, log.count("exfat: upcase checksum mismatch"));
+  ASSERT_NE(nullptr, xm->xm_upcase);
+  EXPECT_EQ('A', xm->xm_upcase['a']);
+  EXPECT_EQ(0x00E9, xm->xm_upcase[0x00E9]);
+}
+
+TEST_F(RootScan, LabelIsTakenWithItsOffsetAndTheLastOneWins) {
+  ImageBuilder b;
+  b.add_bitmap_entry().add_upcase_entry().add_label(u"FIRST");
+  Placed last = b.add_entry(b.root(), label_entry(u"Été"));
+  ASSERT_EQ(0, load(b.build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  EXPECT_STREQ("E\xCC\x81te\xCC\x81", xm->xm_label) << "reported decomposed";
+  EXPECT_EQ(last.offset, xm->xm_label_offset);
+}
+
+TEST_F(RootScan, DeletedLabelIsNotReported) {
+  ImageBuilder b;
+  b.add_bitmap_entry().add_upcase_entry();
+  Entry deleted = label_entry(u"GONE");
+  deleted[0] = 0x03;
+  b.add_entry(b.root(), deleted);
+  ASSERT_EQ(0, load(b.build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  EXPECT_STREQ("", xm->xm_label);
+  EXPECT_EQ(EXFAT_NO_LABEL_OFFSET, xm->xm_label_offset);
+}
+
+TEST_F(RootScan, LabelWithNoCharactersIsEmptyButRecorded) {
+  ImageBuilder b;
+  b.add_bitmap_entry().add_upcase_entry();
+  Placed label = b.add_entry(b.root(), label_entry(u"IGNORED", 0));
+  ASSERT_EQ(0, load(b.build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  EXPECT_STREQ("", xm->xm_label);
+  EXPECT_EQ(label.offset, xm->xm_label_offset);
+}
+
+TEST_F(RootScan, OverlongCharacterCountReadsOnlyTheEntry) {
+  ImageBuilder b;
+  b.add_bitmap_entry().add_upcase_entry();
+  Entry label = label_entry(u"ELEVENCHARS", 200);
+  // Whatever follows the label inside the entry is not part of the name.
+  label[24] = 'X';
+  b.add_entry(b.root(), label);
+  ASSERT_EQ(0, load(b.build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  EXPECT_STREQ("ELEVENCHARS", xm->xm_label);
+}
+
+TEST_F(RootScan, UnconvertibleLabelFailsTheMount) {
+  ImageBuilder b;
+  b.add_bitmap_entry().add_upcase_entry();
+  Entry label = label_entry(u"AB");
+  label[2] = 0x00;  // an unpaired high surrogate
+  label[3] = 0xD8;
+  b.add_entry(b.root(), label);
+  ASSERT_EQ(0, load(b.build()));
+  EXPECT_EQ(EINVAL, mount(MNT_RDONLY));
+  expect_nothing_left("after a bad label");
+}
+
+TEST_F(RootScan, VolumeGuidReplacesTheSerialUuid) {
+  ImageBuilder b;
+  b.add_bitmap_entry().add_upcase_entry().add_guid(kGuid);
+  ASSERT_EQ(0, load(b.build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  EXPECT_EQ("33221100-5544-7766-8899-AABBCCDDEEFF", uuid_string(xm->xm_uuid));
+}
+
+TEST_F(RootScan, VolumeGuidWithABadChecksumKeepsTheSerialUuid) {
+  for (bool claims_secondaries : {false, true}) {
+    ImageBuilder b(Geometry{.serial = 0x12345678});
+    b.add_bitmap_entry().add_upcase_entry();
+    if (claims_secondaries) {
+      // A GUID entry whose checksum is right only for a two-entry set.
+      Entry e = guid_entry(kGuid);
+      e[1] = 1;
+      std::vector<uint8_t> set(e.begin(), e.end());
+      set.resize(64);
+      fix_set_checksum(set);
+      b.add_entries(b.root(), set);
+    } else {
+      b.add_guid(kGuid, false);
+    }
+    ASSERT_EQ(0, load(b.build()));
+    ASSERT_EQ(0, mount(MNT_RDONLY));
+    EXPECT_EQ("9246EF5C-39A0-3E38-8960-B3D469327E21", uuid_string(xm->xm_uuid));
+    ASSERT_EQ(0, unmount());
+  }
+}
+
+class MissingSystemFiles : public MountTest {
+ protected:
+  // Mounts read-write and expects EINVAL, the messages, and a device left
+  // exactly as it was.
+  void expect_refused(ImageBuilder& b, bool upcase_message, bool bitmap_message) {
+    std::vector<uint8_t> image = b.build();
+    ASSERT_EQ(0, load(image));
+    KernLogCapture log;
+    EXPECT_EQ(EINVAL, mount());
+    EXPECT_EQ(upcase_message ? 1u : 0u, log.count("exfat_scan_root_dir: No upcase table!"));
+    EXPECT_EQ(bitmap_message ? 1u : 0u, log.count("exfat_scan_root_dir: No volume bitmap!"));
+    EXPECT_EQ(image, read_device(0, image.size())) << "nothing may be written";
+    expect_nothing_left("after a volume without system files");
+  }
+};
+
+TEST_F(MissingSystemFiles, NoUpcaseTable) {
+  ImageBuilder b;
+  b.add_bitmap_entry();
+  expect_refused(b, true, false);
+}
+
+TEST_F(MissingSystemFiles, OnlyASecondFatBitmap) {
+  ImageBuilder b;
+  b.add_bitmap_entry(0x01).add_upcase_entry();
+  expect_refused(b, false, true);
+}
+
+TEST_F(MissingSystemFiles, NeitherGivesBothMessages) {
+  ImageBuilder b;
+  b.add_label(u"EMPTY");
+  expect_refused(b, true, true);
+}
