@@ -1,0 +1,666 @@
+// Cluster chains and file size changes on mounted builder images: where a
+// first allocation lands, growth in place and into runs elsewhere (the
+// contiguous-to-chain conversion), freeing whole chains and cutting them
+// short, size changes that stay inside the allocation, directory growth,
+// the all-or-nothing space check, and the fatal caller errors. Every volume
+// meant to be consistent is checked with the exFAT checker after unmount.
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/buf.h"
+#include "host/kern.h"
+#include "host/malloc.h"
+#include "host/vfs.h"
+#include "tests/support/fsck.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+constexpr uint32_t kCluster = 4096;  // 512-byte sectors, 8 per cluster
+constexpr uint32_t kSizeDirty = X_MODIFIED | X_DIRTY | X_STREAM_DIRTY;
+
+struct Extent {
+  uint32_t cluster, index, length;
+  bool operator==(const Extent&) const = default;
+};
+std::ostream& operator<<(std::ostream& os, const Extent& e) {
+  return os << "{" << e.cluster << ", " << e.index << ", " << e.length << "}";
+}
+
+Geometry clusters(uint32_t count) {
+  Geometry g;
+  g.cluster_count = count;
+  return g;
+}
+
+class ChainTest : public MountTest {
+ protected:
+  explicit ChainTest(Geometry g = clusters(1024)) : builder_(g) {
+    builder_.add_bitmap_entry().add_upcase_entry();
+  }
+
+  void TearDown() override {
+    release_nodes();
+    MountTest::TearDown();
+  }
+
+  // Makes clusters first..last that are still free owned by contiguous
+  // filler files, one per free stretch, so that the volume stays
+  // consistent while its free space takes the shape a test needs.
+  void occupy(uint32_t first, uint32_t last) {
+    uint32_t c = first;
+    while (c <= last) {
+      if (builder_.allocated(c)) {
+        c++;
+        continue;
+      }
+      uint32_t start = c;
+      while (c <= last && !builder_.allocated(c))
+        builder_.set_allocated(c++, true);
+      FileSpec spec;
+      spec.name = u"fill" + std::u16string(1, static_cast<char16_t>(u'A' + fillers_++));
+      spec.first_cluster = start;
+      spec.data_length = uint64_t(c - start) * kCluster;
+      spec.no_fat_chain = true;
+      builder_.add_set(builder_.root(), spec);
+    }
+  }
+
+  // An empty regular file in the root; returns its set's offset.
+  uint32_t empty_file(const std::u16string& name) {
+    FileSpec spec;
+    spec.name = name;
+    return builder_.add_set(builder_.root(), spec).offset;
+  }
+
+  // A regular file whose data is the chain through `chain`, in order.
+  uint32_t chained_file(const std::u16string& name, const std::vector<uint32_t>& chain,
+                        uint64_t size) {
+    for (size_t i = 0; i < chain.size(); i++) {
+      builder_.set_allocated(chain[i], true);
+      builder_.set_fat(chain[i], i + 1 < chain.size() ? chain[i + 1] : EXFAT_FAT_EOC);
+    }
+    FileSpec spec;
+    spec.name = name;
+    spec.first_cluster = chain[0];
+    spec.data_length = size;
+    return builder_.add_set(builder_.root(), spec).offset;
+  }
+
+  void mount_built() {
+    image_bytes_ = builder_.build().size();
+    ASSERT_EQ(0, load(builder_.build()));
+    ASSERT_EQ(0, mount());
+    ctx_ = vfs_context_kernel();
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
+    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
+  }
+
+  // The node of the set at `offset` in the root, held until the test ends.
+  struct exfat_node* get(uint32_t offset) {
+    struct exfat_node* node = nullptr;
+    exfat_node_lock(root_);  // exfat_node_get drops this level
+    EXPECT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, offset, VNON, 0, &node, ctx_));
+    if (node != nullptr)
+      held_.push_back(node);
+    return node;
+  }
+
+  int truncate(struct exfat_node* node, uint64_t size, int flags = 0) {
+    exfat_node_lock(node);
+    int error = exfat_truncate(node, size, flags, ctx_);
+    exfat_node_unlock(node);
+    return error;
+  }
+
+  // Writes the node's stream fields back into its set in the root.
+  void update(struct exfat_node* node) {
+    exfat_lock_two(node, root_);
+    EXPECT_EQ(0, exfat_node_update(node, root_, ctx_));
+    exfat_node_unlock(root_);
+    exfat_node_unlock(node);
+  }
+
+  uint32_t fat(uint32_t cluster) {
+    uint32_t value = 0;
+    EXPECT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET, xm, cluster, &value, 0));
+    return value;
+  }
+
+  bool used(uint32_t cluster) {
+    lck_mtx_lock(xm->xm_bitmap_lock);
+    int error = 0;
+    uint32_t bit = cluster - 2;
+    uint32_t* word = exfat_bitmap_map(xm, bit, nullptr, &error);
+    bool value = word != nullptr && ((le32dec(word) >> (bit % 32)) & 1) != 0;
+    lck_mtx_unlock(xm->xm_bitmap_lock);
+    EXPECT_EQ(0, error);
+    return value;
+  }
+
+  // Writes both caches back and forgets them, so that any later FAT or
+  // bitmap access shows as a cached block.
+  void forget_caches() {
+    lck_mtx_lock(xm->xm_bitmap_lock);
+    ASSERT_EQ(0, exfat_bitmap_cache_flush(xm, 0));
+    xm->xm_bitmap_cache_offset = EXFAT_CACHE_NONE;
+    lck_mtx_unlock(xm->xm_bitmap_lock);
+    lck_mtx_lock(xm->xm_fat_lock);
+    ASSERT_EQ(0, exfat_fat_cache_flush(xm, 0));
+    xm->xm_fat_cache_offset = EXFAT_CACHE_NONE;
+    lck_mtx_unlock(xm->xm_fat_lock);
+  }
+
+  static Extent extent_of(const struct exfat_node* n) {
+    return {n->x_extent_cluster, n->x_extent_index, n->x_extent_length};
+  }
+
+  void release_nodes() {
+    for (struct exfat_node* node : held_)
+      vnode_put(node->x_vnode);
+    held_.clear();
+    if (root_vp_ != NULLVP)
+      vnode_put(root_vp_);
+    root_vp_ = NULLVP;
+  }
+
+  // Releases every node, unmounts, and runs the checker over the device.
+  void unmount_and_check() {
+    release_nodes();
+    ASSERT_EQ(0, unmount());
+    if (fsck_program().empty())
+      return;  // the checker is an optional oracle
+    FsckResult r = run_fsck(read_device(0, image_bytes_));
+    EXPECT_EQ(0, r.status) << r.output;
+  }
+
+  // The stream extension of the root's set at `offset`, as on the device.
+  std::vector<uint8_t> disk_stream(uint32_t offset) {
+    return read_device(builder_.dir_byte_offset(builder_.root(), offset + 32), 32);
+  }
+
+  ImageBuilder builder_;
+  size_t image_bytes_ = 0;
+  int fillers_ = 0;
+  vfs_context_t ctx_ = nullptr;
+  vnode_t root_vp_ = NULLVP;
+  struct exfat_node* root_ = nullptr;
+  std::vector<struct exfat_node*> held_;
+};
+
+class ChainGrowthTest : public ChainTest {
+ protected:
+  // Clusters 500 .. 499 + `tail` are free, as are the gaps 100-108 and
+  // 200-204; the rest of the volume is owned.
+  void shape(uint32_t tail) {
+    occupy(2, 99);
+    occupy(109, 199);
+    occupy(205, 499);
+    occupy(500 + tail, 1025);
+  }
+};
+
+// A first allocation is one run at the lowest free stretch that holds it,
+// marked contiguous, with no FAT access; growth into the clusters right
+// after it keeps it contiguous and extends the extent cache.
+TEST_F(ChainGrowthTest, FirstAllocationAndGrowthInPlaceStayContiguous) {
+  shape(15);
+  uint32_t f = empty_file(u"f");
+  mount_built();
+  struct exfat_node* node = get(f);
+  ASSERT_NE(nullptr, node);
+  uint32_t free_before = xm->xm_free_clusters;
+  forget_caches();
+
+  ASSERT_EQ(0, truncate(node, 10 * kCluster - 100));
+  EXPECT_EQ(500u, node->x_start_cluster);
+  EXPECT_EQ(509u, node->x_last_cluster);
+  EXPECT_EQ(10u * kCluster - 100, node->x_size);
+  EXPECT_EQ(0u, node->x_valid_size) << "growth leaves a file's valid size alone";
+  EXPECT_EQ((Extent{500, 0, 10}), extent_of(node));
+  EXPECT_EQ(X_CONTIGUOUS | kSizeDirty, node->x_flags & (X_CONTIGUOUS | kSizeDirty));
+  EXPECT_EQ(free_before - 10, xm->xm_free_clusters);
+  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset) << "a contiguous file touches no FAT";
+
+  ASSERT_EQ(0, truncate(node, 15 * kCluster));
+  EXPECT_TRUE(node->x_flags & X_CONTIGUOUS);
+  EXPECT_EQ(500u, node->x_start_cluster);
+  EXPECT_EQ(514u, node->x_last_cluster);
+  EXPECT_EQ(15u * kCluster, node->x_size);
+  EXPECT_EQ((Extent{500, 0, 15}), extent_of(node));
+  EXPECT_EQ(free_before - 15, xm->xm_free_clusters);
+  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset);
+  for (uint32_t c : {499u, 500u, 514u, 515u})
+    EXPECT_TRUE(used(c)) << c;
+  for (uint32_t c : {100u, 200u})
+    EXPECT_FALSE(used(c)) << c;
+
+  update(node);
+  unmount_and_check();
+  std::vector<uint8_t> stream = disk_stream(f);
+  EXPECT_EQ(EXFAT_SECONDARY_NO_FAT_CHAIN, stream[1] & EXFAT_SECONDARY_NO_FAT_CHAIN);
+  EXPECT_EQ(500u, le32dec(&stream[20]));
+  EXPECT_EQ(15u * kCluster, le64dec(&stream[24]));
+}
+
+// Growth that must take clusters elsewhere writes the old run into the FAT
+// as a chain, links it to the new run at the lowest stretch that holds the
+// rest, ends the chain, clears the contiguous mark and keeps the extent
+// cache on the first run.
+TEST_F(ChainGrowthTest, GrowthElsewhereTurnsTheFileIntoAChain) {
+  shape(10);  // cluster 510 is owned
+  uint32_t f = empty_file(u"f");
+  mount_built();
+  struct exfat_node* node = get(f);
+  ASSERT_NE(nullptr, node);
+  uint32_t free_before = xm->xm_free_clusters;
+
+  ASSERT_EQ(0, truncate(node, 10 * kCluster));
+  ASSERT_EQ(500u, node->x_start_cluster);
+  ASSERT_EQ(0, truncate(node, 15 * kCluster));
+  EXPECT_FALSE(node->x_flags & X_CONTIGUOUS);
+  EXPECT_EQ(500u, node->x_start_cluster);
+  EXPECT_EQ(104u, node->x_last_cluster) << "the lowest stretch that holds 5 is 100-108";
+  EXPECT_EQ(15u * kCluster, node->x_size);
+  EXPECT_EQ((Extent{500, 0, 10}), extent_of(node));
+  EXPECT_EQ(free_before - 15, xm->xm_free_clusters);
+  for (uint32_t c = 500; c < 509; c++)
+    EXPECT_EQ(c + 1, fat(c)) << c;
+  EXPECT_EQ(100u, fat(509));
+  for (uint32_t c = 100; c < 104; c++)
+    EXPECT_EQ(c + 1, fat(c)) << c;
+  EXPECT_EQ(EXFAT_FAT_EOC, fat(104));
+  EXPECT_TRUE(used(104));
+  EXPECT_FALSE(used(105));
+
+  // From now on the file grows by chain even where it could run on.
+  ASSERT_EQ(0, truncate(node, 17 * kCluster));
+  EXPECT_EQ(106u, node->x_last_cluster);
+  EXPECT_EQ(105u, fat(104));
+  EXPECT_EQ(EXFAT_FAT_EOC, fat(106));
+
+  update(node);
+  unmount_and_check();
+  std::vector<uint8_t> stream = disk_stream(f);
+  EXPECT_EQ(0, stream[1] & EXFAT_SECONDARY_NO_FAT_CHAIN);
+  EXPECT_EQ(17u * kCluster, le64dec(&stream[24]));
+}
+
+// With no stretch long enough, growth takes the longest runs first, lower
+// clusters first among equals, and links them in that order.
+TEST_F(ChainTest, FragmentedGrowthTakesTheLongestRunsFirst) {
+  occupy(2, 99);     // free: 100-102 (3)
+  occupy(103, 199);  // free: 200-209 (10)
+  occupy(210, 299);  // free: 300-304 (5)
+  occupy(305, 399);  // free: 400-404 (5)
+  occupy(405, 1025);
+  uint32_t f = empty_file(u"f");
+  mount_built();
+  struct exfat_node* node = get(f);
+  ASSERT_NE(nullptr, node);
+  ASSERT_EQ(23u, xm->xm_free_clusters);
+
+  ASSERT_EQ(0, truncate(node, 23 * kCluster, IO_UNIT));
+  EXPECT_EQ(200u, node->x_start_cluster);
+  EXPECT_EQ(300u, fat(209));
+  EXPECT_EQ(400u, fat(304));
+  EXPECT_EQ(100u, fat(404));
+  EXPECT_EQ(EXFAT_FAT_EOC, fat(102));
+  EXPECT_EQ(102u, node->x_last_cluster);
+  EXPECT_EQ(0u, xm->xm_free_clusters);
+
+  update(node);
+  unmount_and_check();
+}
+
+// An all-or-nothing request one cluster larger than the free space fails
+// before anything changes; without all-or-nothing the file takes what there
+// is and keeps it, sized in whole clusters.
+TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
+  uint32_t f = empty_file(u"f");
+  mount_built();
+  struct exfat_node* node = get(f);
+  ASSERT_NE(nullptr, node);
+  const uint32_t free_clusters = xm->xm_free_clusters;
+  const uint32_t flags = node->x_flags;
+
+  EXPECT_EQ(ENOSPC, truncate(node, uint64_t(free_clusters + 1) * kCluster, IO_UNIT));
+  exfat_node_lock(node);
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  EXPECT_EQ(ENOSPC, exfat_file_extend(node, uint64_t(free_clusters) * kCluster + 1, IO_UNIT));
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  exfat_node_unlock(node);
+  EXPECT_EQ(0u, node->x_size);
+  EXPECT_EQ(0u, node->x_start_cluster);
+  EXPECT_EQ(flags, node->x_flags);
+  EXPECT_EQ(free_clusters, xm->xm_free_clusters);
+
+  EXPECT_EQ(ENOSPC, truncate(node, uint64_t(free_clusters + 1) * kCluster + 7));
+  EXPECT_EQ(uint64_t(free_clusters) * kCluster, node->x_size);
+  EXPECT_EQ(0u, xm->xm_free_clusters);
+  EXPECT_TRUE(node->x_flags & X_STREAM_DIRTY);
+
+  update(node);
+  unmount_and_check();
+}
+
+// Without its free-run table an extension fails with ENOMEM and takes no
+// cluster.
+TEST_F(ChainTest, ExtensionWithoutMemoryTakesNothing) {
+  uint32_t f = empty_file(u"f");
+  mount_built();
+  struct exfat_node* node = get(f);
+  ASSERT_NE(nullptr, node);
+  const uint32_t free_clusters = xm->xm_free_clusters;
+  exfat_node_lock(node);
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(ENOMEM, exfat_file_extend(node, kCluster, 0));
+  host_malloc_fail_nth(0);
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  exfat_node_unlock(node);
+  EXPECT_EQ(0u, node->x_size);
+  EXPECT_EQ(0u, node->x_start_cluster);
+  EXPECT_EQ(free_clusters, xm->xm_free_clusters);
+}
+
+// Cutting a chained file to 0 frees every run, forgets the allocation, and
+// the next allocation is one contiguous run again. The freed clusters' FAT
+// entries are left as they were.
+TEST_F(ChainTest, TruncatingAChainToZeroFreesEveryRunAndStartsOver) {
+  uint32_t f = chained_file(u"f", {30, 31, 32, 50, 51}, 5 * kCluster);
+  mount_built();
+  struct exfat_node* node = get(f);
+  ASSERT_NE(nullptr, node);
+  uint32_t free_before = xm->xm_free_clusters;
+  ASSERT_FALSE(node->x_flags & X_CONTIGUOUS);
+
+  ASSERT_EQ(0, truncate(node, 0));
+  EXPECT_EQ(0u, node->x_size);
+  EXPECT_EQ(0u, node->x_valid_size);
+  EXPECT_EQ(0u, node->x_start_cluster);
+  EXPECT_EQ(0u, node->x_last_cluster);
+  EXPECT_EQ(0u, node->x_extent_length);
+  EXPECT_EQ(kSizeDirty, node->x_flags & kSizeDirty);
+  EXPECT_EQ(free_before + 5, xm->xm_free_clusters);
+  for (uint32_t c : {30u, 31u, 32u, 50u, 51u})
+    EXPECT_FALSE(used(c)) << c;
+  EXPECT_EQ(31u, fat(30));
+  EXPECT_EQ(50u, fat(32));
+
+  ASSERT_EQ(0, truncate(node, 3 * kCluster));
+  EXPECT_TRUE(node->x_flags & X_CONTIGUOUS);
+  uint32_t lowest = 2;
+  while (builder_.allocated(lowest) || builder_.allocated(lowest + 1) ||
+         builder_.allocated(lowest + 2))
+    lowest++;
+  EXPECT_EQ(lowest, node->x_start_cluster);
+  EXPECT_EQ((Extent{lowest, 0, 3}), extent_of(node));
+
+  update(node);
+  unmount_and_check();
+}
+
+// Shrinking a three-cluster chain to one byte ends the chain at its first
+// cluster and frees the other two.
+TEST_F(ChainTest, ShrinkingAThreeClusterChainToOneByte) {
+  uint32_t f = chained_file(u"f", {60, 70, 80}, 3 * kCluster);
+  mount_built();
+  struct exfat_node* node = get(f);
+  ASSERT_NE(nullptr, node);
+  uint32_t free_before = xm->xm_free_clusters;
+
+  ASSERT_EQ(0, truncate(node, 1));
+  EXPECT_EQ(EXFAT_FAT_EOC, fat(60));
+  EXPECT_EQ(80u, fat(70)) << "a freed cluster's entry is left alone";
+  EXPECT_TRUE(used(60));
+  EXPECT_FALSE(used(70));
+  EXPECT_FALSE(used(80));
+  EXPECT_EQ(free_before + 2, xm->xm_free_clusters);
+  EXPECT_EQ(60u, node->x_start_cluster);
+  EXPECT_EQ(60u, node->x_last_cluster);
+  EXPECT_EQ(1u, node->x_size);
+  EXPECT_EQ(1u, node->x_valid_size);
+  EXPECT_EQ((Extent{60, 0, 1}), extent_of(node));
+
+  update(node);
+  unmount_and_check();
+  EXPECT_EQ(1u, le64dec(&disk_stream(f)[24]));
+}
+
+// Shrinking a contiguous file frees its tail in the bitmap only and trims
+// the extent cache; growing it again afterwards continues in place.
+TEST_F(ChainTest, ShrinkingAContiguousFileFreesItsTail) {
+  Placed p = builder_.add_file(builder_.root(), u"f", std::vector<uint8_t>(6 * kCluster, 'x'),
+                               Alloc::Contiguous);
+  mount_built();
+  struct exfat_node* node = get(p.offset);
+  ASSERT_NE(nullptr, node);
+  const uint32_t first = p.first_cluster;
+  forget_caches();
+
+  ASSERT_EQ(0, truncate(node, 2 * kCluster + 1));
+  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset);
+  EXPECT_TRUE(node->x_flags & X_CONTIGUOUS);
+  EXPECT_EQ(first + 2, node->x_last_cluster);
+  EXPECT_EQ((Extent{first, 0, 3}), extent_of(node));
+  EXPECT_EQ(2u * kCluster + 1, node->x_valid_size);
+  EXPECT_TRUE(used(first + 2));
+  EXPECT_FALSE(used(first + 3));
+  EXPECT_FALSE(used(first + 5));
+
+  ASSERT_EQ(0, truncate(node, 4 * kCluster));
+  EXPECT_TRUE(node->x_flags & X_CONTIGUOUS);
+  EXPECT_EQ((Extent{first, 0, 4}), extent_of(node));
+
+  update(node);
+  unmount_and_check();
+}
+
+// A size inside the same number of clusters changes only the sizes: no
+// bitmap or FAT block is even looked at, and the valid size is lowered only
+// by a shrink below it.
+TEST_F(ChainTest, SizeChangesInsideTheAllocationTouchNoMetadata) {
+  Placed p = builder_.add_file(builder_.root(), u"f", std::vector<uint8_t>(6000, 'x'),
+                               Alloc::Contiguous);
+  mount_built();
+  struct exfat_node* node = get(p.offset);
+  ASSERT_NE(nullptr, node);
+  uint32_t free_before = xm->xm_free_clusters;
+  forget_caches();
+
+  ASSERT_EQ(0, truncate(node, 8000));
+  EXPECT_EQ(8000u, node->x_size);
+  EXPECT_EQ(6000u, node->x_valid_size);
+  EXPECT_EQ(kSizeDirty, node->x_flags & kSizeDirty);
+  ASSERT_EQ(0, truncate(node, 5000));
+  EXPECT_EQ(5000u, node->x_valid_size);
+  ASSERT_EQ(0, truncate(node, 7000));
+  EXPECT_EQ(5000u, node->x_valid_size);
+  ASSERT_EQ(0, truncate(node, kCluster + 1));
+  EXPECT_EQ(kCluster + 1u, node->x_size);
+  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_bitmap_cache_offset);
+  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset);
+  EXPECT_EQ(free_before, xm->xm_free_clusters);
+  EXPECT_EQ((Extent{p.first_cluster, 0, 2}), extent_of(node));
+
+  update(node);
+  unmount_and_check();
+}
+
+// A directory's new clusters are zero-filled (whatever they held before)
+// and its valid size follows its size.
+TEST_F(ChainTest, GrowingADirectoryZeroFillsItsNewClusters) {
+  uint32_t d_offset = builder_.root().next_offset;
+  Dir d = builder_.mkdir(builder_.root(), u"d", 1);
+  const uint32_t first = d.first_cluster;
+  ASSERT_FALSE(builder_.allocated(first + 1));
+  ASSERT_FALSE(builder_.allocated(first + 2));
+  builder_.write_data(first + 1, Alloc::Contiguous, std::vector<uint8_t>(2 * kCluster, 0xEE));
+  mount_built();
+  struct exfat_node* dir = get(d_offset);
+  ASSERT_NE(nullptr, dir);
+
+  ASSERT_EQ(0, truncate(dir, 3 * kCluster, IO_UNIT));
+  EXPECT_EQ(3u * kCluster, dir->x_size);
+  EXPECT_EQ(3u * kCluster, dir->x_valid_size);
+  EXPECT_EQ(first + 1, fat(first));
+  EXPECT_EQ(EXFAT_FAT_EOC, fat(first + 2));
+  std::vector<uint8_t> contents(2 * kCluster, 0xAA);
+  exfat_node_lock(dir);
+  EXPECT_EQ(0, exfat_dir_read(dir, nullptr, contents.data(), kCluster, 2 * kCluster, ctx_));
+  exfat_node_unlock(dir);
+  EXPECT_EQ(std::vector<uint8_t>(2 * kCluster, 0), contents);
+
+  update(dir);
+  unmount_and_check();
+  EXPECT_EQ(std::vector<uint8_t>(2 * kCluster, 0),
+            read_device(builder_.cluster_byte_offset(first + 1), 2 * kCluster));
+}
+
+// Freeing a chain releases it run by run and stops at its end (a bad-cluster
+// mark included), without touching the clusters that follow a run on disk.
+TEST_F(ChainTest, ChainFreeFollowsTheChainOnly) {
+  for (uint32_t c : {40u, 41u, 42u, 43u, 60u, 61u, 62u})
+    builder_.set_allocated(c, true);
+  builder_.set_fat(40, 41).set_fat(41, 42).set_fat(42, 60).set_fat(60, 61).set_fat(61, EXFAT_FAT_BAD);
+  builder_.set_fat(43, 44).set_fat(62, 63);
+  mount_built();
+  uint32_t free_before = xm->xm_free_clusters;
+
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  lck_mtx_lock(xm->xm_fat_lock);
+  EXPECT_EQ(0, exfat_chain_free(xm, 40));
+  EXPECT_EQ(0, exfat_chain_free(xm, 1)) << "no chain";
+  lck_mtx_assert(xm->xm_fat_lock, LCK_MTX_ASSERT_OWNED);
+  lck_mtx_unlock(xm->xm_fat_lock);
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+
+  EXPECT_EQ(free_before + 5, xm->xm_free_clusters);
+  for (uint32_t c : {40u, 41u, 42u, 60u, 61u})
+    EXPECT_FALSE(used(c)) << c;
+  EXPECT_TRUE(used(43));
+  EXPECT_TRUE(used(62));
+}
+
+// A chain that links back into itself is reported as corrupt instead of
+// being freed for ever.
+TEST_F(ChainTest, ChainFreeStopsAtALoop) {
+  builder_.set_allocated(90, true).set_allocated(91, true);
+  builder_.set_fat(90, 91).set_fat(91, 90);
+  mount_built();
+  KernLogCapture log;
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  lck_mtx_lock(xm->xm_fat_lock);
+  EXPECT_EQ(EIO, exfat_chain_free(xm, 90));
+  lck_mtx_unlock(xm->xm_fat_lock);
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+  EXPECT_EQ(1u, log.count("exfat_chain_free: corrupt cluster chain detected"));
+}
+
+// Writing a chain links the clusters one after another and ends it; a
+// count of 0 writes nothing.
+TEST_F(ChainTest, ChainAllocWritesConsecutiveLinks) {
+  mount_built();
+  lck_mtx_lock(xm->xm_fat_lock);
+  EXPECT_EQ(0, exfat_chain_alloc(xm, 300, 3));
+  EXPECT_EQ(0, exfat_chain_alloc(xm, 400, 0));
+  EXPECT_EQ(EIO, exfat_chain_alloc(xm, xm->xm_max_cluster, 2)) << "past the heap";
+  lck_mtx_unlock(xm->xm_fat_lock);
+  EXPECT_EQ(301u, fat(300));
+  EXPECT_EQ(302u, fat(301));
+  EXPECT_EQ(EXFAT_FAT_EOC, fat(302));
+  EXPECT_EQ(0u, fat(400));
+}
+
+// Caller errors are fatal, with the function and the condition named.
+using ChainDeathTest = ChainTest;
+
+TEST_F(ChainDeathTest, SizeChangesThatChangeNothingAreFatal) {
+  Placed p = builder_.add_file(builder_.root(), u"f", std::vector<uint8_t>(100, 'x'));
+  mount_built();
+  struct exfat_node* node = get(p.offset);
+  ASSERT_NE(nullptr, node);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        exfat_node_lock(node);
+        lck_mtx_lock(xm->xm_bitmap_lock);
+        exfat_file_extend(node, 100, 0);
+      },
+      "exfat_file_extend: trying to make file smaller");
+  EXPECT_DEATH(
+      {
+        exfat_node_lock(node);
+        lck_mtx_lock(xm->xm_bitmap_lock);
+        exfat_file_shrink(node, 100);
+      },
+      "exfat_file_shrink: trying to make file larger");
+  EXPECT_DEATH(
+      {
+        exfat_node_lock(node);
+        exfat_truncate(node, 100, 0, ctx_);
+      },
+      "exfat_truncate: file size not changing\\?");
+}
+
+// --- Threads ---------------------------------------------------------------------------
+
+class ChainConcurrency : public ChainTest {};
+
+// Two files growing a cluster at a time from two threads interleave their
+// clusters, so both turn into chains; no cluster may end up in both, the
+// free count must account for every cluster, and the volume must check
+// clean.
+TEST_F(ChainConcurrency, FilesGrowingTogetherNeverShareACluster) {
+  uint32_t fa = empty_file(u"a");
+  uint32_t fb = empty_file(u"b");
+  mount_built();
+  struct exfat_node* a = get(fa);
+  struct exfat_node* b = get(fb);
+  ASSERT_NE(nullptr, a);
+  ASSERT_NE(nullptr, b);
+  const uint32_t free_before = xm->xm_free_clusters;
+  constexpr uint32_t kSteps = 24;
+
+  int errors[2] = {0, 0};
+  auto grow = [&](struct exfat_node* node, int* error) {
+    for (uint32_t i = 1; i <= kSteps && *error == 0; i++) {
+      *error = truncate(node, uint64_t(i) * kCluster);
+      std::this_thread::yield();
+    }
+  };
+  std::thread ta(grow, a, &errors[0]);
+  std::thread tb(grow, b, &errors[1]);
+  ta.join();
+  tb.join();
+  ASSERT_EQ(0, errors[0]);
+  ASSERT_EQ(0, errors[1]);
+  EXPECT_EQ(free_before - 2 * kSteps, xm->xm_free_clusters);
+
+  std::set<uint32_t> seen;
+  for (struct exfat_node* node : {a, b}) {
+    for (uint32_t i = 0; i < kSteps; i++) {
+      uint32_t cluster = 0;
+      ASSERT_EQ(0, exfat_blockmap(node, i, 1, nullptr, &cluster, nullptr));
+      EXPECT_TRUE(seen.insert(cluster).second) << "cluster " << cluster << " used twice";
+      EXPECT_TRUE(used(cluster)) << cluster;
+    }
+  }
+
+  update(a);
+  update(b);
+  unmount_and_check();
+}
+
+}  // namespace

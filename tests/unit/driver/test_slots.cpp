@@ -1,0 +1,386 @@
+// Free entry slots and entry deletion on mounted builder images with
+// 512-byte clusters (16 slots per directory cluster): where a search for
+// slots lands, how a directory grows when no run is long enough, which bytes
+// a deletion changes, and which clusters it releases.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/kern.h"
+#include "host/malloc.h"
+#include "host/vfs.h"
+#include "tests/support/fsck.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+constexpr uint32_t kCluster = 512;
+constexpr uint32_t kSlots = kCluster / EXFAT_ENTRY_SIZE;
+
+Geometry small_clusters() {
+  Geometry g;
+  g.sector_shift = 9;
+  g.cluster_shift = 0;
+  g.cluster_count = 512;
+  return g;
+}
+
+class SlotTest : public MountTest {
+ protected:
+  SlotTest() : builder_(small_clusters()) {
+    builder_.add_bitmap_entry().add_upcase_entry();
+    dir_offset_ = builder_.root().next_offset;
+    dir_ = builder_.mkdir(builder_.root(), u"d", 1);
+  }
+
+  void TearDown() override {
+    release_nodes();
+    MountTest::TearDown();
+  }
+
+  // Appends a set of `entries` entries (3 or 4) for an empty file to the
+  // directory under test; returns its offset.
+  uint32_t add(uint32_t entries, const FileSpec& base = {}) {
+    FileSpec spec = base;
+    std::u16string name = u"n" + std::u16string(1, static_cast<char16_t>(u'A' + names_++));
+    if (entries == 4)
+      name.resize(16, u'x');
+    spec.name = name;
+    return builder_.add_set(dir_, spec).offset;
+  }
+
+  void mount_and_open() {
+    image_bytes_ = builder_.build().size();
+    ASSERT_EQ(0, load(builder_.build()));
+    ASSERT_EQ(0, mount());
+    ctx_ = vfs_context_kernel();
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
+    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
+    exfat_node_lock(root_);  // exfat_node_get drops this level
+    ASSERT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, dir_offset_, VNON, 0, &dir_node_, ctx_));
+    ASSERT_EQ(VDIR, vnode_vtype(dir_node_->x_vnode));
+  }
+
+  int find(uint32_t wanted, uint32_t* offset) {
+    exfat_node_lock(dir_node_);
+    int error = exfat_find_empty_entries(dir_node_, wanted, offset, ctx_);
+    exfat_node_unlock(dir_node_);
+    return error;
+  }
+
+  int remove(uint32_t offset, uint32_t count, int free_clusters) {
+    exfat_node_lock(dir_node_);
+    int error = exfat_delete_dirents(dir_node_, offset, count, free_clusters, ctx_);
+    exfat_node_unlock(dir_node_);
+    return error;
+  }
+
+  std::vector<uint8_t> contents(uint32_t offset, uint32_t length) {
+    std::vector<uint8_t> data(length);
+    exfat_node_lock(dir_node_);
+    EXPECT_EQ(0, exfat_dir_read(dir_node_, nullptr, data.data(), offset, length, ctx_));
+    exfat_node_unlock(dir_node_);
+    return data;
+  }
+
+  bool used(uint32_t cluster) {
+    lck_mtx_lock(xm->xm_bitmap_lock);
+    int error = 0;
+    uint32_t bit = cluster - 2;
+    uint32_t* word = exfat_bitmap_map(xm, bit, nullptr, &error);
+    bool value = word != nullptr && ((le32dec(word) >> (bit % 32)) & 1) != 0;
+    lck_mtx_unlock(xm->xm_bitmap_lock);
+    EXPECT_EQ(0, error);
+    return value;
+  }
+
+  // Marks every free cluster but `keep` used, as if other files had taken
+  // them.
+  void fill_volume(uint32_t keep) {
+    lck_mtx_lock(xm->xm_bitmap_lock);
+    for (uint32_t c = 2; c <= xm->xm_max_cluster && xm->xm_free_clusters > keep; c++) {
+      int error = 0;
+      uint32_t* word = exfat_bitmap_map(xm, c - 2, nullptr, &error);
+      ASSERT_NE(nullptr, word);
+      if (((le32dec(word) >> ((c - 2) % 32)) & 1) == 0) {
+        ASSERT_EQ(0, exfat_bitmap_mark_used(xm, c, 1));
+      }
+    }
+    lck_mtx_unlock(xm->xm_bitmap_lock);
+  }
+
+  // Writes the directory's stream fields back into its set in the root.
+  void update_dir() {
+    exfat_lock_two(dir_node_, root_);
+    EXPECT_EQ(0, exfat_node_update(dir_node_, root_, ctx_));
+    exfat_node_unlock(root_);
+    exfat_node_unlock(dir_node_);
+  }
+
+  void release_nodes() {
+    if (dir_node_ != nullptr)
+      vnode_put(dir_node_->x_vnode);
+    dir_node_ = nullptr;
+    if (root_vp_ != NULLVP)
+      vnode_put(root_vp_);
+    root_vp_ = NULLVP;
+  }
+
+  void unmount_and_check() {
+    release_nodes();
+    ASSERT_EQ(0, unmount());
+    if (fsck_program().empty())
+      return;  // the checker is an optional oracle
+    FsckResult r = run_fsck(read_device(0, image_bytes_));
+    EXPECT_EQ(0, r.status) << r.output;
+  }
+
+  ImageBuilder builder_;
+  Dir dir_;
+  uint32_t dir_offset_ = 0;
+  int names_ = 0;
+  size_t image_bytes_ = 0;
+  vfs_context_t ctx_ = nullptr;
+  vnode_t root_vp_ = NULLVP;
+  struct exfat_node* root_ = nullptr;
+  struct exfat_node* dir_node_ = nullptr;
+};
+
+// In an empty directory the end marker and the zeroed slots after it are
+// free: the search returns offset 0 and the directory does not grow.
+TEST_F(SlotTest, EmptyDirectoryGivesTheFirstSlot) {
+  mount_and_open();
+  uint32_t offset = 99;
+  ASSERT_EQ(0, find(3, &offset));
+  EXPECT_EQ(0u, offset);
+  ASSERT_EQ(0, find(kSlots, &offset));
+  EXPECT_EQ(0u, offset);
+  EXPECT_EQ(kCluster, dir_node_->x_size);
+}
+
+// A directory with every slot in use grows by one zero-filled cluster, and
+// the new set goes at its old end.
+TEST_F(SlotTest, FullDirectoryGrowsByOneCluster) {
+  for (int i = 0; i < 4; i++)
+    add(3);
+  add(4);
+  ASSERT_EQ(kSlots * EXFAT_ENTRY_SIZE, dir_.next_offset);
+  // Whatever the next cluster held must not show up as entries.
+  builder_.write_data(dir_.first_cluster + 1, Alloc::Contiguous,
+                      std::vector<uint8_t>(kCluster, EXFAT_ENTRY_FILE));
+  mount_and_open();
+  uint32_t free_before = xm->xm_free_clusters;
+
+  uint32_t offset = 0;
+  ASSERT_EQ(0, find(3, &offset));
+  EXPECT_EQ(kCluster, offset);
+  EXPECT_EQ(2u * kCluster, dir_node_->x_size);
+  EXPECT_EQ(2u * kCluster, dir_node_->x_valid_size);
+  EXPECT_EQ(free_before - 1, xm->xm_free_clusters);
+  EXPECT_EQ(std::vector<uint8_t>(kCluster, 0), contents(kCluster, kCluster));
+
+  update_dir();
+  unmount_and_check();
+}
+
+// A run of free slots at the end of the directory is kept: the directory
+// grows only by what the run lacks, and the set starts at the run.
+TEST_F(SlotTest, TrailingFreeSlotsAreExtended) {
+  add(3);
+  add(3);
+  add(4);
+  add(4);  // 14 slots in use, the last two free
+  mount_and_open();
+
+  uint32_t offset = 0;
+  ASSERT_EQ(0, find(2, &offset));
+  EXPECT_EQ(14u * EXFAT_ENTRY_SIZE, offset);
+  EXPECT_EQ(kCluster, dir_node_->x_size) << "a run long enough needs no growth";
+
+  ASSERT_EQ(0, find(3, &offset));
+  EXPECT_EQ(14u * EXFAT_ENTRY_SIZE, offset);
+  EXPECT_EQ(2u * kCluster, dir_node_->x_size);
+
+  update_dir();
+  unmount_and_check();
+}
+
+// A deleted set is reused by a search that fits it; a longer search passes
+// it by, unless the slots after it are free too.
+TEST_F(SlotTest, DeletedSetsAreReusedWhenTheyFit) {
+  add(3);
+  uint32_t b = add(3);
+  uint32_t c = add(3);  // slots 9-15 stay free
+  builder_.mark_deleted(dir_, b, 3);
+  mount_and_open();
+
+  uint32_t offset = 0;
+  ASSERT_EQ(0, find(3, &offset));
+  EXPECT_EQ(b, offset);
+  ASSERT_EQ(0, find(4, &offset));
+  EXPECT_EQ(c + 3 * EXFAT_ENTRY_SIZE, offset);
+
+  // With the set after it deleted as well, the run reaches the end.
+  ASSERT_EQ(0, remove(c, 3, 0));
+  ASSERT_EQ(0, find(4, &offset));
+  EXPECT_EQ(b, offset);
+  EXPECT_EQ(kCluster, dir_node_->x_size);
+
+  // A search longer than the trailing run (13 slots) grows the directory
+  // by what the run lacks and starts at the run.
+  ASSERT_EQ(0, find(14, &offset));
+  EXPECT_EQ(b, offset);
+  EXPECT_EQ(2u * kCluster, dir_node_->x_size);
+
+  update_dir();
+  unmount_and_check();
+}
+
+// Growth is all or nothing: a directory that needs two more clusters on a
+// volume with one free fails with ENOSPC and stays as it was.
+TEST_F(SlotTest, GrowthWithoutSpaceChangesNothing) {
+  for (int i = 0; i < 4; i++)
+    add(3);
+  add(4);
+  mount_and_open();
+  fill_volume(1);
+  ASSERT_EQ(1u, xm->xm_free_clusters);
+
+  uint32_t offset = 1234;
+  EXPECT_EQ(ENOSPC, find(kSlots + 1, &offset));
+  EXPECT_EQ(1234u, offset);
+  EXPECT_EQ(kCluster, dir_node_->x_size);
+  EXPECT_EQ(1u, xm->xm_free_clusters);
+  EXPECT_EQ(0u, dir_node_->x_flags & X_STREAM_DIRTY);
+}
+
+// Deleting a set clears bit 7 of each entry's type and changes no other
+// byte, neither of the set nor of its neighbours.
+TEST_F(SlotTest, DeletionClearsOnlyTheInUseBits) {
+  add(3);
+  uint32_t b = add(3);
+  add(4);
+  mount_and_open();
+  std::vector<uint8_t> before = contents(0, kCluster);
+  ASSERT_EQ(EXFAT_ENTRY_FILE, before[b]);
+
+  ASSERT_EQ(0, remove(b, 3, 1));
+  std::vector<uint8_t> after = contents(0, kCluster);
+  EXPECT_EQ(0x05, after[b]);
+  EXPECT_EQ(0x40, after[b + 32]);
+  EXPECT_EQ(0x41, after[b + 64]);
+  std::vector<uint8_t> expected = before;
+  expected[b] = 0x05;
+  expected[b + 32] = 0x40;
+  expected[b + 64] = 0x41;
+  EXPECT_EQ(expected, after);
+
+  unmount_and_check();
+  EXPECT_EQ(expected, read_device(builder_.dir_byte_offset(dir_, 0), kCluster));
+}
+
+// The free flag: 0 leaves every allocation alone; 1 releases the clusters
+// of extra secondaries that own some (a contiguous run or a chain), never
+// the stream extension's, and never those of a secondary without
+// AllocationPossible.
+TEST_F(SlotTest, FreeFlagReleasesOnlyExtraSecondaries) {
+  auto set_with_extras = [&](uint32_t* data, uint32_t* run, uint32_t* chain, uint32_t* inert) {
+    *data = builder_.allocate(1, Alloc::Chain);
+    *run = builder_.allocate(2, Alloc::Contiguous);
+    *chain = builder_.allocate(2, Alloc::Chain);
+    *inert = builder_.allocate(1, Alloc::Contiguous);
+    FileSpec spec;
+    spec.first_cluster = *data;
+    spec.data_length = kCluster;
+    spec.extra_secondaries = {
+        raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x03, *run, 2 * kCluster),
+        raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x01, *chain, 2 * kCluster),
+        raw_entry(EXFAT_ENTRY_VENDOR_EXT, 0x02, *inert, kCluster),
+    };
+    return add(3, spec);
+  };
+  uint32_t data0, run0, chain0, inert0, data1, run1, chain1, inert1;
+  uint32_t keep = set_with_extras(&data0, &run0, &chain0, &inert0);
+  uint32_t release = set_with_extras(&data1, &run1, &chain1, &inert1);
+  uint32_t inert_primary = builder_.allocate(1, Alloc::Contiguous);
+  uint32_t benign =
+      builder_.add_entry(dir_, raw_entry(0xA5, 0x03, inert_primary, kCluster)).offset;
+  mount_and_open();
+  const uint32_t free_before = xm->xm_free_clusters;
+
+  ASSERT_EQ(0, remove(keep, 6, 0));
+  EXPECT_EQ(free_before, xm->xm_free_clusters);
+  for (uint32_t c : {data0, run0, run0 + 1, chain0, inert0})
+    EXPECT_TRUE(used(c)) << c;
+
+  ASSERT_EQ(0, remove(release, 6, 1));
+  EXPECT_EQ(free_before + 4, xm->xm_free_clusters);
+  EXPECT_TRUE(used(data1)) << "the stream's clusters go with the file, not here";
+  EXPECT_TRUE(used(inert1));
+  for (uint32_t c : {run1, run1 + 1, chain1})
+    EXPECT_FALSE(used(c)) << c;
+
+  // A primary owns nothing here, whatever its second byte says.
+  ASSERT_EQ(0, remove(benign, 1, 1));
+  EXPECT_TRUE(used(inert_primary));
+
+  std::vector<uint8_t> entries = contents(release, 6 * EXFAT_ENTRY_SIZE);
+  const uint8_t types[] = {0x05, 0x40, 0x41, 0x61, 0x61, 0x60};
+  for (int i = 0; i < 6; i++)
+    EXPECT_EQ(types[i], entries[i * EXFAT_ENTRY_SIZE]) << i;
+}
+
+// A secondary whose clusters cannot be released is reported and deleted
+// anyway; the deletion succeeds.
+TEST_F(SlotTest, FailedReleaseIsLoggedAndIgnored) {
+  FileSpec spec;
+  spec.extra_secondaries = {raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x03, 0, kCluster)};
+  uint32_t s = add(3, spec);
+  mount_and_open();
+  KernLogCapture log;
+  ASSERT_EQ(0, remove(s, 4, 1));
+  EXPECT_EQ(1u, log.count("exfat_delete_dirents: error " + std::to_string(EIO) +
+                          " freeing secondary stream of type 0xE1"));
+  EXPECT_EQ(0x61, contents(s + 3 * EXFAT_ENTRY_SIZE, EXFAT_ENTRY_SIZE)[0]);
+}
+
+// Entries that belong in the root alone are reported when a releasing
+// deletion meets them, and still freed; a plain deletion says nothing.
+TEST_F(SlotTest, RootOnlyTypesAreReportedAndFreed) {
+  uint32_t guid = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_GUID)).offset;
+  builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_LABEL));
+  uint32_t quiet = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_BITMAP)).offset;
+  mount_and_open();
+  KernLogCapture log;
+
+  ASSERT_EQ(0, remove(guid, 2, 1));
+  EXPECT_EQ((std::vector<std::string>{"exfat_delete_dirents: Unexpected entry of type 0xA0",
+                                      "exfat_delete_dirents: Unexpected entry of type 0x83"}),
+            log.lines());
+  std::vector<uint8_t> entries = contents(guid, 3 * EXFAT_ENTRY_SIZE);
+  EXPECT_EQ(0x20, entries[0]);
+  EXPECT_EQ(0x03, entries[32]);
+
+  log.clear();
+  ASSERT_EQ(0, remove(quiet, 1, 0));
+  EXPECT_TRUE(log.lines().empty());
+  EXPECT_EQ(0x01, contents(quiet, EXFAT_ENTRY_SIZE)[0]);
+}
+
+// Without its work buffer a deletion changes nothing.
+TEST_F(SlotTest, DeletionWithoutMemoryChangesNothing) {
+  uint32_t s = add(3);
+  mount_and_open();
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(ENOMEM, remove(s, 3, 1));
+  host_malloc_fail_nth(0);
+  EXPECT_EQ(EXFAT_ENTRY_FILE, contents(s, EXFAT_ENTRY_SIZE)[0]);
+}
+
+}  // namespace
