@@ -433,7 +433,10 @@ void host_blkdev_close(vnode_t devvp) {
   vnode_put(devvp);
 }
 
+// A device vnode made by someone else (with its own operations) keeps
+// whatever it put in the spec slot.
 void host_blkdev_vnode_reclaim(vnode_t vp) {
+  if (host_vnode_ops(vp) != spec_vnodeop_p()) return;
   void** slot = host_vnode_spec_slot(vp);
   delete static_cast<spec_dev*>(*slot);
   *slot = nullptr;

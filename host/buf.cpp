@@ -13,6 +13,7 @@
 #include "host/blkdev_private.h"
 #include "host/buf_private.h"
 #include "host/kern.h"
+#include "host/mount.h"
 #include "host/ubc_internal.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
@@ -121,6 +122,7 @@ struct bufcache {
   buflist bc_dirty;  // idle delayed writes, least recently used first
   size_t bc_bytes = 0;
   size_t bc_limit = kDefaultLimit;
+  int bc_waiters = 0;  // threads in wait_busy_locked
   std::condition_variable bc_wait[kWaitChannels];
 
   bufcache() {
@@ -189,7 +191,9 @@ void wait_busy_locked(Lock& lk, buf* bp, const char* who) {
     panic("%s: block %lld of vnode %p is held by the calling thread", who,
           static_cast<long long>(bp->b_lblkno), static_cast<void*>(bp->b_vp));
   bp->b_lflags |= BL_WANTED;
+  bc().bc_waiters++;
   channel_for(bp->b_vp, bp->b_lblkno).wait(lk);
+  bc().bc_waiters--;
 }
 
 void wake_waiters_locked(buf* bp) {
@@ -534,14 +538,17 @@ int buf_invalidateblks(vnode_t vp, int flags, int slpflag, int slptimeo) {
                           "buf_invalidateblks");
 }
 
-void host_buf_drop_idle(vnode_t vp) { invalidate_vnode(vp, true, false, true, "host_buf_drop_idle"); }
+void host_buf_drop_idle(vnode_t vp) {
+  invalidate_vnode(vp, true, false, true, "host_buf_drop_idle");
+}
 
 void host_buf_vnode_reclaim(vnode_t vp) {
   invalidate_vnode(vp, true, false, false, "host_buf_vnode_reclaim");
 }
 
 errno_t buf_invalblkno(vnode_t vp, daddr64_t lblkno, int flags) {
-  if (flags & ~BUF_WAIT) panic("buf_invalblkno: unsupported flags 0x%x", static_cast<unsigned>(flags));
+  if (flags & ~BUF_WAIT)
+    panic("buf_invalblkno: unsupported flags 0x%x", static_cast<unsigned>(flags));
   Lock lk(bc().bc_lock);
   for (;;) {
     buf* bp = lookup_locked(vp, lblkno);
@@ -615,7 +622,7 @@ int map_buffer(buf* bp, uint32_t bsize, std::vector<segment>* segs) {
     size_t run = 0;
     int poff = 0;
     error = VNOP_BLOCKMAP(bp->b_vp, foff + done, bp->b_bcount - done, &bpn, &run, &poff,
-                          mapflags, nullptr);
+                          mapflags, vfs_context_kernel());
     if (error != 0) return error;
     if (run == 0) return EIO;  // no progress: a broken mapping
     uint32_t len = static_cast<uint32_t>(std::min<size_t>(run, bp->b_bcount - done));
@@ -639,7 +646,8 @@ int buffer_iovecs(buf* bp, uint32_t off, uint32_t len, std::vector<struct iovec>
   iov->resize(len / 4096 + 2);
   int n = host_upl_iovecs(bp->b_upl, bp->b_uploffset + off, len, iov->data(),
                           static_cast<int>(iov->size()));
-  if (n < 0) panic("buf_strategy: page list of buffer %p needs more vectors", static_cast<void*>(bp));
+  if (n < 0)
+    panic("buf_strategy: page list of buffer %p needs more vectors", static_cast<void*>(bp));
   iov->resize(static_cast<size_t>(n));
   return 0;
 }
@@ -715,14 +723,14 @@ buf_t buf_alloc(vnode_t vp) {
   return bp;
 }
 
-void buf_free(buf_t bp) {
-  if (!(bp->b_hflags & BH_ALLOC)) panic("buf_free: buffer %p belongs to the cache", static_cast<void*>(bp));
-  delete bp;
-}
-
 static void check_alloc(buf_t bp, const char* who) {
   if (!(bp->b_hflags & BH_ALLOC))
     panic("%s: buffer %p belongs to the cache", who, static_cast<void*>(bp));
+}
+
+void buf_free(buf_t bp) {
+  check_alloc(bp, "buf_free");
+  delete bp;
 }
 
 void buf_setdataptr(buf_t bp, uintptr_t data) {
@@ -738,14 +746,16 @@ void buf_setcount(buf_t bp, uint32_t bcount) {
 }
 
 void buf_setflags(buf_t bp, int32_t flags) {
-  if (flags & ~kSettableFlags) panic("buf_setflags: unsupported flags 0x%x", static_cast<unsigned>(flags));
+  if (flags & ~kSettableFlags)
+    panic("buf_setflags: unsupported flags 0x%x", static_cast<unsigned>(flags));
   Lock lk(bc().bc_lock);
   bp->b_flags |= flags;
   if (flags & B_META) bp->b_lflags |= BL_META;
 }
 
 void buf_clearflags(buf_t bp, int32_t flags) {
-  if (flags & ~kSettableFlags) panic("buf_clearflags: unsupported flags 0x%x", static_cast<unsigned>(flags));
+  if (flags & ~kSettableFlags)
+    panic("buf_clearflags: unsupported flags 0x%x", static_cast<unsigned>(flags));
   Lock lk(bc().bc_lock);
   bp->b_flags &= ~flags;
   if (flags & B_META) bp->b_lflags &= ~BL_META;
@@ -792,7 +802,7 @@ void buf_setblkno(buf_t bp, daddr64_t blkno) {
   bp->b_hflags |= BH_MAPPED;
 }
 
-// --- Host controls --------------------------------------------------------------------------------
+// --- Host controls ------------------------------------------------------------------
 
 // 0 restores the default bound. Idle buffers beyond the new bound are
 // evicted now (delayed writes written first).
@@ -807,6 +817,11 @@ void host_bufcache_set_limit(size_t bytes) {
 size_t host_bufcache_bytes(void) {
   Lock lk(bc().bc_lock);
   return bc().bc_bytes;
+}
+
+int host_buf_waiters(void) {
+  Lock lk(bc().bc_lock);
+  return bc().bc_waiters;
 }
 
 int host_buf_count(vnode_t vp) {

@@ -50,31 +50,50 @@
 
 // Returns the buffer busy, with valid data when BLK_READ/BLK_META found it
 // cached (else its contents are undefined until read or cleared). With
-// BLK_ONLYVALID returns NULL when the block is not cached.
+// BLK_ONLYVALID returns NULL when the block is not cached (or cached with
+// another size). Waits while another thread holds the block; asking for a
+// block the calling thread holds panics. size: 1 byte to 1 MiB.
+// slpflag, slptimeo: ignored; the host has no signals, so a wait for a busy
+// buffer is never interrupted and lasts until the holder releases it.
 buf_t buf_getblk(vnode_t vp, daddr64_t blkno, int size, int slpflag, int slptimeo, int operation);
 // Read the block (through the cache). On error *bpp is still a busy buffer
-// that the caller must release.
+// that the caller must release (the release drops it: nothing of a failed
+// read stays cached). cred: ignored; devices check no credentials here.
 errno_t buf_bread(vnode_t vp, daddr64_t blkno, int size, kauth_cred_t cred, buf_t* bpp);
 errno_t buf_meta_bread(vnode_t vp, daddr64_t blkno, int size, kauth_cred_t cred, buf_t* bpp);
 
+// The writes take a busy buffer and release it. A write that fails loses
+// its data: the buffer is dropped and the error returned.
 errno_t buf_bwrite(buf_t bp);   // synchronous write, then released
 errno_t buf_bdwrite(buf_t bp);  // delayed write: marked dirty and released
-errno_t buf_bawrite(buf_t bp);  // asynchronous write, released when done
+errno_t buf_bawrite(buf_t bp);  // asynchronous write; completes before returning here
 void buf_brelse(buf_t bp);      // release unchanged (an invalid buffer is dropped)
 void buf_clear(buf_t bp);       // zero the data
 void buf_markaged(buf_t bp);    // evict first
 void buf_markinvalid(buf_t bp); // drop at release, without writing
 
-// Drops every buffer of vp, writing dirty ones first with BUF_WRITE_DATA.
+// Drops every buffer of vp, writing dirty ones first with BUF_WRITE_DATA
+// (BUF_SKIP_META: leaves B_META buffers alone). Waits for held buffers.
+// Returns the first write error. slpflag, slptimeo: ignored, as for
+// buf_getblk.
 int buf_invalidateblks(vnode_t vp, int flags, int slpflag, int slptimeo);
-// Drops one block without writing it (waits for a busy one with BUF_WAIT).
+// Drops one block without writing it (waits for a busy one with BUF_WAIT,
+// else EBUSY).
 errno_t buf_invalblkno(vnode_t vp, daddr64_t lblkno, int flags);
-// Writes every delayed-write buffer of vp; waits for them when wait is set.
+// Writes every delayed-write buffer of vp; waits for held ones when wait is
+// set (except those the calling thread holds). flags must be 0. msg:
+// ignored; it names the caller in a kernel's diagnostics, and the host
+// prints none here.
 void buf_flushdirtyblks(vnode_t vp, int wait, int flags, const char* msg);
 
 // Performs the I/O described by bp on the device devvp; ap is the
 // vnop_strategy_args of the file system's strategy call. Maps the buffer's
-// logical block first when it is not mapped yet. Completes the buffer.
+// logical block first when it is not mapped yet: VNOP_BLKTOOFF, then
+// VNOP_BLOCKMAP run after run (VNODE_READ or VNODE_WRITE as the buffer
+// says); holes read as zeros, and a write into a hole fails with EIO. A
+// buffer mapped as one run starting on a device block keeps its device
+// block (buf_blkno) and is not mapped again. Completes the buffer and
+// returns its error.
 errno_t buf_strategy(vnode_t devvp, void* ap);
 
 // Buffers not from the cache, for I/O the caller describes (the cluster
@@ -112,7 +131,12 @@ void buf_seterror(buf_t bp, errno_t error);
 dev_t buf_device(buf_t bp);
 
 // Host controls.
+// The bound on cached bytes (0: the default, 64 MiB). Idle buffers beyond a
+// lower bound are evicted at once. Held buffers are never evicted, so the
+// cache may exceed the bound while they are held.
 void host_bufcache_set_limit(size_t bytes);
 size_t host_bufcache_bytes(void);
 // Cached buffers of a vnode (any state).
 int host_buf_count(vnode_t vp);
+// Threads sleeping until a busy buffer is released (tests).
+int host_buf_waiters(void);

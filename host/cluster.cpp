@@ -313,13 +313,14 @@ void read_ahead(Info* info, off_t off, off_t end, off_t filesize) {
       return;
     }
     info->ra_window = info->ra_window ? std::min(info->ra_window * 2, kRaMax) : kRaMin;
+    // Read ahead in large steps: only when less than half a window is left
+    // ahead of the reader.
+    if (info->ra_issued - end >= off_t(info->ra_window / 2)) return;
     from = std::max<off_t>(round_up(end, PAGE_SIZE), info->ra_issued);
     // Never read ahead more than a quarter of the pool: read-ahead must not
     // push out what it read ahead before the reader gets to it.
     off_t cap = off_t(pool().limit_pages / 4) * PAGE_SIZE;
     to = std::min<off_t>({end + info->ra_window, end + cap, round_up(filesize, PAGE_SIZE)});
-    // Read ahead in large steps: wait until half a window is used up.
-    if (to - from < off_t(info->ra_window / 2) && from > end) return;
     if (from >= to) return;
     info->ra_issued = to;
   }
@@ -391,9 +392,11 @@ int read_copy(Info* info, uio_t uio, off_t end, off_t filesize) {
 
 // --- Writing into pages ---------------------------------------------------------------
 
-// Takes pages [first, first + n) busy, creating absent ones. Returns the
-// number taken (fewer when memory ran out).
-uint32_t take_pages(Info* info, uint64_t first, uint32_t n, Page** out) {
+// Takes pages [first, first + n) busy, creating absent ones, and snapshots
+// their state bits into st[] (the flags word itself belongs to the ubc lock;
+// the bits of a page we own do not change under us). Returns the number
+// taken (fewer when memory ran out).
+uint32_t take_pages(Info* info, uint64_t first, uint32_t n, Page** out, uint32_t* st) {
   Locker l;
   size_t absent = 0;
   for (uint32_t i = 0; i < n; i++)
@@ -408,6 +411,7 @@ uint32_t take_pages(Info* info, uint64_t first, uint32_t n, Page** out) {
       p = page_create_locked(info, first + got);
       if (p == nullptr) break;
     }
+    st[got] = p->flags;
     out[got++] = p;
   }
   return got;
@@ -416,11 +420,11 @@ uint32_t take_pages(Info* info, uint64_t first, uint32_t n, Page** out) {
 // Reads the fresh pages among `pages` whose bytes outside [a, b) hold file
 // data (they start before oldEOF and are not wholly covered), and zeroes the
 // uncovered bytes of the other fresh pages. The pages stay busy.
-int prepare_partial(Info* info, uint64_t first, Page** pages, uint32_t n, off_t a, off_t b,
-                    off_t oldEOF) {
+int prepare_partial(Info* info, uint64_t first, Page** pages, const uint32_t* st, uint32_t n,
+                    off_t a, off_t b, off_t oldEOF) {
   for (uint32_t i = 0; i < n; i++) {
     Page* p = pages[i];
-    if (!(p->flags & PG_FRESH)) continue;
+    if (!(st[i] & PG_FRESH)) continue;
     off_t ps = off_t(first + i) * PAGE_SIZE, pe = ps + PAGE_SIZE;
     bool covered = a <= ps && b >= pe;
     if (covered) continue;
@@ -469,19 +473,20 @@ void release_batch(Page** pages, uint32_t n, uint32_t done) {
 // dirty (IO_NOZERODIRTY) pages alone.
 int zero_range(Info* info, off_t a, off_t b, off_t oldEOF, int flags) {
   Page* pages[kMaxIO / PAGE_SIZE];
+  uint32_t st[kMaxIO / PAGE_SIZE];
   for (uint64_t pg = page_of(a); pg < pages_to(b);) {
     uint32_t n = uint32_t(std::min<uint64_t>(pages_to(b) - pg, kMaxIO / PAGE_SIZE));
-    n = take_pages(info, pg, n, pages);
+    n = take_pages(info, pg, n, pages, st);
     if (n == 0) return ENOMEM;
-    int err = prepare_partial(info, pg, pages, n, a, b, oldEOF);
+    int err = prepare_partial(info, pg, pages, st, n, a, b, oldEOF);
     if (err) {
       release_batch(pages, n, 0);
       return err;
     }
     for (uint32_t i = 0; i < n; i++) {
       Page* p = pages[i];
-      bool fresh = p->flags & PG_FRESH;
-      bool dirty = p->flags & PG_DIRTY;
+      bool fresh = st[i] & PG_FRESH;
+      bool dirty = st[i] & PG_DIRTY;
       if (!fresh && (flags & IO_NOZERODIRTY) && dirty) continue;
       if (!fresh && (flags & IO_NOZEROVALID) && !dirty) continue;
       off_t ps = off_t(pg + i) * PAGE_SIZE;
@@ -504,15 +509,16 @@ int zero_range(Info* info, off_t a, off_t b, off_t oldEOF, int flags) {
 // Copies the uio into [its offset, end) of the file.
 int write_copy(Info* info, uio_t uio, off_t end, off_t oldEOF) {
   Page* pages[kMaxIO / PAGE_SIZE];
+  uint32_t st[kMaxIO / PAGE_SIZE];
   while (uio_offset(uio) < end && uio_resid(uio) > 0) {
     off_t a = uio_offset(uio);
     off_t b = std::min<off_t>(end, a + uio_resid(uio));
     uint64_t pg = page_of(a);
     uint32_t n = uint32_t(std::min<uint64_t>(pages_to(b) - pg, kMaxIO / PAGE_SIZE));
-    n = take_pages(info, pg, n, pages);
+    n = take_pages(info, pg, n, pages, st);
     if (n == 0) return ENOMEM;
     b = std::min<off_t>(b, off_t(pg + n) * PAGE_SIZE);
-    int err = prepare_partial(info, pg, pages, n, a, b, oldEOF);
+    int err = prepare_partial(info, pg, pages, st, n, a, b, oldEOF);
     if (err) {
       release_batch(pages, n, 0);
       return err;

@@ -13,6 +13,7 @@
 #include "host/mount.h"
 
 #include <atomic>
+#include <cstdio>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -59,8 +60,7 @@ int vfs_typenum(mount_t mp) { return mp->mnt_vtable->vfc_typenum; }
 vnode_t vfs_devvp(mount_t mp) { return mp->mnt_devvp; }
 
 void vfs_name(mount_t mp, char* buffer) {
-  strncpy(buffer, mp->mnt_vtable->vfc_name, MFSTYPENAMELEN - 1);
-  buffer[MFSTYPENAMELEN - 1] = '\0';
+  snprintf(buffer, MFSTYPENAMELEN, "%s", mp->mnt_vtable->vfc_name);
 }
 
 void vfs_setflags(mount_t mp, uint64_t flags) {
@@ -187,7 +187,7 @@ void init_mount(mount_t mp, vfstable_t vfc, vnode_t devvp, uint64_t flags) {
   mp->mnt_flag.store(flags);
   mp->mnt_devvp = devvp;
   struct vfsstatfs* sf = &mp->mnt_vfsstat;
-  strncpy(sf->f_fstypename, vfc->vfc_name, MFSTYPENAMELEN - 1);
+  snprintf(sf->f_fstypename, sizeof sf->f_fstypename, "%s", vfc->vfc_name);
   sf->f_fsid.val[1] = vfc->vfc_typenum;
   sf->f_flags = flags;
   struct vfsioattr* io = &mp->mnt_ioattr;

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <condition_variable>
 #include <ctime>
 #include <map>
@@ -46,6 +47,9 @@ struct TimerQueue {
   std::map<Key, thread_call_t> armed;
   uint64_t next_seq = 1;
   bool thread_started = false;  // a timer thread exists in this process
+  bool stopping = false;        // the process is exiting: the thread returns
+  pthread_t thread;
+  thread_call_t running = nullptr;  // the call whose function runs now
 };
 
 // Never destroyed: the timer thread may still be waiting on it when the
@@ -64,6 +68,7 @@ void* timer_main(void*) {
   TimerQueue& q = timers();
   std::unique_lock<std::mutex> guard(q.lock);
   for (;;) {
+    if (q.stopping) return nullptr;
     if (q.armed.empty()) {
       q.work.wait(guard);
       continue;
@@ -78,6 +83,7 @@ void* timer_main(void*) {
     q.armed.erase(first);
     call->pending = false;
     call->running++;
+    q.running = call;
     thread_call_func_t func = call->func;
     thread_call_param_t param0 = call->param0;
     guard.unlock();
@@ -85,34 +91,65 @@ void* timer_main(void*) {
     func(param0, nullptr);
     t_current_call = nullptr;
     guard.lock();
+    q.running = nullptr;
     call->running--;
     q.idle.notify_all();
   }
-  return nullptr;
 }
 
-// Fork handlers. A child inherits the timer lock in whatever state the
-// parent's threads left it and none of the parent's threads, so the lock is
-// held across fork and the child starts a fresh timer thread when it next
-// arms a call (a daemon that forks after mounting keeps its timers).
+void ensure_thread_locked(TimerQueue& q);
+
+// Fork handlers. A child inherits memory but none of the parent's threads:
+// the timer lock is held across fork so that the child's copy is
+// consistent, the condition variables are made anew (the parent's timer
+// thread was waiting on one), a run the parent was in the middle of is
+// forgotten, and the child starts its own timer thread when it next arms a
+// call. Calls armed before the fork stay armed, so a daemon that forks
+// after mounting keeps its timers.
 void atfork_prepare() { timers().lock.lock(); }
 void atfork_parent() { timers().lock.unlock(); }
 void atfork_child() {
   TimerQueue& q = timers();
+  new (&q.work) std::condition_variable;
+  new (&q.idle) std::condition_variable;
+  if (q.running != nullptr) q.running->running--;
+  q.running = nullptr;
+  bool had_calls = !q.armed.empty();
   q.thread_started = false;
+  if (had_calls) ensure_thread_locked(q);
   q.lock.unlock();
+}
+
+// At exit the timer thread is stopped and joined, so that the process ends
+// with no thread of ours still running. Calls still pending do not run. Not
+// when exit is called from a call's function: the thread cannot join
+// itself, and it is the one running anyway.
+void stop_timer_thread() {
+  TimerQueue& q = timers();
+  std::unique_lock<std::mutex> guard(q.lock);
+  if (!q.thread_started || pthread_equal(q.thread, pthread_self())) return;
+  q.stopping = true;
+  q.work.notify_one();
+  guard.unlock();
+  pthread_join(q.thread, nullptr);
+  guard.lock();
+  q.thread_started = false;
 }
 
 // Starts the timer thread if this process has none. Caller holds the timer
 // lock.
 void ensure_thread_locked(TimerQueue& q) {
   if (q.thread_started) return;
-  static std::once_flag fork_hooks;
-  std::call_once(fork_hooks, [] { pthread_atfork(atfork_prepare, atfork_parent, atfork_child); });
-  pthread_t tid;
-  if (pthread_create(&tid, nullptr, timer_main, nullptr) != 0)
+  static std::once_flag hooks;
+  std::call_once(hooks, [] {
+    pthread_atfork(atfork_prepare, atfork_parent, atfork_child);
+    atexit(stop_timer_thread);
+  });
+  // Armed during exit, after the thread was stopped: the call stays pending
+  // and never runs, as it would if the process had ended a moment sooner.
+  if (q.stopping) return;
+  if (pthread_create(&q.thread, nullptr, timer_main, nullptr) != 0)
     panic("thread_call: cannot start the timer thread");
-  pthread_detach(tid);
   q.thread_started = true;
 }
 

@@ -17,7 +17,8 @@ bool thread_call_enter_delayed(thread_call_t call, uint64_t deadline);
 // Disarms a pending call. Returns true when it was pending and will not run;
 // false when it was not pending (never armed, already ran, or running now).
 bool thread_call_cancel(thread_call_t call);
-// Frees the call; it must not be pending or running. Returns true.
+// Frees the call; it must not be pending. If its function is still running,
+// waits until it has returned. Returns true.
 bool thread_call_free(thread_call_t call);
 
 // deadline = now + interval × scale_factor nanoseconds (monotonic clock).

@@ -143,7 +143,12 @@ void frame_free_locked(Page* p) {
     pl.partial.push_back(s);
     s->on_partial = true;
   }
-  if (s->free.size() == kSlabPages && pl.nfree > kFreeSlack) slab_release_locked(s);
+  // Slabs go back to the system only when the pool holds more memory than
+  // its bound allows; a pool that streams through its bound keeps them, as
+  // fresh memory costs the system a page fault and a zero-fill per page.
+  if (s->free.size() == kSlabPages && pl.nfree > kFreeSlack &&
+      pl.resident + pl.nfree > pl.limit_pages + kFreeSlack)
+    slab_release_locked(s);
 }
 
 // --- Index --------------------------------------------------------------------------

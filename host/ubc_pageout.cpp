@@ -82,7 +82,11 @@ void pageout_thread() {
       idle_rounds = 0;
       pl.lock.wait(pl.pageout_cv);
     }
-    if (pageout_round(l)) {
+    bool progress = pageout_round(l);
+    // Pages made clean are evictable: bring the pool back under its bound
+    // now rather than at the next allocation.
+    make_room_locked(0, false);
+    if (progress) {
       idle_rounds = 0;
     } else if (++idle_rounds >= 8) {
       // Nothing is getting clean (every file failing, or only pages of

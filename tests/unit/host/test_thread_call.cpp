@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -93,10 +95,10 @@ TEST(ThreadCall, CancelDisarmsAPendingCall) {
   Recorder r;
   thread_call_t call = thread_call_allocate(&Recorder::fire, &r);
   EXPECT_FALSE(thread_call_cancel(call));  // never armed
-  thread_call_enter_delayed(call, in_ms(20));
+  thread_call_enter_delayed(call, in_ms(100));
   EXPECT_TRUE(thread_call_cancel(call));
   EXPECT_FALSE(thread_call_cancel(call));
-  std::this_thread::sleep_for(std::chrono::milliseconds(40));
+  std::this_thread::sleep_for(std::chrono::milliseconds(130));
   EXPECT_EQ(r.runs.load(), 0);
   thread_call_free(call);
 }
@@ -104,8 +106,8 @@ TEST(ThreadCall, CancelDisarmsAPendingCall) {
 TEST(ThreadCall, ReArmingAPendingCallMovesItsDeadline) {
   Recorder r;
   thread_call_t call = thread_call_allocate(&Recorder::fire, &r);
-  EXPECT_FALSE(thread_call_enter_delayed(call, in_ms(5)));
-  uint64_t later = in_ms(40);
+  EXPECT_FALSE(thread_call_enter_delayed(call, in_ms(100)));
+  uint64_t later = in_ms(150);
   EXPECT_TRUE(thread_call_enter_delayed(call, later));
   ASSERT_TRUE(eventually([&] { return r.runs.load() == 1; }));
   EXPECT_GE(r.last_run.load(), later);
@@ -131,7 +133,7 @@ TEST(ThreadCall, EarlierDeadlinesRunFirst) {
   Tagged tags[3] = {{&order, 0}, {&order, 1}, {&order, 2}};
   thread_call_t calls[3];
   for (int i = 0; i < 3; i++) calls[i] = thread_call_allocate(fire, &tags[i]);
-  uint64_t base = in_ms(20);
+  uint64_t base = in_ms(100);
   thread_call_enter_delayed(calls[0], base + 6 * kMs);
   thread_call_enter_delayed(calls[1], base);
   thread_call_enter_delayed(calls[2], base + 3 * kMs);
@@ -183,6 +185,26 @@ TEST(ThreadCallDeathTest, FreeingAPendingCallPanics) {
   thread_call_free(call);
 }
 
+// A daemon forks after mounting: a call armed before the fork must still
+// run in the child, which has none of the parent's threads.
+TEST(ThreadCallFork, ArmedCallRunsInTheChild) {
+  Recorder r;
+  thread_call_t call = thread_call_allocate(&Recorder::fire, &r);
+  thread_call_enter_delayed(call, in_ms(50));
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    bool ran = eventually([&] { return r.runs.load() == 1; });
+    _exit(ran ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(pid, &status, 0), pid);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  ASSERT_TRUE(eventually([&] { return r.runs.load() == 1; }));
+  thread_call_free(call);
+}
+
 namespace {
 
 // A mount-like owner of a delayed call, following the driver's protocol:
@@ -192,10 +214,12 @@ struct Owner {
   lck_mtx_t* lock;
   int scheduled = 0;  // protected by lock
   int runs = 0;       // protected by lock
+  std::atomic<bool> started{false};
   thread_call_t call;
 
   static void fire(thread_call_param_t p0, thread_call_param_t) {
     auto* o = static_cast<Owner*>(p0);
+    o->started = true;
     lck_mtx_lock(o->lock);
     o->runs++;
     o->scheduled = 0;
@@ -216,7 +240,7 @@ TEST(ThreadCallConcurrency, CancelDoesNotWaitForARunningCall) {
   lck_mtx_lock(o.lock);
   o.scheduled = 1;
   thread_call_enter_delayed(o.call, in_ms(1));
-  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  ASSERT_TRUE(eventually([&] { return o.started.load(); }));
   // Started (it waits for our lock): not pending any more, and cancel must
   // return at once rather than wait for it, or this would deadlock.
   EXPECT_FALSE(thread_call_cancel(o.call));

@@ -506,7 +506,10 @@ TEST(VnodeConcurrency, GetwithvidRacesReclaim) {
       }
     });
   }
-  for (int i = 0; i < 300; i++) {
+  // Go on until the readers have seen the vnode alive a few times too, so
+  // that both outcomes are exercised however the threads are scheduled.
+  for (int i = 0; i < 100000 && (i < 300 || hits.load() < 50); i++) {
+    if (i % 16 == 0) std::this_thread::yield();
     vnode_recycle(cur_vp);
     vnode_t vp;
     ASSERT_EQ(fs.lookup(root, "x", &vp), 0);

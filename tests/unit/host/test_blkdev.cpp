@@ -1,0 +1,305 @@
+// Block devices: disk ioctls, file-backed devices, and the fault injection
+// and power-cut behaviour of in-memory devices.
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "host/blkdev.h"
+#include "host/buf.h"
+#include "host/vfs.h"
+#include "host/vnode.h"
+
+namespace {
+
+// One transfer of `len` bytes at device block `blk`, outside the cache.
+int dev_io(vnode_t dev, bool write, daddr64_t blk, void* data, uint32_t len) {
+  buf_t bp = buf_alloc(dev);
+  buf_setdataptr(bp, reinterpret_cast<uintptr_t>(data));
+  buf_setcount(bp, len);
+  buf_setblkno(bp, blk);
+  if (!write) buf_setflags(bp, B_READ);
+  VNOP_STRATEGY(bp);
+  int error = buf_biowait(bp);
+  buf_free(bp);
+  return error;
+}
+
+int write_fill(vnode_t dev, daddr64_t blk, uint32_t len, uint8_t byte) {
+  std::vector<uint8_t> v(len, byte);
+  return dev_io(dev, true, blk, v.data(), len);
+}
+
+uint8_t byte_at(vnode_t dev, uint64_t off) {
+  uint8_t b = 0;
+  EXPECT_EQ(host_memdev_read(dev, &b, 1, off), 0);
+  return b;
+}
+
+template <typename T>
+int ioctl_get(vnode_t dev, u_long cmd, T* out) {
+  return VNOP_IOCTL(dev, cmd, reinterpret_cast<caddr_t>(out), 0, nullptr);
+}
+
+int set_blocksize(vnode_t dev, uint32_t size) {
+  return VNOP_IOCTL(dev, DKIOCSETBLOCKSIZE, reinterpret_cast<caddr_t>(&size), FWRITE, nullptr);
+}
+
+class MemdevTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(host_memdev_create(1 << 20, 512, 4096, &dev_), 0); }
+  void TearDown() override { host_blkdev_close(dev_); }
+  host_devstats stats() {
+    host_devstats s;
+    host_blkdev_stats(dev_, &s);
+    return s;
+  }
+  vnode_t dev_ = nullptr;
+};
+
+TEST_F(MemdevTest, IoctlsReportAndChangeTheBlockSizes) {
+  uint32_t bsize = 0, phys = 0;
+  uint64_t count = 0;
+  EXPECT_EQ(vnode_vtype(dev_), VBLK);
+  ASSERT_EQ(ioctl_get(dev_, DKIOCGETBLOCKSIZE, &bsize), 0);
+  ASSERT_EQ(ioctl_get(dev_, DKIOCGETPHYSICALBLOCKSIZE, &phys), 0);
+  ASSERT_EQ(ioctl_get(dev_, DKIOCGETBLOCKCOUNT, &count), 0);
+  EXPECT_EQ(bsize, 512u);
+  EXPECT_EQ(phys, 4096u);
+  EXPECT_EQ(count, 2048u);
+
+  ASSERT_EQ(set_blocksize(dev_, 4096), 0);
+  ASSERT_EQ(ioctl_get(dev_, DKIOCGETBLOCKSIZE, &bsize), 0);
+  ASSERT_EQ(ioctl_get(dev_, DKIOCGETBLOCKCOUNT, &count), 0);
+  EXPECT_EQ(bsize, 4096u);
+  EXPECT_EQ(count, 256u);
+  off_t off = 0;
+  daddr64_t blk = 0;
+  EXPECT_EQ(VNOP_BLKTOOFF(dev_, 3, &off), 0);
+  EXPECT_EQ(off, 3 * 4096);
+  EXPECT_EQ(VNOP_OFFTOBLK(dev_, 8191, &blk), 0);
+  EXPECT_EQ(blk, 1);
+
+  // Block numbers now count 4096-byte blocks.
+  ASSERT_EQ(write_fill(dev_, 2, 4096, 0x42), 0);
+  EXPECT_EQ(byte_at(dev_, 2 * 4096), 0x42);
+  EXPECT_EQ(byte_at(dev_, 2 * 4096 - 1), 0);
+
+  EXPECT_EQ(set_blocksize(dev_, 1000), EINVAL);
+  EXPECT_EQ(set_blocksize(dev_, 256), EINVAL);
+  EXPECT_EQ(set_blocksize(dev_, 131072), EINVAL);
+  host_memdev_refuse_setblocksize(dev_, ENOTSUP);
+  EXPECT_EQ(set_blocksize(dev_, 512), ENOTSUP);
+  ASSERT_EQ(ioctl_get(dev_, DKIOCGETBLOCKSIZE, &bsize), 0);
+  EXPECT_EQ(bsize, 4096u);
+  host_memdev_refuse_setblocksize(dev_, 0);
+  EXPECT_EQ(set_blocksize(dev_, 512), 0);
+
+  EXPECT_EQ(VNOP_IOCTL(dev_, 0x1234, nullptr, 0, nullptr), ENOTTY);
+  EXPECT_EQ(VNOP_IOCTL(dev_, DKIOCSYNCHRONIZECACHE, nullptr, FWRITE, nullptr), 0);
+  EXPECT_EQ(stats().flushes, 1u);
+}
+
+TEST_F(MemdevTest, EveryDeviceHasItsOwnNumber) {
+  vnode_t other = nullptr;
+  ASSERT_EQ(host_memdev_create(4096, 512, 512, &other), 0);
+  EXPECT_NE(vnode_specrdev(dev_), vnode_specrdev(other));
+  host_blkdev_close(other);
+  EXPECT_EQ(host_memdev_create(4096, 500, 512, &other), EINVAL);
+}
+
+TEST_F(MemdevTest, TransfersOutsideTheDeviceFail) {
+  std::vector<uint8_t> v(1024);
+  EXPECT_EQ(dev_io(dev_, false, 2047, v.data(), 512), 0);
+  EXPECT_EQ(dev_io(dev_, false, 2047, v.data(), 1024), EIO);
+  EXPECT_EQ(dev_io(dev_, true, 4096, v.data(), 512), EIO);
+  std::vector<uint8_t> big(2 << 20);
+  EXPECT_EQ(host_memdev_load(dev_, big.data(), big.size(), 0), EINVAL);
+  EXPECT_EQ(host_memdev_read(dev_, big.data(), 1, 1 << 20), EINVAL);
+}
+
+TEST_F(MemdevTest, InjectedReadAndWriteFaultsHitOnlyTheChosenBytes) {
+  host_memdev_faults f;
+  f.fail_read_bytes = {10 * 512};
+  f.fail_write_bytes = {20 * 512 + 511};
+  host_memdev_set_faults(dev_, f);
+  std::vector<uint8_t> v(1024);
+  EXPECT_EQ(dev_io(dev_, false, 9, v.data(), 1024), EIO);   // covers byte 10*512
+  EXPECT_EQ(dev_io(dev_, false, 11, v.data(), 1024), 0);
+  EXPECT_EQ(dev_io(dev_, false, 9, v.data(), 512), 0);
+  EXPECT_EQ(write_fill(dev_, 20, 512, 1), EIO);
+  EXPECT_EQ(byte_at(dev_, 20 * 512), 0);  // a failed write changes nothing
+  EXPECT_EQ(write_fill(dev_, 21, 512, 1), 0);
+  EXPECT_EQ(dev_io(dev_, false, 20, v.data(), 512), 0);  // reads of it still work
+  EXPECT_EQ(stats().reads, 4u);  // failed requests count too
+  EXPECT_EQ(stats().writes, 2u);
+}
+
+TEST_F(MemdevTest, WritesFailAfterTheChosenNumber) {
+  host_memdev_faults f;
+  f.fail_writes_after = 2;
+  host_memdev_set_faults(dev_, f);
+  EXPECT_EQ(write_fill(dev_, 0, 512, 1), 0);
+  EXPECT_EQ(write_fill(dev_, 1, 512, 1), 0);
+  EXPECT_EQ(write_fill(dev_, 2, 512, 1), EIO);
+  EXPECT_EQ(write_fill(dev_, 3, 512, 1), EIO);
+  EXPECT_EQ(byte_at(dev_, 2 * 512), 0);
+  std::vector<uint8_t> v(512);
+  EXPECT_EQ(dev_io(dev_, false, 0, v.data(), 512), 0);
+
+  // New faults start a new count.
+  host_memdev_set_faults(dev_, f);
+  EXPECT_EQ(write_fill(dev_, 2, 512, 1), 0);
+  host_memdev_set_faults(dev_, host_memdev_faults{});
+  for (int i = 0; i < 10; i++) EXPECT_EQ(write_fill(dev_, 4 + i, 512, 1), 0);
+}
+
+TEST_F(MemdevTest, PowerCutDropsWritesSinceTheLastCacheFlush) {
+  ASSERT_EQ(write_fill(dev_, 0, 512, 0x01), 0);  // before power-cut mode: durable
+  host_memdev_faults f;
+  f.power_cut_mode = true;
+  host_memdev_set_faults(dev_, f);
+
+  ASSERT_EQ(write_fill(dev_, 1, 512, 0x11), 0);
+  ASSERT_EQ(VNOP_IOCTL(dev_, DKIOCSYNCHRONIZECACHE, nullptr, FWRITE, nullptr), 0);
+  // Overlapping unflushed writes: the cut must restore the flushed bytes.
+  ASSERT_EQ(write_fill(dev_, 1, 1024, 0x22), 0);
+  ASSERT_EQ(write_fill(dev_, 0, 1024, 0x33), 0);
+  ASSERT_EQ(write_fill(dev_, 5, 512, 0x44), 0);
+  EXPECT_EQ(byte_at(dev_, 512), 0x33);  // reads see the volatile data before the cut
+
+  host_memdev_power_cut(dev_);
+  EXPECT_EQ(byte_at(dev_, 0), 0x01);
+  EXPECT_EQ(byte_at(dev_, 512), 0x11);
+  EXPECT_EQ(byte_at(dev_, 1024), 0);
+  EXPECT_EQ(byte_at(dev_, 5 * 512), 0);
+
+  // A device fsync that waits is a flush too; one that doesn't wait isn't.
+  ASSERT_EQ(write_fill(dev_, 6, 512, 0x55), 0);
+  ASSERT_EQ(VNOP_FSYNC(dev_, MNT_WAIT, nullptr), 0);
+  ASSERT_EQ(write_fill(dev_, 7, 512, 0x66), 0);
+  ASSERT_EQ(VNOP_FSYNC(dev_, MNT_NOWAIT, nullptr), 0);
+  host_memdev_power_cut(dev_);
+  EXPECT_EQ(byte_at(dev_, 6 * 512), 0x55);
+  EXPECT_EQ(byte_at(dev_, 7 * 512), 0);
+}
+
+TEST_F(MemdevTest, PowerCutAfterFailingWritesKeepsTheFlushedState) {
+  // The usual power-loss test: the device dies after N writes; what was
+  // flushed before survives, the rest is gone.
+  host_memdev_faults f;
+  f.power_cut_mode = true;
+  f.fail_writes_after = 3;
+  host_memdev_set_faults(dev_, f);
+  ASSERT_EQ(write_fill(dev_, 0, 512, 0xA0), 0);
+  ASSERT_EQ(VNOP_IOCTL(dev_, DKIOCSYNCHRONIZECACHE, nullptr, FWRITE, nullptr), 0);
+  ASSERT_EQ(write_fill(dev_, 1, 512, 0xA1), 0);
+  ASSERT_EQ(write_fill(dev_, 2, 512, 0xA2), 0);
+  EXPECT_EQ(write_fill(dev_, 3, 512, 0xA3), EIO);
+  host_memdev_power_cut(dev_);
+  host_memdev_set_faults(dev_, host_memdev_faults{});
+  EXPECT_EQ(byte_at(dev_, 0), 0xA0);
+  EXPECT_EQ(byte_at(dev_, 512), 0);
+  EXPECT_EQ(byte_at(dev_, 1024), 0);
+  EXPECT_EQ(byte_at(dev_, 1536), 0);
+}
+
+TEST_F(MemdevTest, StatisticsCountRequestsAndBytes) {
+  std::vector<uint8_t> v(8192);
+  ASSERT_EQ(dev_io(dev_, false, 0, v.data(), 8192), 0);
+  ASSERT_EQ(dev_io(dev_, true, 16, v.data(), 4096), 0);
+  ASSERT_EQ(VNOP_FSYNC(dev_, MNT_WAIT, nullptr), 0);
+  host_devstats s = stats();
+  EXPECT_EQ(s.reads, 1u);
+  EXPECT_EQ(s.bytes_read, 8192u);
+  EXPECT_EQ(s.writes, 1u);
+  EXPECT_EQ(s.bytes_written, 4096u);
+  EXPECT_EQ(s.flushes, 1u);
+  host_blkdev_reset_stats(dev_);
+  s = stats();
+  EXPECT_EQ(s.reads + s.writes + s.bytes_read + s.bytes_written + s.flushes, 0u);
+}
+
+// --- Devices over files --------------------------------------------------------------
+
+class FiledevTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string tmpl = ::testing::TempDir() + "exvol-blkdev-XXXXXX";
+    int fd = mkstemp(tmpl.data());
+    ASSERT_GE(fd, 0);
+    path_ = tmpl;
+    std::vector<uint8_t> img(256 * 1024);
+    for (size_t i = 0; i < img.size(); i++) img[i] = static_cast<uint8_t>(i / 512);
+    ASSERT_EQ(write(fd, img.data(), img.size()), static_cast<ssize_t>(img.size()));
+    close(fd);
+  }
+  void TearDown() override { unlink(path_.c_str()); }
+  std::string path_;
+};
+
+TEST_F(FiledevTest, ReadsAndWritesTheFileInOneRequestEach) {
+  vnode_t dev = nullptr;
+  ASSERT_EQ(host_blkdev_open(path_.c_str(), 0, &dev), 0);
+  uint32_t bsize = 0;
+  uint64_t count = 0;
+  ASSERT_EQ(ioctl_get(dev, DKIOCGETBLOCKSIZE, &bsize), 0);
+  ASSERT_EQ(ioctl_get(dev, DKIOCGETBLOCKCOUNT, &count), 0);
+  EXPECT_EQ(bsize, 512u);
+  EXPECT_EQ(count, 512u);
+
+  buf_t bp = nullptr;
+  ASSERT_EQ(buf_meta_bread(dev, 8, 65536, NOCRED, &bp), 0);
+  auto* d = reinterpret_cast<uint8_t*>(buf_dataptr(bp));
+  for (int i = 0; i < 65536; i++) ASSERT_EQ(d[i], static_cast<uint8_t>(8 + i / 512)) << i;
+  memset(d + 512, 0xEE, 512);
+  ASSERT_EQ(buf_bwrite(bp), 0);
+  host_devstats s;
+  host_blkdev_stats(dev, &s);
+  EXPECT_EQ(s.reads, 1u);
+  EXPECT_EQ(s.writes, 1u);
+  ASSERT_EQ(VNOP_IOCTL(dev, DKIOCSYNCHRONIZECACHE, nullptr, FWRITE, nullptr), 0);
+  host_blkdev_close(dev);
+
+  int fd = open(path_.c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  uint8_t b[2] = {};
+  ASSERT_EQ(pread(fd, b, 2, 9 * 512 - 1), 2);
+  EXPECT_EQ(b[0], 8);
+  EXPECT_EQ(b[1], 0xEE);
+  close(fd);
+}
+
+TEST_F(FiledevTest, ClosingWritesDelayedWrites) {
+  vnode_t dev = nullptr;
+  ASSERT_EQ(host_blkdev_open(path_.c_str(), 0, &dev), 0);
+  buf_t bp = buf_getblk(dev, 3, 512, 0, 0, BLK_META);
+  memset(reinterpret_cast<void*>(buf_dataptr(bp)), 0x7E, 512);
+  buf_bdwrite(bp);
+  host_blkdev_close(dev);
+  int fd = open(path_.c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  uint8_t b = 0;
+  ASSERT_EQ(pread(fd, &b, 1, 3 * 512 + 100), 1);
+  EXPECT_EQ(b, 0x7E);
+  close(fd);
+}
+
+TEST_F(FiledevTest, ReadOnlyDevicesRefuseWritesAndMissingFilesFailToOpen) {
+  vnode_t dev = nullptr;
+  ASSERT_EQ(host_blkdev_open(path_.c_str(), 1, &dev), 0);
+  buf_t bp = nullptr;
+  ASSERT_EQ(buf_meta_bread(dev, 0, 512, NOCRED, &bp), 0);
+  EXPECT_EQ(buf_bwrite(bp), EROFS);
+  host_blkdev_close(dev);
+  EXPECT_EQ(host_blkdev_open((path_ + "-missing").c_str(), 0, &dev), ENOENT);
+  EXPECT_EQ(host_blkdev_open(::testing::TempDir().c_str(), 1, &dev), ENODEV);
+}
+
+}  // namespace

@@ -1,0 +1,385 @@
+// The cluster layer against a reference model: reads and writes through the
+// page cache must match, byte for byte, what a plain array would hold, and
+// what reaches the device must match it after a push.
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "blockmapfs.h"
+#include "host/blkdev.h"
+#include "host/cluster.h"
+#include "host/ubc.h"
+#include "host/uio.h"
+
+namespace {
+
+std::vector<char> pattern(size_t n, uint32_t seed) {
+  std::vector<char> v(n);
+  std::mt19937 rng(seed);
+  for (auto& c : v) c = char(rng());
+  return v;
+}
+
+// Restores the pool's bound at the end of a test that shrinks it.
+struct PoolLimit {
+  size_t saved = host_ubc_limit();
+  explicit PoolLimit(size_t bytes) { host_ubc_set_limit(bytes); }
+  ~PoolLimit() { host_ubc_set_limit(saved); }
+};
+
+class ClusterTest : public ::testing::Test {
+ protected:
+  BlockMapFs fs;
+};
+
+// A file of 40 blocks: 10 at device block 100, a 5-block hole, 20 at
+// device block 500, 3 at 50 (going backwards), then holes.
+std::vector<bmfs_run> scattered() { return {{100, 10}, {-1, 5}, {500, 20}, {50, 3}}; }
+
+TEST_F(ClusterTest, ReadsFollowDiscontiguousRunsAndHolesReadAsZeros) {
+  off_t size = 40 * 4096 - 1000;  // ends mid-page, past the mapped runs
+  bmfs_file* f = fs.create(size, scattered());
+  std::vector<char> model(size_t(size), 0);
+  std::vector<char> data = pattern(size_t(size), 1);
+  for (off_t b = 0; b < 40; b++) {
+    bool hole = (b >= 10 && b < 15) || b >= 38;
+    size_t n = std::min<size_t>(4096, size_t(size - b * 4096));
+    if (hole) continue;
+    fs.poke_device(f, b * 4096, data.data() + b * 4096, n);
+    memcpy(model.data() + b * 4096, data.data() + b * 4096, n);
+  }
+  // Odd-sized sequential reads, so that requests straddle pages and runs.
+  std::vector<char> got(size_t(size) + 5000, 'x');
+  off_t off = 0;
+  while (off < size) {
+    size_t resid = 0;
+    ASSERT_EQ(fs.read(f, off, got.data() + off, 10007, &resid), 0);
+    ASSERT_LE(resid, 10007u);
+    if (resid == 10007) break;
+    off += off_t(10007 - resid);
+  }
+  EXPECT_EQ(off, size) << "reading stops at the file size";
+  EXPECT_EQ(0, memcmp(got.data(), model.data(), size_t(size)));
+  EXPECT_EQ(got[size_t(size)], 'x') << "nothing is copied past the file size";
+}
+
+TEST_F(ClusterTest, BytesPastFilesizeInTheLastPageReadAsZerosAfterGrowth) {
+  bmfs_file* f = fs.create(4096, {{10, 1}});
+  std::vector<char> junk(4096, char(0xAA));
+  fs.poke_device(f, 0, junk.data(), 4096);  // the device holds junk past byte 1000
+  {
+    std::lock_guard<std::mutex> g(f->lock);
+    f->size = 1000;
+  }
+  ubc_setsize(f->vp, 1000);
+  char buf[4096];
+  size_t resid = 0;
+  ASSERT_EQ(fs.read(f, 0, buf, sizeof buf, &resid), 0);
+  EXPECT_EQ(resid, 4096u - 1000u);
+  // The file grows again without a write: the old tail is not file data.
+  {
+    std::lock_guard<std::mutex> g(f->lock);
+    f->size = 4096;
+  }
+  ubc_setsize(f->vp, 4096);
+  ASSERT_EQ(fs.read(f, 0, buf, sizeof buf, &resid), 0);
+  EXPECT_EQ(resid, 0u);
+  for (int i = 1000; i < 4096; i++) ASSERT_EQ(buf[i], 0) << "byte " << i;
+  EXPECT_EQ(buf[999], char(0xAA));
+}
+
+TEST_F(ClusterTest, RandomReadsAndWritesMatchAReferenceModel) {
+  const off_t size = 3 << 20;
+  bmfs_file* f = fs.create(size, {{0, 100}, {-1, 50}, {300, 200}, {200, 20}});
+  std::vector<char> model = fs.on_device(f);
+  std::mt19937 rng(7);
+  for (int op = 0; op < 400; op++) {
+    off_t off = off_t(rng() % uint32_t(size));
+    size_t len = 1 + rng() % 70000;
+    if (rng() % 8 == 0) len = 1 + rng() % 20;
+    if (off + off_t(len) > size) len = size_t(size - off);
+    if (rng() % 2) {
+      std::vector<char> d = pattern(len, uint32_t(op));
+      ASSERT_EQ(fs.write(f, off, d.data(), len), 0);
+      memcpy(model.data() + off, d.data(), len);
+    } else {
+      std::vector<char> got(len);
+      ASSERT_EQ(fs.read(f, off, got.data(), len), 0);
+      ASSERT_EQ(0, memcmp(got.data(), model.data() + off, len)) << "op " << op << " at " << off;
+    }
+  }
+  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
+  EXPECT_TRUE(fs.on_device(f) == model);
+  // Dropping the cache and reading again comes back from the device.
+  ASSERT_EQ(ubc_msync(f->vp, 0, size, nullptr, UBC_INVALIDATE), 0);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 0u);
+  std::vector<char> all(static_cast<size_t>(size));
+  ASSERT_EQ(fs.read(f, 0, all.data(), all.size()), 0);
+  EXPECT_TRUE(all == model);
+}
+
+TEST_F(ClusterTest, AppendingWritesGrowTheFileAndLandOnTheDevice) {
+  bmfs_file* f = fs.create(0, {});
+  std::vector<char> model;
+  std::mt19937 rng(3);
+  for (int i = 0; i < 60; i++) {
+    size_t len = 1 + rng() % 50000;
+    std::vector<char> d = pattern(len, uint32_t(i));
+    ASSERT_EQ(fs.write(f, off_t(model.size()), d.data(), len), 0);
+    model.insert(model.end(), d.begin(), d.end());
+  }
+  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  EXPECT_TRUE(fs.on_device(f) == model);
+}
+
+// --- Partial pages and zero-fill ------------------------------------------------
+
+class ZeroFillTest : public ClusterTest {
+ protected:
+  // A 4-page file whose device blocks hold 0x11; pages 0 and 1 resident
+  // (read), page 1 then dirtied with 0x22 at its first byte.
+  void SetUp() override {
+    f = fs.create(4 * 4096, {{20, 4}});
+    std::vector<char> ones(4 * 4096, 0x11);
+    fs.poke_device(f, 0, ones.data(), ones.size());
+    char buf[8192];
+    ASSERT_EQ(fs.read(f, 0, buf, sizeof buf), 0);
+    char two = 0x22;
+    ASSERT_EQ(fs.write(f, 4096, &two, 1), 0);
+  }
+  // Runs cluster_write with a one-byte write of 0x33 at the start of page 3.
+  int write_page3(off_t head, off_t tail, int flags) {
+    std::lock_guard<std::mutex> io(f->io_lock);
+    char b = 0x33;
+    uio_t uio = uio_create(1, 3 * 4096, UIO_SYSSPACE, UIO_WRITE);
+    uio_addiov(uio, reinterpret_cast<user_addr_t>(&b), 1);
+    int e = cluster_write(f->vp, uio, 4 * 4096, 4 * 4096, head, tail, flags);
+    uio_free(uio);
+    return e;
+  }
+  std::vector<char> contents() {
+    std::vector<char> v(4 * 4096);
+    EXPECT_EQ(fs.read(f, 0, v.data(), v.size()), 0);
+    return v;
+  }
+  bmfs_file* f = nullptr;
+};
+
+TEST_F(ZeroFillTest, HeadZeroFillZeroesEveryPageOfTheRange) {
+  ASSERT_EQ(write_page3(100, 0, IO_HEADZEROFILL), 0);
+  std::vector<char> v = contents();
+  for (int i = 0; i < 100; i++) ASSERT_EQ(v[i], 0x11);
+  for (int i = 100; i < 3 * 4096; i++) ASSERT_EQ(v[i], 0) << i;
+  EXPECT_EQ(v[3 * 4096], 0x33);
+  EXPECT_EQ(v[3 * 4096 + 1], 0x11) << "the rest of a partly written page is read first";
+}
+
+TEST_F(ZeroFillTest, NoZeroValidLeavesResidentCleanPagesAlone) {
+  ASSERT_EQ(write_page3(0, 0, IO_HEADZEROFILL | IO_NOZEROVALID), 0);
+  std::vector<char> v = contents();
+  EXPECT_EQ(v[5], 0x11) << "page 0 is valid and clean";
+  EXPECT_EQ(v[4096], 0) << "page 1 is dirty, which NOZEROVALID does not protect";
+  EXPECT_EQ(v[2 * 4096 + 7], 0) << "page 2 was absent";
+}
+
+TEST_F(ZeroFillTest, NoZeroDirtyLeavesDirtyPagesAlone) {
+  ASSERT_EQ(write_page3(0, 0, IO_HEADZEROFILL | IO_NOZERODIRTY), 0);
+  std::vector<char> v = contents();
+  EXPECT_EQ(v[5], 0) << "page 0 is clean";
+  EXPECT_EQ(v[4096], 0x22);
+  EXPECT_EQ(v[4097], 0x11);
+  EXPECT_EQ(v[2 * 4096], 0);
+}
+
+TEST_F(ZeroFillTest, BothFlagsOnlyZeroAbsentPages) {
+  ASSERT_EQ(write_page3(0, 0, IO_HEADZEROFILL | IO_NOZEROVALID | IO_NOZERODIRTY), 0);
+  std::vector<char> v = contents();
+  EXPECT_EQ(v[5], 0x11);
+  EXPECT_EQ(v[4096], 0x22);
+  EXPECT_EQ(v[2 * 4096], 0);
+  EXPECT_EQ(v[3 * 4096 - 1], 0);
+}
+
+TEST_F(ZeroFillTest, TailZeroFillZeroesAfterTheWriteOnly) {
+  ASSERT_EQ(write_page3(0, 3 * 4096 + 3000, IO_TAILZEROFILL), 0);
+  std::vector<char> v = contents();
+  EXPECT_EQ(v[3 * 4096], 0x33);
+  for (int i = 3 * 4096 + 1; i < 3 * 4096 + 3000; i++) ASSERT_EQ(v[i], 0) << i;
+  EXPECT_EQ(v[3 * 4096 + 3000], 0x11);
+  EXPECT_EQ(v[0], 0x11) << "no head zero-fill without its flag";
+}
+
+TEST_F(ZeroFillTest, NullUioOnlyZeroFillsAndTheZerosReachTheDevice) {
+  {
+    std::lock_guard<std::mutex> io(f->io_lock);
+    ASSERT_EQ(cluster_write(f->vp, nullptr, 4096 + 10, 3 * 4096 + 5, 4096 + 10, 0,
+                            IO_HEADZEROFILL | IO_NOZEROVALID | IO_NOZERODIRTY | IO_SYNC),
+              0);
+  }
+  std::vector<char> d = fs.on_device(f);
+  EXPECT_EQ(d[4096], 0x22) << "the dirty page was left alone (and written with IO_SYNC)";
+  EXPECT_EQ(d[4096 + 10], 0x11) << "dirty page not zeroed";
+  for (int i = 2 * 4096; i < 3 * 4096 + 5; i++) ASSERT_EQ(d[i], 0) << i;
+}
+
+TEST_F(ClusterTest, APartialPageAtOrPastTheOldEndIsNotReadFromTheDevice) {
+  bmfs_file* f = fs.create(4096, {{30, 4}});
+  std::vector<char> junk(4 * 4096, char(0xEE));
+  fs.poke_device(f, 0, junk.data(), junk.size());
+  {
+    std::lock_guard<std::mutex> g(f->lock);
+    f->size = 100;
+  }
+  ubc_setsize(f->vp, 100);
+  // Grow to 2 pages with a write at 5000 (head zero-fill from the old end).
+  char x = 'x';
+  ASSERT_EQ(fs.write(f, 5000, &x, 1), 0);
+  std::vector<char> v(5001);
+  ASSERT_EQ(fs.read(f, 0, v.data(), v.size()), 0);
+  EXPECT_EQ(v[99], char(0xEE));
+  for (int i = 100; i < 5000; i++) ASSERT_EQ(v[i], 0) << i;
+  EXPECT_EQ(v[5000], 'x');
+}
+
+// --- Reaching the device ----------------------------------------------------------
+
+TEST_F(ClusterTest, DirtyDataReachesTheDeviceOnPushOrImmediatelyWithIoSync) {
+  bmfs_file* f = fs.create(8 * 4096, {{40, 8}});
+  std::vector<char> d = pattern(3 * 4096, 9);
+  ASSERT_EQ(fs.write(f, 0, d.data(), d.size()), 0);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 3u);
+  EXPECT_NE(0, memcmp(fs.on_device(f).data(), d.data(), d.size())) << "written behind too early";
+  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
+  EXPECT_EQ(0, memcmp(fs.on_device(f).data(), d.data(), d.size()));
+
+  std::vector<char> e = pattern(100, 10);
+  ASSERT_EQ(fs.write(f, 5 * 4096 + 7, e.data(), e.size(), IO_SYNC), 0);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
+  EXPECT_EQ(0, memcmp(fs.on_device(f).data() + 5 * 4096 + 7, e.data(), e.size()));
+  EXPECT_EQ(f->pageouts.load(), 0) << "the writer's pages never go through pageout";
+}
+
+TEST_F(ClusterTest, AnAsynchronousPushCompletesWithoutAnotherCall) {
+  bmfs_file* f = fs.create(16 * 4096, {{60, 16}});
+  std::vector<char> d = pattern(16 * 4096, 11);
+  ASSERT_EQ(fs.write(f, 0, d.data(), d.size()), 0);
+  ASSERT_EQ(cluster_push(f->vp, 0), 0);
+  for (int i = 0; i < 500 && host_ubc_vnode_dirty_pages(f->vp) != 0; i++) usleep(2000);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
+  EXPECT_TRUE(fs.on_device(f) == d);
+}
+
+TEST_F(ClusterTest, WriteErrorsAreReportedAndThePagesStayDirty) {
+  bmfs_file* f = fs.create(4 * 4096, {{70, 4}});
+  host_memdev_faults faults;
+  faults.fail_write_bytes.push_back(71 * 4096 + 512);
+  host_memdev_set_faults(fs.devvp(), faults);
+  std::vector<char> d = pattern(4 * 4096, 12);
+  ASSERT_EQ(fs.write(f, 0, d.data(), d.size()), 0);
+  EXPECT_EQ(cluster_push(f->vp, IO_SYNC), EIO);
+  EXPECT_GT(host_ubc_vnode_dirty_pages(f->vp), 0u);
+  host_memdev_set_faults(fs.devvp(), host_memdev_faults());
+  EXPECT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  EXPECT_TRUE(fs.on_device(f) == d);
+}
+
+TEST_F(ClusterTest, ReadErrorsAreReportedAndLeaveNothingCached) {
+  bmfs_file* f = fs.create(4 * 4096, {{80, 4}});
+  host_memdev_faults faults;
+  faults.fail_read_bytes.push_back(82 * 4096);
+  host_memdev_set_faults(fs.devvp(), faults);
+  std::vector<char> buf(4 * 4096);
+  EXPECT_EQ(fs.read(f, 0, buf.data(), buf.size()), EIO);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 0u);
+  host_memdev_set_faults(fs.devvp(), host_memdev_faults());
+  EXPECT_EQ(fs.read(f, 0, buf.data(), buf.size()), 0);
+}
+
+// --- Request sizes -------------------------------------------------------------------
+
+TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
+  const off_t size = 8 << 20;
+  bmfs_file* f = fs.create(size, {{1000, uint32_t(size / 4096)}});
+  std::vector<char> d = pattern(size_t(size), 13);
+  fs.poke_device(f, 0, d.data(), d.size());
+
+  host_blkdev_reset_stats(fs.devvp());
+  std::vector<char> got(static_cast<size_t>(size));
+  ASSERT_EQ(fs.read(f, 0, got.data(), got.size()), 0);
+  host_devstats st;
+  host_blkdev_stats(fs.devvp(), &st);
+  EXPECT_TRUE(got == d);
+  EXPECT_LE(st.reads, 10u) << "one request per maximal transfer, not per page";
+  EXPECT_EQ(st.bytes_read, uint64_t(size));
+
+  ASSERT_EQ(ubc_msync(f->vp, 0, size, nullptr, UBC_INVALIDATE), 0);
+  host_blkdev_reset_stats(fs.devvp());
+  for (off_t off = 0; off < size; off += 65536) ASSERT_EQ(fs.read(f, off, got.data() + off, 65536), 0);
+  host_blkdev_stats(fs.devvp(), &st);
+  EXPECT_TRUE(got == d);
+  EXPECT_LE(st.reads, 24u) << "small sequential reads are gathered by read-ahead";
+
+  std::vector<char> w = pattern(size_t(size), 14);
+  ASSERT_EQ(ubc_msync(f->vp, 0, size, nullptr, UBC_INVALIDATE), 0);
+  host_blkdev_reset_stats(fs.devvp());
+  for (off_t off = 0; off < size; off += 65536) ASSERT_EQ(fs.write(f, off, w.data() + off, 65536), 0);
+  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  host_blkdev_stats(fs.devvp(), &st);
+  EXPECT_LE(st.writes, 12u);
+  EXPECT_EQ(st.bytes_written, uint64_t(size));
+  EXPECT_EQ(st.reads, 0u) << "whole pages are never read before being overwritten";
+  EXPECT_TRUE(fs.on_device(f) == w);
+}
+
+TEST_F(ClusterTest, AdvisoryReadFillsTheCacheAhead) {
+  bmfs_file* f = fs.create(64 * 4096, {{2000, 64}});
+  ASSERT_EQ(advisory_read(f->vp, 64 * 4096, 0, 64 * 4096), 0);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 64u) << "pages under way are resident (busy)";
+  ASSERT_EQ(ubc_msync(f->vp, 0, 64 * 4096, nullptr, UBC_SYNC), 0);  // waits for them
+  host_blkdev_reset_stats(fs.devvp());
+  std::vector<char> buf(64 * 4096);
+  ASSERT_EQ(fs.read(f, 0, buf.data(), buf.size()), 0);
+  host_devstats st;
+  host_blkdev_stats(fs.devvp(), &st);
+  EXPECT_EQ(st.reads, 0u);
+}
+
+// --- A tiny pool ------------------------------------------------------------------------
+
+TEST_F(ClusterTest, ATinyPoolLosesNothingAcrossFiles) {
+  PoolLimit limit(16 * 4096);
+  const off_t size = 1 << 20;
+  bmfs_file* a = fs.create(size, {{3000, 256}});
+  bmfs_file* b = fs.create(size, {{-1, 256}});
+  std::vector<char> ma(size_t(size), 0), mb(size_t(size), 0);
+  std::mt19937 rng(5);
+  for (int op = 0; op < 300; op++) {
+    bmfs_file* f = (op % 2) ? a : b;
+    std::vector<char>& m = (op % 2) ? ma : mb;
+    off_t off = off_t(rng() % uint32_t(size));
+    size_t len = std::min<size_t>(1 + rng() % 30000, size_t(size - off));
+    if (rng() % 3) {
+      std::vector<char> d = pattern(len, uint32_t(op));
+      ASSERT_EQ(fs.write(f, off, d.data(), len), 0);
+      memcpy(m.data() + off, d.data(), len);
+    } else {
+      std::vector<char> got(len);
+      ASSERT_EQ(fs.read(f, off, got.data(), len), 0);
+      ASSERT_EQ(0, memcmp(got.data(), m.data() + off, len)) << "op " << op;
+    }
+  }
+  EXPECT_LE(host_ubc_resident_bytes(), size_t(64 * 4096)) << "the pool stays near its bound";
+  ASSERT_EQ(cluster_push(a->vp, IO_SYNC), 0);
+  ASSERT_EQ(cluster_push(b->vp, IO_SYNC), 0);
+  EXPECT_TRUE(fs.on_device(a) == ma);
+  EXPECT_TRUE(fs.on_device(b) == mb);
+}
+
+}  // namespace

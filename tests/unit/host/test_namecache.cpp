@@ -1,0 +1,234 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "host/namecache.h"
+#include "host/vnode_internal.h"
+#include "tinyfs.h"
+
+namespace {
+
+// A volume with a root and two files, "a" and "b", entered in nothing yet.
+struct NameCacheTest : ::testing::Test {
+  TinyFs fs;
+  vnode_t root = nullptr, a = nullptr, b = nullptr;
+
+  void SetUp() override {
+    root = fs.root();
+    ASSERT_EQ(fs.create(root, "a", &a), 0);
+    ASSERT_EQ(fs.create(root, "b", &b), 0);
+    cache_purge(root);
+  }
+  void TearDown() override {
+    vnode_put(a);
+    vnode_put(b);
+    vnode_put(root);
+    host_namecache_set_limit(8192);
+  }
+  int lookup(const char* name, vnode_t* vpp, uint32_t nameiop = LOOKUP,
+             uint32_t flags = MAKEENTRY | ISLASTCN) {
+    struct componentname cn = tinyfs_cn(name, nameiop, flags);
+    return cache_lookup(root, vpp, &cn);
+  }
+  void enter(const char* name, vnode_t vp) {
+    struct componentname cn = tinyfs_cn(name);
+    cache_enter(root, vp, &cn);
+  }
+};
+
+TEST_F(NameCacheTest, PositiveHitTakesAnIoReference) {
+  enter("a", a);
+  vnode_t vp = nullptr;
+  EXPECT_EQ(lookup("a", &vp), -1);
+  EXPECT_EQ(vp, a);
+  EXPECT_EQ(host_vnode_iocount(a), 2);
+  vnode_put(vp);
+  EXPECT_EQ(lookup("b", &vp), 0);
+  EXPECT_EQ(vp, nullptr);
+}
+
+TEST_F(NameCacheTest, NamesCompareAsExactBytes) {
+  enter("a", a);
+  vnode_t vp = nullptr;
+  EXPECT_EQ(lookup("A", &vp), 0);
+  EXPECT_EQ(lookup("a ", &vp), 0);
+  struct componentname cn = tinyfs_cn("ab");
+  cn.cn_namelen = 1;  // "a" inside a longer buffer
+  EXPECT_EQ(cache_lookup(root, &vp, &cn), -1);
+  vnode_put(vp);
+}
+
+TEST_F(NameCacheTest, NegativeEntries) {
+  enter("missing", nullptr);
+  vnode_t vp = nullptr;
+  EXPECT_EQ(lookup("missing", &vp), ENOENT);
+  EXPECT_EQ(lookup("missing", &vp, DELETE), ENOENT);
+  // A create of that name must go to the file system, and the entry goes.
+  EXPECT_EQ(lookup("missing", &vp, CREATE), 0);
+  EXPECT_EQ(lookup("missing", &vp), 0);
+  enter("missing", nullptr);
+  EXPECT_EQ(lookup("missing", &vp, RENAME), 0);
+  // Not the last component: a create still sees the negative entry.
+  enter("missing", nullptr);
+  EXPECT_EQ(lookup("missing", &vp, CREATE, MAKEENTRY), ENOENT);
+}
+
+TEST_F(NameCacheTest, LookupWithoutMakeentryDropsTheEntry) {
+  enter("a", a);
+  vnode_t vp = nullptr;
+  EXPECT_EQ(lookup("a", &vp, LOOKUP, ISLASTCN), 0);
+  EXPECT_EQ(vp, nullptr);
+  EXPECT_EQ(lookup("a", &vp), 0);
+}
+
+TEST_F(NameCacheTest, EnterReplacesAnEntry) {
+  enter("x", nullptr);
+  enter("x", a);
+  vnode_t vp = nullptr;
+  ASSERT_EQ(lookup("x", &vp), -1);
+  EXPECT_EQ(vp, a);
+  vnode_put(vp);
+  enter("x", b);
+  ASSERT_EQ(lookup("x", &vp), -1);
+  EXPECT_EQ(vp, b);
+  vnode_put(vp);
+}
+
+TEST_F(NameCacheTest, PurgeDropsEntriesNamingAndInsideTheVnode) {
+  enter("a", a);
+  enter("a2", a);
+  enter("b", b);
+  struct componentname cn = tinyfs_cn("inside");
+  cache_enter(a, b, &cn);  // as if a were a directory holding b
+  size_t before = host_namecache_count();
+  cache_purge(a);
+  EXPECT_EQ(host_namecache_count(), before - 3);
+  vnode_t vp = nullptr;
+  EXPECT_EQ(lookup("a", &vp), 0);
+  ASSERT_EQ(lookup("b", &vp), -1);
+  vnode_put(vp);
+}
+
+TEST_F(NameCacheTest, PurgeNegativesKeepsPositives) {
+  enter("a", a);
+  enter("n1", nullptr);
+  enter("n2", nullptr);
+  cache_purge_negatives(root);
+  vnode_t vp = nullptr;
+  EXPECT_EQ(lookup("n1", &vp), 0);
+  EXPECT_EQ(lookup("n2", &vp), 0);
+  ASSERT_EQ(lookup("a", &vp), -1);
+  vnode_put(vp);
+}
+
+TEST_F(NameCacheTest, ReclaimedVnodeLeavesTheCache) {
+  vnode_t c;
+  ASSERT_EQ(fs.create(root, "c", &c), 0);
+  enter("c", c);
+  vnode_put(c);
+  ASSERT_EQ(vnode_recycle(c), 1);
+  vnode_t vp = nullptr;
+  EXPECT_EQ(lookup("c", &vp), 0);
+  EXPECT_EQ(vp, nullptr);
+}
+
+TEST_F(NameCacheTest, CreateEntersTheNameUnlessAskedNotTo) {
+  // tinyfs passes its componentname (MAKEENTRY) to vnode_create.
+  vnode_t c;
+  ASSERT_EQ(fs.create(root, "c", &c), 0);
+  vnode_t vp = nullptr;
+  ASSERT_EQ(lookup("c", &vp), -1);
+  EXPECT_EQ(vp, c);
+  vnode_put(vp);
+  vnode_put(c);
+
+  struct componentname cn = tinyfs_cn("nc");
+  struct vnode_fsparam p = {};
+  p.vnfs_mp = fs.mp();
+  p.vnfs_vtype = VREG;
+  p.vnfs_vops = host_vnode_ops(root);
+  p.vnfs_dvp = root;
+  p.vnfs_cnp = &cn;
+  p.vnfs_flags = VNFS_CANTCACHE;
+  vnode_t never;
+  ASSERT_EQ(vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &never), 0);
+  EXPECT_EQ(lookup("nc", &vp), 0);
+  cache_enter(root, never, &cn);  // refused for a VNFS_CANTCACHE vnode
+  EXPECT_EQ(lookup("nc", &vp), 0);
+  vnode_recycle(never);
+  vnode_put(never);
+}
+
+TEST_F(NameCacheTest, BoundedLeastRecentlyUsedFirst) {
+  host_namecache_set_limit(0);  // empty, so that only this test's entries count
+  EXPECT_EQ(host_namecache_count(), 0u);
+  size_t base = 0;
+  host_namecache_set_limit(3);
+  enter("n1", nullptr);
+  enter("n2", nullptr);
+  enter("n3", nullptr);
+  vnode_t vp = nullptr;
+  EXPECT_EQ(lookup("n1", &vp), ENOENT);  // n1 is now the most recent
+  enter("n4", nullptr);
+  EXPECT_EQ(host_namecache_count(), base + 3);
+  EXPECT_EQ(lookup("n2", &vp), 0) << "the least recently used entry survived";
+  EXPECT_EQ(lookup("n1", &vp), ENOENT);
+  EXPECT_EQ(lookup("n4", &vp), ENOENT);
+}
+
+// Lookups through the cache while other threads recycle the vnodes the
+// entries name: a hit always carries a live vnode of the right file.
+TEST(NameCacheConcurrency, LookupsWhileVnodesAreReclaimed) {
+  TinyFs fs;
+  vnode_t root = fs.root();
+  const char* names[] = {"a", "b", "c", "d"};
+  for (const char* n : names) {
+    vnode_t vp;
+    ASSERT_EQ(fs.create(root, n, &vp), 0);
+    vnode_put(vp);
+  }
+  std::atomic<bool> stop{false};
+  std::atomic<int> hits{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; t++) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; !stop; i++) {
+        const char* n = names[(i + t) % 4];
+        struct componentname cn = tinyfs_cn(n);
+        vnode_t vp = nullptr;
+        int r = cache_lookup(root, &vp, &cn);
+        if (r == -1) {
+          tinyfs_node* node = tinyfs_node_of(vp);
+          EXPECT_NE(node, nullptr);
+          if (node != nullptr) {
+            EXPECT_EQ(node->name, n);
+          }
+          vnode_put(vp);
+          hits++;
+        } else if (r == 0) {
+          // Miss: the file system looks it up and enters it again.
+          ASSERT_EQ(fs.lookup(root, n, &vp), 0);
+          vnode_put(vp);
+        }
+      }
+    });
+  }
+  std::thread recycler([&] {
+    for (int i = 0; i < 100000 && (i < 400 || hits.load() < 50); i++) {
+      if (i % 16 == 0) std::this_thread::yield();
+      vnode_t vp;
+      if (fs.lookup(root, names[i % 4], &vp) != 0) continue;
+      vnode_recycle(vp);
+      vnode_put(vp);
+    }
+    stop = true;
+  });
+  recycler.join();
+  for (auto& t : threads) t.join();
+  EXPECT_GT(hits.load(), 0);
+  vnode_put(root);
+}
+
+}  // namespace

@@ -1,0 +1,230 @@
+// The page cache proper: page lists, sizes, mapped access, the page-out
+// role and the pool's bound.
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "blockmapfs.h"
+#include "host/blkdev.h"
+#include "host/cluster.h"
+#include "host/kern.h"
+#include "host/malloc.h"
+#include "host/ubc.h"
+#include "host/uio.h"
+
+namespace {
+
+std::vector<char> bytes(size_t n, char c) { return std::vector<char>(n, c); }
+
+struct PoolLimit {
+  size_t saved = host_ubc_limit();
+  explicit PoolLimit(size_t bytes) { host_ubc_set_limit(bytes); }
+  ~PoolLimit() { host_ubc_set_limit(saved); }
+};
+
+class UbcTest : public ::testing::Test {
+ protected:
+  // An 8-page file on device blocks 100..107 holding 0x11; page 1 and 2
+  // resident and clean, page 4 dirty with 0x44.
+  void SetUp() override {
+    f = fs.create(8 * 4096, {{100, 8}});
+    std::vector<char> ones = bytes(8 * 4096, 0x11);
+    fs.poke_device(f, 0, ones.data(), ones.size());
+    std::vector<char> buf(2 * 4096);
+    ASSERT_EQ(fs.read(f, 4096, buf.data(), buf.size()), 0);
+    std::vector<char> four = bytes(4096, 0x44);
+    ASSERT_EQ(fs.write(f, 4 * 4096, four.data(), four.size()), 0);
+    ASSERT_EQ(host_ubc_vnode_pages(f->vp), 3u);
+  }
+  BlockMapFs fs;
+  bmfs_file* f = nullptr;
+};
+
+TEST_F(UbcTest, OnlyAbsentListsHoldExactlyTheAbsentPages) {
+  upl_t upl;
+  upl_page_info_t* pl;
+  ASSERT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, &pl, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT), 0);
+  for (int i = 0; i < 8; i++) {
+    bool absent = i != 1 && i != 2 && i != 4;
+    EXPECT_EQ(upl_page_present(pl, i), absent) << i;
+    EXPECT_FALSE(upl_valid_page(pl, i)) << i;
+  }
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 8u) << "absent pages are entered busy";
+  ubc_upl_abort(upl, UPL_ABORT_FREE_ON_EMPTY);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u) << "aborting drops what the list created";
+}
+
+TEST_F(UbcTest, OnlyDirtyListsHoldExactlyTheDirtyPages) {
+  upl_t upl;
+  upl_page_info_t* pl;
+  ASSERT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, &pl, UPL_UBC_PAGEOUT | UPL_RET_ONLY_DIRTY), 0);
+  for (int i = 0; i < 8; i++) {
+    EXPECT_EQ(upl_page_present(pl, i), i == 4) << i;
+    EXPECT_EQ(upl_dirty_page(pl, i), i == 4) << i;
+  }
+  EXPECT_TRUE(upl_valid_page(pl, 4));
+  ASSERT_EQ(ubc_upl_abort_range(upl, 0, 8 * 4096, UPL_ABORT_FREE_ON_EMPTY), 0);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 1u) << "abort leaves the page dirty";
+}
+
+TEST_F(UbcTest, CommitMakesPagesValidAndCleanOrDirty) {
+  upl_t upl;
+  upl_page_info_t* pl;
+  ASSERT_EQ(ubc_create_upl(f->vp, 5 * 4096, 2 * 4096, &upl, &pl, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT), 0);
+  uintptr_t addr;
+  ASSERT_EQ(ubc_upl_map(upl, &addr), 0);
+  memset(reinterpret_cast<char*>(addr), 0x55, 2 * 4096);
+  ASSERT_EQ(ubc_upl_unmap(upl), 0);
+  ASSERT_EQ(ubc_upl_commit_range(upl, 0, 4096, UPL_COMMIT_FREE_ON_EMPTY), 0);
+  ASSERT_EQ(ubc_upl_commit_range(upl, 4096, 4096, UPL_COMMIT_FREE_ON_EMPTY | UPL_COMMIT_SET_DIRTY), 0);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 2u);  // page 4 and page 6
+  char buf[2 * 4096];
+  ASSERT_EQ(fs.read(f, 5 * 4096, buf, sizeof buf), 0);
+  EXPECT_EQ(buf[0], 0x55);
+  EXPECT_EQ(buf[8191], 0x55);
+  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  std::vector<char> d = fs.on_device(f);
+  EXPECT_EQ(d[5 * 4096], 0x11) << "a page committed clean is not written";
+  EXPECT_EQ(d[6 * 4096], 0x55);
+}
+
+TEST_F(UbcTest, PagesInAListAreBusyUntilCommitted) {
+  upl_t upl;
+  ASSERT_EQ(ubc_create_upl(f->vp, 4 * 4096, 4096, &upl, nullptr, 0), 0);
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    char b;
+    uio_t uio = uio_create(1, 4 * 4096, UIO_SYSSPACE, UIO_READ);
+    uio_addiov(uio, reinterpret_cast<user_addr_t>(&b), 1);
+    EXPECT_EQ(cluster_read(f->vp, uio, 8 * 4096, 0), 0);
+    uio_free(uio);
+    EXPECT_EQ(b, 0x66);
+    done = true;
+  });
+  usleep(50000);
+  EXPECT_FALSE(done.load()) << "a reader waits for a busy page";
+  uintptr_t addr;
+  ASSERT_EQ(ubc_upl_map(upl, &addr), 0);
+  *reinterpret_cast<char*>(addr) = 0x66;
+  ASSERT_EQ(ubc_upl_unmap(upl), 0);
+  ASSERT_EQ(ubc_upl_commit_range(upl, 0, 4096, UPL_COMMIT_SET_DIRTY), 0);
+  reader.join();
+  EXPECT_TRUE(done.load());
+  ubc_upl_abort(upl, 0);  // an empty list is still freed by a whole abort
+}
+
+TEST_F(UbcTest, ListCreationFailsCleanlyWithoutMemory) {
+  upl_t upl;
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, nullptr, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT), ENOMEM);
+  host_malloc_fail_nth(0);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
+  EXPECT_EQ(ubc_create_upl(f->vp, 100, 4096, &upl, nullptr, 0), EINVAL) << "unaligned";
+}
+
+TEST_F(UbcTest, ShrinkingDropsPagesAndZeroesThePartialTail) {
+  ASSERT_EQ(ubc_setsize(f->vp, 4 * 4096 + 100), 1);
+  EXPECT_EQ(ubc_getsize(f->vp), 4 * 4096 + 100);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u) << "page 4 holds the new end and stays";
+  ASSERT_EQ(ubc_setsize(f->vp, 2 * 4096), 1);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 1u) << "only page 1 lies below the new end";
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u) << "dirty pages past the end are dropped";
+  ASSERT_EQ(ubc_setsize(f->vp, 4096 + 10), 1);
+  ASSERT_EQ(ubc_setsize(f->vp, 8 * 4096), 1);
+  {
+    std::lock_guard<std::mutex> g(f->lock);
+    f->size = 8 * 4096;
+  }
+  char buf[4096];
+  ASSERT_EQ(fs.read(f, 4096, buf, sizeof buf), 0);
+  EXPECT_EQ(buf[9], 0x11);
+  for (int i = 10; i < 4096; i++) ASSERT_EQ(buf[i], 0) << i;
+}
+
+// --- Mapped access and the page-out role -------------------------------------------------
+
+TEST_F(UbcTest, FaultsPageInThroughTheFileSystemAndMsyncPagesOut) {
+  uintptr_t addr;
+  ASSERT_EQ(ubc_page_fault(f->vp, 6 * 4096 + 17, 1, &addr), 0);
+  EXPECT_EQ(f->pageins.load(), 1);
+  EXPECT_EQ(*reinterpret_cast<char*>(addr), 0x11);
+  memset(reinterpret_cast<char*>(addr), 0x77, 4096);
+  ubc_page_dirty(f->vp, 6 * 4096);
+  ubc_page_unpin(f->vp, 6 * 4096);
+  ASSERT_EQ(ubc_page_fault(f->vp, 1 * 4096, 0, &addr), 0);
+  EXPECT_EQ(f->pageins.load(), 1) << "a resident page faults without a page-in";
+  ubc_page_unpin(f->vp, 1 * 4096);
+
+  off_t resid = -1;
+  ASSERT_EQ(ubc_msync(f->vp, 0, 8 * 4096, &resid, UBC_PUSHDIRTY | UBC_SYNC), 0);
+  EXPECT_EQ(resid, 8 * 4096);
+  EXPECT_GE(f->pageouts.load(), 1);
+  EXPECT_EQ(f->pageout_pages.load(), 2) << "pages 4 and 6";
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
+  std::vector<char> d = fs.on_device(f);
+  EXPECT_EQ(d[6 * 4096 + 100], 0x77);
+  EXPECT_EQ(d[4 * 4096], 0x44);
+}
+
+TEST_F(UbcTest, AFaultPastTheEndFailsAsTheFileSystemSays) {
+  uintptr_t addr;
+  EXPECT_EQ(ubc_page_fault(f->vp, 9 * 4096, 0, &addr), EINVAL);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
+}
+
+TEST_F(UbcTest, APinnedPageSurvivesTruncationUntilUnpinned) {
+  uintptr_t addr;
+  ASSERT_EQ(ubc_page_fault(f->vp, 7 * 4096, 1, &addr), 0);
+  ubc_setsize(f->vp, 4096);
+  memset(reinterpret_cast<char*>(addr), 1, 4096);  // still mapped memory
+  ubc_page_dirty(f->vp, 7 * 4096);
+  ubc_page_unpin(f->vp, 7 * 4096);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
+}
+
+TEST_F(UbcTest, ReclaimPushesDirtyPagesThroughPageout) {
+  fs.release(f);
+  EXPECT_GE(f->pageouts.load(), 1);
+  EXPECT_EQ(fs.on_device(f)[4 * 4096], 0x44);
+}
+
+TEST_F(UbcTest, EvictionOfMappedDirtyPagesGoesThroughPageoutAndLosesNothing) {
+  PoolLimit limit(8 * 4096);
+  const int npages = 64;
+  bmfs_file* g = fs.create(npages * 4096, {{1000, npages}});
+  std::vector<char> model(npages * 4096, 0);
+  for (int i = 0; i < npages; i++) {
+    uintptr_t addr;
+    ASSERT_EQ(ubc_page_fault(g->vp, off_t(i) * 4096, 1, &addr), 0);
+    memset(reinterpret_cast<char*>(addr), char(i + 1), 4096);
+    memset(model.data() + i * 4096, char(i + 1), 4096);
+    ubc_page_dirty(g->vp, off_t(i) * 4096);
+    ubc_page_unpin(g->vp, off_t(i) * 4096);
+  }
+  // The page-out thread catches up without any call from us.
+  for (int i = 0; i < 1000 && host_ubc_resident_bytes() > 8 * 4096; i++) usleep(2000);
+  EXPECT_LE(host_ubc_resident_bytes(), size_t(8 * 4096));
+  EXPECT_GT(g->pageouts.load(), 0);
+  ASSERT_EQ(ubc_msync(g->vp, 0, npages * 4096, nullptr, UBC_PUSHDIRTY | UBC_SYNC), 0);
+  EXPECT_TRUE(fs.on_device(g) == model);
+  std::vector<char> back(model.size());
+  ASSERT_EQ(fs.read(g, 0, back.data(), back.size()), 0);
+  EXPECT_TRUE(back == model);
+}
+
+TEST(UbcLimits, RequestsCarryAtLeastOneMegabyte) {
+  EXPECT_GE(ubc_upl_maxbufsize(), 1u << 20);
+  BlockMapFs fs;
+  struct vfsioattr io;
+  vfs_ioattr(fs.mp(), &io);
+  EXPECT_GE(io.io_maxreadcnt, ubc_upl_maxbufsize());
+  EXPECT_GE(io.io_maxwritecnt, ubc_upl_maxbufsize());
+  EXPECT_GE(uint64_t(io.io_segreadcnt) * io.io_maxsegreadsize, ubc_upl_maxbufsize());
+}
+
+}  // namespace
