@@ -139,7 +139,8 @@ int walk_set_entry(struct dir_walk* walk, uint8_t* entry, uint8_t type, uint32_t
 // walk.
 int walk_block(struct dir_walk* walk, uint32_t offset, uint32_t position) {
   struct exfat_mount* mount = walk->dir->x_mount;
-  for (; position < mount->xm_block_size; position += EXFAT_ENTRY_SIZE, offset += EXFAT_ENTRY_SIZE) {
+  for (; position < mount->xm_block_size;
+       position += EXFAT_ENTRY_SIZE, offset += EXFAT_ENTRY_SIZE) {
     uint8_t* entry = walk->block + position;
     uint8_t type = entry[0];
     int result;
@@ -240,7 +241,8 @@ int dir_for_each_block(struct exfat_node* dir, uint64_t offset, uint32_t length,
                                &sector, nullptr, nullptr);
     if (error)
       return error;
-    uint64_t cluster_end = offset - offset % mount->xm_bytes_per_cluster + mount->xm_bytes_per_cluster;
+    uint64_t cluster_end =
+        offset - offset % mount->xm_bytes_per_cluster + mount->xm_bytes_per_cluster;
     while (length > 0 && offset < cluster_end) {
       buf_t bp;
       error = dir_read_block(mount, sector, offset, context, &bp);
@@ -290,7 +292,8 @@ int exfat_dir_iterate(struct exfat_node* dir, uint32_t offset, void* argument,
   int result;
   for (;;) {
     uint64_t sector;
-    result = exfat_blockmap(dir, offset / mount->xm_bytes_per_cluster, 1, &sector, nullptr, nullptr);
+    result =
+        exfat_blockmap(dir, offset / mount->xm_bytes_per_cluster, 1, &sector, nullptr, nullptr);
     if (result == E2BIG) {
       result = 0;  // past the directory's length: a set still open is dropped
       break;

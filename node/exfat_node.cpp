@@ -146,7 +146,8 @@ int node_init_child(struct exfat_node* node, struct exfat_node* parent, enum vty
   struct exfat_mount* mount = node->x_mount;
   uint8_t entries[kFileAndStreamBytes];
 
-  int error = exfat_dir_read(parent, nullptr, entries, node->x_dir_offset, sizeof(entries), context);
+  int error =
+      exfat_dir_read(parent, nullptr, entries, node->x_dir_offset, sizeof(entries), context);
   if (error)
     return error;
   node_load_entries(node, entries);
@@ -471,9 +472,11 @@ int exfat_node_get(struct exfat_mount* mount, vnode_t parent_vp, struct componen
   if (type == VLNK)
     node->x_flags |= X_SYMLINK;
   // Nobody can see the node yet, so locking it under the hash lock can't
-  // wait. From the insert on, other lookups of the key sleep until
+  // wait; a try-lock says so, and keeps the hash lock out of the order of
+  // node locks. From the insert on, other lookups of the key sleep until
   // initialisation ends.
-  exfat_node_lock(node);
+  if (!exfat_node_try_lock(node))
+    panic("exfat_node_get: new node is locked\n");
   exfat_hash_insert(node);
   lck_mtx_unlock(exfat_hash_lock);
 
@@ -576,7 +579,8 @@ int exfat_node_update(struct exfat_node* node, struct exfat_node* parent, vfs_co
     le16enc(set + 2, exfat_checksum_file_set(set));
     // The name entries are unchanged: the checksum covers them as read, so
     // only the entries that changed go back.
-    uint32_t write_bytes = (node->x_flags & X_STREAM_DIRTY) ? kFileAndStreamBytes : EXFAT_ENTRY_SIZE;
+    uint32_t write_bytes =
+        (node->x_flags & X_STREAM_DIRTY) ? kFileAndStreamBytes : EXFAT_ENTRY_SIZE;
     error = exfat_dir_write(parent, nullptr, set, node->x_dir_offset, write_bytes, false, context);
   }
   if (!error)

@@ -106,7 +106,8 @@ int exfat_lock_parent(struct exfat_node* node, struct exfat_node** parentp) {
 
   struct exfat_node* parent = node->x_parent;
   if (parent == nullptr) {
-    kprintf("exfat_lock_parent: parent == NULL (child vp = %p)\n", static_cast<void*>(node->x_vnode));
+    kprintf("exfat_lock_parent: parent == NULL (child vp = %p)\n",
+            static_cast<void*>(node->x_vnode));
     return EIO;
   }
   vnode_t parent_vp = vnode_getparent(node->x_vnode);

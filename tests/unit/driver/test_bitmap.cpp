@@ -1,0 +1,407 @@
+// The allocation bitmap on a mounted volume: marking runs used and free
+// across words and blocks, counting free clusters, the free-run searches and
+// the refusal of bad ranges.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/cluster.h"
+#include "host/kern.h"
+#include "host/malloc.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+Geometry small_volume(uint32_t clusters) {
+  Geometry g;
+  g.cluster_count = clusters;
+  return g;
+}
+
+// 40,000 clusters of 512 bytes: a bitmap of 5,000 bytes, one full block
+// (clusters 2 .. 32,769) and a short one.
+Geometry two_block_bitmap() {
+  Geometry g;
+  g.sector_shift = 9;
+  g.cluster_shift = 0;
+  g.cluster_count = 40000;
+  return g;
+}
+
+class BitmapTest : public MountTest {
+ protected:
+  void mount_volume(const Geometry& g, const std::function<void(ImageBuilder&)>& edit = {},
+                    const std::function<void(ImageBuilder&, std::vector<uint8_t>&)>& patch = {}) {
+    ImageBuilder b(g);
+    b.add_bitmap_entry().add_upcase_entry();
+    if (edit)
+      edit(b);
+    std::vector<uint8_t> image = b.build();
+    if (patch)
+      patch(b, image);
+    bitmap_byte_offset_ = b.cluster_byte_offset(b.bitmap_cluster());
+    expected_free_ = 0;
+    for (uint32_t c = 2; c <= g.cluster_count + 1; ++c)
+      expected_free_ += b.allocated(c) ? 0 : 1;
+    ASSERT_EQ(0, load(image));
+    ASSERT_EQ(0, mount());
+  }
+
+  // Bitmap word `index` (32 clusters from cluster 2 + 32 * index) through
+  // the cache.
+  uint32_t word(uint32_t index) {
+    lck_mtx_lock(xm->xm_bitmap_lock);
+    int error = 0;
+    uint32_t* w = exfat_bitmap_map(xm, index * 32, nullptr, &error);
+    EXPECT_NE(nullptr, w) << error;
+    uint32_t v = w ? le32dec(w) : 0;
+    lck_mtx_unlock(xm->xm_bitmap_lock);
+    return v;
+  }
+  bool used(uint32_t cluster) { return word((cluster - 2) / 32) & (1u << ((cluster - 2) % 32)); }
+
+  int mark_used(uint32_t first, uint32_t count) {
+    lck_mtx_lock(xm->xm_bitmap_lock);
+    int error = exfat_bitmap_mark_used(xm, first, count);
+    lck_mtx_unlock(xm->xm_bitmap_lock);
+    return error;
+  }
+  int mark_free(uint32_t first, uint32_t count) {
+    lck_mtx_lock(xm->xm_bitmap_lock);
+    int error = exfat_bitmap_mark_free(xm, first, count);
+    lck_mtx_unlock(xm->xm_bitmap_lock);
+    return error;
+  }
+  int count_contig(uint32_t first, uint32_t maximum, uint32_t* count) {
+    lck_mtx_lock(xm->xm_bitmap_lock);
+    int error = exfat_bitmap_count_free_contig(xm, first, maximum, count);
+    lck_mtx_unlock(xm->xm_bitmap_lock);
+    return error;
+  }
+  std::vector<std::pair<uint32_t, uint32_t>> find_free(uint32_t wanted) {
+    std::vector<struct exfat_free_extent> table(EXFAT_FREE_EXTENTS, {0xEEEEEEEE, 0xEEEEEEEE});
+    lck_mtx_lock(xm->xm_bitmap_lock);
+    EXPECT_EQ(0, exfat_bitmap_find_free(xm, wanted, table.data()));
+    lck_mtx_unlock(xm->xm_bitmap_lock);
+    std::vector<std::pair<uint32_t, uint32_t>> runs;
+    for (const auto& e : table) {
+      if (e.fe_length == 0)
+        break;
+      runs.emplace_back(e.fe_start, e.fe_length);
+    }
+    return runs;
+  }
+
+  // Writes the bitmap cache and the bitmap file's pages to the device.
+  void flush_bitmap() {
+    lck_mtx_lock(xm->xm_bitmap_lock);
+    ASSERT_EQ(0, exfat_bitmap_cache_flush(xm, 0));
+    lck_mtx_unlock(xm->xm_bitmap_lock);
+    ASSERT_EQ(0, cluster_push(xm->xm_bitmap_vp, IO_SYNC));
+  }
+  bool disk_used(uint32_t cluster) {
+    const uint32_t bit = cluster - 2;
+    return read_device(bitmap_byte_offset_ + bit / 8, 1)[0] & (1u << (bit % 8));
+  }
+
+  uint64_t bitmap_byte_offset_ = 0;
+  uint32_t expected_free_ = 0;
+};
+
+TEST_F(BitmapTest, MarkingWorksAcrossWordsAndKeepsTheFreeCount) {
+  mount_volume(small_volume(512));
+  const uint32_t w0 = word(0), w2 = word(2), w3 = word(3);
+  const uint32_t free_before = xm->xm_free_clusters;
+
+  // Clusters 31 .. 70 are bits 29 .. 68.
+  ASSERT_EQ(0, mark_used(31, 40));
+  EXPECT_EQ(w0 | 0xE0000000u, word(0));
+  EXPECT_EQ(0xFFFFFFFFu, word(1));
+  EXPECT_EQ(w2 | 0x0000001Fu, word(2));
+  EXPECT_EQ(w3, word(3));
+  EXPECT_EQ(free_before - 40, xm->xm_free_clusters);
+  EXPECT_TRUE(xm->xm_bitmap_cache_dirty);
+
+  ASSERT_EQ(0, mark_free(32, 38));  // leaves 31 and 70 in use
+  EXPECT_EQ(w0 | 0x20000000u, word(0));
+  EXPECT_EQ(0u, word(1));
+  EXPECT_EQ(w2 | 0x00000010u, word(2));
+  EXPECT_EQ(free_before - 2, xm->xm_free_clusters);
+
+  // A run inside one word.
+  ASSERT_EQ(0, mark_used(36, 3));
+  EXPECT_EQ(0x0000001Cu, word(1));
+
+  flush_bitmap();
+  EXPECT_TRUE(disk_used(31));
+  EXPECT_TRUE(disk_used(37));
+  EXPECT_FALSE(disk_used(39));
+  EXPECT_TRUE(disk_used(70));
+}
+
+TEST_F(BitmapTest, MarkingExactlyToTheEndOfABlockReadsNoFurtherBlock) {
+  mount_volume(two_block_bitmap());
+  ASSERT_EQ(5000u, xm->xm_bitmap_size);
+  const uint32_t last_of_block = 32769;  // bit 32767
+
+  ASSERT_EQ(0, mark_used(last_of_block - 9, 10));
+  EXPECT_EQ(0u, xm->xm_bitmap_cache_offset);
+  ASSERT_EQ(0, mark_free(last_of_block - 9, 10));
+  ASSERT_EQ(0, mark_used(last_of_block - 31, 32));  // one whole last word
+  EXPECT_EQ(0u, xm->xm_bitmap_cache_offset);
+  ASSERT_EQ(0, mark_used(last_of_block - 100, 101));  // partial word, words, to the end
+  EXPECT_EQ(0u, xm->xm_bitmap_cache_offset);
+  EXPECT_EQ(0xFFFFFFFFu, word(1023));
+
+  // Crossing the boundary moves the cache and writes block 0 back.
+  ASSERT_EQ(0, mark_free(last_of_block - 3, 10));
+  EXPECT_EQ(4096u, xm->xm_bitmap_cache_offset);
+  EXPECT_EQ(0x0FFFFFFFu, word(1023));
+  EXPECT_FALSE(used(last_of_block + 6));
+  flush_bitmap();
+  EXPECT_TRUE(disk_used(last_of_block - 4));
+  EXPECT_FALSE(disk_used(last_of_block - 3));
+}
+
+TEST_F(BitmapTest, FailedWriteBackPartWayLeavesTheFreeCountAlone) {
+  mount_volume(two_block_bitmap());
+  const uint32_t free_before = xm->xm_free_clusters;
+  (void)word(0);  // block 0 cached
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  host_malloc_fail_nth(1);  // the write-back's request record
+  EXPECT_EQ(ENOMEM, exfat_bitmap_mark_used(xm, 32760, 20));
+  host_malloc_fail_nth(0);
+  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_bitmap_cache_offset);
+  EXPECT_FALSE(xm->xm_bitmap_cache_dirty);
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  EXPECT_EQ(free_before, xm->xm_free_clusters);
+  EXPECT_FALSE(used(32760)) << "the block that could not be written is read again";
+}
+
+TEST_F(BitmapTest, MarkFreeRefusesRangesOutsideTheHeap) {
+  mount_volume(small_volume(512));
+  const uint32_t max = xm->xm_max_cluster;
+  const uint32_t free_before = xm->xm_free_clusters;
+  const uint32_t w0 = word(0);
+  struct {
+    uint32_t first, count;
+  } bad[] = {{1, 5}, {0, 1}, {max, 2}, {max + 1, 1}, {10, 0xFFFFFFFF}};
+  for (const auto& r : bad) {
+    xm->xm_flags &= ~XM_CORRUPT;
+    KernLogCapture log;
+    EXPECT_EQ(EIO, mark_free(r.first, r.count));
+    EXPECT_EQ(1u, log.count("exfat_bitmap_mark_free: invalid args: cluster=" +
+                            std::to_string(r.first) + ", count=" + std::to_string(r.count) +
+                            "; xm_max_cluster=" + std::to_string(max)));
+    EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+  }
+  xm->xm_flags &= ~XM_CORRUPT;
+  EXPECT_EQ(free_before, xm->xm_free_clusters);
+  EXPECT_EQ(w0, word(0));
+
+  KernLogCapture log;
+  EXPECT_EQ(0, mark_free(2, 0));
+  EXPECT_TRUE(log.lines().empty());
+  EXPECT_EQ(0, mark_free(max, 1)) << "the last cluster is in range";
+  EXPECT_FALSE(xm->xm_flags & XM_CORRUPT);
+}
+
+using BitmapDeathTest = BitmapTest;
+
+TEST_F(BitmapDeathTest, MarkUsedAssertsItsArguments) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  mount_volume(small_volume(512));
+  EXPECT_DEATH(mark_used(20, 0), "exfat_bitmap_mark_used: count == 0!");
+  EXPECT_DEATH(mark_used(513, 2),
+               "exfat_bitmap_mark_used: invalid args: cluster=513, count=2; xm_max_cluster=513");
+  EXPECT_DEATH(mark_used(1, 1),
+               "exfat_bitmap_mark_used: invalid args: cluster=1, count=1; xm_max_cluster=513");
+}
+
+TEST_F(BitmapTest, CountFreeContigStopsAtUsedClustersLimitsAndTheEnd) {
+  mount_volume(small_volume(512), [](ImageBuilder& b) {
+    b.set_allocated(80, true).set_allocated(300, true);
+  });
+  const uint32_t max = xm->xm_max_cluster;
+  uint32_t n = 0;
+  ASSERT_EQ(0, count_contig(31, 1000, &n));
+  EXPECT_EQ(49u, n);  // 31 .. 79
+  ASSERT_EQ(0, count_contig(34, 1000, &n));  // word-aligned start
+  EXPECT_EQ(46u, n);
+  ASSERT_EQ(0, count_contig(81, 1000, &n));  // whole free words, then a partial one
+  EXPECT_EQ(219u, n);
+  ASSERT_EQ(0, count_contig(31, 5, &n));
+  EXPECT_EQ(5u, n);
+  ASSERT_EQ(0, count_contig(34, 64, &n));  // the limit falls on a word boundary
+  EXPECT_EQ(46u, n);
+  ASSERT_EQ(0, count_contig(81, 64, &n));
+  EXPECT_EQ(64u, n);
+  ASSERT_EQ(0, count_contig(80, 1000, &n));
+  EXPECT_EQ(0u, n);
+  ASSERT_EQ(0, count_contig(max - 1, 10, &n));
+  EXPECT_EQ(2u, n);
+  ASSERT_EQ(0, count_contig(max, 10, &n));
+  EXPECT_EQ(1u, n);
+
+  for (uint32_t bad : {1u, max + 1}) {
+    xm->xm_flags &= ~XM_CORRUPT;
+    KernLogCapture log;
+    EXPECT_EQ(EIO, count_contig(bad, 10, &n));
+    EXPECT_EQ(1u, log.count("exfat_bitmap_count_free: cluster " + std::to_string(bad) +
+                            " out of range 2.." + std::to_string(max)));
+    EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+  }
+  xm->xm_flags &= ~XM_CORRUPT;
+}
+
+// Everything in use except the stretches 10-12, 20-24 and 40-41.
+void three_stretches(ImageBuilder& b) {
+  for (uint32_t c = 2; c <= b.geometry().cluster_count + 1; ++c) {
+    const bool free = (c >= 10 && c <= 12) || (c >= 20 && c <= 24) || (c >= 40 && c <= 41);
+    b.set_allocated(c, !free);
+  }
+}
+
+TEST_F(BitmapTest, FindFreeStopsAtTheFirstStretchLongEnough) {
+  mount_volume(small_volume(512), three_stretches);
+  using Runs = std::vector<std::pair<uint32_t, uint32_t>>;
+  EXPECT_EQ((Runs{{20, 4}, {10, 3}}), find_free(4));
+  EXPECT_EQ((Runs{{20, 5}, {10, 3}, {40, 2}}), find_free(6));
+  EXPECT_EQ((Runs{{10, 3}}), find_free(3));
+  EXPECT_EQ((Runs{{10, 1}}), find_free(1));
+  EXPECT_EQ(10u, xm->xm_free_clusters);
+}
+
+TEST_F(BitmapTest, FindFreeMeasuresTheLastRunToTheEndOfTheBitmap) {
+  // Free: 100 .. 513 (the end); everything below in use.
+  mount_volume(small_volume(512), [](ImageBuilder& b) {
+    for (uint32_t c = 2; c < 100; ++c)
+      b.set_allocated(c, true);
+  });
+  using Runs = std::vector<std::pair<uint32_t, uint32_t>>;
+  EXPECT_EQ((Runs{{100, 50}}), find_free(50));
+  // Near the end the run is measured to the end of the bitmap.
+  EXPECT_EQ((Runs{{100, 414}}), find_free(414));
+  EXPECT_EQ((Runs{{100, 414}}), find_free(1000));
+}
+
+TEST(ExtentInsert, OrdersByLengthThenClusterAndDropsTheWorst) {
+  std::vector<struct exfat_free_extent> t(EXFAT_FREE_EXTENTS, {0, 0});
+  exfat_extent_insert(50, 3, t.data());
+  exfat_extent_insert(10, 3, t.data());
+  exfat_extent_insert(70, 8, t.data());
+  exfat_extent_insert(30, 3, t.data());
+  exfat_extent_insert(5, 1, t.data());
+  auto at = [&](int k) { return std::make_pair(t[k].fe_start, t[k].fe_length); };
+  EXPECT_EQ(std::make_pair(70u, 8u), at(0));
+  EXPECT_EQ(std::make_pair(10u, 3u), at(1));
+  EXPECT_EQ(std::make_pair(30u, 3u), at(2));
+  EXPECT_EQ(std::make_pair(50u, 3u), at(3));
+  EXPECT_EQ(std::make_pair(5u, 1u), at(4));
+  EXPECT_EQ(0u, t[5].fe_length);
+
+  // A full table of runs of 5.
+  for (uint32_t k = 0; k < EXFAT_FREE_EXTENTS; ++k)
+    t[k] = {1000 + k, 5};
+  exfat_extent_insert(2, 4, t.data());
+  EXPECT_EQ(5u, t[EXFAT_FREE_EXTENTS - 1].fe_length) << "a shorter run is dropped";
+  exfat_extent_insert(5000, 5, t.data());
+  EXPECT_EQ(1000u + EXFAT_FREE_EXTENTS - 1, t[EXFAT_FREE_EXTENTS - 1].fe_start)
+      << "an equal run at a higher cluster is dropped";
+  exfat_extent_insert(999, 5, t.data());
+  EXPECT_EQ(999u, t[0].fe_start);
+  EXPECT_EQ(1000u + EXFAT_FREE_EXTENTS - 2, t[EXFAT_FREE_EXTENTS - 1].fe_start);
+  exfat_extent_insert(7, 9, t.data());
+  EXPECT_EQ(std::make_pair(7u, 9u), at(0));
+  EXPECT_EQ(std::make_pair(999u, 5u), at(1));
+  exfat_extent_insert(1, 5, t.data());  // lands in the last slot
+  EXPECT_EQ(std::make_pair(1u, 5u), at(1));
+}
+
+// Sets the padding bits of the bitmap's last byte (bits past ClusterCount),
+// which must never be counted.
+void set_padding_bits(ImageBuilder& b, std::vector<uint8_t>& image) {
+  const uint32_t count = b.geometry().cluster_count;
+  ASSERT_NE(0u, count % 8);
+  const uint64_t last_byte = b.cluster_byte_offset(b.bitmap_cluster()) + count / 8;
+  image[last_byte] |= static_cast<uint8_t>(0xFF << (count % 8));
+  image[last_byte + 1] = 0xFF;  // past the bitmap file
+}
+
+TEST_F(BitmapTest, CountingFewerThan32ClustersLooksOnlyAtRealBits) {
+  mount_volume(small_volume(20), [](ImageBuilder& b) { b.set_allocated(15, true); },
+               set_padding_bits);
+  EXPECT_EQ(21u, xm->xm_max_cluster);
+  EXPECT_EQ(expected_free_, xm->xm_free_clusters);
+  EXPECT_GT(expected_free_, 0u);
+}
+
+TEST_F(BitmapTest, CountingWholeWordsAndATail) {
+  mount_volume(small_volume(45), [](ImageBuilder& b) {
+    b.set_allocated(33, true).set_allocated(40, true).set_allocated(46, true);
+  }, set_padding_bits);
+  EXPECT_EQ(expected_free_, xm->xm_free_clusters);
+}
+
+TEST_F(BitmapTest, CountingAcrossBlocks) {
+  mount_volume(two_block_bitmap(), [](ImageBuilder& b) {
+    for (uint32_t c = 1000; c < 1100; c += 3)
+      b.set_allocated(c, true);
+    for (uint32_t c = 32760; c < 32800; ++c)
+      b.set_allocated(c, true);
+    b.set_allocated(40001, true);  // the last cluster
+  });
+  EXPECT_EQ(expected_free_, xm->xm_free_clusters);
+
+  // Recounting after marking gives what the marking said.
+  ASSERT_EQ(0, mark_used(5000, 3000));
+  const uint32_t kept = xm->xm_free_clusters;
+  ASSERT_EQ(0, exfat_count_free_clusters(xm));
+  EXPECT_EQ(kept, xm->xm_free_clusters);
+}
+
+// --- Concurrency -------------------------------------------------------------------
+
+class BitmapConcurrency : public BitmapTest {};
+
+// Allocations and frees of disjoint ranges in both blocks, from several
+// threads under xm_bitmap_lock, leave the bits and the free count exact.
+TEST_F(BitmapConcurrency, MarkingFromManyThreadsKeepsBitsAndCount) {
+  mount_volume(two_block_bitmap());
+  const uint32_t free_before = xm->xm_free_clusters;
+  constexpr int kThreads = 4;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t] {
+      const uint32_t low = 20000 + 100 * t;   // block 0
+      const uint32_t high = 33000 + 100 * t;  // block 1
+      for (int r = 0; r < 100; ++r) {
+        ASSERT_EQ(0, mark_used(low, 37));
+        ASSERT_EQ(0, mark_used(high, 50));
+        ASSERT_EQ(0, mark_free(low, 37));
+        ASSERT_EQ(0, mark_free(high, 50));
+      }
+      ASSERT_EQ(0, mark_used(low + t, 1));
+      ASSERT_EQ(0, mark_used(high, 10));
+    });
+  }
+  for (auto& th : threads)
+    th.join();
+  EXPECT_EQ(free_before - kThreads * (10 + 1), xm->xm_free_clusters);
+  for (int t = 0; t < kThreads; ++t) {
+    EXPECT_TRUE(used(20000 + 100 * t + t));
+    EXPECT_TRUE(used(33000 + 100 * t + 9));
+    EXPECT_FALSE(used(33000 + 100 * t + 10));
+  }
+  ASSERT_EQ(0, exfat_count_free_clusters(xm));
+  EXPECT_EQ(free_before - kThreads * (10 + 1), xm->xm_free_clusters);
+}
+
+}  // namespace

@@ -1,0 +1,397 @@
+// Block mapping on a mounted volume: the one-run extent cache over chains
+// and contiguous files, the end-of-data and corrupt-chain rules, and the
+// blockmap vnode operation's holes past the valid data.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/kern.h"
+#include "host/vfs.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+constexpr uint32_t kClusterSize = 4096;  // default geometry: 512-byte sectors, 8 per cluster
+
+struct Extent {
+  uint32_t cluster, index, length;
+  bool operator==(const Extent&) const = default;
+};
+std::ostream& operator<<(std::ostream& os, const Extent& e) {
+  return os << "{" << e.cluster << ", " << e.index << ", " << e.length << "}";
+}
+
+Extent extent_of(const struct exfat_node& n) {
+  return {n.x_extent_cluster, n.x_extent_index, n.x_extent_length};
+}
+
+class BlockmapTest : public MountTest {
+ protected:
+  void mount_volume(const std::function<void(ImageBuilder&)>& edit = {}, Geometry g = {}) {
+    ImageBuilder b(g);
+    b.add_bitmap_entry().add_upcase_entry();
+    if (edit)
+      edit(b);
+    ASSERT_EQ(0, load(b.build()));
+    ASSERT_EQ(0, mount());
+  }
+
+  // A node that has only what block mapping looks at.
+  struct exfat_node node(uint32_t start, uint64_t size, bool contiguous = false) {
+    struct exfat_node n {};
+    n.x_mount = xm;
+    n.x_start_cluster = start;
+    n.x_size = size;
+    n.x_valid_size = size;
+    if (contiguous) {
+      n.x_flags = X_CONTIGUOUS;
+      n.x_extent_cluster = start;
+      n.x_extent_length = static_cast<uint32_t>((size + kClusterSize - 1) / kClusterSize);
+    }
+    return n;
+  }
+
+  uint64_t sector_of(uint32_t cluster) {
+    return xm->xm_heap_offset + uint64_t(cluster - 2) * (kClusterSize / 512);
+  }
+
+  // Writes the FAT cache back and forgets it, so that any FAT access shows.
+  void forget_fat_cache() {
+    lck_mtx_lock(xm->xm_fat_lock);
+    ASSERT_EQ(0, exfat_fat_cache_flush(xm, 0));
+    xm->xm_fat_cache_offset = EXFAT_CACHE_NONE;
+    lck_mtx_unlock(xm->xm_fat_lock);
+  }
+
+  // The vnode of the file whose set is at `offset` in the root, with an I/O
+  // reference (released with vnode_put).
+  vnode_t file_vnode(uint32_t offset) {
+    vnode_t root = nullptr;
+    EXPECT_EQ(0, VFS_ROOT(mp, &root, vfs_context_kernel()));
+    if (root == nullptr)
+      return nullptr;
+    struct exfat_node* dir = static_cast<struct exfat_node*>(vnode_fsnode(root));
+    struct exfat_node* file = nullptr;
+    exfat_node_lock(dir);  // exfat_node_get drops this level
+    EXPECT_EQ(0, exfat_node_get(xm, root, nullptr, offset, VREG, 0, &file, vfs_context_kernel()));
+    vnode_put(root);
+    return file ? file->x_vnode : nullptr;
+  }
+
+  struct Mapping {
+    int error;
+    daddr64_t bpn;
+    size_t run;
+    int poff;
+  };
+  Mapping blockmap(vnode_t vp, off_t offset, size_t size, int flags) {
+    Mapping m{0, -7, 7, -7};
+    m.error = VNOP_BLOCKMAP(vp, offset, size, &m.bpn, &m.run, &m.poff, flags, vfs_context_kernel());
+    return m;
+  }
+};
+
+// The chain 10 -> 11 -> 12 -> 20 -> 21 -> end.
+void five_cluster_chain(ImageBuilder& b) {
+  for (uint32_t c : {10u, 11u, 12u, 20u, 21u})
+    b.set_allocated(c, true);
+  b.set_fat(10, 11).set_fat(11, 12).set_fat(12, 20).set_fat(20, 21).set_fat(21, 0xFFFFFFFF);
+}
+
+TEST_F(BlockmapTest, ContiguousFilesMapByArithmeticAlone) {
+  mount_volume();
+  forget_fat_cache();
+  struct exfat_node n = node(100, 3 * kClusterSize, true);
+  uint64_t sector = 0, bytes = 0;
+  uint32_t cluster = 0;
+  ASSERT_EQ(0, exfat_blockmap(&n, 2, 1, &sector, &cluster, &bytes));
+  EXPECT_EQ(102u, cluster);
+  EXPECT_EQ(sector_of(102), sector);
+  EXPECT_EQ(kClusterSize, bytes);
+  ASSERT_EQ(0, exfat_blockmap(&n, 2, 5, &sector, &cluster, &bytes));
+  EXPECT_EQ(kClusterSize, bytes) << "never more than the run holds";
+  ASSERT_EQ(0, exfat_blockmap(&n, 0, 2, nullptr, nullptr, &bytes));
+  EXPECT_EQ(2u * kClusterSize, bytes) << "never more than was asked for";
+  EXPECT_EQ(E2BIG, exfat_blockmap(&n, 3, 1, &sector, nullptr, nullptr));
+  EXPECT_EQ((Extent{100, 0, 3}), extent_of(n));
+  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset) << "the FAT was read";
+}
+
+TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
+  mount_volume(five_cluster_chain);
+  struct exfat_node n = node(10, 5 * kClusterSize);
+  uint64_t sector = 0, bytes = 0;
+  uint32_t cluster = 0;
+
+  ASSERT_EQ(0, exfat_blockmap(&n, 1, 8, &sector, &cluster, &bytes));
+  EXPECT_EQ(11u, cluster);
+  EXPECT_EQ(sector_of(11), sector);
+  EXPECT_EQ(2u * kClusterSize, bytes);
+  EXPECT_EQ((Extent{10, 0, 3}), extent_of(n));
+
+  // Cluster 10's entry is damaged now: only a walk from the start sees it.
+  ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, 10, nullptr, 0));
+  ASSERT_EQ(0, exfat_blockmap(&n, 3, 1, &sector, &cluster, &bytes));
+  EXPECT_EQ(20u, cluster);
+  EXPECT_EQ(kClusterSize, bytes);
+  EXPECT_EQ((Extent{20, 3, 2}), extent_of(n)) << "continued from cluster 12's entry";
+
+  forget_fat_cache();
+  ASSERT_EQ(0, exfat_blockmap(&n, 4, 4, &sector, &cluster, &bytes));
+  EXPECT_EQ(21u, cluster);
+  EXPECT_EQ(kClusterSize, bytes);
+  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset) << "a hit must not read the FAT";
+
+  // Index 0 lies before the cached run: the walk starts again at cluster 10,
+  // whose entry now ends its run after one cluster.
+  ASSERT_EQ(0, exfat_blockmap(&n, 0, 1, &sector, &cluster, &bytes));
+  EXPECT_EQ(10u, cluster);
+  EXPECT_EQ((Extent{10, 0, 1}), extent_of(n));
+
+  // Going on from there meets the damaged link: corruption, no message, and
+  // the cache stays as it was.
+  KernLogCapture log;
+  EXPECT_EQ(EIO, exfat_blockmap(&n, 1, 1, &sector, &cluster, &bytes));
+  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+  EXPECT_TRUE(log.lines().empty());
+  EXPECT_EQ((Extent{10, 0, 1}), extent_of(n));
+  xm->xm_flags &= ~XM_CORRUPT;
+}
+
+TEST_F(BlockmapTest, IndexesPastTheDataAreE2BIG) {
+  mount_volume(five_cluster_chain);
+  uint64_t sector = 0;
+
+  // The chain is longer than the size says.
+  struct exfat_node shorter = node(10, 3 * kClusterSize - 1);
+  EXPECT_EQ(0, exfat_blockmap(&shorter, 2, 1, &sector, nullptr, nullptr));
+  EXPECT_EQ(E2BIG, exfat_blockmap(&shorter, 3, 1, &sector, nullptr, nullptr));
+
+  // The chain ends before the size says: not corruption.
+  KernLogCapture log;
+  struct exfat_node longer = node(10, 6 * kClusterSize);
+  EXPECT_EQ(E2BIG, exfat_blockmap(&longer, 5, 1, &sector, nullptr, nullptr));
+  EXPECT_FALSE(xm->xm_flags & XM_CORRUPT);
+  EXPECT_TRUE(log.lines().empty());
+
+  // Nothing asked for: nothing done, even past the end.
+  EXPECT_EQ(0, exfat_blockmap(&shorter, 99, 1, nullptr, nullptr, nullptr));
+}
+
+TEST_F(BlockmapTest, ChainsThatLoopAreReportedOnceTheyOutgrowTheVolume) {
+  mount_volume([](ImageBuilder& b) {
+    b.set_allocated(30, true).set_allocated(31, true);
+    b.set_fat(30, 31).set_fat(31, 30);
+  });
+  const uint32_t max = xm->xm_max_cluster;
+  struct exfat_node n = node(30, uint64_t(max + 10) * kClusterSize);
+  uint32_t cluster = 0;
+  ASSERT_EQ(0, exfat_blockmap(&n, 5, 1, nullptr, &cluster, nullptr));
+  EXPECT_EQ(31u, cluster) << "a loop is followed while it stays short";
+
+  KernLogCapture log;
+  EXPECT_EQ(EIO, exfat_blockmap(&n, max + 5, 1, nullptr, &cluster, nullptr));
+  EXPECT_EQ(1u, log.count("exfat_blockmap_internal: corrupt cluster chain detected"));
+  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+  xm->xm_flags &= ~XM_CORRUPT;
+}
+
+TEST_F(BlockmapTest, RunsStopBeforeTheClusterPastTheHeap) {
+  // The last two clusters link on to max + 1.
+  mount_volume([](ImageBuilder& b) {
+    const uint32_t max = b.geometry().cluster_count + 1;
+    b.set_allocated(max - 1, true).set_allocated(max, true);
+    b.set_fat(max - 1, max).set_fat(max, max + 1);
+  });
+  const uint32_t max = xm->xm_max_cluster;
+  struct exfat_node n = node(max - 1, 3 * kClusterSize);
+  uint64_t bytes = 0;
+  ASSERT_EQ(0, exfat_blockmap(&n, 0, 8, nullptr, nullptr, &bytes));
+  EXPECT_EQ(2u * kClusterSize, bytes);
+  EXPECT_EQ(EIO, exfat_blockmap(&n, 2, 1, nullptr, nullptr, &bytes));
+  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+  xm->xm_flags &= ~XM_CORRUPT;
+}
+
+// A contiguous file of two clusters holding 1000 valid bytes, and a chained
+// file of three clusters 100 -> 101 -> 300.
+struct TwoFiles {
+  uint32_t contig_offset = 0, contig_cluster = 0;
+  uint32_t chained_offset = 0;
+};
+
+TEST_F(BlockmapTest, ReadsPastTheValidDataAreHolesAndWritesAreNot) {
+  TwoFiles f;
+  mount_volume([&](ImageBuilder& b) {
+    f.contig_cluster = b.allocate(2, Alloc::Contiguous);
+    FileSpec s;
+    s.name = u"valid1000";
+    s.first_cluster = f.contig_cluster;
+    s.data_length = 2 * kClusterSize;
+    s.valid_length = 1000;
+    s.no_fat_chain = true;
+    f.contig_offset = b.add_set(b.root(), s).offset;
+  });
+  vnode_t vp = file_vnode(f.contig_offset);
+  ASSERT_NE(nullptr, vp);
+  const daddr64_t first = static_cast<daddr64_t>(sector_of(f.contig_cluster));
+
+  // At and past the valid size rounded up to a sector: holes.
+  Mapping m = blockmap(vp, 1024, 4096, VNODE_READ);
+  EXPECT_EQ(0, m.error);
+  EXPECT_EQ(-1, m.bpn);
+  EXPECT_EQ(4096u, m.run);
+  EXPECT_EQ(0, m.poff);
+  m = blockmap(vp, 5000, 8192, VNODE_READ);
+  EXPECT_EQ(-1, m.bpn);
+  EXPECT_EQ(8192u - 5000u, m.run) << "a hole ends with the allocation";
+  EXPECT_EQ(5000 % 512, m.poff);
+
+  // A read crossing it is looked up only to it: one cluster, not two.
+  m = blockmap(vp, 0, 8192, VNODE_READ);
+  EXPECT_EQ(0, m.error);
+  EXPECT_EQ(first, m.bpn);
+  EXPECT_EQ(4096u, m.run);
+  m = blockmap(vp, 1000, 100, VNODE_READ);
+  EXPECT_EQ(first + 1, m.bpn);
+  EXPECT_EQ(100u, m.run);
+  EXPECT_EQ(1000 - 512, m.poff);
+
+  // A write maps real sectors up to the size.
+  m = blockmap(vp, 0, 8192, VNODE_WRITE);
+  EXPECT_EQ(first, m.bpn);
+  EXPECT_EQ(8192u, m.run);
+  m = blockmap(vp, 5000, 100, VNODE_WRITE);
+  EXPECT_EQ(first + 8 + 1, m.bpn);
+  EXPECT_EQ(100u, m.run);
+  EXPECT_EQ(5000 % 512, m.poff);
+  EXPECT_EQ(EINVAL, blockmap(vp, 8192, 4096, VNODE_WRITE).error) << "past the size";
+
+  EXPECT_EQ(0, VNOP_BLOCKMAP(vp, 0, 4096, nullptr, nullptr, nullptr, VNODE_READ,
+                             vfs_context_kernel()));
+  vnode_put(vp);
+}
+
+TEST_F(BlockmapTest, RunsEndWhereTheChainLeavesConsecutiveClusters) {
+  TwoFiles f;
+  mount_volume([&](ImageBuilder& b) {
+    for (uint32_t c : {100u, 101u, 300u})
+      b.set_allocated(c, true);
+    b.set_fat(100, 101).set_fat(101, 300).set_fat(300, 0xFFFFFFFF);
+    FileSpec s;
+    s.name = u"chained";
+    s.first_cluster = 100;
+    s.data_length = 3 * kClusterSize;
+    f.chained_offset = b.add_set(b.root(), s).offset;
+  });
+  vnode_t vp = file_vnode(f.chained_offset);
+  ASSERT_NE(nullptr, vp);
+  Mapping m = blockmap(vp, 100, 3 * kClusterSize, VNODE_READ);
+  EXPECT_EQ(0, m.error);
+  EXPECT_EQ(static_cast<daddr64_t>(sector_of(100)), m.bpn);
+  EXPECT_EQ(2u * kClusterSize - 100, m.run);
+  EXPECT_EQ(100, m.poff);
+  m = blockmap(vp, 2 * kClusterSize + 600, 10, VNODE_READ);
+  EXPECT_EQ(static_cast<daddr64_t>(sector_of(300) + 1), m.bpn);
+  EXPECT_EQ(10u, m.run);
+  EXPECT_EQ(88, m.poff);
+  vnode_put(vp);
+}
+
+TEST(BlockOffsets, FixedFourKilobyteLogicalBlocks) {
+  struct vnop_blktooff_args to_off = {};
+  off_t off = 0;
+  to_off.a_vp = reinterpret_cast<vnode_t>(&off);  // any vnode: only its presence counts
+  to_off.a_lblkno = 3;
+  to_off.a_offset = &off;
+  ASSERT_EQ(0, exfat_vnop_blktooff(&to_off));
+  EXPECT_EQ(12288, off);
+  to_off.a_vp = nullptr;
+  EXPECT_EQ(EINVAL, exfat_vnop_blktooff(&to_off));
+
+  struct vnop_offtoblk_args to_blk = {};
+  daddr64_t blk = 0;
+  to_blk.a_vp = reinterpret_cast<vnode_t>(&blk);
+  to_blk.a_offset = 12287;
+  to_blk.a_lblkno = &blk;
+  ASSERT_EQ(0, exfat_vnop_offtoblk(&to_blk));
+  EXPECT_EQ(2, blk);
+  to_blk.a_offset = 12288;
+  ASSERT_EQ(0, exfat_vnop_offtoblk(&to_blk));
+  EXPECT_EQ(3, blk);
+  to_blk.a_vp = nullptr;
+  EXPECT_EQ(EINVAL, exfat_vnop_offtoblk(&to_blk));
+}
+
+using BlockmapDeathTest = BlockmapTest;
+
+TEST_F(BlockmapDeathTest, ZeroClusterCountIsFatal) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  mount_volume(five_cluster_chain);
+  struct exfat_node n = node(10, 5 * kClusterSize);
+  uint32_t cluster = 0;
+  EXPECT_DEATH(exfat_blockmap(&n, 0, 0, nullptr, &cluster, nullptr),
+               "exfat_blockmap_internal: numclusters == 0");
+}
+
+// --- Concurrency -----------------------------------------------------------------------
+
+// 4 KiB clusters, and a FAT of two blocks.
+Geometry two_block_fat_geometry() {
+  Geometry g;
+  g.cluster_count = 1200;
+  return g;
+}
+const Geometry two_block_fat = two_block_fat_geometry();
+
+class BlockmapConcurrency : public BlockmapTest {};
+
+// Mappers of one chained node share its extent cache while other threads
+// move the FAT cache between blocks; every answer must match the chain.
+TEST_F(BlockmapConcurrency, SharedExtentCacheStaysConsistent) {
+  // A chain over clusters 40 .. 99 in runs of three with gaps: 40,41,42,44,...
+  std::vector<uint32_t> chain;
+  mount_volume([&](ImageBuilder& b) {
+    for (uint32_t c = 40; c < 100; ++c)
+      if (c % 4 != 3)
+        chain.push_back(c);
+    for (size_t k = 0; k < chain.size(); ++k) {
+      b.set_allocated(chain[k], true);
+      b.set_fat(chain[k], k + 1 < chain.size() ? chain[k + 1] : 0xFFFFFFFF);
+    }
+  }, two_block_fat);
+  ASSERT_GT(xm->xm_fat_size, 4096u);
+  struct exfat_node n = node(chain[0], chain.size() * kClusterSize);
+
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&, t] {
+      for (uint32_t r = 0; r < 300; ++r) {
+        const uint32_t index = (r * 7 + t * 13) % chain.size();
+        uint32_t cluster = 0;
+        uint64_t bytes = 0;
+        ASSERT_EQ(0, exfat_blockmap(&n, index, 8, nullptr, &cluster, &bytes));
+        ASSERT_EQ(chain[index], cluster);
+        const uint32_t left_in_run = 3 - (chain[index] - 40) % 4;
+        ASSERT_EQ(uint64_t(std::min(left_in_run, 8u)) * kClusterSize, bytes);
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    // An entry in the FAT's second block: every store moves the FAT cache.
+    const uint32_t far = 1100;
+    for (uint32_t r = 0; r < 300; ++r)
+      ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, far, nullptr, r));
+  });
+  for (auto& th : threads)
+    th.join();
+}
+
+}  // namespace

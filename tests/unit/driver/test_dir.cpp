@@ -1,0 +1,370 @@
+// Directory iteration and directory block I/O on mounted builder images:
+// sets gathered across blocks, the checked-end mark and bad sets, corrupt
+// entries, the free-entry walk, callbacks that stop the walk, and reads and
+// writes of directory byte ranges.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/buf.h"
+#include "host/kern.h"
+#include "host/malloc.h"
+#include "host/mount.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+namespace {
+
+using exvol::test::bytes;
+using exvol::test::Dir;
+using exvol::test::FileSpec;
+using exvol::test::Geometry;
+using exvol::test::ImageBuilder;
+using exvol::test::make_file_set;
+using exvol::test::Placed;
+using exvol::test::raw_entry;
+
+// 512-byte sectors and 8 KiB clusters: directory blocks of 4096 bytes, two
+// per cluster, so sets can straddle blocks inside a cluster and clusters.
+constexpr uint32_t kBlock = 4096;
+constexpr uint32_t kCluster = 8192;
+
+Geometry dir_geometry() {
+  Geometry g;
+  g.sector_shift = 9;
+  g.cluster_shift = 4;
+  g.cluster_count = 256;
+  return g;
+}
+
+// One callback invocation as the walk reported it.
+struct Seen {
+  uint32_t offset;
+  bool is_set;
+  uint8_t type;
+  std::vector<uint8_t> data;  // the set copy, or the 32-byte entry
+};
+
+struct Recorder {
+  std::vector<Seen> seen;
+  int stop_with = 0;  // returned from the first callback when nonzero
+};
+
+int record_callback(void* argument, uint8_t* set, uint8_t* entry, uint32_t offset) {
+  auto* r = static_cast<Recorder*>(argument);
+  Seen s;
+  s.offset = offset;
+  s.is_set = set != nullptr;
+  if (set != nullptr) {
+    s.type = set[0];
+    s.data.assign(set, set + (set[1] + 1) * EXFAT_ENTRY_SIZE);
+  } else {
+    s.type = entry[0];
+    s.data.assign(entry, entry + EXFAT_ENTRY_SIZE);
+  }
+  r->seen.push_back(std::move(s));
+  return r->stop_with;
+}
+
+std::vector<uint32_t> offsets(const Recorder& r) {
+  std::vector<uint32_t> v;
+  for (const Seen& s : r.seen)
+    v.push_back(s.offset);
+  return v;
+}
+
+FileSpec named(const std::u16string& name) {
+  FileSpec spec;
+  spec.name = name;
+  return spec;
+}
+
+class DirTest : public exvol::test::MountTest {
+ protected:
+  DirTest() : builder_(dir_geometry()) {
+    builder_.add_bitmap_entry().add_upcase_entry();
+  }
+
+  void TearDown() override {
+    put_dir();
+    MountTest::TearDown();
+  }
+
+  // Makes the directory under test in the root, `clusters` long.
+  Dir& make_dir(uint32_t clusters = 1) {
+    dir_offset_ = builder_.root().next_offset;
+    dir_ = builder_.mkdir(builder_.root(), u"d", clusters);
+    return dir_;
+  }
+
+  // Mounts the built image and instantiates the directory's node.
+  void mount_and_open() {
+    ASSERT_EQ(0, load(builder_.build()));
+    ASSERT_EQ(0, mount());
+    ctx_ = vfs_context_kernel();
+    vnode_t root_vp = NULLVP;
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp, ctx_));
+    auto* root = static_cast<struct exfat_node*>(vnode_fsnode(root_vp));
+    exfat_node_lock(root);
+    int error = exfat_node_get(xm, root_vp, nullptr, dir_offset_, VNON, 0, &node_, ctx_);
+    vnode_put(root_vp);
+    ASSERT_EQ(0, error);
+    ASSERT_EQ(VDIR, vnode_vtype(node_->x_vnode));
+  }
+
+  int iterate(uint32_t offset, Recorder* r, int flags) {
+    exfat_node_lock(node_);
+    int error = exfat_dir_iterate(node_, offset, r, record_callback, flags, ctx_);
+    exfat_node_unlock(node_);
+    return error;
+  }
+
+  void put_dir() {
+    if (node_ != nullptr) {
+      vnode_put(node_->x_vnode);
+      node_ = nullptr;
+    }
+  }
+
+  std::vector<uint8_t> image_bytes(uint32_t offset, size_t length) {
+    return read_device(builder_.dir_byte_offset(dir_, offset), length);
+  }
+
+  ImageBuilder builder_;
+  Dir dir_;
+  uint32_t dir_offset_ = 0;
+  struct exfat_node* node_ = nullptr;
+  vfs_context_t ctx_ = nullptr;
+};
+
+// A set whose File entry ends one block and whose other entries begin the
+// next is passed as one contiguous copy, with the File entry's offset; so is
+// a set of 256 entries that spans three blocks and two clusters.
+TEST_F(DirTest, SetsStraddlingBlocksArriveAsOneCopy) {
+  Dir& d = make_dir(3);
+  builder_.skip_to(d, kBlock - EXFAT_ENTRY_SIZE);
+  std::vector<uint8_t> small = make_file_set(named(u"straddle"), builder_.upcase());
+  builder_.add_entries(d, small);
+
+  FileSpec big = named(u"big");
+  for (int i = 0; i < 253; i++)
+    big.extra_secondaries.push_back(raw_entry(0xE0, 0, 0, 0));
+  std::vector<uint8_t> big_set = make_file_set(big, builder_.upcase());
+  ASSERT_EQ(255, big_set[1]);
+  builder_.skip_to(d, kCluster - EXFAT_ENTRY_SIZE);
+  Placed placed = builder_.add_entries(d, big_set);
+  mount_and_open();
+
+  Recorder r;
+  ASSERT_EQ(0, iterate(0, &r, ITER_SETS));
+  ASSERT_EQ(2u, r.seen.size());
+  EXPECT_EQ(kBlock - EXFAT_ENTRY_SIZE, r.seen[0].offset);
+  EXPECT_EQ(small, r.seen[0].data);
+  EXPECT_EQ(placed.offset, r.seen[1].offset);
+  EXPECT_EQ(EXFAT_SET_BUFFER_SIZE, r.seen[1].data.size());
+  EXPECT_EQ(big_set, r.seen[1].data);
+  // Both sets were valid, so the mark moved past the big one.
+  EXPECT_EQ(placed.offset + EXFAT_SET_BUFFER_SIZE, node_->x_checked_end);
+  EXPECT_EQ(0u, node_->x_flags & X_BAD_SET);
+}
+
+// A set with a wrong checksum is skipped silently on every walk; after it
+// the checked-end mark stays where it was, even past later valid sets.
+TEST_F(DirTest, BadSetIsSkippedOnEveryWalkAndFreezesTheMark) {
+  Dir& d = make_dir();
+  builder_.add_set(d, named(u"a"));
+  std::vector<uint8_t> bad = make_file_set(named(u"b"), builder_.upcase());
+  bad[2] ^= 0x01;
+  Placed bad_at = builder_.add_entries(d, bad);
+  Placed c = builder_.add_set(d, named(u"c"));
+  mount_and_open();
+
+  KernLogCapture log;
+  for (int walk = 0; walk < 2; walk++) {
+    Recorder r;
+    ASSERT_EQ(0, iterate(0, &r, ITER_SETS)) << "walk " << walk;
+    EXPECT_EQ((std::vector<uint32_t>{0, c.offset}), offsets(r)) << "walk " << walk;
+    EXPECT_NE(0u, node_->x_flags & X_BAD_SET);
+    EXPECT_EQ(bad_at.offset, node_->x_checked_end) << "walk " << walk;
+  }
+  EXPECT_TRUE(log.lines().empty());
+  EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
+}
+
+// An unknown critical primary ends the walk with EIO, a message naming its
+// type, and the corruption mark; what came before it was still delivered.
+TEST_F(DirTest, UnknownCriticalPrimaryEndsTheWalk) {
+  Dir& d = make_dir();
+  builder_.add_set(d, named(u"a"));
+  builder_.add_entry(d, raw_entry(0x84));
+  builder_.add_set(d, named(u"after"));
+  mount_and_open();
+
+  KernLogCapture log;
+  Recorder r;
+  EXPECT_EQ(EIO, iterate(0, &r, ITER_SETS));
+  EXPECT_EQ((std::vector<uint32_t>{0}), offsets(r));
+  EXPECT_EQ(1u, log.count("exfat_dir_iterate: Unrecognized primary entry of type 0x84"));
+  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
+}
+
+// A walk that starts on a secondary entry marks the volume corrupt and
+// skips to the next primary.
+TEST_F(DirTest, WalkStartedOnASecondarySkipsToTheNextPrimary) {
+  Dir& d = make_dir();
+  builder_.add_set(d, named(u"first"));
+  Placed second = builder_.add_set(d, named(u"second"));
+  mount_and_open();
+
+  Recorder r;
+  EXPECT_EQ(0, iterate(EXFAT_ENTRY_SIZE, &r, ITER_SETS));
+  EXPECT_EQ((std::vector<uint32_t>{second.offset}), offsets(r));
+  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
+}
+
+// A deleted set is invisible to ITER_SETS; to ITER_FREE its entries are
+// three free entries, and the free walk goes on past the end marker to the
+// directory's length.
+TEST_F(DirTest, DeletedSetAndFreeWalk) {
+  Dir& d = make_dir();
+  Placed gone = builder_.add_set(d, named(u"gone"));
+  ASSERT_EQ(3u, gone.entries);
+  builder_.mark_deleted(d, gone.offset, gone.entries);
+  Placed kept = builder_.add_set(d, named(u"kept"));
+  mount_and_open();
+
+  Recorder sets;
+  ASSERT_EQ(0, iterate(0, &sets, ITER_SETS));
+  EXPECT_EQ((std::vector<uint32_t>{kept.offset}), offsets(sets));
+
+  Recorder free_slots;
+  ASSERT_EQ(0, iterate(0, &free_slots, ITER_FREE));
+  ASSERT_EQ(kCluster / EXFAT_ENTRY_SIZE - kept.entries, free_slots.seen.size());
+  EXPECT_EQ(0x05, free_slots.seen[0].type);
+  EXPECT_EQ(0x40, free_slots.seen[1].type);
+  EXPECT_EQ(0x41, free_slots.seen[2].type);
+  EXPECT_EQ(64u, free_slots.seen[2].offset);
+  EXPECT_EQ(kept.offset + kept.entries * EXFAT_ENTRY_SIZE, free_slots.seen[3].offset);
+  EXPECT_EQ(0x00, free_slots.seen[3].type);
+  EXPECT_EQ(kCluster - EXFAT_ENTRY_SIZE, free_slots.seen.back().offset);
+}
+
+// An empty directory gives no set callbacks; its free walk visits every slot
+// of both clusters, the blocks of the last cluster included.
+TEST_F(DirTest, EmptyDirectoryWalks) {
+  make_dir(2);
+  mount_and_open();
+
+  Recorder sets;
+  EXPECT_EQ(0, iterate(0, &sets, ITER_SETS | ITER_SINGLES));
+  EXPECT_TRUE(sets.seen.empty());
+
+  Recorder free_slots;
+  EXPECT_EQ(0, iterate(0, &free_slots, ITER_FREE));
+  ASSERT_EQ(2 * kCluster / EXFAT_ENTRY_SIZE, free_slots.seen.size());
+  for (size_t i = 0; i < free_slots.seen.size(); i++)
+    ASSERT_EQ(i * EXFAT_ENTRY_SIZE, free_slots.seen[i].offset);
+}
+
+// A callback that answers -2 on a gathered set ends the walk with -2, and
+// the walk lets go of its block and its gathering buffer.
+TEST_F(DirTest, CallbackStopEndsTheWalkWithNothingHeld) {
+  Dir& d = make_dir();
+  builder_.skip_to(d, kBlock - EXFAT_ENTRY_SIZE);
+  builder_.add_set(d, named(u"found"));
+  builder_.add_set(d, named(u"never"));
+  mount_and_open();
+
+  uint64_t before = host_malloc_outstanding("exfat");
+  Recorder r;
+  r.stop_with = EXFAT_ITER_FOUND;
+  EXPECT_EQ(EXFAT_ITER_FOUND, iterate(0, &r, ITER_SETS));
+  EXPECT_EQ(1u, r.seen.size());
+  EXPECT_EQ(before, host_malloc_outstanding("exfat"));
+
+  // Both blocks can be taken again at once: neither is still busy.
+  uint8_t entries[2 * EXFAT_ENTRY_SIZE];
+  exfat_node_lock(node_);
+  EXPECT_EQ(0, exfat_dir_read(node_, nullptr, entries, kBlock - EXFAT_ENTRY_SIZE, sizeof(entries),
+                              ctx_));
+  exfat_node_unlock(node_);
+  EXPECT_EQ(0x85, entries[0]);
+  EXPECT_EQ(0xC0, entries[EXFAT_ENTRY_SIZE]);
+}
+
+// exfat_dir_read copies across block and cluster boundaries and reports a
+// range past the directory's end; exfat_dir_write at exactly the checked-end
+// mark with the advance flag moves the mark, and nowhere else does.
+TEST_F(DirTest, ReadAndWriteRanges) {
+  Dir& d = make_dir(2);
+  builder_.add_set(d, named(u"a"));
+  mount_and_open();
+
+  std::vector<uint8_t> expected = image_bytes(kCluster - 64, 64);
+  std::vector<uint8_t> cross(128);
+  exfat_node_lock(node_);
+  EXPECT_EQ(0, exfat_dir_read(node_, nullptr, cross.data(), kCluster - 64, 128, ctx_));
+  EXPECT_TRUE(std::equal(expected.begin(), expected.end(), cross.begin()));
+  EXPECT_EQ(E2BIG, exfat_dir_read(node_, nullptr, cross.data(), 2 * kCluster, 32, ctx_));
+  exfat_node_unlock(node_);
+
+  Recorder r;
+  ASSERT_EQ(0, iterate(0, &r, ITER_SETS));
+  ASSERT_EQ(96u, node_->x_checked_end);
+
+  std::vector<uint8_t> set = make_file_set(named(u"new"), builder_.upcase());
+  uint32_t len = static_cast<uint32_t>(set.size());
+  exfat_node_lock(node_);
+  EXPECT_EQ(0, exfat_dir_write(node_, nullptr, set.data(), 96 + 2 * len, len, true, ctx_));
+  EXPECT_EQ(96u, node_->x_checked_end);  // not at the mark
+  EXPECT_EQ(0, exfat_dir_write(node_, nullptr, set.data(), 96, len, false, ctx_));
+  EXPECT_EQ(96u, node_->x_checked_end);  // no advance asked
+  EXPECT_EQ(0, exfat_dir_write(node_, nullptr, set.data(), 96, len, true, ctx_));
+  EXPECT_EQ(96u + len, node_->x_checked_end);
+  // Zeros (no source) clear the far copy again.
+  EXPECT_EQ(0, exfat_dir_write(node_, nullptr, nullptr, 96 + 2 * len, len, false, ctx_));
+  exfat_node_unlock(node_);
+
+  Recorder after;
+  ASSERT_EQ(0, iterate(0, &after, ITER_SETS));
+  EXPECT_EQ((std::vector<uint32_t>{0, 96}), offsets(after));
+  EXPECT_EQ(set, after.seen[1].data);
+
+  // The delayed writes reach the device with the next flush.
+  buf_flushdirtyblks(xm->xm_devvp, 1, 0, "test");
+  EXPECT_EQ(set, image_bytes(96, len));
+}
+
+// The debugging check accepts a block whose bytes after the end marker are
+// zero and stops the system on one that has data after it.
+TEST_F(DirTest, BufferCheck) {
+  Dir& d = make_dir();
+  builder_.add_set(d, named(u"a"));
+  builder_.skip_to(d, kBlock);
+  builder_.add_entry(d, raw_entry(0x00));
+  builder_.add_entry(d, raw_entry(0x85, 2));
+  mount_and_open();
+
+  uint64_t sector = 0;
+  ASSERT_EQ(0, exfat_blockmap(node_, 0, 1, &sector, nullptr, nullptr));
+  buf_t bp = nullptr;
+  ASSERT_EQ(0, buf_meta_bread(xm->xm_devvp, static_cast<daddr64_t>(sector), kBlock, NOCRED, &bp));
+  exfat_dir_buf_check(bp, xm);  // survives
+  buf_brelse(bp);
+
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  daddr64_t second = static_cast<daddr64_t>(sector + kBlock / xm->xm_bytes_per_sector);
+  EXPECT_DEATH(
+      {
+        buf_t b = nullptr;
+        buf_meta_bread(xm->xm_devvp, second, kBlock, NOCRED, &b);
+        exfat_dir_buf_check(b, xm);
+      },
+      "exfat_dir_buf_check: corrupt directory buffer");
+}
+
+}  // namespace

@@ -1,0 +1,316 @@
+// Node lock ordering: sorting and deduplicating node sets, locking two or
+// four nodes in ascending address order, and locking a node's parent with
+// its retry and error cases.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <array>
+#include <cstring>
+#include <thread>
+
+#include "exfat_proto.h"
+#include "host/kern.h"
+#include "host/locks.h"
+#include "host/mount.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+namespace {
+
+using exvol::test::bytes;
+using exvol::test::ImageBuilder;
+using exvol::test::Placed;
+
+// Nodes that exist only for their locks and links, at ascending addresses
+// (n[0] < n[1] < ...), so that tests can choose which is lower.
+struct FakeNodes {
+  static constexpr int kCount = 4;
+  struct exfat_node n[kCount];
+
+  FakeNodes() {
+    memset(n, 0, sizeof(n));
+    for (struct exfat_node& node : n)
+      node.x_lock = lck_mtx_alloc_init(exfat_lck_grp, exfat_lck_attr);
+  }
+  ~FakeNodes() {
+    for (struct exfat_node& node : n)
+      lck_mtx_free(node.x_lock, exfat_lck_grp);
+  }
+};
+
+// The owner of a node lock as another thread sees it.
+thread_t owner_of(struct exfat_node* node) {
+  return std::atomic_ref<thread_t>(node->x_lock_owner).load(std::memory_order_relaxed);
+}
+
+template <typename Pred>
+bool wait_for(Pred pred) {
+  for (int i = 0; i < 10000; i++) {
+    if (pred())
+      return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
+}
+
+class LockTest : public exvol::test::MountTest {
+ protected:
+  void TearDown() override {
+    if (file_vp_ != NULLVP)
+      vnode_put(file_vp_);
+    if (root_vp_ != NULLVP)
+      vnode_put(root_vp_);
+    MountTest::TearDown();
+  }
+
+  // Mounts a volume with one file and fetches the root and the file.
+  void mount_with_file() {
+    ImageBuilder b;
+    b.add_bitmap_entry().add_upcase_entry();
+    Placed f = b.add_file(b.root(), u"f", bytes("data"));
+    ASSERT_EQ(0, load(b.build()));
+    ASSERT_EQ(0, mount());
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, vfs_context_kernel()));
+    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
+    exfat_node_lock(root_);
+    ASSERT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, f.offset, VNON, 0, &file_,
+                                vfs_context_kernel()));
+    file_vp_ = file_->x_vnode;
+  }
+
+  vnode_t root_vp_ = NULLVP;
+  vnode_t file_vp_ = NULLVP;
+  struct exfat_node* root_ = nullptr;
+  struct exfat_node* file_ = nullptr;
+};
+
+// Sorting puts NULL first and keeps each distinct node once, at the last
+// place of its run.
+TEST_F(LockTest, SortNodesSortsAndDeduplicates) {
+  FakeNodes f;
+  struct exfat_node* a = &f.n[0];
+  struct exfat_node* c = &f.n[2];
+  struct exfat_node* nodes[4] = {c, nullptr, a, c};
+  exfat_sort_nodes(nodes);
+  EXPECT_EQ(nullptr, nodes[0]);
+  EXPECT_EQ(a, nodes[1]);
+  EXPECT_EQ(nullptr, nodes[2]);
+  EXPECT_EQ(c, nodes[3]);
+
+  struct exfat_node* same[4] = {a, a, a, a};
+  exfat_sort_nodes(same);
+  EXPECT_EQ((std::array<struct exfat_node*, 4>{nullptr, nullptr, nullptr, a}),
+            (std::array<struct exfat_node*, 4>{same[0], same[1], same[2], same[3]}));
+}
+
+// A rename within one directory passes the directory twice: it is locked
+// and released once; four NULLs lock nothing.
+TEST_F(LockTest, LockFourLocksEachDistinctNodeOnce) {
+  FakeNodes f;
+  struct exfat_node* dir = &f.n[3];
+  struct exfat_node* file = &f.n[1];
+  exfat_lock_four(dir, file, dir, nullptr);
+  EXPECT_EQ(current_thread(), owner_of(dir));
+  EXPECT_EQ(1u, dir->x_lock_count);
+  EXPECT_EQ(1u, file->x_lock_count);
+  exfat_unlock_four(dir, file, dir, nullptr);
+  EXPECT_EQ(nullptr, owner_of(dir));
+  EXPECT_EQ(nullptr, owner_of(file));
+  EXPECT_EQ(0u, dir->x_lock_count);
+
+  exfat_lock_four(nullptr, nullptr, nullptr, nullptr);
+  exfat_unlock_four(nullptr, nullptr, nullptr, nullptr);
+}
+
+TEST_F(LockTest, LockTwoRejectsBadArguments) {
+  FakeNodes f;
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(exfat_lock_two(nullptr, &f.n[0]), "exfat_lock_two: node1 == NULL");
+  EXPECT_DEATH(exfat_lock_two(&f.n[0], nullptr), "exfat_lock_two: node2 == NULL");
+  EXPECT_DEATH(exfat_lock_two(&f.n[1], &f.n[1]), "exfat_lock_two: node1 == node2");
+}
+
+// The node lock is recursive per thread, and a try-lock of a lock held by
+// another thread fails without waiting.
+TEST_F(LockTest, NodeLockIsRecursivePerThread) {
+  FakeNodes f;
+  struct exfat_node* n = &f.n[0];
+  exfat_node_lock(n);
+  EXPECT_EQ(1, exfat_node_try_lock(n));
+  exfat_node_lock(n);
+  EXPECT_EQ(3u, n->x_lock_count);
+  int other_try = -1;
+  std::thread([&] { other_try = exfat_node_try_lock(n); }).join();
+  EXPECT_EQ(0, other_try);
+  exfat_node_unlock(n);
+  exfat_node_unlock(n);
+  EXPECT_EQ(current_thread(), owner_of(n));
+  exfat_node_unlock(n);
+  EXPECT_EQ(nullptr, owner_of(n));
+}
+
+// Nodes without an entry set of their own need no parent: no lock, no
+// reference.
+TEST_F(LockTest, LockParentOfRootDeletedAndSystemNodes) {
+  mount_with_file();
+  int root_refs = host_vnode_iocount(root_vp_);
+  struct exfat_node* parent = reinterpret_cast<struct exfat_node*>(1);
+
+  exfat_node_lock(root_);
+  EXPECT_EQ(0, exfat_lock_parent(root_, &parent));
+  EXPECT_EQ(nullptr, parent);
+  exfat_node_unlock(root_);
+
+  for (uint32_t flag : {X_DELETED, X_SYSTEM}) {
+    exfat_node_lock(file_);
+    file_->x_flags |= flag;
+    parent = reinterpret_cast<struct exfat_node*>(1);
+    EXPECT_EQ(0, exfat_lock_parent(file_, &parent));
+    EXPECT_EQ(nullptr, parent);
+    file_->x_flags &= ~flag;
+    exfat_node_unlock(file_);
+  }
+  EXPECT_EQ(root_refs, host_vnode_iocount(root_vp_));
+  EXPECT_EQ(nullptr, owner_of(root_));
+}
+
+// A file's parent is locked and referenced for the caller.
+TEST_F(LockTest, LockParentLocksAndReferencesTheParent) {
+  mount_with_file();
+  int root_refs = host_vnode_iocount(root_vp_);
+  struct exfat_node* parent = nullptr;
+  exfat_node_lock(file_);
+  ASSERT_EQ(0, exfat_lock_parent(file_, &parent));
+  EXPECT_EQ(root_, parent);
+  EXPECT_EQ(current_thread(), owner_of(root_));
+  EXPECT_EQ(root_refs + 1, host_vnode_iocount(root_vp_));
+  exfat_node_unlock(parent);
+  vnode_put(parent->x_vnode);
+  exfat_node_unlock(file_);
+}
+
+// An unknown parent is EIO with a line on the log, whether the node has no
+// x_parent or the VFS knows no parent vnode.
+TEST_F(LockTest, LockParentWithoutAParentIsEIO) {
+  mount_with_file();
+  FakeNodes f;
+  struct exfat_node* parent = nullptr;
+  char expected[128];
+  KernLogCapture log;
+
+  struct exfat_node* orphan = &f.n[0];
+  orphan->x_vnode = file_vp_;
+  exfat_node_lock(orphan);
+  EXPECT_EQ(EIO, exfat_lock_parent(orphan, &parent));
+  snprintf(expected, sizeof(expected), "exfat_lock_parent: parent == NULL (child vp = %p)",
+           static_cast<void*>(file_vp_));
+  EXPECT_EQ(1u, log.count(expected));
+
+  // The root's vnode has no parent in the VFS.
+  orphan->x_vnode = root_vp_;
+  orphan->x_parent = &f.n[1];
+  EXPECT_EQ(EIO, exfat_lock_parent(orphan, &parent));
+  snprintf(expected, sizeof(expected), "exfat_lock_parent: vnode_getparent(%p) == NULL",
+           static_cast<void*>(root_vp_));
+  EXPECT_EQ(1u, log.count(expected));
+  EXPECT_EQ(nullptr, parent);
+  exfat_node_unlock(orphan);
+}
+
+TEST_F(LockTest, LockParentDisagreementIsFatal) {
+  mount_with_file();
+  FakeNodes f;
+  struct exfat_node* child = &f.n[1];
+  child->x_vnode = file_vp_;
+  child->x_parent = &f.n[0];
+  f.n[0].x_vnode = file_vp_;  // not the file's parent vnode
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        struct exfat_node* parent;
+        exfat_node_lock(child);
+        exfat_lock_parent(child, &parent);
+      },
+      "exfat_lock_parent: vnode_getparent and x_parent disagree!");
+}
+
+// --- Threads ---------------------------------------------------------------------------
+
+class LockConcurrency : public LockTest {};
+
+// Whatever the argument order, the lower node is taken first: while the
+// higher one is held elsewhere, the caller already owns the lower one.
+TEST_F(LockConcurrency, LockTwoTakesTheLowerNodeFirst) {
+  FakeNodes f;
+  struct exfat_node* low = &f.n[0];
+  struct exfat_node* high = &f.n[2];
+  for (bool reversed : {false, true}) {
+    exfat_node_lock(high);
+    std::atomic<thread_t> locker{nullptr};
+    std::thread t([&] {
+      locker = current_thread();
+      if (reversed)
+        exfat_lock_two(high, low);
+      else
+        exfat_lock_two(low, high);
+      exfat_node_unlock(high);
+      exfat_node_unlock(low);
+    });
+    EXPECT_TRUE(wait_for([&] { return locker != nullptr && owner_of(low) == locker; }))
+        << "reversed " << reversed;
+    exfat_node_unlock(high);
+    t.join();
+    EXPECT_EQ(nullptr, owner_of(low));
+  }
+}
+
+// A parent at a lower address held by another thread: the child is let go,
+// both are taken in order, and when a rename moved the child meanwhile the
+// call asks for a retry, with the child locked again and no reference kept.
+TEST_F(LockConcurrency, LockParentRetriesAfterAMove) {
+  mount_with_file();
+  FakeNodes f;
+  struct exfat_node* parent = &f.n[0];
+  struct exfat_node* child = &f.n[1];
+  struct exfat_node* new_parent = &f.n[2];
+  parent->x_vnode = root_vp_;
+  child->x_vnode = file_vp_;
+  child->x_parent = parent;
+  int root_refs = host_vnode_iocount(root_vp_);
+
+  exfat_node_lock(parent);  // held "by another thread": the test's
+  int result = 0;
+  struct exfat_node* got = reinterpret_cast<struct exfat_node*>(1);
+  bool child_held_after = false;
+  std::atomic<bool> entered{false};
+  std::thread t([&] {
+    exfat_node_lock(child);
+    entered = true;
+    result = exfat_lock_parent(child, &got);
+    child_held_after = owner_of(child) == current_thread() && child->x_lock_count == 1;
+    exfat_node_unlock(child);
+  });
+  // The try-lock of the parent fails, so the child is let go: a rename can
+  // now move it.
+  ASSERT_TRUE(wait_for([&] { return entered.load(); }));
+  ASSERT_TRUE(wait_for([&] {
+    if (!exfat_node_try_lock(child))
+      return false;
+    child->x_parent = new_parent;
+    exfat_node_unlock(child);
+    return true;
+  }));
+  exfat_node_unlock(parent);
+  t.join();
+
+  EXPECT_EQ(-1, result);
+  EXPECT_EQ(nullptr, got);
+  EXPECT_TRUE(child_held_after);
+  EXPECT_EQ(nullptr, owner_of(parent));
+  EXPECT_EQ(root_refs, host_vnode_iocount(root_vp_));
+}
+
+}  // namespace

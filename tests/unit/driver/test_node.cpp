@@ -1,0 +1,539 @@
+// Nodes on mounted builder images: what a node takes from its entry set (or,
+// for the root, from its chain), size limits, vnode types and link
+// recognition, writing a node back, inactive and reclaim, and the node
+// hash's protocol between threads.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/blkdev.h"
+#include "host/buf.h"
+#include "host/kern.h"
+#include "host/locks.h"
+#include "host/malloc.h"
+#include "host/mount.h"
+#include "host/time.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+namespace {
+
+using exvol::test::Alloc;
+using exvol::test::bytes;
+using exvol::test::FileSpec;
+using exvol::test::Geometry;
+using exvol::test::ImageBuilder;
+using exvol::test::Placed;
+
+constexpr uint32_t kCluster = 4096;  // default geometry: 512-byte sectors, 8 per cluster
+constexpr int64_t k2024 = 1704067200;  // 2024-01-01 00:00:00 UTC, the builder's default stamp
+
+// The contents of a symbolic-link file for `target`.
+std::vector<uint8_t> link_contents(const std::string& target, bool upper_digest = false) {
+  char digest[33];
+  exfat_md5_digest(target.data(), target.size(), digest);
+  if (upper_digest) {
+    for (char& c : digest)
+      c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  }
+  char length[6];
+  snprintf(length, sizeof(length), "%04d\n", static_cast<int>(target.size()));
+  std::string s = std::string("XSym\n") + length + digest + "\n" + target;
+  if (target.size() < 1024)
+    s += "\n";
+  s.append(1067 - s.size(), ' ');
+  return bytes(s);
+}
+
+// Waits (briefly sleeping) until pred holds; false after about 10 seconds.
+template <typename Pred>
+bool wait_for(Pred pred) {
+  for (int i = 0; i < 10000; i++) {
+    if (pred())
+      return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
+}
+
+class NodeTest : public exvol::test::MountTest {
+ protected:
+  explicit NodeTest(Geometry g = {}) : builder_(g) {
+    builder_.add_bitmap_entry().add_upcase_entry();
+  }
+
+  void TearDown() override {
+    if (root_vp_ != NULLVP)
+      vnode_put(root_vp_);
+    root_vp_ = NULLVP;
+    host_set_nanotime(nullptr);
+    MountTest::TearDown();
+  }
+
+  void mount_built() {
+    ASSERT_EQ(0, load(builder_.build()));
+    ASSERT_EQ(0, mount());
+    ctx_ = vfs_context_kernel();
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
+    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
+  }
+
+  // exfat_node_get for an entry set of the root, as lookup calls it.
+  int get(uint32_t offset, struct exfat_node** node, enum vtype type = VNON) {
+    exfat_node_lock(root_);
+    return exfat_node_get(xm, root_vp_, nullptr, offset, type, 0, node, ctx_);
+  }
+
+  // The entry set bytes of the root at `offset` as they are on the device,
+  // after the delayed directory writes were flushed. Entry by entry: the
+  // root's clusters need not be adjacent.
+  std::vector<uint8_t> disk_set(uint32_t offset, uint32_t entries) {
+    buf_flushdirtyblks(xm->xm_devvp, 1, 0, "test");
+    std::vector<uint8_t> set;
+    for (uint32_t i = 0; i < entries; i++) {
+      std::vector<uint8_t> entry =
+          read_device(builder_.dir_byte_offset(builder_.root(), offset + 32 * i), 32);
+      set.insert(set.end(), entry.begin(), entry.end());
+    }
+    return set;
+  }
+
+  void update(struct exfat_node* node, int expected = 0) {
+    exfat_lock_two(node, root_);
+    EXPECT_EQ(expected, exfat_node_update(node, root_, ctx_));
+    exfat_node_unlock(root_);
+    exfat_node_unlock(node);
+  }
+
+  static void set_clock(int64_t seconds, long nanoseconds = 0) {
+    struct timespec ts = {static_cast<time_t>(seconds), nanoseconds};
+    host_set_nanotime(&ts);
+  }
+
+  ImageBuilder builder_;
+  vfs_context_t ctx_ = nullptr;
+  vnode_t root_vp_ = NULLVP;
+  struct exfat_node* root_ = nullptr;
+};
+
+class RootNodeTest : public NodeTest {
+ protected:
+  static Geometry three_cluster_root() {
+    Geometry g;
+    g.root_clusters = 3;
+    return g;
+  }
+  RootNodeTest() : NodeTest(three_cluster_root()) {}
+};
+
+// The root has no entry set: fixed attributes and 1980 times, and a size and
+// last cluster taken from its FAT chain.
+TEST_F(RootNodeTest, RootComesFromItsChain) {
+  mount_built();
+  EXPECT_NE(0u, root_->x_flags & X_ROOT);
+  EXPECT_EQ(EXFAT_ATTR_DIRECTORY, root_->x_attributes);
+  EXPECT_EQ(0x00210000u, root_->x_create_time);
+  EXPECT_EQ(0x00210000u, root_->x_modify_time);
+  EXPECT_EQ(0x00210000u, root_->x_access_time);
+  EXPECT_EQ(0, root_->x_create_utc | root_->x_modify_utc | root_->x_access_utc |
+                   root_->x_create_10ms | root_->x_modify_10ms);
+  EXPECT_EQ(0u, root_->x_create_sec);
+  EXPECT_EQ(3u * kCluster, root_->x_size);
+  EXPECT_EQ(xm->xm_root_cluster, root_->x_start_cluster);
+  EXPECT_EQ(builder_.root().clusters.back(), root_->x_last_cluster);
+  EXPECT_EQ(nullptr, root_->x_parent);
+  EXPECT_EQ(VDIR, vnode_vtype(root_vp_));
+  EXPECT_TRUE(vnode_isvroot(root_vp_));
+}
+
+// A file's node carries its entry set's fields; a second get of the same
+// key finds the same node through the hash.
+TEST_F(NodeTest, FileNodeFromItsEntrySet) {
+  Placed f = builder_.add_file(builder_.root(), u"hello.txt", bytes("hello"));
+  mount_built();
+
+  struct exfat_node* node = nullptr;
+  ASSERT_EQ(0, get(f.offset, &node));
+  EXPECT_EQ(VREG, vnode_vtype(node->x_vnode));
+  EXPECT_EQ(5u, node->x_size);
+  EXPECT_EQ(5u, node->x_valid_size);
+  EXPECT_EQ(f.first_cluster, node->x_start_cluster);
+  EXPECT_EQ(0x20, node->x_attributes);
+  EXPECT_EQ(2, node->x_secondary_count);  // stream and one name entry
+  EXPECT_EQ(static_cast<uint64_t>(k2024), node->x_create_sec);
+  EXPECT_EQ(0x80, node->x_create_utc);
+  EXPECT_EQ(0u, node->x_flags & X_CONTIGUOUS);
+  EXPECT_EQ(0u, node->x_extent_length);
+  EXPECT_EQ(root_, node->x_parent);
+  EXPECT_EQ(f.offset, node->x_dir_offset);
+  EXPECT_EQ(root_->x_start_cluster, node->x_dir_cluster);
+  EXPECT_EQ(0u, root_->x_lock_count) << "the parent's lock level must be gone";
+
+  vnode_t parent = vnode_getparent(node->x_vnode);
+  EXPECT_EQ(root_vp_, parent);
+  if (parent != NULLVP)
+    vnode_put(parent);
+
+  struct exfat_node* again = nullptr;
+  ASSERT_EQ(0, get(f.offset, &again));
+  EXPECT_EQ(node, again);
+  EXPECT_EQ(2, host_vnode_iocount(node->x_vnode));
+  vnode_put(again->x_vnode);
+  vnode_put(node->x_vnode);
+}
+
+// A NoFatChain file gets X_CONTIGUOUS, an extent cache over the whole run
+// and its last cluster.
+TEST_F(NodeTest, ContiguousFileGetsAFullExtentCache) {
+  Placed f = builder_.add_file(builder_.root(), u"run", std::vector<uint8_t>(2 * kCluster + 100, 7),
+                               Alloc::Contiguous);
+  mount_built();
+
+  struct exfat_node* node = nullptr;
+  ASSERT_EQ(0, get(f.offset, &node));
+  EXPECT_NE(0u, node->x_flags & X_CONTIGUOUS);
+  EXPECT_EQ(f.first_cluster, node->x_extent_cluster);
+  EXPECT_EQ(0u, node->x_extent_index);
+  EXPECT_EQ(3u, node->x_extent_length);
+  EXPECT_EQ(f.first_cluster + 2, node->x_last_cluster);
+  vnode_put(node->x_vnode);
+}
+
+// Directories must fit 32-bit offsets and files 63-bit sizes; a refused
+// entry leaves no node behind and still drops the parent's lock level.
+TEST_F(NodeTest, SizeLimits) {
+  uint32_t cluster = builder_.allocate(1, Alloc::Chain);
+  FileSpec dir_spec;
+  dir_spec.name = u"hugedir";
+  dir_spec.attributes = EXFAT_ATTR_DIRECTORY;
+  dir_spec.first_cluster = cluster;
+  dir_spec.data_length = 0x100000000ull;
+  Placed huge_dir = builder_.add_set(builder_.root(), dir_spec);
+  FileSpec file_spec = dir_spec;
+  file_spec.name = u"hugefile";
+  file_spec.attributes = EXFAT_ATTR_ARCHIVE;
+  Placed huge_file = builder_.add_set(builder_.root(), file_spec);
+  file_spec.name = u"toobig";
+  file_spec.data_length = 0x8000000000000000ull;
+  file_spec.valid_length = 0;
+  Placed too_big = builder_.add_set(builder_.root(), file_spec);
+  mount_built();
+
+  uint64_t nodes_before = host_malloc_outstanding("exfat node");
+  KernLogCapture log;
+  struct exfat_node* node = reinterpret_cast<struct exfat_node*>(1);
+  EXPECT_EQ(EIO, get(huge_dir.offset, &node));
+  EXPECT_EQ(nullptr, node);
+  EXPECT_EQ(1u, log.count("exfat: ExFAT directory is too large (0x100000000)"));
+  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
+  EXPECT_EQ(0u, root_->x_lock_count);
+  EXPECT_EQ(nodes_before, host_malloc_outstanding("exfat node"));
+
+  EXPECT_EQ(EIO, get(too_big.offset, &node));
+  EXPECT_EQ(1u, log.count("exfat: ExFAT file is too large (0x8000000000000000)"));
+
+  ASSERT_EQ(0, get(huge_file.offset, &node));
+  EXPECT_EQ(0x100000000ull, node->x_size);
+  EXPECT_EQ(VREG, vnode_vtype(node->x_vnode));
+  vnode_put(node->x_vnode);
+}
+
+// The vnode type: a directory is VDIR whatever was asked; a regular file
+// whose contents are a valid link is VLNK; damaged links stay VREG.
+TEST_F(NodeTest, VnodeTypesAndLinkRecognition) {
+  char empty_digest[33];
+  exfat_md5_digest("", 0, empty_digest);
+  EXPECT_STREQ("d41d8cd98f00b204e9800998ecf8427e", empty_digest);
+
+  uint32_t dir_offset = builder_.root().next_offset;
+  builder_.mkdir(builder_.root(), u"sub");
+  Placed good = builder_.add_file(builder_.root(), u"link", link_contents("../some/target"));
+  Placed upper = builder_.add_file(builder_.root(), u"upper", link_contents("t", true));
+  std::vector<uint8_t> damaged = link_contents("abc");
+  damaged[43] = 'x';
+  Placed bad = builder_.add_file(builder_.root(), u"damaged", damaged);
+  std::vector<uint8_t> plain = link_contents("abc");
+  plain[0] = 'x';
+  Placed nomagic = builder_.add_file(builder_.root(), u"plain", plain);
+  mount_built();
+
+  struct exfat_node* node = nullptr;
+  ASSERT_EQ(0, get(dir_offset, &node, VREG));
+  EXPECT_EQ(VDIR, vnode_vtype(node->x_vnode));
+  vnode_put(node->x_vnode);
+
+  ASSERT_EQ(0, get(good.offset, &node));
+  EXPECT_EQ(VLNK, vnode_vtype(node->x_vnode));
+  EXPECT_NE(0u, node->x_flags & X_SYMLINK);
+  EXPECT_EQ(14u, node->x_link_length);
+  vnode_put(node->x_vnode);
+
+  for (uint32_t offset : {upper.offset, bad.offset, nomagic.offset}) {
+    ASSERT_EQ(0, get(offset, &node));
+    EXPECT_EQ(VREG, vnode_vtype(node->x_vnode)) << "set at " << offset;
+    EXPECT_EQ(0u, node->x_flags & X_SYMLINK);
+    vnode_put(node->x_vnode);
+  }
+}
+
+// Pending time requests: an access time that doesn't change writes nothing;
+// one that does rewrites the File entry (with the attributes the node holds)
+// and keeps the set's checksum valid.
+TEST_F(NodeTest, UpdateWritesOnlyRealChanges) {
+  Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
+  mount_built();
+  struct exfat_node* node = nullptr;
+  ASSERT_EQ(0, get(f.offset, &node));
+  std::vector<uint8_t> original = disk_set(f.offset, 3);
+
+  set_clock(k2024, 500000000);  // the same two-second stamp as on disk
+  exfat_node_lock(node);
+  node->x_attributes |= EXFAT_ATTR_READ_ONLY;  // changed but not dirty
+  node->x_flags |= X_ACCESSED;
+  exfat_node_unlock(node);
+  update(node);
+  EXPECT_EQ(0u, node->x_flags & (X_DIRTY | X_ACCESSED));
+  EXPECT_EQ(original, disk_set(f.offset, 3));
+
+  set_clock(k2024 + 3600);
+  exfat_node_lock(node);
+  node->x_flags |= X_ACCESSED;
+  exfat_node_unlock(node);
+  update(node);
+  EXPECT_EQ(0u, node->x_flags & X_DIRTY);
+  std::vector<uint8_t> now = disk_set(f.offset, 3);
+  uint32_t one_hour_later = le32dec(&original[16]) + (1u << EXFAT_TS_HOUR_SHIFT);
+  EXPECT_EQ(one_hour_later, le32dec(&now[16]));
+  EXPECT_EQ(EXFAT_ATTR_ARCHIVE | EXFAT_ATTR_READ_ONLY, le16dec(&now[4]));
+  EXPECT_EQ(exfat_checksum_file_set(now.data()), le16dec(&now[2]));
+  EXPECT_TRUE(std::equal(original.begin() + 32, original.end(), now.begin() + 32))
+      << "the stream and name entries must not change";
+  vnode_put(node->x_vnode);
+}
+
+// What is written back is exactly the entries that changed: with
+// X_STREAM_DIRTY the File and Stream entries (64 bytes), without it the
+// File entry alone. Each set is placed so that the first entry not to be
+// written starts a new block: a write of that block would wipe a marker
+// planted on the device behind the cache's back.
+TEST_F(NodeTest, UpdateWritesSixtyFourBytesForAStreamChange) {
+  builder_.skip_to(builder_.root(), kCluster - 64);
+  Placed f = builder_.add_file(builder_.root(), u"a twenty char name..", bytes("0123456789"));
+  ASSERT_EQ(4u, f.entries);
+  builder_.skip_to(builder_.root(), 2 * kCluster - 32);
+  Placed g = builder_.add_file(builder_.root(), u"g", bytes("abc"));
+  mount_built();
+
+  auto plant_marker = [&](uint32_t dir_offset) {
+    // Byte 5 of an entry well after the set: no entry type depends on it.
+    uint8_t marker = 0xEE;
+    uint64_t at = builder_.dir_byte_offset(builder_.root(), dir_offset) + 1024 + 5;
+    EXPECT_EQ(0, host_memdev_load(xm->xm_devvp, &marker, 1, at));
+    return at;
+  };
+
+  struct exfat_node* node = nullptr;
+  ASSERT_EQ(0, get(f.offset, &node));
+  exfat_node_lock(node);
+  node->x_valid_size = 4;
+  node->x_flags |= X_DIRTY | X_STREAM_DIRTY;
+  exfat_node_unlock(node);
+  update(node);
+  EXPECT_EQ(0u, node->x_flags & (X_DIRTY | X_STREAM_DIRTY));
+  uint64_t marker_at = plant_marker(kCluster);
+  std::vector<uint8_t> set = disk_set(f.offset, 4);
+  EXPECT_EQ(4u, le64dec(&set[32 + 8]));
+  EXPECT_EQ(10u, le64dec(&set[32 + 24]));
+  EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
+  EXPECT_EQ(0xEE, read_device(marker_at, 1)[0]) << "the name entries' block was written";
+  vnode_put(node->x_vnode);
+
+  ASSERT_EQ(0, get(g.offset, &node));
+  exfat_node_lock(node);
+  node->x_valid_size = 1;  // not written without X_STREAM_DIRTY
+  node->x_attributes |= EXFAT_ATTR_HIDDEN;
+  node->x_flags |= X_DIRTY;
+  exfat_node_unlock(node);
+  update(node);
+  marker_at = plant_marker(2 * kCluster);
+  set = disk_set(g.offset, 3);
+  EXPECT_EQ(EXFAT_ATTR_ARCHIVE | EXFAT_ATTR_HIDDEN, le16dec(&set[4]));
+  EXPECT_EQ(3u, le64dec(&set[32 + 8]));
+  EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
+  EXPECT_EQ(0xEE, read_device(marker_at, 1)[0]) << "the stream entry's block was written";
+  node->x_valid_size = 3;
+  vnode_put(node->x_vnode);
+}
+
+TEST_F(NodeTest, UpdateWithoutParentIsFatal) {
+  Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
+  mount_built();
+  struct exfat_node* node = nullptr;
+  ASSERT_EQ(0, get(f.offset, &node));
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        exfat_node_lock(node);
+        node->x_flags |= X_DIRTY;
+        exfat_node_update(node, nullptr, ctx_);
+      },
+      "exfat_node_update: parent == NULL");
+  vnode_put(node->x_vnode);
+}
+
+// When the last reference goes, inactive stamps the pending modification
+// and rewrites the entry set in the parent.
+TEST_F(NodeTest, InactiveWritesADirtyEntryBack) {
+  Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
+  mount_built();
+  struct exfat_node* node = nullptr;
+  ASSERT_EQ(0, get(f.offset, &node));
+  set_clock(k2024 + 86400);  // 2024-01-02 00:00:00
+  exfat_node_lock(node);
+  node->x_flags |= X_MODIFIED;
+  exfat_node_unlock(node);
+  vnode_put(node->x_vnode);
+
+  std::vector<uint8_t> set = disk_set(f.offset, 3);
+  uint32_t jan2 = (44u << EXFAT_TS_YEAR_SHIFT) | (1u << EXFAT_TS_MONTH_SHIFT) |
+                  (2u << EXFAT_TS_DAY_SHIFT);
+  EXPECT_EQ(jan2, le32dec(&set[12]));
+  EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
+}
+
+// Every node is freed by reclaim: nothing is left under the node tag after
+// the unmount.
+TEST_F(NodeTest, UnmountReclaimsEveryNode) {
+  std::vector<Placed> files;
+  for (int i = 0; i < 6; i++)
+    files.push_back(builder_.add_file(builder_.root(), u"f" + std::u16string(1, u'0' + i),
+                                      bytes("x")));
+  uint64_t baseline = host_malloc_outstanding("exfat node");
+  mount_built();
+  for (const Placed& f : files) {
+    struct exfat_node* node = nullptr;
+    ASSERT_EQ(0, get(f.offset, &node));
+    vnode_put(node->x_vnode);
+  }
+  EXPECT_GE(host_malloc_outstanding("exfat node"), baseline + 7 * sizeof(struct exfat_node));
+  vnode_put(root_vp_);
+  root_vp_ = NULLVP;
+  ASSERT_EQ(0, unmount());
+  EXPECT_EQ(baseline, host_malloc_outstanding("exfat node"));
+}
+
+// --- Threads ---------------------------------------------------------------------------
+
+class NodeConcurrency : public NodeTest {};
+
+// A thread that finds a node being initialised sleeps on it ("exfat_hashget")
+// and, once the creator is done, receives the very same node.
+TEST_F(NodeConcurrency, LookupSleepsOnANodeBeingInitialised) {
+  Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
+  mount_built();
+
+  struct exfat_node* created = nullptr;
+  exfat_node_lock(root_);
+  ASSERT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, f.offset, VREG, 1, &created, ctx_));
+  EXPECT_NE(0u, created->x_hash_flags & X_HASH_INIT);
+  exfat_node_unlock(root_);  // let the other thread search the directory
+
+  struct exfat_node* found = nullptr;
+  int found_error = -1;
+  std::thread other([&] {
+    exfat_node_lock(root_);
+    found_error = exfat_node_get(xm, root_vp_, nullptr, f.offset, VNON, 0, &found, ctx_);
+  });
+  bool slept = wait_for([] { return host_sleepers("exfat_hashget") == 1; });
+  EXPECT_TRUE(slept);
+
+  lck_mtx_lock(exfat_hash_lock);
+  created->x_hash_flags &= ~X_HASH_INIT;
+  bool waiting = (created->x_hash_flags & X_HASH_WAIT) != 0;
+  if (waiting)
+    wakeup(created);
+  lck_mtx_unlock(exfat_hash_lock);
+  EXPECT_TRUE(waiting);
+  exfat_node_unlock(created);
+  other.join();
+
+  EXPECT_EQ(0, found_error);
+  EXPECT_EQ(created, found);
+  EXPECT_EQ(2, host_vnode_iocount(created->x_vnode));
+  vnode_put(created->x_vnode);
+  vnode_put(created->x_vnode);
+}
+
+// A lookup that meets a node whose vnode is being reclaimed gets ENOENT, and
+// the retry after the reclaim makes a new node, which sees what the reclaim
+// wrote back.
+TEST_F(NodeConcurrency, NodeBeingReclaimedGivesENOENT) {
+  Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
+  mount_built();
+  struct exfat_node* node = nullptr;
+  ASSERT_EQ(0, get(f.offset, &node));
+  vnode_t vp = node->x_vnode;
+  vnode_put(vp);  // unused now; the node stays in the hash until reclaim
+  set_clock(k2024 + 86400);
+  exfat_node_lock(node);
+  node->x_flags |= X_MODIFIED;  // so that reclaim must lock the parent
+  exfat_node_unlock(node);
+
+  int root_refs = host_vnode_iocount(root_vp_);
+  exfat_node_lock(root_);
+  std::thread reclaimer([vp] { vnode_recycle(vp); });
+  // The reclaim holds a reference on the parent while it waits for its lock.
+  EXPECT_TRUE(wait_for([&] { return host_vnode_iocount(root_vp_) == root_refs + 1; }));
+
+  struct exfat_node* found = reinterpret_cast<struct exfat_node*>(1);
+  EXPECT_EQ(ENOENT, exfat_node_get(xm, root_vp_, nullptr, f.offset, VNON, 0, &found, ctx_));
+  EXPECT_EQ(nullptr, found);
+  reclaimer.join();
+  EXPECT_EQ(0u, root_->x_lock_count);
+
+  ASSERT_EQ(0, get(f.offset, &found));
+  uint32_t jan2 = (44u << EXFAT_TS_YEAR_SHIFT) | (1u << EXFAT_TS_MONTH_SHIFT) |
+                  (2u << EXFAT_TS_DAY_SHIFT);
+  EXPECT_EQ(jan2, found->x_modify_time);
+  vnode_put(found->x_vnode);
+}
+
+// Threads racing to instantiate the root all get one node.
+TEST_F(NodeConcurrency, RacingRootGetsMakeOneNode) {
+  mount_built();
+  uint64_t with_root = host_malloc_outstanding("exfat node");
+  vnode_recycle(root_vp_);
+  vnode_put(root_vp_);
+  root_vp_ = NULLVP;
+  ASSERT_EQ(with_root - sizeof(struct exfat_node), host_malloc_outstanding("exfat node"))
+      << "the root was not reclaimed";
+
+  constexpr int kThreads = 4;
+  struct exfat_node* got[kThreads] = {};
+  int errors[kThreads] = {};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; i++) {
+    threads.emplace_back([&, i] {
+      errors[i] = exfat_node_get(xm, NULLVP, nullptr, 0, VDIR, 0, &got[i], ctx_);
+    });
+  }
+  for (std::thread& t : threads)
+    t.join();
+  for (int i = 0; i < kThreads; i++) {
+    ASSERT_EQ(0, errors[i]);
+    EXPECT_EQ(got[0], got[i]);
+  }
+  EXPECT_EQ(with_root, host_malloc_outstanding("exfat node"));
+  for (int i = 0; i < kThreads; i++)
+    vnode_put(got[i]->x_vnode);
+}
+
+}  // namespace
