@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/uio.h>
 
 #include <algorithm>
 #include <cstring>
@@ -12,30 +11,9 @@
 #include "host/blkdev.h"
 #include "host/buf.h"
 #include "host/kern.h"
-#include "host/ubc_internal.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
 #include "host/vnode_internal.h"
-
-// Page lists belong to the page cache, which this test binary does not
-// link; this stand-in (separately allocated 4096-byte pages) gives the
-// buffer cache what it asks of one.
-struct upl {
-  std::vector<uint8_t*> pages;
-};
-
-int host_upl_iovecs(upl_t upl, uint32_t offset, uint32_t size, struct iovec* iov, int maxiov) {
-  int n = 0;
-  while (size > 0) {
-    if (n == maxiov) return -1;
-    uint32_t in = offset % 4096;
-    uint32_t len = std::min<uint32_t>(4096 - in, size);
-    iov[n++] = iovec{upl->pages[offset / 4096] + in, len};
-    offset += len;
-    size -= len;
-  }
-  return n;
-}
 
 namespace {
 
@@ -423,37 +401,6 @@ TEST_F(BufTest, CallerDescribedBuffersTransferAtTheirBlock) {
   for (int i = 0; i < 1024; i++) ASSERT_EQ(mem[i], pattern(6 * 512 + i)) << i;
   buf_free(bp);
   EXPECT_EQ(host_buf_count(dev_), 0);  // such buffers are never cached
-}
-
-TEST_F(BufTest, PageListBuffersTransferStraightIntoThePages) {
-  std::vector<std::vector<uint8_t>> mem(3, std::vector<uint8_t>(4096, 0xEE));
-  upl list;
-  for (auto& page : mem) list.pages.push_back(page.data());
-  buf_t bp = buf_alloc(dev_);
-  buf_setupl(bp, &list, 1000);
-  EXPECT_EQ(buf_upl(bp), &list);
-  EXPECT_EQ(buf_uploffset(bp), 1000u);
-  buf_setcount(bp, 8192);
-  buf_setblkno(bp, 16);
-  buf_setflags(bp, B_READ);
-  EXPECT_EQ(VNOP_STRATEGY(bp), 0);
-  EXPECT_EQ(buf_biowait(bp), 0);
-  EXPECT_EQ(mem[0][999], 0xEE);
-  for (uint32_t i = 0; i < 8192; i++) {
-    uint32_t at = 1000 + i;
-    ASSERT_EQ(mem[at / 4096][at % 4096], pattern(16 * 512 + i)) << i;
-  }
-  EXPECT_EQ(mem[2][1000], 0xEE);
-  EXPECT_EQ(stats().reads, 1u);  // one vectored request over three pages
-
-  for (auto& page : mem) std::fill(page.begin(), page.end(), 0x3C);
-  buf_clearflags(bp, B_READ);
-  EXPECT_EQ(VNOP_STRATEGY(bp), 0);
-  EXPECT_EQ(buf_biowait(bp), 0);
-  EXPECT_EQ(device_bytes(16 * 512, 8192), std::vector<uint8_t>(8192, 0x3C));
-  EXPECT_EQ(device_bytes(16 * 512 + 8192, 1)[0], pattern(16 * 512 + 8192));
-  EXPECT_EQ(stats().writes, 1u);
-  buf_free(bp);
 }
 
 TEST(BufDeathTest, MisuseOfTheCachePanics) {
