@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 #include <md5.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -17,6 +19,7 @@
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -362,4 +365,41 @@ TEST(ExvolCommand, UsageErrorsExitWithTwo) {
   Command missing = run(cli + " info /nonexistent/image");
   EXPECT_EQ(1, missing.status);
   EXPECT_NE(std::string::npos, missing.err.find("No such file or directory"));
+}
+
+// Threads querying one volume while another thread unmounts it: every
+// query either answers or says the volume is gone, and the answers agree.
+TEST(VolumeConcurrency, QueriesRaceWithUnmount) {
+  if (find_tool("mkfs.exfat").empty())
+    GTEST_SKIP() << "mkfs.exfat is not installed";
+  ScratchImage image(16u << 20);
+  ASSERT_EQ(0, run(find_tool("mkfs.exfat") + " -L RACE '" + image.path() + "'").status);
+  exvol::MountOptions ro;
+  ro.read_only = true;
+  std::unique_ptr<exvol::Volume> volume;
+  ASSERT_FALSE(exvol::Volume::mount(image.path(), ro, &volume));
+
+  std::atomic<int> answered{0}, gone{0}, wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; t++) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 200; i++) {
+        exvol::VolumeInfo info;
+        std::error_code ec = volume->info(&info);
+        if (!ec && info.label == "RACE")
+          answered++;
+        else if (ec == std::errc::no_such_device_or_address)
+          gone++;
+        else
+          wrong++;
+      }
+    });
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_FALSE(volume->unmount());
+  for (std::thread& t : threads)
+    t.join();
+  EXPECT_EQ(0, wrong.load());
+  EXPECT_EQ(800, answered.load() + gone.load());
+  EXPECT_FALSE(volume->mounted());
 }
