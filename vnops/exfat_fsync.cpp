@@ -165,8 +165,9 @@ int exfat_vnop_fsync(struct vnop_fsync_args* ap) {
 //
 // The caller holds the node lock exactly once; it is dropped while data is
 // pushed (page-out takes it) and held again on return. xm_bitmap_lock is
-// taken for the bitmap. Returns 0, the bitmap flush's error (logged), the
-// parent-lock error (dirty bits then stay set) or the update's error.
+// taken for the bitmap, with the node unlocked. Returns 0, the bitmap
+// flush's error (logged), the parent-lock error (dirty bits then stay set)
+// or the update's error.
 int exfat_fsync_internal(vnode_t vp, bool wait, bool flush_dir_blocks, vfs_context_t context) {
   auto* node = static_cast<struct exfat_node*>(vnode_fsnode(vp));
   if (node == nullptr)
@@ -175,6 +176,12 @@ int exfat_fsync_internal(vnode_t vp, bool wait, bool flush_dir_blocks, vfs_conte
   struct exfat_mount* mount = node->x_mount;
   int error = 0;
 
+  off_t size = static_cast<off_t>(node->x_size);
+  exfat_node_unlock(node);
+  // The bitmap's cache block is written with the bitmap node unlocked: the
+  // metadata flush holds xm_bitmap_lock while the bitmap's pages are mapped,
+  // which takes the bitmap node's lock, so that node lock must never be
+  // held while waiting for xm_bitmap_lock.
   if (vp == mount->xm_bitmap_vp) {
     lck_mtx_lock(mount->xm_bitmap_lock);
     error = exfat_bitmap_cache_flush(mount, 0);
@@ -182,9 +189,6 @@ int exfat_fsync_internal(vnode_t vp, bool wait, bool flush_dir_blocks, vfs_conte
       kprintf("exfat_fsync_internal: error %d flushing bitmap cache!", error);
     lck_mtx_unlock(mount->xm_bitmap_lock);
   }
-
-  off_t size = static_cast<off_t>(node->x_size);
-  exfat_node_unlock(node);
   cluster_push(vp, wait ? IO_SYNC : 0);
   ubc_msync(vp, 0, size, nullptr, UBC_PUSHDIRTY | (wait ? UBC_SYNC : 0));
   buf_flushdirtyblks(vp, wait, 0, "exfat_fsync_internal");
