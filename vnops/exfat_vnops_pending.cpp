@@ -35,14 +35,6 @@ int exfat_vnop_close(struct vnop_close_args* ap) {
   return ENOTSUP;
 }
 
-int exfat_vnop_getattr(struct vnop_getattr_args* ap) {
-  return ENOTSUP;
-}
-
-int exfat_vnop_setattr(struct vnop_setattr_args* ap) {
-  return ENOTSUP;
-}
-
 int exfat_vnop_read(struct vnop_read_args* ap) {
   return ENOTSUP;
 }
@@ -95,10 +87,6 @@ int exfat_vnop_readdir(struct vnop_readdir_args* ap) {
   return ENOTSUP;
 }
 
-int exfat_vnop_pathconf(struct vnop_pathconf_args* ap) {
-  return ENOTSUP;
-}
-
 int exfat_vnop_pagein(struct vnop_pagein_args* ap) {
   return ENOTSUP;
 }
@@ -126,10 +114,5 @@ int exfat_vnop_ioctl(struct vnop_ioctl_args* ap) {
 // The volume sync walks every open file through its fsync, which comes with
 // the node life cycle.
 int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context) {
-  return ENOTSUP;
-}
-
-// Renaming the volume needs free-slot search in the root directory.
-int exfat_vfs_setattr(mount_t mp, struct vfs_attr* attr, vfs_context_t context) {
   return ENOTSUP;
 }
