@@ -15,10 +15,6 @@
 #include "host/cluster.h"
 #include "host/kern.h"
 
-int exfat_vnop_lookup(struct vnop_lookup_args* ap) {
-  return ENOTSUP;
-}
-
 int exfat_vnop_create(struct vnop_create_args* ap) {
   return ENOTSUP;
 }
@@ -80,10 +76,6 @@ int exfat_vnop_mkdir(struct vnop_mkdir_args* ap) {
 }
 
 int exfat_vnop_rmdir(struct vnop_rmdir_args* ap) {
-  return ENOTSUP;
-}
-
-int exfat_vnop_readdir(struct vnop_readdir_args* ap) {
   return ENOTSUP;
 }
 
