@@ -75,6 +75,7 @@ uint32_t exfat_attributes_to_flags(const struct exfat_node* node) {
 // readlink buffers are sized right; its allocation is that of the link file.
 // The caller holds the node lock.
 void exfat_getattr_common(const struct exfat_node* node, struct vnode_attr* vap) {
+  lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
   const struct exfat_mount* mount = node->x_mount;
   const uint64_t cluster = mount->xm_bytes_per_cluster;
   const off_t size = static_cast<off_t>((node->x_flags & X_SYMLINK) ? node->x_link_length
@@ -97,6 +98,7 @@ void exfat_getattr_common(const struct exfat_node* node, struct vnode_attr* vap)
 // host form, which keeps milliseconds; the change time is the modification
 // time, exFAT keeping no other. The caller holds the node lock.
 void exfat_getattr_times(const struct exfat_node* node, struct vnode_attr* vap) {
+  lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
   if (VATTR_IS_ACTIVE(vap, va_create_time)) {
     vap->va_create_time.tv_sec = static_cast<time_t>(node->x_create_sec);
     vap->va_create_time.tv_nsec = static_cast<long>(node->x_create_msec) * 1000000;
@@ -126,6 +128,7 @@ void exfat_getattr_times(const struct exfat_node* node, struct vnode_attr* vap) 
 // of setattr all the same.
 int exfat_setattr_size(vnode_t vp, struct exfat_node* node, struct vnode_attr* vap,
                        vfs_context_t context) {
+  lck_mtx_assert(node->x_io_lock, LCK_MTX_ASSERT_NOTOWNED);
   if (!VATTR_IS_ACTIVE(vap, va_data_size)) {
     exfat_node_lock(node);
     return 0;
@@ -161,6 +164,7 @@ int exfat_setattr_size(vnode_t vp, struct exfat_node* node, struct vnode_attr* v
 // the kernel shows neither for directories, so a caller that echoes back
 // the flags it read must not change them. The caller holds the node lock.
 int exfat_setattr_flags(struct exfat_node* node, struct vnode_attr* vap) {
+  lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
   const uint32_t flags = vap->va_flags;
   if (flags & ~kSettableFlags)
     return EINVAL;
@@ -194,6 +198,7 @@ int exfat_setattr_flags(struct exfat_node* node, struct vnode_attr* vap) {
 // cannot be set. Returns whether a time was asked for. The caller holds the
 // node lock.
 bool exfat_setattr_times(struct exfat_node* node, struct vnode_attr* vap) {
+  lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
   bool any = false;
   if (VATTR_IS_ACTIVE(vap, va_create_time)) {
     const struct timespec* ts = &vap->va_create_time;
