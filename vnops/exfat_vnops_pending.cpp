@@ -19,14 +19,6 @@ int exfat_vnop_lookup(struct vnop_lookup_args* ap) {
   return ENOTSUP;
 }
 
-int exfat_vnop_create(struct vnop_create_args* ap) {
-  return ENOTSUP;
-}
-
-int exfat_vnop_mknod(struct vnop_mknod_args* ap) {
-  return ENOTSUP;
-}
-
 int exfat_vnop_open(struct vnop_open_args* ap) {
   return ENOTSUP;
 }
@@ -75,22 +67,6 @@ int exfat_vnop_fsync(struct vnop_fsync_args* ap) {
   return error;
 }
 
-int exfat_vnop_remove(struct vnop_remove_args* ap) {
-  return ENOTSUP;
-}
-
-int exfat_vnop_rename(struct vnop_rename_args* ap) {
-  return ENOTSUP;
-}
-
-int exfat_vnop_mkdir(struct vnop_mkdir_args* ap) {
-  return ENOTSUP;
-}
-
-int exfat_vnop_rmdir(struct vnop_rmdir_args* ap) {
-  return ENOTSUP;
-}
-
 int exfat_vnop_readdir(struct vnop_readdir_args* ap) {
   return ENOTSUP;
 }
@@ -108,14 +84,6 @@ int exfat_vnop_pageout(struct vnop_pageout_args* ap) {
 }
 
 int exfat_vnop_mnomap(struct vnop_mnomap_args* ap) {
-  return ENOTSUP;
-}
-
-int exfat_vnop_symlink(struct vnop_symlink_args* ap) {
-  return ENOTSUP;
-}
-
-int exfat_vnop_readlink(struct vnop_readlink_args* ap) {
   return ENOTSUP;
 }
 
