@@ -15,10 +15,6 @@
 #include "host/cluster.h"
 #include "host/kern.h"
 
-int exfat_vnop_lookup(struct vnop_lookup_args* ap) {
-  return ENOTSUP;
-}
-
 int exfat_vnop_open(struct vnop_open_args* ap) {
   return ENOTSUP;
 }
@@ -65,10 +61,6 @@ int exfat_vnop_fsync(struct vnop_fsync_args* ap) {
   lck_mtx_unlock(mount->xm_bitmap_lock);
   cluster_push(vp, wait ? IO_SYNC : 0);
   return error;
-}
-
-int exfat_vnop_readdir(struct vnop_readdir_args* ap) {
-  return ENOTSUP;
 }
 
 int exfat_vnop_pathconf(struct vnop_pathconf_args* ap) {

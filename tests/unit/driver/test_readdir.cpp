@@ -1,0 +1,441 @@
+// Directory listing on mounted builder images: the "." and ".." records,
+// listing positions and resuming, both record forms, record types and file
+// numbers, name conversion (decomposed, SFM, cut to fit, unconvertible),
+// removed and corrupt directories.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/mount.h"
+#include "host/uio.h"
+#include "host/vfs.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+#include "vnops/exfat_dirent.h"
+
+namespace {
+
+using exvol::test::bytes;
+using exvol::test::Dir;
+using exvol::test::FileSpec;
+using exvol::test::ImageBuilder;
+using exvol::test::Placed;
+using exvol::test::raw_entry;
+
+constexpr uint32_t kCluster = 4096;  // default geometry: 512-byte sectors, 8 per cluster
+constexpr int kExtended = VNODE_READDIR_EXTENDED;
+
+// One decoded record, whichever form it came in.
+struct Record {
+  uint64_t ino = 0;
+  uint64_t seekoff = 0;
+  uint16_t reclen = 0;
+  uint16_t namlen = 0;
+  uint8_t type = 0;
+  std::string name;
+};
+
+// The outcome of one readdir call.
+struct Listing {
+  int error = 0;
+  int eof = -1;
+  int count = -1;
+  off_t next = -1;
+  std::vector<Record> records;
+
+  std::vector<std::string> names() const {
+    std::vector<std::string> n;
+    for (const Record& r : records)
+      n.push_back(r.name);
+    return n;
+  }
+};
+
+// Decodes the records in the first `used` bytes of buf. Each record's name
+// must be NUL-terminated within it and its length a multiple of the form's
+// alignment.
+std::vector<Record> decode(const std::vector<uint8_t>& buf, size_t used, bool extended) {
+  std::vector<Record> out;
+  size_t at = 0;
+  while (at < used) {
+    Record r;
+    if (extended) {
+      struct direntry d;
+      memset(&d, 0, sizeof(d));
+      memcpy(&d, &buf[at], std::min(sizeof(d), buf.size() - at));
+      r = {d.d_ino, d.d_seekoff, d.d_reclen, d.d_namlen, d.d_type,
+           std::string(d.d_name, d.d_namlen)};
+      EXPECT_EQ(0, d.d_reclen % 8);
+      EXPECT_EQ('\0', d.d_name[d.d_namlen]);
+      EXPECT_LE(offsetof(struct direntry, d_name) + d.d_namlen + 1, d.d_reclen);
+    } else {
+      struct dirent32 d;
+      memset(&d, 0, sizeof(d));
+      memcpy(&d, &buf[at], std::min(sizeof(d), buf.size() - at));
+      r = {d.d_ino, 0, d.d_reclen, d.d_namlen, d.d_type, std::string(d.d_name, d.d_namlen)};
+      EXPECT_EQ(0, d.d_reclen % 4);
+      EXPECT_EQ('\0', d.d_name[d.d_namlen]);
+      EXPECT_LE(offsetof(struct dirent32, d_name) + d.d_namlen + 1, d.d_reclen);
+    }
+    if (r.reclen == 0) {
+      ADD_FAILURE() << "record of length 0 at " << at;
+      break;
+    }
+    out.push_back(r);
+    at += r.reclen;
+  }
+  EXPECT_EQ(used, at) << "records must fill exactly what was moved";
+  return out;
+}
+
+class ReaddirTest : public exvol::test::MountTest {
+ protected:
+  ReaddirTest() { builder_.add_bitmap_entry().add_upcase_entry(); }
+
+  void TearDown() override {
+    for (vnode_t vp : held_)
+      vnode_put(vp);
+    held_.clear();
+    MountTest::TearDown();
+  }
+
+  void mount_built() {
+    ASSERT_EQ(0, load(builder_.build()));
+    ASSERT_EQ(0, mount());
+    ctx_ = vfs_context_kernel();
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
+    held_.push_back(root_vp_);
+  }
+
+  // The vnode of a name in the root, held until the end of the test.
+  vnode_t child(const std::string& name) {
+    std::string copy = name;
+    struct componentname cn = {};
+    cn.cn_nameiop = LOOKUP;
+    cn.cn_flags = ISLASTCN | MAKEENTRY;
+    cn.cn_nameptr = copy.data();
+    cn.cn_namelen = static_cast<int>(copy.size());
+    vnode_t vp = NULLVP;
+    EXPECT_EQ(0, VNOP_LOOKUP(root_vp_, &vp, &cn, ctx_)) << name;
+    if (vp != NULLVP)
+      held_.push_back(vp);
+    return vp;
+  }
+
+  static struct exfat_node* node_of(vnode_t vp) {
+    return static_cast<struct exfat_node*>(vnode_fsnode(vp));
+  }
+
+  // One VNOP_READDIR call at `offset` with a buffer of `size` bytes. The
+  // directory's node lock must be free again afterwards.
+  Listing list(vnode_t dvp, off_t offset, size_t size, int flags = 0) {
+    std::vector<uint8_t> buf(size, 0xEE);
+    uio_t uio = uio_create(1, offset, UIO_SYSSPACE, UIO_READ);
+    EXPECT_NE(nullptr, uio);
+    Listing l;
+    if (uio == nullptr)
+      return l;
+    EXPECT_EQ(0, uio_addiov(uio, reinterpret_cast<user_addr_t>(buf.data()), size));
+    l.error = VNOP_READDIR(dvp, uio, flags, &l.eof, &l.count, ctx_);
+    l.next = uio_offset(uio);
+    size_t used = size - static_cast<size_t>(uio_resid(uio));
+    uio_free(uio);
+    l.records = decode(buf, used, (flags & kExtended) != 0);
+    EXPECT_EQ(static_cast<size_t>(l.count), l.records.size()) << "record count";
+    if (vnode_isdir(dvp)) {
+      EXPECT_EQ(0u, node_of(dvp)->x_lock_count) << "readdir left the directory locked";
+    }
+    return l;
+  }
+
+  // Lists the whole directory with `size`-byte buffers, call after call,
+  // until end of file.
+  std::vector<std::string> list_all(vnode_t dvp, size_t size, int flags = 0) {
+    std::vector<std::string> names;
+    off_t offset = 0;
+    for (int calls = 0; calls < 10000; calls++) {
+      Listing l = list(dvp, offset, size, flags);
+      EXPECT_EQ(0, l.error);
+      if (l.error)
+        break;
+      for (const Record& r : l.records)
+        names.push_back(r.name);
+      offset = l.next;
+      if (l.eof)
+        return names;
+      EXPECT_FALSE(l.records.empty()) << "a listing must make progress at " << offset;
+      if (l.records.empty())
+        break;
+    }
+    ADD_FAILURE() << "the listing never ended";
+    return names;
+  }
+
+  ImageBuilder builder_;
+  vfs_context_t ctx_ = nullptr;
+  vnode_t root_vp_ = NULLVP;
+  std::vector<vnode_t> held_;
+};
+
+// An empty directory lists ".", ".." and ends, at x_size + 64. "." is the
+// directory's first cluster and ".." its parent's; the root's ".." is the
+// root itself. Listing again at the end gives nothing and end of file.
+TEST_F(ReaddirTest, EmptyDirectoryAndTheEnd) {
+  Dir empty = builder_.mkdir(builder_.root(), u"empty", 2);
+  mount_built();
+  vnode_t dvp = child("empty");
+  ASSERT_NE(NULLVP, dvp);
+
+  for (int flags : {0, kExtended}) {
+    SCOPED_TRACE(flags);
+    Listing l = list(dvp, 0, 4096, flags);
+    EXPECT_EQ(0, l.error);
+    ASSERT_EQ((std::vector<std::string>{".", ".."}), l.names());
+    EXPECT_EQ(1, l.eof);
+    EXPECT_EQ(static_cast<off_t>(2 * kCluster + 64), l.next);
+    EXPECT_EQ(empty.first_cluster, l.records[0].ino);
+    EXPECT_EQ(xm->xm_root_cluster, l.records[1].ino);
+    EXPECT_EQ(DT_DIR, l.records[0].type);
+    EXPECT_EQ(DT_DIR, l.records[1].type);
+
+    Listing end = list(dvp, l.next, 4096, flags);
+    EXPECT_EQ(0, end.error);
+    EXPECT_TRUE(end.records.empty());
+    EXPECT_EQ(1, end.eof);
+    EXPECT_EQ(l.next, end.next);
+  }
+
+  Listing root = list(root_vp_, 0, 4096);
+  ASSERT_LE(2u, root.records.size());
+  EXPECT_EQ(xm->xm_root_cluster, root.records[0].ino);
+  EXPECT_EQ(xm->xm_root_cluster, root.records[1].ino);
+}
+
+// A buffer that holds exactly one record gets one record per call; each
+// call leaves the offset at the record that did not fit (for a set, the
+// set's offset + 64), and the last one reaches the end.
+TEST_F(ReaddirTest, OneRecordAtATime) {
+  Placed a = builder_.add_file(builder_.root(), u"a", bytes("1"));
+  Placed b = builder_.add_file(builder_.root(), u"b", bytes("2"));
+  mount_built();
+  uint64_t end = node_of(root_vp_)->x_size + 64;
+
+  struct Step {
+    std::string name;
+    off_t next;
+  };
+  for (int flags : {0, kExtended}) {
+    SCOPED_TRACE(flags);
+    size_t size = flags ? 24 : 12;  // one record with a name of 1 or 2 bytes
+    std::vector<Step> steps = {{".", 32},
+                               {"..", static_cast<off_t>(a.offset + 64)},
+                               {"a", static_cast<off_t>(b.offset + 64)},
+                               {"b", static_cast<off_t>(end)}};
+    off_t offset = 0;
+    for (const Step& s : steps) {
+      Listing l = list(root_vp_, offset, size, flags);
+      EXPECT_EQ(0, l.error);
+      ASSERT_EQ(std::vector<std::string>{s.name}, l.names()) << "at " << offset;
+      EXPECT_EQ(s.next, l.next);
+      EXPECT_EQ(s.name == "b" ? 1 : 0, l.eof);
+      offset = l.next;
+    }
+    // Resuming at a set's own cookie starts with that set.
+    Listing again = list(root_vp_, static_cast<off_t>(a.offset + 64), 4096, flags);
+    EXPECT_EQ((std::vector<std::string>{"a", "b"}), again.names());
+  }
+
+  Listing tiny = list(root_vp_, 0, 11);
+  EXPECT_EQ(0, tiny.error);
+  EXPECT_TRUE(tiny.records.empty());
+  EXPECT_EQ(0, tiny.eof);
+  EXPECT_EQ(0, tiny.next);
+}
+
+// Requests the driver can't serve.
+TEST_F(ReaddirTest, RefusedRequests) {
+  builder_.add_file(builder_.root(), u"file", bytes("f"));
+  mount_built();
+
+  Listing misaligned = list(root_vp_, 16, 4096);
+  EXPECT_EQ(EINVAL, misaligned.error);
+  EXPECT_TRUE(misaligned.records.empty());
+  EXPECT_EQ(16, misaligned.next);
+  EXPECT_EQ(EINVAL, list(root_vp_, -32, 4096).error);
+  EXPECT_EQ(EINVAL, list(root_vp_, 0, 4096, VNODE_READDIR_REQSEEKOFF).error);
+  vnode_t file = child("file");
+  ASSERT_NE(NULLVP, file);
+  EXPECT_EQ(ENOTDIR, list(file, 0, 4096).error);
+}
+
+// Record types and file numbers: directories DT_DIR; a file of a link
+// file's size DT_UNKNOWN, one byte less DT_REG; an empty file has number 1,
+// others their first cluster. The extended form has d_seekoff 0.
+TEST_F(ReaddirTest, TypesAndFileNumbers) {
+  Placed link = builder_.add_file(builder_.root(), u"maybe-link",
+                                  std::vector<uint8_t>(1067, 'x'));
+  Placed almost = builder_.add_file(builder_.root(), u"almost", std::vector<uint8_t>(1066, 'x'));
+  Dir dir = builder_.mkdir(builder_.root(), u"dir");
+  builder_.add_file(builder_.root(), u"empty", {});
+  FileSpec huge;  // a 4 GiB file: its DataLength's low 32 bits are not 1067
+  huge.name = u"huge";
+  huge.data_length = (1ull << 32) + 1067;
+  huge.first_cluster = link.first_cluster;
+  builder_.add_set(builder_.root(), huge);
+  mount_built();
+
+  for (int flags : {0, kExtended}) {
+    SCOPED_TRACE(flags);
+    Listing l = list(root_vp_, 64, 8192, flags);
+    ASSERT_EQ(0, l.error);
+    ASSERT_EQ((std::vector<std::string>{"maybe-link", "almost", "dir", "empty", "huge"}),
+              l.names());
+    EXPECT_EQ(DT_UNKNOWN, l.records[0].type);
+    EXPECT_EQ(DT_REG, l.records[1].type);
+    EXPECT_EQ(DT_DIR, l.records[2].type);
+    EXPECT_EQ(DT_REG, l.records[3].type);
+    EXPECT_EQ(DT_REG, l.records[4].type);
+    EXPECT_EQ(link.first_cluster, l.records[0].ino);
+    EXPECT_EQ(almost.first_cluster, l.records[1].ino);
+    EXPECT_EQ(dir.first_cluster, l.records[2].ino);
+    EXPECT_EQ(1u, l.records[3].ino);
+    for (const Record& r : l.records)
+      EXPECT_EQ(0u, r.seekoff) << r.name;
+  }
+}
+
+// Listed names are decomposed and SFM private-use code points come back as
+// the characters they stand for. A 255-unit name whose UTF-8 form exceeds
+// 255 bytes is cut to what fits in the short form (at a character
+// boundary) and whole in the extended form; the listing goes on after it.
+TEST_F(ReaddirTest, NameConversion) {
+  builder_.add_file(builder_.root(), u"caf\u00e9", bytes("x"));
+  builder_.add_file(builder_.root(), u"a\uf022b\uf001", bytes("y"));
+  builder_.add_file(builder_.root(), std::u16string(255, u'\u4e2d'), bytes("z"));
+  builder_.add_file(builder_.root(), u"last", bytes("w"));
+  mount_built();
+
+  std::string han;  // U+4E2D in UTF-8
+  for (int i = 0; i < 255; i++)
+    han += "\xe4\xb8\xad";
+
+  Listing shortform = list(root_vp_, 64, 8192);
+  ASSERT_EQ(0, shortform.error);
+  ASSERT_EQ(4u, shortform.records.size());
+  EXPECT_EQ("cafe\xcc\x81", shortform.records[0].name);
+  EXPECT_EQ("a:b\x01", shortform.records[1].name);
+  EXPECT_EQ(han.substr(0, 255), shortform.records[2].name);
+  EXPECT_EQ(255, shortform.records[2].namlen);
+  EXPECT_EQ(264, shortform.records[2].reclen);
+  EXPECT_EQ("last", shortform.records[3].name);
+
+  Listing extended = list(root_vp_, 64, 8192, kExtended);
+  ASSERT_EQ(0, extended.error);
+  ASSERT_EQ(4u, extended.records.size());
+  EXPECT_EQ(han, extended.records[2].name);
+  EXPECT_EQ(765, extended.records[2].namlen);
+  EXPECT_EQ(792, extended.records[2].reclen);
+  EXPECT_EQ("last", extended.records[3].name);
+}
+
+// A name that can't be converted (an unpaired surrogate) is left out and
+// marks the volume corrupt; the names around it are listed.
+TEST_F(ReaddirTest, UnconvertibleNameIsSkipped) {
+  builder_.add_file(builder_.root(), u"before", bytes("b"));
+  std::u16string broken = u"x";
+  broken += static_cast<char16_t>(0xD800);
+  broken += u"y";
+  builder_.add_file(builder_.root(), broken, bytes("s"));
+  builder_.add_file(builder_.root(), u"after", bytes("a"));
+  mount_built();
+
+  ASSERT_EQ(0u, xm->xm_flags & XM_CORRUPT);
+  Listing l = list(root_vp_, 64, 8192);
+  EXPECT_EQ(0, l.error);
+  EXPECT_EQ((std::vector<std::string>{"before", "after"}), l.names());
+  EXPECT_EQ(1, l.eof);
+  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
+}
+
+// A large directory listed with small buffers, call after call, yields
+// every name once, in directory order, across blocks and clusters; deleted
+// sets and unknown benign sets are not listed, and a cookie that points at
+// a free entry resumes at the next set.
+TEST_F(ReaddirTest, ResumedListingSeesEverySetOnce) {
+  Dir big = builder_.mkdir(builder_.root(), u"big", 4);
+  std::vector<std::string> expect = {".", ".."};
+  Placed deleted{};
+  for (int i = 0; i < 150; i++) {
+    // Up to 8 units: three entries per set, 150 sets in four clusters.
+    std::string name = std::string("f") + static_cast<char>('a' + i % 26) +
+                       std::string(static_cast<size_t>(i / 26 + 1), 'z');
+    Placed p = builder_.add_file(big, std::u16string(name.begin(), name.end()), {});
+    if (i == 40) {
+      builder_.mark_deleted(big, p.offset, p.entries);
+      deleted = p;
+      continue;
+    }
+    expect.push_back(name);
+  }
+  std::vector<uint8_t> benign(64, 0);  // an unknown benign primary with one secondary
+  benign[0] = 0xA5;
+  benign[1] = 1;
+  benign[32] = 0xE0;
+  le16enc(&benign[2], exvol::test::set_checksum(benign.data()));
+  builder_.add_entries(big, benign);
+  mount_built();
+  vnode_t dvp = child("big");
+  ASSERT_NE(NULLVP, dvp);
+
+  EXPECT_EQ(expect, list_all(dvp, 100));
+  EXPECT_EQ(expect, list_all(dvp, 1000, kExtended));
+
+  Listing at_free = list(dvp, static_cast<off_t>(deleted.offset + 64), 4096);
+  ASSERT_EQ(0, at_free.error);
+  ASSERT_FALSE(at_free.records.empty());
+  EXPECT_EQ(expect[2 + 40], at_free.records[0].name);
+}
+
+// A removed directory lists nothing and is at its end; the offset stays.
+TEST_F(ReaddirTest, RemovedDirectoryListsNothing) {
+  Dir gone = builder_.mkdir(builder_.root(), u"gone");
+  builder_.add_file(gone, u"left", bytes("x"));
+  mount_built();
+  vnode_t dvp = child("gone");
+  ASSERT_NE(NULLVP, dvp);
+  struct exfat_node* node = node_of(dvp);
+
+  exfat_node_lock(node);
+  node->x_flags |= X_DELETED;
+  exfat_node_unlock(node);
+  Listing l = list(dvp, 0, 4096);
+  exfat_node_lock(node);
+  node->x_flags &= ~X_DELETED;
+  exfat_node_unlock(node);
+
+  EXPECT_EQ(0, l.error);
+  EXPECT_TRUE(l.records.empty());
+  EXPECT_EQ(1, l.eof);
+  EXPECT_EQ(0, l.next);
+}
+
+// A corrupt directory fails the call with the walk's error; the offset is
+// rewound to where the walk began, after the records already moved.
+TEST_F(ReaddirTest, CorruptDirectoryRewindsToTheWalkStart) {
+  builder_.add_file(builder_.root(), u"ok", bytes("o"));
+  builder_.add_entry(builder_.root(), raw_entry(0x84));
+  mount_built();
+
+  Listing l = list(root_vp_, 0, 4096);
+  EXPECT_EQ(EIO, l.error);
+  EXPECT_EQ(64, l.next);
+  EXPECT_EQ(0, l.eof);
+  EXPECT_EQ((std::vector<std::string>{".", "..", "ok"}), l.names());
+  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
+}
+
+}  // namespace
