@@ -20,7 +20,8 @@ void vkprintf(const char* fmt, va_list ap) __attribute__((format(printf, 1, 0)))
 // called with the host's log lock held: it must not call kprintf itself.
 typedef void (*kern_log_sink_t)(const char* line, void* arg);
 
-// Installs a sink (NULL restores stderr) and returns the previous one.
+// Installs a sink (NULL restores stderr). KernLogCapture keeps the previous
+// sink and restores it; plain callers that need that do the same.
 void host_log_set_sink(kern_log_sink_t sink, void* arg);
 
 // Captures the kernel log for the lifetime of the object (tests). Captures

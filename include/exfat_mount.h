@@ -65,10 +65,9 @@ struct exfat_mount {
 
 // --- Mount arguments --------------------------------------------------------------
 //
-// The 24-byte record a mount tool passes to the mount call. The caller and
-// the driver share one machine, so the record uses native integers; the
-// layout is still fixed and checked below because it crosses a program
-// boundary.
+// The 24-byte record a mount tool passes to the mount call. Its fields are
+// little-endian; the mount decodes them byte by byte, and this struct only
+// fixes the layout (checked below) for callers that build the record.
 
 #define EXFAT_ARGS_MAGIC 0xD4C1C6F8u
 

@@ -116,6 +116,8 @@ int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t co
 // passed over; a cache block that can't be written is dropped as clean. The
 // caller holds neither cache lock (it may hold xm_meta_lock).
 void exfat_meta_flush_internal(struct exfat_mount* mount, int wait) {
+  lck_mtx_assert(mount->xm_fat_lock, LCK_MTX_ASSERT_NOTOWNED);
+  lck_mtx_assert(mount->xm_bitmap_lock, LCK_MTX_ASSERT_NOTOWNED);
   vfs_context_t context = vfs_context_create(nullptr);
   int error = exfat_sync_boot_sector(mount, wait ? 1 : 0, context);
   vfs_context_rele(context);
@@ -156,6 +158,7 @@ void exfat_meta_flush(struct exfat_mount* mount, int sync) {
   }
   if (vfs_flags(mount->xm_mp) & MNT_ASYNC)
     return;
+  lck_mtx_assert(mount->xm_meta_lock, LCK_MTX_ASSERT_NOTOWNED);
   if (mount->xm_meta_timer == nullptr) {
     exfat_meta_flush_internal(mount, 0);
     return;

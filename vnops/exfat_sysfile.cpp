@@ -109,6 +109,8 @@ int exfat_scan_root_dir(mount_t mp, vfs_context_t context) {
 int exfat_scan_root_callback(void* scan_context, uint8_t* set, uint8_t* entry, uint32_t offset) {
   struct exfat_scan_context* scan = static_cast<struct exfat_scan_context*>(scan_context);
   struct exfat_mount* mount = scan->mount;
+  lck_mtx_assert(static_cast<struct exfat_node*>(vnode_fsnode(scan->root_vp))->x_lock,
+                 LCK_MTX_ASSERT_OWNED);
 
   switch (entry[0]) {
     case EXFAT_ENTRY_BITMAP:
@@ -146,6 +148,7 @@ int exfat_scan_root_callback(void* scan_context, uint8_t* set, uint8_t* entry, u
 int exfat_system_node_get(struct exfat_mount* mount, vnode_t dir_vp, const char* name,
                           uint32_t offset, uint32_t first_cluster, uint64_t size, vnode_t* vpp) {
   struct exfat_node* parent = static_cast<struct exfat_node*>(vnode_fsnode(dir_vp));
+  lck_mtx_assert(parent->x_lock, LCK_MTX_ASSERT_OWNED);
   uint32_t dev = mount->xm_dev;
   *vpp = NULLVP;
 

@@ -46,6 +46,8 @@ int exfat_read_upcase(struct exfat_mount* mount, vnode_t dir_vp, uint32_t offset
                       const uint8_t* entry) {
   const struct exfat_upcase_entry* upcase =
       reinterpret_cast<const struct exfat_upcase_entry*>(entry);
+  lck_mtx_assert(static_cast<struct exfat_node*>(vnode_fsnode(dir_vp))->x_lock,
+                 LCK_MTX_ASSERT_OWNED);
   uint64_t data_length = le64dec(upcase->DataLength);
   int error = exfat_upcase_check_length(mount, data_length);
   if (error)

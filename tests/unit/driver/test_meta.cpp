@@ -247,10 +247,15 @@ TEST_F(DelayedFlushConcurrency, UnmountWaitsForARunningFlush) {
   dirty_scratch_block(devvp, 0xC1);
 
   // Hold the FAT lock so that the flush, once the timer fires, stops inside
-  // its run while holding xm_meta_lock.
-  lck_mtx_lock(x->xm_fat_lock);
+  // its run while holding xm_meta_lock. The lock is taken after arming (the
+  // flush takes xm_meta_lock before xm_fat_lock); a longer delay leaves
+  // ample time to take it before the timer fires.
+  uint32_t saved_delay = exfat_meta_delay;
+  exfat_meta_delay = 300;
   exfat_meta_flush(x, 0);
-  std::this_thread::sleep_for(120ms);
+  lck_mtx_lock(x->xm_fat_lock);
+  exfat_meta_delay = saved_delay;
+  std::this_thread::sleep_for(400ms);
 
   std::atomic<bool> done{false};
   std::atomic<int> result{-1};
