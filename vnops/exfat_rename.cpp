@@ -258,7 +258,11 @@ void rename_rekey(struct rename_state* rs) {
   lck_mtx_assert(source->x_lock, LCK_MTX_ASSERT_OWNED);
   lck_mtx_lock(exfat_hash_lock);
   exfat_hash_remove(source);
-  source->x_parent = rs->tdir;
+  // Stored only when it changes: a directory's x_parent may then only
+  // change under xm_rename_lock, which the ancestor walk of other renames
+  // relies on when it reads the links of directories it has not locked.
+  if (source->x_parent != rs->tdir)
+    source->x_parent = rs->tdir;
   source->x_dir_cluster = rs->tdir->x_start_cluster;
   source->x_dir_offset = rs->new_offset;
   source->x_secondary_count = rs->buffer[1];
