@@ -17,18 +17,27 @@ namespace {
 // nor a system file; deleted nodes were handled before it asks.
 constexpr uint32_t kInactiveRewriteMask = X_ROOT | X_DIRTY | X_SYSTEM;  // 0x0821
 
-// Releases a removed node whose last user has gone. Caller holds the node's
-// lock once; it is held again on return. Returns 0.
-//
-// A removed file with clusters must give them back to the volume: its
-// cached buffers and pages are dropped unwritten and its allocation freed by
-// truncating it to 0. Truncation is not part of the driver yet, so for now
-// the vnode is only recycled and the clusters stay allocated until the
-// volume is checked; the data is unreachable either way, because the entry
-// set is gone.
-int inactive_deleted(vnode_t vp, struct exfat_node* node) {
+// Releases a removed node whose last user has gone: its cached buffers and
+// pages are dropped unwritten (the data is unreachable, its entry set is
+// gone), its clusters are freed by truncating it to 0, and the vnode is
+// recycled so that reclaim follows at once. Caller holds the node's lock
+// once; it is dropped around the cache invalidation and held again on
+// return. Returns 0 or the truncation's error.
+int inactive_deleted(vnode_t vp, struct exfat_node* node, vfs_context_t context) {
+  if (node->x_size == 0) {
+    vnode_recycle(vp);
+    return 0;
+  }
+  exfat_node_unlock(node);
+  buf_invalidateblks(vp, 0, 0, 0);
+  ubc_setsize(vp, 0);
+  exfat_node_lock(node);
+  // The size is read again: truncating to the size the node already has is
+  // a caller error, and the node was unlocked meanwhile.
+  int error = node->x_size != 0 ? exfat_truncate(node, 0, 0, context) : 0;
   vnode_recycle(vp);
-  return 0;
+  exfat_meta_flush(node->x_mount, 0);
+  return error;
 }
 
 // Rewrites the entry set of a dirty node in its parent. Caller holds the
@@ -42,7 +51,7 @@ int inactive_update(struct exfat_node* node, vfs_context_t context) {
     return error;
   error = exfat_node_update(node, parent, context);
   if (error)
-    kprintf("exfat_vnop_inactive: error %d from exfat_node_update\n", error);
+    kprintf("exfat_vnop_inactive: error %d from exfat_node_update", error);
   exfat_meta_flush(node->x_mount, 0);
   if (parent != nullptr) {
     exfat_node_unlock(parent);
@@ -69,7 +78,7 @@ int exfat_inactive(vnode_t vp, vfs_context_t context) {
   int error;
   for (;;) {
     if (node->x_flags & X_DELETED) {
-      error = inactive_deleted(vp, node);
+      error = inactive_deleted(vp, node, context);
       break;
     }
     if ((node->x_flags & kInactiveRewriteMask) != X_DIRTY) {
