@@ -28,19 +28,6 @@
 #include "host/uio.h"
 #include "host/vnode.h"
 
-// Shared with create and mkdir; defined in exfat_create.cpp, where their
-// contracts are stated.
-int exfat_new_name(struct exfat_node* dir, struct componentname* cnp, uint16_t* name,
-                   uint32_t* length, uint16_t* hash, vfs_context_t context);
-uint16_t exfat_new_attributes(const struct componentname* cnp, struct vnode_attr* vap,
-                              uint16_t base);
-int exfat_new_set_write(struct exfat_node* dir, uint8_t* buffer, const uint16_t* name,
-                        uint32_t length, uint16_t hash, uint16_t attributes, uint32_t* offset,
-                        vfs_context_t context);
-int exfat_new_node_undo(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
-                        uint32_t entries, vfs_context_t context);
-void exfat_new_node_ready(struct exfat_node* node);
-
 namespace {
 
 const char symlink_magic[] = "XSym\n";
