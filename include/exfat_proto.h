@@ -286,6 +286,19 @@ int exfat_vnop_readlink(struct vnop_readlink_args* ap);
 enum vtype exfat_check_link(struct exfat_node* node, vfs_context_t context);
 void exfat_md5_digest(const void* data, size_t length, char* digest);
 
+// The steps create, mkdir and symlink share (vnops/exfat_create.cpp states
+// their contracts).
+int exfat_new_name(struct exfat_node* dir, struct componentname* cnp, uint16_t* name,
+                   uint32_t* length, uint16_t* hash, vfs_context_t context);
+uint16_t exfat_new_attributes(const struct componentname* cnp, struct vnode_attr* vap,
+                              uint16_t base);
+int exfat_new_set_write(struct exfat_node* dir, uint8_t* buffer, const uint16_t* name,
+                        uint32_t length, uint16_t hash, uint16_t attributes, uint32_t* offset,
+                        vfs_context_t context);
+int exfat_new_node_undo(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
+                        uint32_t entries, vfs_context_t context);
+void exfat_new_node_ready(struct exfat_node* node);
+
 // --- Namespace: inactive, close, fsync, reclaim, attributes ------------------------------
 
 int exfat_vnop_open(struct vnop_open_args* ap);

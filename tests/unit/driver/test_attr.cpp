@@ -1,0 +1,643 @@
+// File attributes through the vnode operation table: what getattr reports
+// for files, directories, links and the root; what setattr changes in the
+// node and in the entry set on disk; and the path limits.
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/buf.h"
+#include "host/mount.h"
+#include "host/ubc.h"
+#include "tests/support/fsck.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+namespace {
+
+using exvol::test::Alloc;
+using exvol::test::bytes;
+using exvol::test::Dir;
+using exvol::test::FileSpec;
+using exvol::test::FsckResult;
+using exvol::test::fsck_program;
+using exvol::test::Geometry;
+using exvol::test::ImageBuilder;
+using exvol::test::Placed;
+using exvol::test::run_fsck;
+
+constexpr int64_t k2024 = 1704067200;  // 2024-01-01 00:00:00 UTC, the builder's default stamp
+
+// Every attribute getattr can fill.
+constexpr uint64_t kAllAttributes =
+    VNODE_ATTR_va_rdev | VNODE_ATTR_va_nlink | VNODE_ATTR_va_total_size |
+    VNODE_ATTR_va_total_alloc | VNODE_ATTR_va_data_size | VNODE_ATTR_va_data_alloc |
+    VNODE_ATTR_va_iosize | VNODE_ATTR_va_uid | VNODE_ATTR_va_gid | VNODE_ATTR_va_mode |
+    VNODE_ATTR_va_flags | VNODE_ATTR_va_create_time | VNODE_ATTR_va_access_time |
+    VNODE_ATTR_va_modify_time | VNODE_ATTR_va_change_time | VNODE_ATTR_va_fileid |
+    VNODE_ATTR_va_parentid | VNODE_ATTR_va_fsid | VNODE_ATTR_va_gen;
+
+// The contents of a symbolic-link file for `target`.
+std::vector<uint8_t> link_contents(const std::string& target) {
+  char digest[33];
+  exfat_md5_digest(target.data(), target.size(), digest);
+  char length[6];
+  snprintf(length, sizeof(length), "%04d\n", static_cast<int>(target.size()));
+  std::string s = std::string("XSym\n") + length + digest + "\n" + target + "\n";
+  s.append(1067 - s.size(), ' ');
+  return bytes(s);
+}
+
+// A File set spec for a directory of one (zeroed) cluster.
+FileSpec dir_spec(ImageBuilder& b, const std::u16string& name, uint16_t attributes) {
+  FileSpec spec;
+  spec.name = name;
+  spec.attributes = attributes;
+  spec.first_cluster = b.allocate(1, Alloc::Chain);
+  spec.data_length = b.bytes_per_cluster();
+  return spec;
+}
+
+class AttrTest : public exvol::test::MountTest {
+ protected:
+  explicit AttrTest(Geometry g = {}) : builder_(g) {
+    builder_.add_bitmap_entry().add_upcase_entry();
+  }
+
+  void TearDown() override {
+    release_vnodes();
+    MountTest::TearDown();
+  }
+
+  void mount_built(const std::array<uint8_t, 24>& args = exvol::test::exfat_mount_args()) {
+    std::vector<uint8_t> image = builder_.build();
+    image_bytes_ = image.size();
+    ASSERT_EQ(0, load(image));
+    ASSERT_EQ(0, mount(0, args));
+    ctx_ = vfs_context_kernel();
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
+    root_ = node_of(root_vp_);
+  }
+
+  static struct exfat_node* node_of(vnode_t vp) {
+    return static_cast<struct exfat_node*>(vnode_fsnode(vp));
+  }
+
+  // The vnode of the entry set at `offset` in the root, as lookup makes it.
+  // The test keeps the I/O reference until release_vnodes.
+  vnode_t open_at(uint32_t offset) {
+    struct exfat_node* node = nullptr;
+    exfat_node_lock(root_);
+    EXPECT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, offset, VNON, 0, &node, ctx_));
+    if (node == nullptr)
+      return NULLVP;
+    held_.push_back(node->x_vnode);
+    return node->x_vnode;
+  }
+
+  void release_vnodes() {
+    for (vnode_t vp : held_)
+      vnode_put(vp);
+    held_.clear();
+    if (root_vp_ != NULLVP)
+      vnode_put(root_vp_);
+    root_vp_ = NULLVP;
+  }
+
+  struct vnode_attr getattr(vnode_t vp, uint64_t wanted = kAllAttributes) {
+    struct vnode_attr va;
+    VATTR_INIT(&va);
+    va.va_active = wanted;
+    EXPECT_EQ(0, VNOP_GETATTR(vp, &va, ctx_));
+    return va;
+  }
+
+  int set_flags(vnode_t vp, uint32_t flags) {
+    struct vnode_attr va;
+    VATTR_INIT(&va);
+    VATTR_SET(&va, va_flags, flags);
+    return VNOP_SETATTR(vp, &va, ctx_);
+  }
+
+  int set_size(vnode_t vp, off_t size) {
+    struct vnode_attr va;
+    VATTR_INIT(&va);
+    VATTR_SET(&va, va_data_size, size);
+    return VNOP_SETATTR(vp, &va, ctx_);
+  }
+
+  // The entry set at `offset` of a directory as it is on the device, once
+  // the delayed directory writes have gone out.
+  std::vector<uint8_t> disk_set(const Dir& dir, uint32_t offset, uint32_t entries) {
+    buf_flushdirtyblks(xm->xm_devvp, 1, 0, "test");
+    std::vector<uint8_t> set;
+    for (uint32_t i = 0; i < entries; i++) {
+      std::vector<uint8_t> entry = read_device(builder_.dir_byte_offset(dir, offset + 32 * i), 32);
+      set.insert(set.end(), entry.begin(), entry.end());
+    }
+    return set;
+  }
+  std::vector<uint8_t> root_set(uint32_t offset, uint32_t entries = 3) {
+    return disk_set(builder_.root(), offset, entries);
+  }
+
+  void unmount_and_check() {
+    release_vnodes();
+    ASSERT_EQ(0, unmount());
+    if (fsck_program().empty())
+      return;  // the checker is an optional oracle
+    FsckResult r = run_fsck(read_device(0, image_bytes_));
+    EXPECT_EQ(0, r.status) << r.output;
+  }
+
+  ImageBuilder builder_;
+  size_t image_bytes_ = 0;
+  vfs_context_t ctx_ = nullptr;
+  vnode_t root_vp_ = NULLVP;
+  struct exfat_node* root_ = nullptr;
+  std::vector<vnode_t> held_;
+};
+
+// --- getattr ---------------------------------------------------------------------------
+
+class AttrBigClusters : public AttrTest {
+ protected:
+  static Geometry big_clusters() {
+    Geometry g;
+    g.cluster_shift = 6;  // 32 KiB clusters
+    g.cluster_count = 64;
+    return g;
+  }
+  AttrBigClusters() : AttrTest(big_clusters()) {}
+};
+
+// Sizes are the data length; allocations whole clusters; the values every
+// file reports are the mount's, and every one of them is marked supported.
+TEST_F(AttrBigClusters, SizesAllocationsAndFixedValues) {
+  Placed one = builder_.add_file(builder_.root(), u"one", bytes("x"));
+  Placed empty = builder_.add_file(builder_.root(), u"empty", {});
+  mount_built();
+
+  struct vnode_attr va = getattr(open_at(one.offset));
+  EXPECT_EQ(kAllAttributes, va.va_supported);
+  EXPECT_EQ(1, va.va_data_size);
+  EXPECT_EQ(1, va.va_total_size);
+  EXPECT_EQ(32768, va.va_data_alloc);
+  EXPECT_EQ(32768, va.va_total_alloc);
+  EXPECT_EQ(0, static_cast<int>(va.va_rdev));
+  EXPECT_EQ(1u, va.va_nlink);
+  EXPECT_EQ(99u, va.va_uid);
+  EXPECT_EQ(99u, va.va_gid);
+  EXPECT_EQ(0755u, va.va_mode);
+  EXPECT_EQ(xm->xm_max_io, va.va_iosize);
+  EXPECT_EQ(static_cast<dev_t>(xm->xm_dev), va.va_fsid);
+  EXPECT_EQ(0u, va.va_gen);
+  EXPECT_EQ(one.first_cluster, va.va_fileid);
+  EXPECT_EQ(xm->xm_root_cluster, va.va_parentid);
+
+  va = getattr(open_at(empty.offset));
+  EXPECT_EQ(0, va.va_data_size);
+  EXPECT_EQ(0, va.va_total_size);
+  EXPECT_EQ(0, va.va_data_alloc);
+  EXPECT_EQ(0, va.va_total_alloc);
+}
+
+// Attributes not asked for are not filled, except those reported always;
+// the root has no parent id.
+TEST_F(AttrTest, OnlyWhatIsAskedForBesidesTheAlwaysValues) {
+  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
+  mount_built();
+  struct vnode_attr va = getattr(open_at(f.offset), VNODE_ATTR_va_mode);
+  EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_flags));
+  EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_modify_time));
+  EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_fileid));
+  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_data_size));
+  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_parentid));
+  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_fsid));
+
+  va = getattr(root_vp_);
+  EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_parentid));
+  EXPECT_EQ(xm->xm_root_cluster, va.va_fileid);
+  EXPECT_EQ(static_cast<off_t>(root_->x_size), va.va_data_size);
+}
+
+// exFAT has no inode numbers: every file without clusters is file 1, and a
+// file in a subdirectory has that directory's first cluster as parent id.
+TEST_F(AttrTest, FileIdsAndParentIds) {
+  Placed a = builder_.add_file(builder_.root(), u"a", {});
+  Placed b = builder_.add_file(builder_.root(), u"b", {});
+  uint32_t sub_offset = builder_.root().next_offset;
+  Dir sub = builder_.mkdir(builder_.root(), u"sub");
+  Placed c = builder_.add_file(sub, u"c", bytes("data"));
+  mount_built();
+
+  EXPECT_EQ(1u, getattr(open_at(a.offset)).va_fileid);
+  EXPECT_EQ(1u, getattr(open_at(b.offset)).va_fileid);
+
+  vnode_t sub_vp = open_at(sub_offset);
+  struct exfat_node* node = nullptr;
+  exfat_node_lock(node_of(sub_vp));
+  ASSERT_EQ(0, exfat_node_get(xm, sub_vp, nullptr, c.offset, VNON, 0, &node, ctx_));
+  held_.push_back(node->x_vnode);
+  struct vnode_attr va = getattr(node->x_vnode);
+  EXPECT_EQ(sub.first_cluster, va.va_parentid);
+  EXPECT_EQ(c.first_cluster, va.va_fileid);
+}
+
+// A link reports its target's length, not the 1067 bytes of its file.
+TEST_F(AttrTest, SymlinkReportsItsTargetLength) {
+  Placed link = builder_.add_file(builder_.root(), u"link", link_contents("../some/target"));
+  mount_built();
+  vnode_t vp = open_at(link.offset);
+  ASSERT_EQ(VLNK, vnode_vtype(vp));
+  struct vnode_attr va = getattr(vp);
+  EXPECT_EQ(14, va.va_data_size);
+  EXPECT_EQ(14, va.va_total_size);
+  EXPECT_EQ(4096, va.va_data_alloc);
+}
+
+// The attribute bits as file flags: read-only only for files, archive
+// pending (SF_ARCHIVED) only for files whose Archive bit is clear, hidden
+// for both, System never.
+TEST_F(AttrTest, AttributeBitsAsFlags) {
+  struct Case {
+    std::u16string name;
+    uint16_t attributes;
+    uint32_t flags;
+  };
+  const Case files[] = {
+      {u"plain", 0x20, 0},
+      {u"unarchived", 0x00, SF_ARCHIVED},
+      {u"readonly", 0x21, UF_IMMUTABLE},
+      {u"hidden", 0x22, UF_HIDDEN},
+      {u"system", 0x24, 0},
+      {u"all", 0x07, SF_ARCHIVED | UF_IMMUTABLE | UF_HIDDEN},
+  };
+  const Case dirs[] = {
+      {u"dir", 0x10, 0},
+      {u"archdir", 0x30, 0},
+      {u"rodir", 0x11, 0},
+      {u"hiddendir", 0x12, UF_HIDDEN},
+  };
+  std::vector<uint32_t> offsets;
+  for (const Case& c : files) {
+    FileSpec spec;
+    spec.name = c.name;
+    spec.attributes = c.attributes;
+    offsets.push_back(builder_.add_set(builder_.root(), spec).offset);
+  }
+  for (const Case& c : dirs)
+    offsets.push_back(builder_.add_set(builder_.root(), dir_spec(builder_, c.name, c.attributes))
+                          .offset);
+  mount_built();
+
+  size_t i = 0;
+  for (const Case& c : files) {
+    struct vnode_attr va = getattr(open_at(offsets[i++]), VNODE_ATTR_va_flags);
+    EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_flags));
+    EXPECT_EQ(c.flags, va.va_flags) << std::string(c.name.begin(), c.name.end());
+  }
+  for (const Case& c : dirs) {
+    vnode_t vp = open_at(offsets[i++]);
+    EXPECT_EQ(VDIR, vnode_vtype(vp));
+    EXPECT_EQ(c.flags, getattr(vp, VNODE_ATTR_va_flags).va_flags)
+        << std::string(c.name.begin(), c.name.end());
+  }
+  EXPECT_EQ(0u, getattr(root_vp_, VNODE_ATTR_va_flags).va_flags);
+}
+
+// Times from the entry: the modification time is also the change time; the
+// creation time keeps milliseconds, the access time has two-second steps.
+TEST_F(AttrTest, TimesFromTheEntrySet) {
+  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
+  mount_built();
+  struct vnode_attr va = getattr(open_at(f.offset));
+  EXPECT_EQ(k2024, va.va_modify_time.tv_sec);
+  EXPECT_EQ(0, va.va_modify_time.tv_nsec);
+  EXPECT_EQ(k2024, va.va_change_time.tv_sec);
+  EXPECT_EQ(k2024, va.va_access_time.tv_sec);
+  EXPECT_EQ(k2024, va.va_create_time.tv_sec);
+}
+
+// A mount update that changes the mask changes every file's mode at once,
+// even for vnodes that were already in use.
+TEST_F(AttrTest, MaskUpdateChangesTheModeAtOnce) {
+  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
+  mount_built(exvol::test::exfat_mount_args(0755));
+  vnode_t vp = open_at(f.offset);
+  EXPECT_EQ(0755u, getattr(vp, 0).va_mode);
+  std::array<uint8_t, 24> args = exvol::test::exfat_mount_args(010700);
+  ASSERT_EQ(0, host_mount_update(mp, 0, args.data(), args.size()));
+  EXPECT_EQ(0700u, getattr(vp, 0).va_mode) << "only the permission bits are reported";
+  EXPECT_EQ(0700u, getattr(root_vp_, 0).va_mode);
+}
+
+// --- setattr: flags -------------------------------------------------------------------
+
+// Flags 0 on a file: archive pending cleared (Archive set), read-only and
+// hidden cleared; System stays. The entry on disk follows with a valid
+// checksum.
+TEST_F(AttrTest, ClearingFlagsOfAFile) {
+  FileSpec spec;
+  spec.name = u"f";
+  spec.attributes = 0x07;  // ReadOnly | Hidden | System, Archive clear
+  Placed f = builder_.add_set(builder_.root(), spec);
+  mount_built();
+  vnode_t vp = open_at(f.offset);
+
+  ASSERT_EQ(0, set_flags(vp, 0));
+  EXPECT_EQ(0x24, node_of(vp)->x_attributes);
+  EXPECT_EQ(0u, node_of(vp)->x_flags & X_DIRTY) << "the entry set was written back";
+  std::vector<uint8_t> set = root_set(f.offset);
+  EXPECT_EQ(0x24, le16dec(&set[4]));
+  EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
+  unmount_and_check();
+}
+
+// Flags 0 on a directory clear only Hidden: its ReadOnly and Archive bits
+// are not the kernel's to see, so they are left as they are. SF_ARCHIVED
+// still clears Archive, and the immutable flags never make a directory
+// read-only.
+TEST_F(AttrTest, FlagsOfADirectory) {
+  uint32_t d1 = builder_.add_set(builder_.root(), dir_spec(builder_, u"d1", 0x13)).offset;
+  uint32_t d2 = builder_.add_set(builder_.root(), dir_spec(builder_, u"d2", 0x32)).offset;
+  mount_built();
+
+  vnode_t vp1 = open_at(d1);
+  ASSERT_EQ(0, set_flags(vp1, 0));
+  EXPECT_EQ(0x11, node_of(vp1)->x_attributes);
+  vnode_t vp2 = open_at(d2);
+  ASSERT_EQ(0, set_flags(vp2, 0));
+  EXPECT_EQ(0x30, node_of(vp2)->x_attributes);
+  ASSERT_EQ(0, set_flags(vp2, SF_ARCHIVED | UF_IMMUTABLE | SF_IMMUTABLE | UF_HIDDEN));
+  EXPECT_EQ(0x12, node_of(vp2)->x_attributes);
+
+  EXPECT_EQ(0x11, le16dec(&root_set(d1)[4]));
+  EXPECT_EQ(0x12, le16dec(&root_set(d2)[4]));
+  unmount_and_check();
+}
+
+// Each settable flag on a file, and what getattr then reports.
+TEST_F(AttrTest, SettingFlagsOfAFile) {
+  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
+  mount_built();
+  vnode_t vp = open_at(f.offset);
+
+  ASSERT_EQ(0, set_flags(vp, SF_IMMUTABLE));
+  EXPECT_EQ(0x21, node_of(vp)->x_attributes);
+  EXPECT_EQ(UF_IMMUTABLE, getattr(vp, VNODE_ATTR_va_flags).va_flags);
+
+  ASSERT_EQ(0, set_flags(vp, SF_ARCHIVED | UF_HIDDEN | UF_IMMUTABLE));
+  EXPECT_EQ(0x03, node_of(vp)->x_attributes);
+  EXPECT_EQ(SF_ARCHIVED | UF_HIDDEN | UF_IMMUTABLE, getattr(vp, VNODE_ATTR_va_flags).va_flags);
+  EXPECT_EQ(0x03, le16dec(&root_set(f.offset)[4]));
+  unmount_and_check();
+}
+
+// A flag exFAT can't hold fails the request: the flags and times of the
+// same request are not changed, but a size change in it stays done.
+TEST_F(AttrTest, UnknownFlagIsRefused) {
+  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
+  mount_built();
+  vnode_t vp = open_at(f.offset);
+
+  const uint32_t refused[] = {UF_NODUMP, UF_APPEND, SF_APPEND, 0x80000000u};
+  for (uint32_t bad : refused) {
+    struct vnode_attr va;
+    VATTR_INIT(&va);
+    VATTR_SET(&va, va_flags, bad | UF_HIDDEN);
+    EXPECT_EQ(EINVAL, VNOP_SETATTR(vp, &va, ctx_)) << std::hex << bad;
+    EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_flags));
+  }
+  EXPECT_EQ(0x20, node_of(vp)->x_attributes);
+
+  struct vnode_attr va;
+  VATTR_INIT(&va);
+  VATTR_SET(&va, va_data_size, 2);
+  VATTR_SET(&va, va_flags, UF_NODUMP);
+  VATTR_SET(&va, va_modify_time, (timespec{k2024 + 86400, 0}));
+  EXPECT_EQ(EINVAL, VNOP_SETATTR(vp, &va, ctx_));
+  EXPECT_EQ(2u, node_of(vp)->x_size);
+  EXPECT_EQ(k2024, getattr(vp).va_modify_time.tv_sec);
+  EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_modify_time));
+  unmount_and_check();  // the size change reaches the disk when the file is let go
+}
+
+// --- setattr: times ---------------------------------------------------------------------
+
+// The creation time keeps milliseconds; the modification time 10 ms (and
+// the odd second); the access time two-second steps. Setting a time sets
+// Archive. The change time is not settable.
+TEST_F(AttrTest, SettingTimes) {
+  FileSpec spec;
+  spec.name = u"f";
+  spec.attributes = 0x00;
+  Placed f = builder_.add_set(builder_.root(), spec);
+  mount_built();
+  vnode_t vp = open_at(f.offset);
+
+  struct vnode_attr va;
+  VATTR_INIT(&va);
+  VATTR_SET(&va, va_create_time, (timespec{1000000000, 123456789}));
+  VATTR_SET(&va, va_modify_time, (timespec{1700000001, 256000000}));
+  VATTR_SET(&va, va_access_time, (timespec{1700000001, 256000000}));
+  VATTR_SET(&va, va_change_time, (timespec{1, 0}));
+  ASSERT_EQ(0, VNOP_SETATTR(vp, &va, ctx_));
+  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_create_time));
+  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_modify_time));
+  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_access_time));
+  EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_change_time));
+  EXPECT_EQ(0x20, node_of(vp)->x_attributes);
+
+  va = getattr(vp);
+  EXPECT_EQ(1000000000, va.va_create_time.tv_sec);
+  EXPECT_EQ(123000000, va.va_create_time.tv_nsec);
+  EXPECT_EQ(1700000001, va.va_modify_time.tv_sec);
+  EXPECT_EQ(250000000, va.va_modify_time.tv_nsec);
+  EXPECT_EQ(1700000001, va.va_change_time.tv_sec);
+  EXPECT_EQ(1700000000, va.va_access_time.tv_sec);
+  EXPECT_EQ(0, va.va_access_time.tv_nsec);
+
+  // On disk: the exFAT forms of the same times, and a valid checksum.
+  std::vector<uint8_t> set = root_set(f.offset);
+  uint32_t ts = 0;
+  uint8_t increment = 0, utc = 0;
+  struct timespec create = {1000000000, 123456789};
+  exfat_timestamp_from_unix(&ts, &increment, &utc, &create);
+  EXPECT_EQ(ts, le32dec(&set[8]));
+  EXPECT_EQ(increment, set[20]);
+  EXPECT_EQ(utc, set[22]);
+  struct timespec modify = {1700000001, 256000000};
+  exfat_timestamp_from_unix(&ts, &increment, &utc, &modify);
+  EXPECT_EQ(ts, le32dec(&set[12]));
+  EXPECT_EQ(ts, le32dec(&set[16]));
+  EXPECT_EQ(125, set[21]);
+  EXPECT_EQ(0x20, le16dec(&set[4]));
+  EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
+  unmount_and_check();
+}
+
+// Setting only the access time of a directory sets its Archive bit.
+TEST_F(AttrTest, AccessTimeOfADirectorySetsArchive) {
+  uint32_t d = builder_.add_set(builder_.root(), dir_spec(builder_, u"d", 0x10)).offset;
+  mount_built();
+  vnode_t vp = open_at(d);
+  struct vnode_attr va;
+  VATTR_INIT(&va);
+  VATTR_SET(&va, va_access_time, (timespec{k2024 + 7200, 0}));
+  ASSERT_EQ(0, VNOP_SETATTR(vp, &va, ctx_));
+  EXPECT_EQ(0x30, node_of(vp)->x_attributes);
+  std::vector<uint8_t> set = root_set(d);
+  EXPECT_EQ(0x30, le16dec(&set[4]));
+  EXPECT_EQ(le32dec(&set[8]) + (2u << EXFAT_TS_HOUR_SHIFT), le32dec(&set[16]));
+  unmount_and_check();
+}
+
+// A request with nothing exFAT keeps (mode, owner) changes nothing and
+// writes nothing: the entry stays as it was even with a change pending.
+TEST_F(AttrTest, ModeAndOwnerAreIgnored) {
+  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
+  mount_built();
+  vnode_t vp = open_at(f.offset);
+  std::vector<uint8_t> before = root_set(f.offset);
+  exfat_node_lock(node_of(vp));
+  node_of(vp)->x_flags |= X_DIRTY;
+  node_of(vp)->x_attributes |= EXFAT_ATTR_HIDDEN;
+  exfat_node_unlock(node_of(vp));
+
+  struct vnode_attr va;
+  VATTR_INIT(&va);
+  VATTR_SET(&va, va_mode, 0777);
+  VATTR_SET(&va, va_uid, 0);
+  VATTR_SET(&va, va_gid, 0);
+  ASSERT_EQ(0, VNOP_SETATTR(vp, &va, ctx_));
+  EXPECT_EQ(0u, va.va_supported);
+  EXPECT_EQ(before, root_set(f.offset));
+  EXPECT_EQ(X_DIRTY, node_of(vp)->x_flags & X_DIRTY);
+}
+
+// The root has no entry set: flag and time changes stay in its node, and
+// nothing on the volume past the boot region changes.
+TEST_F(AttrTest, RootChangesOnlyMemory) {
+  mount_built();
+  uint64_t from = builder_.fat_byte_offset();
+  buf_flushdirtyblks(xm->xm_devvp, 1, 0, "test");
+  std::vector<uint8_t> before = read_device(from, image_bytes_ - from);
+
+  ASSERT_EQ(0, set_flags(root_vp_, UF_HIDDEN));
+  struct vnode_attr va;
+  VATTR_INIT(&va);
+  VATTR_SET(&va, va_modify_time, (timespec{k2024, 0}));
+  ASSERT_EQ(0, VNOP_SETATTR(root_vp_, &va, ctx_));
+
+  EXPECT_EQ(0x32, root_->x_attributes);
+  EXPECT_EQ(UF_HIDDEN, getattr(root_vp_).va_flags);
+  EXPECT_EQ(k2024, getattr(root_vp_).va_modify_time.tv_sec);
+  exfat_meta_flush(xm, IO_SYNC);
+  EXPECT_EQ(before, read_device(from, image_bytes_ - from));
+}
+
+// --- setattr: size -------------------------------------------------------------------------
+
+// Only regular files have a size to set.
+TEST_F(AttrTest, SizeOfANonRegularFileIsRefused) {
+  uint32_t d = builder_.add_set(builder_.root(), dir_spec(builder_, u"d", 0x10)).offset;
+  Placed link = builder_.add_file(builder_.root(), u"link", link_contents("t"));
+  mount_built();
+  vnode_t dvp = open_at(d);
+  EXPECT_EQ(EPERM, set_size(dvp, 0));
+  EXPECT_EQ(4096u, node_of(dvp)->x_size);
+  vnode_t lvp = open_at(link.offset);
+  EXPECT_EQ(EPERM, set_size(lvp, 0));
+  EXPECT_EQ(EPERM, set_size(root_vp_, 0));
+  EXPECT_EQ(1067u, node_of(lvp)->x_size);
+}
+
+// Growing and shrinking through setattr: the allocation follows, the entry
+// set on disk carries the new lengths, the page cache knows the size.
+TEST_F(AttrTest, SizeChangesReachTheEntrySet) {
+  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
+  mount_built();
+  vnode_t vp = open_at(f.offset);
+  uint32_t free_before = xm->xm_free_clusters;
+
+  ASSERT_EQ(0, set_size(vp, 10000));
+  EXPECT_EQ(10000, getattr(vp).va_data_size);
+  EXPECT_EQ(12288, getattr(vp).va_data_alloc);
+  EXPECT_EQ(free_before - 2, xm->xm_free_clusters);
+  EXPECT_EQ(10000, ubc_getsize(vp));
+  std::vector<uint8_t> set = root_set(f.offset);
+  EXPECT_EQ(10000u, le64dec(&set[32 + 24]));
+  EXPECT_EQ(3u, le64dec(&set[32 + 8])) << "growth leaves the valid length";
+  EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
+
+  ASSERT_EQ(0, set_size(vp, 0));
+  EXPECT_EQ(free_before + 1, xm->xm_free_clusters);
+  EXPECT_EQ(0, ubc_getsize(vp));
+  set = root_set(f.offset);
+  EXPECT_EQ(0u, le64dec(&set[32 + 24]));
+  EXPECT_EQ(0u, le32dec(&set[32 + 20]));
+  unmount_and_check();
+}
+
+// A size that needs more clusters than are free fails at once, all or
+// nothing: the allocation and the entry stay as they were.
+TEST_F(AttrTest, GrowthBeyondTheFreeSpaceFails) {
+  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
+  mount_built();
+  vnode_t vp = open_at(f.offset);
+  uint32_t free_before = xm->xm_free_clusters;
+  off_t too_big = off_t(free_before + 2) * 4096;
+  EXPECT_EQ(ENOSPC, set_size(vp, too_big));
+  EXPECT_EQ(3u, node_of(vp)->x_size);
+  EXPECT_EQ(free_before, xm->xm_free_clusters);
+  EXPECT_EQ(3u, le64dec(&root_set(f.offset)[32 + 24]));
+  unmount_and_check();
+}
+
+// Setting the current size is no truncation, but the request still
+// rewrites the entry set: a change pending in the node goes to disk.
+TEST_F(AttrTest, CurrentSizeStillRewritesTheEntrySet) {
+  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
+  mount_built();
+  vnode_t vp = open_at(f.offset);
+  exfat_node_lock(node_of(vp));
+  node_of(vp)->x_attributes |= EXFAT_ATTR_HIDDEN;
+  node_of(vp)->x_flags |= X_DIRTY;
+  exfat_node_unlock(node_of(vp));
+
+  struct vnode_attr va;
+  VATTR_INIT(&va);
+  VATTR_SET(&va, va_data_size, 3);
+  ASSERT_EQ(0, VNOP_SETATTR(vp, &va, ctx_));
+  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_data_size));
+  EXPECT_EQ(0u, node_of(vp)->x_flags & X_DIRTY);
+  std::vector<uint8_t> set = root_set(f.offset);
+  EXPECT_EQ(0x22, le16dec(&set[4]));
+  EXPECT_EQ(3u, le64dec(&set[32 + 24]));
+  unmount_and_check();
+}
+
+// --- pathconf ---------------------------------------------------------------------------
+
+TEST_F(AttrTest, PathLimits) {
+  mount_built();
+  const std::pair<int, int32_t> known[] = {{1, 1},  {4, 255},  {5, 1024}, {7, 1},
+                                           {8, 0},  {11, 0},   {12, 1},   {18, 64}};
+  for (auto [name, value] : known) {
+    int32_t result = -7;
+    EXPECT_EQ(0, VNOP_PATHCONF(root_vp_, name, &result, ctx_)) << name;
+    EXPECT_EQ(value, result) << name;
+  }
+  for (int name : {-1, 0, 2, 3, 6, 9, 10, 13, 14, 15, 16, 17, 19, 1000}) {
+    int32_t result = -7;
+    EXPECT_EQ(EINVAL, VNOP_PATHCONF(root_vp_, name, &result, ctx_)) << name;
+    EXPECT_EQ(-7, result) << name;
+  }
+}
+
+}  // namespace

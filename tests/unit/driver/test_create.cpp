@@ -1,0 +1,292 @@
+// Create, mkdir and mknod driven as the kernel drives them: the entry set
+// each writes, the attributes chosen from the name and the requested flags,
+// the name limits, the first cluster of a directory and what a failure
+// leaves behind.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/unit/driver/namespace_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+class CreateTest : public NamespaceTest {};
+
+uint16_t attributes_of(const std::vector<uint8_t>& set) {
+  return le16dec(&set[4]);
+}
+
+// A new file is an empty Archive file: one set of File, Stream Extension
+// and name entries with no cluster, its name stored as given, found again
+// by lookup, and the volume stays consistent.
+TEST_F(CreateTest, CreateWritesAnEmptyFileSet) {
+  mount_built();
+  Vref file;
+  ASSERT_EQ(0, create(root_.vp, "Hello.txt", &file));
+  ASSERT_EQ(VREG, vnode_vtype(file.vp));
+  EXPECT_EQ(root_.node(), file.node()->x_parent);
+
+  std::vector<uint8_t> set = set_of(root_.vp, file.node());
+  EXPECT_EQ(EXFAT_ENTRY_FILE, set[0]);
+  EXPECT_EQ(2, set[1]);
+  EXPECT_EQ(0x20, attributes_of(set));
+  EXPECT_EQ(EXFAT_ENTRY_STREAM, set[32]);
+  EXPECT_EQ(0u, le32dec(&set[32 + 20]));  // FirstCluster
+  EXPECT_EQ(0u, le64dec(&set[32 + 24]));  // DataLength
+  EXPECT_EQ(u"Hello.txt", NamespaceTest::set_name(set));
+  EXPECT_EQ(le16dec(&set[2]), exfat_checksum_file_set(set.data()));
+
+  Vref again;
+  ASSERT_EQ(0, lookup("HELLO.TXT", &again));
+  EXPECT_EQ(file.vp, again.vp);
+  file.reset();
+  again.reset();
+  unmount_and_fsck();
+}
+
+// Names compare through the up-case table: "A" can't be made beside "a"
+// (the operation is called directly, as a create racing another would be).
+// A name already present is refused by mkdir and symlink too.
+TEST_F(CreateTest, NameDifferingOnlyInCaseExists) {
+  builder_.add_file(builder_.root(), u"a", bytes("x"));
+  mount_built();
+  struct vnode_attr va;
+  VATTR_INIT(&va);
+  vnode_t vp = NULLVP;
+  Component upper("A", CREATE);
+  EXPECT_EQ(EEXIST, VNOP_CREATE(root_.vp, &vp, &upper.cn, &va, ctx_));
+  EXPECT_EQ(EEXIST, VNOP_MKDIR(root_.vp, &vp, &upper.cn, &va, ctx_));
+  char target[] = "t";
+  EXPECT_EQ(EEXIST, VNOP_SYMLINK(root_.vp, &vp, &upper.cn, &va, target, ctx_));
+  EXPECT_EQ(NULLVP, vp);
+  EXPECT_EQ(0u, root_.node()->x_lock_count);
+}
+
+// A name of 255 UTF-16 units fits (17 name entries, SecondaryCount 18),
+// also when it takes 510 bytes of UTF-8; 256 units do not.
+TEST_F(CreateTest, NameLimitIs255Units) {
+  mount_built();
+  Vref longest, accented;
+  ASSERT_EQ(0, create(root_.vp, std::string(255, 'n'), &longest));
+  std::vector<uint8_t> set = set_of(root_.vp, longest.node());
+  EXPECT_EQ(18, set[1]);
+  EXPECT_EQ(255, set[32 + 3]);
+
+  std::string e_acute;
+  for (int i = 0; i < 255; i++)
+    e_acute += "\xc3\xa9";
+  ASSERT_EQ(0, create(root_.vp, e_acute, &accented));
+
+  Component too_long(std::string(256, 'm'), CREATE);
+  struct vnode_attr va;
+  VATTR_INIT(&va);
+  vnode_t vp = NULLVP;
+  EXPECT_EQ(ENAMETOOLONG, VNOP_CREATE(root_.vp, &vp, &too_long.cn, &va, ctx_));
+  EXPECT_EQ(ENAMETOOLONG, VNOP_MKDIR(root_.vp, &vp, &too_long.cn, &va, ctx_));
+  longest.reset();
+  accented.reset();
+  unmount_and_fsck();
+}
+
+// A leading dot makes the entry Hidden, for files and directories alike; a
+// dot elsewhere does not.
+TEST_F(CreateTest, LeadingDotSetsHidden) {
+  mount_built();
+  Vref hidden, plain, dir;
+  ASSERT_EQ(0, create(root_.vp, ".profile", &hidden));
+  ASSERT_EQ(0, create(root_.vp, "a.b", &plain));
+  ASSERT_EQ(0, mkdir(root_.vp, ".cache", &dir));
+  EXPECT_EQ(0x22, attributes_of(set_of(root_.vp, hidden.node())));
+  EXPECT_EQ(0x20, attributes_of(set_of(root_.vp, plain.node())));
+  EXPECT_EQ(0x12, attributes_of(set_of(root_.vp, dir.node())));
+  EXPECT_EQ(0x12, dir.node()->x_attributes);
+}
+
+// An immutable flag asked for at creation makes the entry ReadOnly and is
+// reported as supported; flags without it change nothing and are not
+// claimed.
+TEST_F(CreateTest, ImmutableFlagSetsReadOnly) {
+  mount_built();
+  struct vnode_attr user, system, neither;
+  VATTR_INIT(&user);
+  VATTR_SET(&user, va_flags, UF_IMMUTABLE);
+  VATTR_INIT(&system);
+  VATTR_SET(&system, va_flags, SF_IMMUTABLE);
+  VATTR_INIT(&neither);
+  VATTR_SET(&neither, va_flags, UF_NODUMP);
+
+  Vref f, d, g;
+  ASSERT_EQ(0, create(root_.vp, "locked", &f, &user));
+  ASSERT_EQ(0, mkdir(root_.vp, "frozen", &d, &system));
+  ASSERT_EQ(0, create(root_.vp, "free", &g, &neither));
+  EXPECT_EQ(0x21, attributes_of(set_of(root_.vp, f.node())));
+  EXPECT_EQ(0x11, attributes_of(set_of(root_.vp, d.node())));
+  EXPECT_EQ(0x20, attributes_of(set_of(root_.vp, g.node())));
+  EXPECT_TRUE(VATTR_IS_SUPPORTED(&user, va_flags));
+  EXPECT_TRUE(VATTR_IS_SUPPORTED(&system, va_flags));
+  EXPECT_FALSE(VATTR_IS_SUPPORTED(&neither, va_flags));
+}
+
+// mkdir gives the directory one cluster, zero-filled over whatever the
+// free cluster held, so it reads as empty; its stream entry records the
+// cluster once written back; files can be made inside it.
+TEST_F(CreateTest, MkdirAllocatesOneZeroedCluster) {
+  // Leave garbage in every free cluster the directory might get.
+  std::vector<uint8_t> garbage(builder_.bytes_per_cluster(), 0xA5);
+  for (uint32_t c = 2; c < 40; c++) {
+    if (!builder_.allocated(c))
+      builder_.write_data(c, Alloc::Contiguous, garbage);
+  }
+  mount_built();
+  uint32_t free_before = free_clusters();
+
+  Vref dir;
+  ASSERT_EQ(0, mkdir(root_.vp, "docs", &dir));
+  ASSERT_EQ(VDIR, vnode_vtype(dir.vp));
+  struct exfat_node* node = dir.node();
+  EXPECT_EQ(512u, node->x_size);
+  EXPECT_TRUE(used(node->x_start_cluster));
+  EXPECT_EQ(free_before - 1, free_clusters());
+  EXPECT_EQ(std::vector<uint8_t>(512, 0), dir_bytes(dir.vp, 0, 512));
+
+  Vref inner;
+  ASSERT_EQ(0, create(dir.vp, "inside", &inner));
+  EXPECT_EQ(0u, inner.node()->x_dir_offset);
+  EXPECT_EQ(node->x_start_cluster, inner.node()->x_dir_cluster);
+  inner.reset();
+
+  uint32_t cluster = node->x_start_cluster;
+  uint32_t offset = node->x_dir_offset;
+  dir.reset();
+  unmount_and_fsck();
+  std::vector<uint8_t> stream =
+      read_device(builder_.dir_byte_offset(builder_.root(), offset) + 32, 32);
+  EXPECT_EQ(cluster, le32dec(&stream[20]));
+  EXPECT_EQ(512u, le64dec(&stream[24]));
+}
+
+// With no free cluster, mkdir fails with ENOSPC and leaves no directory:
+// the set written for it is deleted again and the free count is as before.
+TEST_F(CreateTest, MkdirOnAFullVolumeLeavesNothing) {
+  fill_volume_with_file(u"filler");
+  mount_built();
+  ASSERT_EQ(0u, free_clusters());
+  uint32_t next_slot = builder_.root().next_offset;
+
+  Vref dir;
+  EXPECT_EQ(ENOSPC, mkdir(root_.vp, "nope", &dir));
+  EXPECT_EQ(NULLVP, dir.vp);
+  Vref gone;
+  EXPECT_EQ(ENOENT, lookup("nope", &gone));
+  std::vector<uint8_t> slots = dir_bytes(root_.vp, next_slot, 96);
+  EXPECT_EQ(0x05, slots[0]);
+  EXPECT_EQ(0x40, slots[32]);
+  EXPECT_EQ(0x41, slots[64]);
+  EXPECT_EQ(0u, free_clusters());
+  EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
+  unmount_and_fsck();
+}
+
+TEST_F(CreateTest, MknodIsRefused) {
+  mount_built();
+  Component c("dev", CREATE);
+  struct vnode_attr va;
+  VATTR_INIT(&va);
+  vnode_t vp = NULLVP;
+  EXPECT_EQ(EINVAL, VNOP_MKNOD(root_.vp, &vp, &c.cn, &va, ctx_));
+  EXPECT_EQ(NULLVP, vp);
+  Vref none;
+  EXPECT_EQ(ENOENT, lookup("dev", &none));
+}
+
+// A create whose parent is removed between the lookup and the operation
+// asks the kernel to restart (and so do mkdir and symlink); nothing is
+// written into the removed directory.
+TEST_F(CreateTest, ParentRemovedBeforeCreateRestarts) {
+  builder_.mkdir(builder_.root(), u"tmp");
+  mount_built();
+  Vref dir;
+  ASSERT_EQ(0, lookup("tmp", &dir));
+  ASSERT_EQ(0, lookup_free(dir.vp, "late"));
+  ASSERT_EQ(0, rmdir(root_.vp, "tmp"));
+
+  Component c("late", CREATE);
+  struct vnode_attr va;
+  VATTR_INIT(&va);
+  vnode_t vp = NULLVP;
+  EXPECT_EQ(ERESTART, VNOP_CREATE(dir.vp, &vp, &c.cn, &va, ctx_));
+  EXPECT_EQ(ERESTART, VNOP_MKDIR(dir.vp, &vp, &c.cn, &va, ctx_));
+  char target[] = "x";
+  EXPECT_EQ(ERESTART, VNOP_SYMLINK(dir.vp, &vp, &c.cn, &va, target, ctx_));
+  EXPECT_EQ(NULLVP, vp);
+  EXPECT_EQ(0u, dir.node()->x_lock_count);
+  dir.reset();
+  unmount_and_fsck();
+}
+
+// A directory whose slots are all taken grows by a cluster for the next
+// name.
+TEST_F(CreateTest, CreateGrowsAFullDirectory) {
+  mount_built();
+  Vref dir;
+  ASSERT_EQ(0, mkdir(root_.vp, "full", &dir));
+  for (int i = 0; i < 5; i++) {  // 5 sets of 3 entries: 15 of 16 slots
+    Vref f;
+    ASSERT_EQ(0, create(dir.vp, "f" + std::to_string(i), &f));
+  }
+  Vref last;
+  ASSERT_EQ(0, create(dir.vp, "sixth", &last));
+  EXPECT_EQ(1024u, dir.node()->x_size);
+  EXPECT_EQ(480u, last.node()->x_dir_offset);  // the one free slot is kept
+  last.reset();
+  dir.reset();
+  unmount_and_fsck();
+}
+
+class CreateConcurrency : public NamespaceTest {};
+
+// Threads making and removing names in one directory at the same time,
+// and a third making directories: every operation succeeds, every name
+// that should remain is there, and the volume is consistent.
+TEST_F(CreateConcurrency, CreatesAndRemovesInOneDirectory) {
+  mount_built();
+  Vref dir;
+  ASSERT_EQ(0, mkdir(root_.vp, "shared", &dir));
+  constexpr int kPerThread = 12;
+  std::vector<int> failures(3, 0);
+  auto worker = [&](int t) {
+    for (int i = 0; i < kPerThread; i++) {
+      std::string name = "t" + std::to_string(t) + "_" + std::to_string(i);
+      Vref made;
+      int error = t == 2 ? mkdir(dir.vp, name, &made) : create(dir.vp, name, &made);
+      made.reset();
+      if (error)
+        failures[t]++;
+      if (t == 0 && i % 2 == 0 && remove(dir.vp, name) != 0)
+        failures[t]++;
+    }
+  };
+  std::thread a(worker, 0), b(worker, 1), c(worker, 2);
+  a.join();
+  b.join();
+  c.join();
+  EXPECT_EQ(std::vector<int>(3, 0), failures);
+  for (int t = 0; t < 3; t++) {
+    for (int i = 0; i < kPerThread; i++) {
+      Vref found;
+      int expected = (t == 0 && i % 2 == 0) ? ENOENT : 0;
+      EXPECT_EQ(expected, lookup(dir.vp, "t" + std::to_string(t) + "_" + std::to_string(i),
+                                 LOOKUP, &found))
+          << t << " " << i;
+    }
+  }
+  dir.reset();
+  unmount_and_fsck();
+}
+
+}  // namespace

@@ -1,0 +1,319 @@
+// Renaming the volume through the file system's setattr entry: where the
+// label entry goes, what it holds, which names fit, how the name is
+// normalised on disk and in memory; and the volume figures and UUID that
+// getattr reports beside the name.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/buf.h"
+#include "host/mount.h"
+#include "tests/support/fsck.h"
+#include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+namespace {
+
+using exvol::test::Entry;
+using exvol::test::FileSpec;
+using exvol::test::FsckResult;
+using exvol::test::fsck_program;
+using exvol::test::Geometry;
+using exvol::test::ImageBuilder;
+using exvol::test::label_entry;
+using exvol::test::Placed;
+using exvol::test::run_fsck;
+
+constexpr uint32_t kCluster = 4096;  // default geometry
+constexpr uint32_t kSystemEntriesEnd = 64;  // after the bitmap and up-case entries
+
+std::vector<uint8_t> entry_bytes(const Entry& e) {
+  return std::vector<uint8_t>(e.begin(), e.end());
+}
+
+std::string uuid_string(const uint8_t* u) {
+  char s[37];
+  snprintf(s, sizeof(s),
+           "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", u[0], u[1],
+           u[2], u[3], u[4], u[5], u[6], u[7], u[8], u[9], u[10], u[11], u[12], u[13], u[14],
+           u[15]);
+  return s;
+}
+
+class LabelTest : public exvol::test::MountTest {
+ protected:
+  explicit LabelTest(Geometry g = {}) : builder_(g) {
+    builder_.add_bitmap_entry().add_upcase_entry();
+  }
+
+  void mount_built() {
+    std::vector<uint8_t> image = builder_.build();
+    image_bytes_ = image.size();
+    ASSERT_EQ(0, load(image));
+    ASSERT_EQ(0, mount());
+  }
+
+  // Renames the volume; *supported tells whether the name was marked set.
+  int set_label(const char* name, bool* supported = nullptr) {
+    struct vfs_attr va;
+    VFSATTR_INIT(&va);
+    std::string copy = name;
+    va.f_vol_name = copy.data();
+    VFSATTR_WANTED(&va, f_vol_name);
+    int error = VFS_SETATTR(mp, &va, vfs_context_kernel());
+    if (supported != nullptr)
+      *supported = VFSATTR_IS_SUPPORTED(&va, f_vol_name);
+    return error;
+  }
+
+  // The name getattr reports.
+  std::string reported_label() {
+    struct vfs_attr va;
+    VFSATTR_INIT(&va);
+    char name[MAXPATHLEN];
+    va.f_vol_name = name;
+    VFSATTR_WANTED(&va, f_vol_name);
+    EXPECT_EQ(0, VFS_GETATTR(mp, &va, vfs_context_kernel()));
+    EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_vol_name));
+    return name;
+  }
+
+  // Root directory bytes on the device, once delayed writes went out.
+  std::vector<uint8_t> root_bytes(uint32_t offset, uint32_t length) {
+    buf_flushdirtyblks(xm->xm_devvp, 1, 0, "test");
+    return read_device(builder_.dir_byte_offset(builder_.root(), offset), length);
+  }
+
+  // Label entries in the root's first cluster on the device.
+  int label_entries() {
+    std::vector<uint8_t> root = root_bytes(0, kCluster);
+    int n = 0;
+    for (uint32_t i = 0; i < kCluster; i += 32)
+      n += root[i] == EXFAT_ENTRY_LABEL;
+    return n;
+  }
+
+  void unmount_and_check() {
+    ASSERT_EQ(0, unmount());
+    if (fsck_program().empty())
+      return;  // the checker is an optional oracle
+    FsckResult r = run_fsck(read_device(0, image_bytes_));
+    EXPECT_EQ(0, r.status) << r.output;
+  }
+
+  ImageBuilder builder_;
+  size_t image_bytes_ = 0;
+};
+
+// A volume without a label entry gets one in the first free slot; the
+// next rename rewrites that slot, clearing what the longer name left.
+// Another mount finds the name.
+TEST_F(LabelTest, FirstRenameTakesASlotLaterOnesRewriteIt) {
+  Placed f = builder_.add_file(builder_.root(), u"a", exvol::test::bytes("x"));
+  uint32_t slot = f.offset + 32 * f.entries;
+  mount_built();
+  ASSERT_EQ(EXFAT_NO_LABEL_OFFSET, xm->xm_label_offset);
+
+  bool supported = false;
+  ASSERT_EQ(0, set_label("BACKUP DISK", &supported));
+  EXPECT_TRUE(supported);
+  EXPECT_EQ(slot, xm->xm_label_offset);
+  EXPECT_EQ(entry_bytes(label_entry(u"BACKUP DISK")), root_bytes(slot, 32));
+  EXPECT_EQ("BACKUP DISK", reported_label());
+
+  ASSERT_EQ(0, set_label("X"));
+  EXPECT_EQ(slot, xm->xm_label_offset);
+  EXPECT_EQ(entry_bytes(label_entry(u"X")), root_bytes(slot, 32));
+  EXPECT_EQ("X", reported_label());
+  EXPECT_EQ(1, label_entries());
+
+  unmount_and_check();
+  ASSERT_EQ(0, mount());
+  EXPECT_STREQ("X", xm->xm_label);
+  EXPECT_EQ(slot, xm->xm_label_offset);
+}
+
+// A label entry found at mount is rewritten where it is; the entries
+// around it stay untouched.
+TEST_F(LabelTest, ExistingLabelEntryIsRewrittenInPlace) {
+  builder_.add_label(u"OLD");
+  Placed f = builder_.add_file(builder_.root(), u"after", exvol::test::bytes("x"));
+  mount_built();
+  ASSERT_EQ(kSystemEntriesEnd, xm->xm_label_offset);
+  std::vector<uint8_t> file_set = root_bytes(f.offset, 96);
+
+  ASSERT_EQ(0, set_label("NEW"));
+  EXPECT_EQ(kSystemEntriesEnd, xm->xm_label_offset);
+  EXPECT_EQ(entry_bytes(label_entry(u"NEW")), root_bytes(kSystemEntriesEnd, 32));
+  EXPECT_EQ(file_set, root_bytes(f.offset, 96));
+  EXPECT_EQ(1, label_entries());
+  unmount_and_check();
+}
+
+// With every slot of the root in use, the root grows by a cluster for the
+// label, which goes at the old end. The space figures follow: f_files is
+// f_blocks and f_ffree is f_bfree.
+TEST_F(LabelTest, FullRootGrowsForTheLabel) {
+  for (int i = 0; i < 42; i++) {  // 42 sets of 3 fill the 126 slots left
+    FileSpec spec;
+    spec.name = u"file" + std::u16string(1, u'A' + i / 10) + std::u16string(1, u'0' + i % 10);
+    builder_.add_set(builder_.root(), spec);
+  }
+  ASSERT_EQ(kCluster, builder_.root().next_offset);
+  mount_built();
+  uint32_t free_before = xm->xm_free_clusters;
+
+  ASSERT_EQ(0, set_label("GROWN"));
+  EXPECT_EQ(kCluster, xm->xm_label_offset);
+  EXPECT_EQ(free_before - 1, xm->xm_free_clusters);
+
+  struct vfs_attr va;
+  VFSATTR_INIT(&va);
+  ASSERT_EQ(0, VFS_GETATTR(mp, &va, vfs_context_kernel()));
+  EXPECT_EQ(free_before - 1, va.f_bfree);
+  EXPECT_EQ(va.f_blocks, va.f_files);
+  EXPECT_EQ(va.f_bfree, va.f_ffree);
+  EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_files));
+  EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_ffree));
+
+  unmount_and_check();
+  ASSERT_EQ(0, mount());
+  EXPECT_STREQ("GROWN", xm->xm_label);
+  EXPECT_EQ(kCluster, xm->xm_label_offset);
+}
+
+// Eleven UTF-16 units fit, whatever their UTF-8 length; twelve fail with
+// nothing written and the old name kept.
+TEST_F(LabelTest, ElevenUnitsFitTwelveDoNot) {
+  mount_built();
+  const char* eleven = "\xC3\x80\xC3\x81\xC3\x82\xC3\x83\xC3\x84\xC3\x85"  // ÀÁÂÃÄÅ
+                       "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E\xE2\x82\xAC"    // 日本語€
+                       "Z";
+  ASSERT_EQ(0, set_label(eleven));
+  std::vector<uint8_t> entry = root_bytes(xm->xm_label_offset, 32);
+  EXPECT_EQ(11, entry[1]);
+  EXPECT_EQ(0x00C0, le16dec(&entry[2]));
+  EXPECT_EQ(0x65E5, le16dec(&entry[2 + 2 * 6]));
+  EXPECT_EQ('Z', le16dec(&entry[2 + 2 * 10]));
+  EXPECT_EQ(std::vector<uint8_t>(8, 0), std::vector<uint8_t>(entry.begin() + 24, entry.end()));
+  // Reported decomposed: the accented capitals take three bytes each.
+  const std::string eleven_reported =
+      "A\xCC\x80" "A\xCC\x81" "A\xCC\x82" "A\xCC\x83" "A\xCC\x88" "A\xCC\x8A"
+      "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E\xE2\x82\xAC" "Z";
+  EXPECT_EQ(eleven_reported, reported_label());
+
+  bool supported = true;
+  EXPECT_EQ(ENAMETOOLONG, set_label("ABCDEFGHIJKL", &supported));
+  EXPECT_FALSE(supported);
+  EXPECT_EQ(eleven_reported, reported_label());
+  EXPECT_EQ(entry, root_bytes(xm->xm_label_offset, 32));
+
+  // Eleven characters given decomposed are eleven units once composed.
+  std::string decomposed;
+  for (int i = 0; i < 11; i++)
+    decomposed += "e\xCC\x81";
+  EXPECT_EQ(0, set_label(decomposed.c_str()));
+  EXPECT_EQ(decomposed, reported_label());
+  unmount_and_check();
+}
+
+// A name that fails before anything is written leaves a volume without a
+// label as it was: no slot taken, nothing on disk.
+TEST_F(LabelTest, RefusedNamesWriteNothing) {
+  mount_built();
+  std::vector<uint8_t> root = root_bytes(0, kCluster);
+  EXPECT_EQ(ENAMETOOLONG, set_label("TWELVE CHARS"));
+  EXPECT_EQ(EINVAL, set_label("BAD\xFF"));
+  EXPECT_EQ(EINVAL, set_label("\xC3"));  // cut in the middle of a character
+  EXPECT_EQ(EXFAT_NO_LABEL_OFFSET, xm->xm_label_offset);
+  EXPECT_EQ(root, root_bytes(0, kCluster));
+  EXPECT_EQ("", reported_label());
+}
+
+// "e" + combining acute is stored as the one unit U+00E9 and reported back
+// decomposed, the form the kernel uses for names; a later mount reads it
+// the same way.
+TEST_F(LabelTest, DecomposedNameIsStoredPrecomposed) {
+  mount_built();
+  ASSERT_EQ(0, set_label("Cafe\xCC\x81"));
+  EXPECT_EQ(entry_bytes(label_entry(u"Caf\u00E9")), root_bytes(xm->xm_label_offset, 32));
+  EXPECT_EQ("Cafe\xCC\x81", reported_label());
+  ASSERT_EQ(0, set_label("\xC3\xA9t\xC3\xA9"));  // "été" given precomposed
+  EXPECT_EQ(entry_bytes(label_entry(u"\u00E9t\u00E9")), root_bytes(xm->xm_label_offset, 32));
+  EXPECT_EQ("e\xCC\x81te\xCC\x81", reported_label());
+  unmount_and_check();
+  ASSERT_EQ(0, mount());
+  EXPECT_STREQ("e\xCC\x81te\xCC\x81", xm->xm_label);
+}
+
+// An empty name is a label entry with no characters.
+TEST_F(LabelTest, EmptyNameWritesAnEmptyEntry) {
+  builder_.add_label(u"NAME");
+  mount_built();
+  ASSERT_EQ(0, set_label(""));
+  EXPECT_EQ(entry_bytes(label_entry(u"")), root_bytes(kSystemEntriesEnd, 32));
+  EXPECT_EQ("", reported_label());
+  unmount_and_check();
+}
+
+// A name whose decomposed UTF-8 form needs more than xm_label holds: the
+// entry on disk has the new name, the name in memory stays the old one.
+TEST_F(LabelTest, NameTooLongToReportKeepsTheOldOne) {
+  builder_.add_label(u"OLD");
+  mount_built();
+  std::string hangul;
+  for (int i = 0; i < 11; i++)
+    hangul += "\xEA\xB0\x80";  // U+AC00, two jamo (six bytes) decomposed
+  EXPECT_EQ(ENAMETOOLONG, set_label(hangul.c_str()));
+  std::vector<uint8_t> entry = root_bytes(kSystemEntriesEnd, 32);
+  EXPECT_EQ(11, entry[1]);
+  EXPECT_EQ(0xAC00, le16dec(&entry[2]));
+  EXPECT_EQ("OLD", reported_label());
+}
+
+// A request that doesn't name the volume changes nothing.
+TEST_F(LabelTest, RequestWithoutANameDoesNothing) {
+  builder_.add_label(u"KEEP");
+  mount_built();
+  std::vector<uint8_t> root = root_bytes(0, kCluster);
+  struct vfs_attr va;
+  VFSATTR_INIT(&va);
+  char name[] = "IGNORED";
+  va.f_vol_name = name;
+  EXPECT_EQ(0, VFS_SETATTR(mp, &va, vfs_context_kernel()));
+  EXPECT_EQ(0u, va.f_supported);
+  EXPECT_EQ("KEEP", reported_label());
+  EXPECT_EQ(root, root_bytes(0, kCluster));
+}
+
+// The UUID reported is the Volume GUID entry's when there is a valid one,
+// otherwise the one made from the serial number.
+TEST_F(LabelTest, UuidFromTheGuidEntryOrTheSerial) {
+  const std::array<uint8_t, 16> guid = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
+                                        0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
+  for (bool with_guid : {true, false}) {
+    ImageBuilder b(Geometry{.serial = 0x12345678});
+    b.add_bitmap_entry().add_upcase_entry();
+    if (with_guid)
+      b.add_guid(guid);
+    ASSERT_EQ(0, load(b.build()));
+    ASSERT_EQ(0, mount());
+    ASSERT_EQ(0, set_label("RENAMED"));  // a rename leaves the identity alone
+
+    struct vfs_attr va;
+    VFSATTR_INIT(&va);
+    VFSATTR_WANTED(&va, f_uuid);
+    ASSERT_EQ(0, VFS_GETATTR(mp, &va, vfs_context_kernel()));
+    EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_uuid));
+    EXPECT_EQ(with_guid ? "33221100-5544-7766-8899-AABBCCDDEEFF"
+                        : "9246EF5C-39A0-3E38-8960-B3D469327E21",
+              uuid_string(va.f_uuid));
+    ASSERT_EQ(0, unmount());
+  }
+}
+
+}  // namespace

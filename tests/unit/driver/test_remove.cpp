@@ -1,0 +1,260 @@
+// Remove and rmdir driven as the kernel drives them: which bytes a removal
+// changes, when a removed file's clusters go, busy files, names that moved
+// under the operation, what makes a directory empty, the release of what
+// its benign entries hold, and the fate of its cached blocks.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "host/kern.h"
+#include "host/uio.h"
+#include "tests/unit/driver/namespace_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+class RemoveTest : public NamespaceTest {
+ protected:
+  // Reads `length` bytes of a file from offset 0 through the vnode.
+  std::string read_file(vnode_t vp, size_t length) {
+    std::string data(length, '\0');
+    uio_t uio = uio_create(1, 0, UIO_SYSSPACE, UIO_READ);
+    uio_addiov(uio, reinterpret_cast<user_addr_t>(data.data()), length);
+    EXPECT_EQ(0, VNOP_READ(vp, uio, 0, ctx_));
+    data.resize(length - static_cast<size_t>(uio_resid(uio)));
+    uio_free(uio);
+    return data;
+  }
+
+  // A directory of the builder's root holding one set whose benign primary
+  // (0xA5) owns a contiguous run and whose vendor secondary (0xE1) owns a
+  // FAT chain. Returns the clusters the two allocations hold.
+  std::vector<uint32_t> add_dir_with_benign_set(const std::u16string& name) {
+    Dir dir = builder_.mkdir(builder_.root(), name);
+    uint32_t run = builder_.allocate(2, Alloc::Contiguous);
+    uint32_t chain = builder_.allocate(3, Alloc::Chain);
+    std::vector<uint8_t> set(64, 0);
+    set[0] = 0xA5;
+    set[1] = 1;                                         // SecondaryCount
+    le16enc(&set[4], EXFAT_SECONDARY_ALLOCATION_POSSIBLE | EXFAT_SECONDARY_NO_FAT_CHAIN);
+    le32enc(&set[20], run);
+    le64enc(&set[24], 2 * 512 - 100);                   // rounds up to 2 clusters
+    set[32] = EXFAT_ENTRY_VENDOR_ALLOC;
+    set[33] = EXFAT_SECONDARY_ALLOCATION_POSSIBLE;      // chained
+    le32enc(&set[32 + 20], chain);
+    le64enc(&set[32 + 24], 3 * 512);
+    fix_set_checksum(set);
+    builder_.add_entries(dir, set);
+    std::vector<uint32_t> clusters = {run, run + 1};
+    for (uint32_t c = chain; c != 0xFFFFFFFF; c = builder_.fat(c))
+      clusters.push_back(c);
+    return clusters;
+  }
+};
+
+// Removing an open file deletes its set at once (only the InUse bits
+// change) and marks the node deleted, stale and parentless; the file stays
+// readable through its open vnode and keeps its clusters until the last
+// reference goes, when they are freed.
+TEST_F(RemoveTest, OpenFileKeepsItsClustersUntilLastReference) {
+  std::string contents(3 * 512, 'q');
+  Placed placed = builder_.add_file(builder_.root(), u"data", bytes(contents));
+  mount_built();
+  std::vector<uint8_t> before = dir_bytes(root_.vp, placed.offset, 96);
+  uint32_t free_before = free_clusters();
+
+  Vref file;
+  ASSERT_EQ(0, lookup("data", &file));
+  ASSERT_EQ(0, vnode_ref(file.vp));  // as an open descriptor holds it
+  ASSERT_EQ(0, remove(root_.vp, "data"));
+
+  std::vector<uint8_t> after = dir_bytes(root_.vp, placed.offset, 96);
+  std::vector<uint8_t> expect = before;
+  expect[0] &= 0x7F;
+  expect[32] &= 0x7F;
+  expect[64] &= 0x7F;
+  EXPECT_EQ(expect, after);
+  struct exfat_node* node = file.node();
+  EXPECT_TRUE(node->x_flags & X_DELETED);
+  EXPECT_TRUE(node->x_hash_flags & X_HASH_STALE);
+  EXPECT_EQ(nullptr, node->x_parent);
+  Vref gone;
+  EXPECT_EQ(ENOENT, lookup("data", &gone));
+
+  EXPECT_EQ(contents, read_file(file.vp, contents.size()));
+  EXPECT_TRUE(used(placed.first_cluster));
+  EXPECT_EQ(free_before, free_clusters());
+
+  vnode_rele(file.vp);
+  file.reset();
+  EXPECT_FALSE(used(placed.first_cluster));
+  EXPECT_EQ(free_before + 3, free_clusters());
+  unmount_and_fsck();
+}
+
+// With VNODE_REMOVE_NODELETEBUSY a file in use is refused with EBUSY and
+// left alone; without the flag, or once nobody uses it, it goes.
+TEST_F(RemoveTest, NoDeleteBusyRefusesAFileInUse) {
+  Placed placed = builder_.add_file(builder_.root(), u"busy", bytes("x"));
+  builder_.add_file(builder_.root(), u"idle", bytes("y"));
+  mount_built();
+  Vref file;
+  ASSERT_EQ(0, lookup("busy", &file));
+  ASSERT_EQ(0, vnode_ref(file.vp));
+  EXPECT_EQ(EBUSY, remove(root_.vp, "busy", VNODE_REMOVE_NODELETEBUSY));
+  EXPECT_EQ(0u, file.node()->x_flags & X_DELETED);
+  EXPECT_EQ(EXFAT_ENTRY_FILE, dir_bytes(root_.vp, placed.offset, 32)[0]);
+  EXPECT_EQ(0, remove(root_.vp, "idle", VNODE_REMOVE_NODELETEBUSY));
+  EXPECT_EQ(0, remove(root_.vp, "busy"));
+  vnode_rele(file.vp);
+  file.reset();
+  unmount_and_fsck();
+}
+
+// A remove whose name has moved to another file, or whose victim was
+// removed meanwhile, asks the kernel to restart; nothing is deleted.
+TEST_F(RemoveTest, NameThatMovedRestarts) {
+  builder_.add_file(builder_.root(), u"old", bytes("1"));
+  builder_.add_file(builder_.root(), u"other", bytes("2"));
+  mount_built();
+  Vref victim;
+  ASSERT_EQ(0, lookup(root_.vp, "old", DELETE, &victim));
+  // Meanwhile the file is renamed away and another one takes its name.
+  ASSERT_EQ(0, rename(root_.vp, "old", root_.vp, "moved"));
+  ASSERT_EQ(0, rename(root_.vp, "other", root_.vp, "old"));
+
+  Component c("old", DELETE);
+  EXPECT_EQ(ERESTART, VNOP_REMOVE(root_.vp, victim.vp, &c.cn, 0, ctx_));
+  Vref now;
+  ASSERT_EQ(0, lookup("old", &now));
+  EXPECT_NE(victim.vp, now.vp);
+  EXPECT_EQ(0u, victim.node()->x_flags & X_DELETED);
+
+  Vref replaced;
+  ASSERT_EQ(0, lookup(root_.vp, "old", DELETE, &replaced));
+  ASSERT_EQ(0, remove(root_.vp, "old"));
+  EXPECT_EQ(ERESTART, VNOP_REMOVE(root_.vp, replaced.vp, &c.cn, 0, ctx_));
+  EXPECT_EQ(0u, root_.node()->x_lock_count);
+  EXPECT_EQ(0u, replaced.node()->x_lock_count);
+}
+
+// A directory holding a file is not empty, and is left as it was; one
+// holding only a Volume GUID entry is empty and goes, clusters and all.
+TEST_F(RemoveTest, RmdirEmptinessCountsFilesOnly) {
+  Dir full = builder_.mkdir(builder_.root(), u"full");
+  builder_.add_file(full, u"f", bytes("x"));
+  Dir guid = builder_.mkdir(builder_.root(), u"guid");
+  builder_.add_entry(guid, guid_entry({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16}));
+  mount_built();
+  uint32_t free_before = free_clusters();
+
+  EXPECT_EQ(ENOTEMPTY, rmdir(root_.vp, "full"));
+  Vref still, inside;
+  ASSERT_EQ(0, lookup("full", &still));
+  EXPECT_EQ(0, lookup(still.vp, "f", LOOKUP, &inside));
+
+  ASSERT_EQ(0, rmdir(root_.vp, "guid"));
+  Vref gone;
+  EXPECT_EQ(ENOENT, lookup("guid", &gone));
+  EXPECT_FALSE(used(guid.first_cluster));
+  EXPECT_EQ(free_before + 1, free_clusters());
+}
+
+// rmdir releases what the benign entries left in the directory hold, a
+// contiguous run and a FAT chain, as well as the directory's own cluster.
+TEST_F(RemoveTest, RmdirFreesBenignAllocationsAndItsOwnClusters) {
+  std::vector<uint32_t> held = add_dir_with_benign_set(u"vendor");
+  mount_built();
+  Vref dir;
+  ASSERT_EQ(0, lookup("vendor", &dir));
+  uint32_t own = dir.node()->x_start_cluster;
+  dir.reset();
+  uint32_t free_before = free_clusters();
+  for (uint32_t c : held)
+    ASSERT_TRUE(used(c)) << c;
+
+  ASSERT_EQ(0, rmdir(root_.vp, "vendor"));
+  for (uint32_t c : held)
+    EXPECT_FALSE(used(c)) << c;
+  EXPECT_FALSE(used(own));
+  EXPECT_EQ(free_before + held.size() + 1, free_clusters());
+  unmount_and_fsck();
+}
+
+// A benign allocation that lies outside the heap is refused (EIO, the
+// volume marked corrupt) and the directory stays.
+TEST_F(RemoveTest, RmdirRefusesAnAllocationOutsideTheHeap) {
+  Dir dir = builder_.mkdir(builder_.root(), u"bad");
+  std::vector<uint8_t> set(32, 0);
+  set[0] = 0xA5;
+  le16enc(&set[4], EXFAT_SECONDARY_ALLOCATION_POSSIBLE | EXFAT_SECONDARY_NO_FAT_CHAIN);
+  le32enc(&set[20], 510);
+  le64enc(&set[24], 10 * 512);  // clusters 510-519; the heap ends at 513
+  fix_set_checksum(set);
+  builder_.add_entries(dir, set);
+  mount_built();
+  uint32_t free_before = free_clusters();
+
+  EXPECT_EQ(EIO, rmdir(root_.vp, "bad"));
+  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+  Vref still;
+  EXPECT_EQ(0, lookup("bad", &still));
+  EXPECT_EQ(free_before, free_clusters());
+}
+
+// The release pass is for emptied directories: a File set reaching it is
+// refused with a message.
+TEST_F(RemoveTest, FreeCallbackRefusesACriticalPrimary) {
+  mount_built();
+  uint8_t set[96] = {EXFAT_ENTRY_FILE, 2};
+  KernLogCapture log;
+  EXPECT_EQ(EIO, exfat_dir_free_callback(xm, set, nullptr, 0));
+  EXPECT_EQ(1u, log.count("exfat_dir_free_callback: found unexpected primary of type 0x85"));
+  EXPECT_EQ(ENOTEMPTY, exfat_dir_empty_callback(nullptr, set, nullptr, 0));
+  set[0] = 0xA5;
+  EXPECT_EQ(0, exfat_dir_empty_callback(nullptr, set, nullptr, 0));
+}
+
+// After rmdir the directory's blocks are dropped from the cache unwritten:
+// a deletion made in it just before, still only in the cache, never
+// reaches the disk, where its clusters may belong to someone else by then.
+TEST_F(RemoveTest, RmdirDiscardsTheDirectorysDirtyBlocks) {
+  Dir dir = builder_.mkdir(builder_.root(), u"d");
+  builder_.add_file(dir, u"f", bytes(""));
+  mount_built(MNT_ASYNC);  // no delayed flush: dirty blocks stay in the cache
+  uint64_t block = builder_.cluster_byte_offset(dir.first_cluster);
+
+  Vref d;
+  ASSERT_EQ(0, lookup("d", &d));
+  ASSERT_EQ(0, remove(d.vp, "f"));
+  EXPECT_EQ(0x05, dir_bytes(d.vp, 0, 1)[0]);  // the deletion, in the cache
+  d.reset();
+  ASSERT_EQ(0, rmdir(root_.vp, "d"));
+  buf_flushdirtyblks(devvp, 1, 0, "test");
+  EXPECT_EQ(EXFAT_ENTRY_FILE, read_device(block, 1)[0]);
+  unmount_and_fsck();
+  EXPECT_EQ(EXFAT_ENTRY_FILE, read_device(block, 1)[0]);
+}
+
+// A removed directory can't take new names, and its node is marked like a
+// removed file's.
+TEST_F(RemoveTest, RmdirMarksTheNodeDeleted) {
+  builder_.mkdir(builder_.root(), u"d");
+  mount_built();
+  Vref d;
+  ASSERT_EQ(0, lookup("d", &d));
+  ASSERT_EQ(0, rmdir(root_.vp, "d"));
+  EXPECT_TRUE(d.node()->x_flags & X_DELETED);
+  EXPECT_TRUE(d.node()->x_hash_flags & X_HASH_STALE);
+  EXPECT_EQ(nullptr, d.node()->x_parent);
+  EXPECT_EQ(0u, d.node()->x_size);
+  Vref f;
+  EXPECT_EQ(ENOENT, lookup(d.vp, "f", CREATE, &f));
+  d.reset();
+  unmount_and_fsck();
+}
+
+}  // namespace

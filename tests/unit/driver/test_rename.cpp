@@ -1,0 +1,330 @@
+// Rename driven as the kernel drives it: where the new set goes and what
+// happens to the old one, the Hidden bit, moves between directories and
+// into a directory's own subtree, replacing files and directories, a rename
+// that finds no room, and names that changed under the operation.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host/uio.h"
+#include "tests/unit/driver/namespace_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+class RenameTest : public NamespaceTest {
+ protected:
+  std::string read_file(vnode_t vp, size_t length) {
+    std::string data(length, '\0');
+    uio_t uio = uio_create(1, 0, UIO_SYSSPACE, UIO_READ);
+    uio_addiov(uio, reinterpret_cast<user_addr_t>(data.data()), length);
+    EXPECT_EQ(0, VNOP_READ(vp, uio, 0, ctx_));
+    data.resize(length - static_cast<size_t>(uio_resid(uio)));
+    uio_free(uio);
+    return data;
+  }
+
+  std::string vnode_name(vnode_t vp) {
+    char name[256];
+    int n = vnode_getname_copy(vp, name, sizeof(name));
+    return std::string(name, static_cast<size_t>(n));
+  }
+};
+
+// A rename that only changes letter case finds the source as its own
+// target; the set moves to new slots, the old ones become free, and the
+// node, its key and its vnode's name follow.
+TEST_F(RenameTest, CaseOnlyRenameMovesTheSet) {
+  Placed placed = builder_.add_file(builder_.root(), u"abc", bytes("data"));
+  mount_built();
+  Vref file;
+  ASSERT_EQ(0, lookup("abc", &file));
+  ASSERT_EQ(0, rename(root_.vp, "abc", root_.vp, "ABC"));
+
+  struct exfat_node* node = file.node();
+  EXPECT_NE(placed.offset, node->x_dir_offset);
+  EXPECT_EQ(0u, node->x_flags & X_DELETED);
+  std::vector<uint8_t> old_slots = dir_bytes(root_.vp, placed.offset, 96);
+  EXPECT_EQ(0x05, old_slots[0]);
+  EXPECT_EQ(0x40, old_slots[32]);
+  EXPECT_EQ(0x41, old_slots[64]);
+  std::vector<uint8_t> set = set_of(root_.vp, node);
+  EXPECT_EQ(u"ABC", NamespaceTest::set_name(set));
+  EXPECT_EQ(placed.first_cluster, le32dec(&set[32 + 20]));
+  EXPECT_EQ(le16dec(&set[2]), exfat_checksum_file_set(set.data()));
+  EXPECT_EQ("ABC", vnode_name(file.vp));
+
+  Vref again;
+  ASSERT_EQ(0, lookup("abc", &again));
+  EXPECT_EQ(file.vp, again.vp);
+  file.reset();
+  again.reset();
+  unmount_and_fsck();
+}
+
+// A name beginning with a dot makes the file Hidden, on disk and in the
+// node; renaming it to a plain name clears the bit again.
+TEST_F(RenameTest, HiddenFollowsTheLeadingDot) {
+  builder_.add_file(builder_.root(), u"conf", bytes("x"));
+  mount_built();
+  Vref file;
+  ASSERT_EQ(0, lookup("conf", &file));
+  ASSERT_EQ(0, rename(root_.vp, "conf", root_.vp, ".conf"));
+  EXPECT_EQ(0x22, le16dec(&set_of(root_.vp, file.node())[4]));
+  EXPECT_EQ(0x22, file.node()->x_attributes);
+  ASSERT_EQ(0, rename(root_.vp, ".conf", root_.vp, "conf.d"));
+  EXPECT_EQ(0x20, le16dec(&set_of(root_.vp, file.node())[4]));
+  EXPECT_EQ(0x20, file.node()->x_attributes);
+  file.reset();
+  unmount_and_fsck();
+}
+
+// A file moved to another directory: its set leaves the old directory and
+// arrives in the new one, the node's key and parent change, and the kernel
+// reports the new directory as the vnode's parent. A directory moved the
+// same way keeps its contents.
+TEST_F(RenameTest, CrossDirectoryMoveReparents) {
+  Placed placed = builder_.add_file(builder_.root(), u"f", bytes("moving"));
+  Dir src = builder_.mkdir(builder_.root(), u"sub");
+  builder_.add_file(src, u"inner", bytes("kept"));
+  builder_.mkdir(builder_.root(), u"dest");
+  mount_built();
+  Vref file, dest, sub;
+  ASSERT_EQ(0, lookup("f", &file));
+  ASSERT_EQ(0, lookup("dest", &dest));
+  ASSERT_EQ(0, lookup("sub", &sub));
+
+  ASSERT_EQ(0, rename(root_.vp, "f", dest.vp, "g"));
+  EXPECT_EQ(dest.node(), file.node()->x_parent);
+  EXPECT_EQ(dest.node()->x_start_cluster, file.node()->x_dir_cluster);
+  vnode_t parent = vnode_getparent(file.vp);
+  EXPECT_EQ(dest.vp, parent);
+  if (parent != NULLVP)
+    vnode_put(parent);
+  EXPECT_EQ(0x05, dir_bytes(root_.vp, placed.offset, 1)[0]);
+  Vref g, none;
+  ASSERT_EQ(0, lookup(dest.vp, "g", LOOKUP, &g));
+  EXPECT_EQ(file.vp, g.vp);
+  EXPECT_EQ(ENOENT, lookup("f", &none));
+
+  ASSERT_EQ(0, rename(root_.vp, "sub", dest.vp, "sub2"));
+  parent = vnode_getparent(sub.vp);
+  EXPECT_EQ(dest.vp, parent);
+  if (parent != NULLVP)
+    vnode_put(parent);
+  Vref inner;
+  ASSERT_EQ(0, lookup(sub.vp, "inner", LOOKUP, &inner));
+  EXPECT_EQ("kept", read_file(inner.vp, 10));
+  file.reset();
+  g.reset();
+  inner.reset();
+  sub.reset();
+  dest.reset();
+  unmount_and_fsck();
+}
+
+// A directory can't move into itself or anywhere below itself.
+TEST_F(RenameTest, DirectoryIntoItsOwnSubtreeIsRefused) {
+  Dir top = builder_.mkdir(builder_.root(), u"top");
+  Dir mid = builder_.mkdir(top, u"mid");
+  builder_.mkdir(mid, u"low");
+  mount_built();
+  Vref topv, midv, lowv;
+  ASSERT_EQ(0, lookup("top", &topv));
+  ASSERT_EQ(0, lookup(topv.vp, "mid", LOOKUP, &midv));
+  ASSERT_EQ(0, lookup(midv.vp, "low", LOOKUP, &lowv));
+  EXPECT_EQ(EINVAL, rename(root_.vp, "top", topv.vp, "self"));
+  EXPECT_EQ(EINVAL, rename(root_.vp, "top", lowv.vp, "deep"));
+  EXPECT_EQ(EINVAL, rename(topv.vp, "mid", lowv.vp, "child"));
+  Vref still;
+  EXPECT_EQ(0, lookup("top", &still));
+  // Moving up is fine.
+  EXPECT_EQ(0, rename(midv.vp, "low", root_.vp, "low"));
+}
+
+// A directory replaces an empty directory, whose cluster is freed once its
+// vnode is let go; a non-empty one is refused. A file can't replace a
+// directory, nor a directory a file.
+TEST_F(RenameTest, ReplacingChecksTypesAndEmptiness) {
+  builder_.mkdir(builder_.root(), u"src");
+  Dir empty = builder_.mkdir(builder_.root(), u"empty");
+  Dir full = builder_.mkdir(builder_.root(), u"full");
+  builder_.add_file(full, u"x", bytes("x"));
+  builder_.add_file(builder_.root(), u"file", bytes("f"));
+  mount_built();
+
+  EXPECT_EQ(ENOTEMPTY, rename(root_.vp, "src", root_.vp, "full"));
+  EXPECT_EQ(EISDIR, rename(root_.vp, "file", root_.vp, "empty"));
+  EXPECT_EQ(ENOTDIR, rename(root_.vp, "src", root_.vp, "file"));
+  EXPECT_TRUE(used(empty.first_cluster));
+
+  Vref src, victim;
+  ASSERT_EQ(0, lookup("src", &src));
+  ASSERT_EQ(0, lookup("empty", &victim));
+  ASSERT_EQ(0, rename(root_.vp, "src", root_.vp, "empty"));
+  EXPECT_TRUE(victim.node()->x_flags & X_DELETED);
+  EXPECT_TRUE(used(empty.first_cluster));  // still referenced
+  victim.reset();
+  EXPECT_FALSE(used(empty.first_cluster));
+  Vref now;
+  ASSERT_EQ(0, lookup("empty", &now));
+  EXPECT_EQ(src.vp, now.vp);
+  src.reset();
+  now.reset();
+  unmount_and_fsck();
+}
+
+// A file replaced while open stays readable through its vnode; its
+// clusters go when the last reference does.
+TEST_F(RenameTest, ReplacedOpenFileStaysReadable) {
+  builder_.add_file(builder_.root(), u"new", bytes("new contents"));
+  Placed old = builder_.add_file(builder_.root(), u"old", bytes("old contents"));
+  mount_built();
+  Vref victim;
+  ASSERT_EQ(0, lookup("old", &victim));
+  ASSERT_EQ(0, vnode_ref(victim.vp));
+  ASSERT_EQ(0, rename(root_.vp, "new", root_.vp, "old"));
+
+  EXPECT_EQ("old contents", read_file(victim.vp, 64));
+  Vref now;
+  ASSERT_EQ(0, lookup("old", &now));
+  EXPECT_EQ("new contents", read_file(now.vp, 64));
+  EXPECT_TRUE(used(old.first_cluster));
+  vnode_rele(victim.vp);
+  victim.reset();
+  EXPECT_FALSE(used(old.first_cluster));
+  now.reset();
+  unmount_and_fsck();
+}
+
+// With the directory full and no cluster to grow it, a rename fails with
+// ENOSPC and writes nothing; the node keeps its old Hidden bit.
+TEST_F(RenameTest, NoRoomOnAFullVolumeChangesNothing) {
+  // 16 root slots: bitmap, up-case, two 3-entry and two 4-entry sets and
+  // the 3-entry set of the file that takes every free cluster.
+  builder_.add_file(builder_.root(), u"x", bytes(""));
+  builder_.add_file(builder_.root(), u"sixteen-units-aa", bytes(""));
+  builder_.add_file(builder_.root(), u"sixteen-units-bb", bytes(""));
+  fill_volume_with_file(u"filler");
+  ASSERT_EQ(16u * 32, builder_.root().next_offset);
+  mount_built();
+  ASSERT_EQ(0u, free_clusters());
+  exfat_meta_flush(xm, IO_SYNC);
+  std::vector<uint8_t> before = device_image();
+
+  Vref file;
+  ASSERT_EQ(0, lookup("x", &file));
+  EXPECT_EQ(ENOSPC, rename(root_.vp, "x", root_.vp, ".y"));
+  EXPECT_EQ(0x20, file.node()->x_attributes);
+  exfat_meta_flush(xm, IO_SYNC);
+  EXPECT_TRUE(before == device_image()) << "the failed rename changed the device";
+  Vref same;
+  EXPECT_EQ(0, lookup("x", &same));
+  file.reset();
+  same.reset();
+  unmount_and_fsck();
+}
+
+// A node whose entry is still pending in memory when it is renamed gets
+// that entry written at its new place: a new directory's first cluster,
+// recorded only when its vnode is let go, lands in the moved set.
+TEST_F(RenameTest, PendingEntryIsWrittenAtTheNewPlace) {
+  mount_built();
+  Vref dir, target;
+  ASSERT_EQ(0, mkdir(root_.vp, "made", &dir));
+  ASSERT_EQ(0, mkdir(root_.vp, "there", &target));
+  uint32_t cluster = dir.node()->x_start_cluster;
+  ASSERT_EQ(0, rename(root_.vp, "made", target.vp, "moved"));
+  uint32_t offset = dir.node()->x_dir_offset;
+  dir.reset();
+  std::vector<uint8_t> set = dir_bytes(target.vp, offset, 96);
+  EXPECT_EQ(cluster, le32dec(&set[32 + 20]));
+  EXPECT_EQ(512u, le64dec(&set[32 + 24]));
+  target.reset();
+  unmount_and_fsck();
+}
+
+// Names that changed between the kernel's lookups and the rename: a
+// source removed meanwhile restarts; a target that appeared meanwhile is
+// EEXIST; a target vnode whose name now leads elsewhere restarts.
+TEST_F(RenameTest, ChangedNamesRestartOrExist) {
+  builder_.add_file(builder_.root(), u"a", bytes("1"));
+  builder_.add_file(builder_.root(), u"b", bytes("2"));
+  builder_.add_file(builder_.root(), u"c", bytes("3"));
+  mount_built();
+  Vref a, b;
+  ASSERT_EQ(0, lookup(root_.vp, "a", DELETE, &a));
+  ASSERT_EQ(0, lookup(root_.vp, "b", RENAME, &b));
+  Component fa("a", DELETE), tb("b", RENAME), tc("c", RENAME);
+
+  // "c" exists, but the kernel's lookup did not see it.
+  EXPECT_EQ(EEXIST, VNOP_RENAME(root_.vp, a.vp, &fa.cn, root_.vp, NULLVP, &tc.cn, ctx_));
+  // "b" now names another file.
+  ASSERT_EQ(0, rename(root_.vp, "b", root_.vp, "b2"));
+  ASSERT_EQ(0, rename(root_.vp, "c", root_.vp, "b"));
+  EXPECT_EQ(ERESTART, VNOP_RENAME(root_.vp, a.vp, &fa.cn, root_.vp, b.vp, &tb.cn, ctx_));
+  // "a" is gone.
+  ASSERT_EQ(0, remove(root_.vp, "a"));
+  EXPECT_EQ(ERESTART, VNOP_RENAME(root_.vp, a.vp, &fa.cn, root_.vp, NULLVP, &tc.cn, ctx_));
+  EXPECT_EQ(0u, root_.node()->x_lock_count);
+  a.reset();
+  b.reset();
+  unmount_and_fsck();
+}
+
+class RenameConcurrency : public NamespaceTest {};
+
+// Two threads moving files back and forth between two directories in
+// opposite directions while a third creates in both: the lock order keeps
+// them from deadlocking, every file ends up somewhere, and the volume is
+// consistent.
+TEST_F(RenameConcurrency, OppositeMovesBetweenTwoDirectories) {
+  mount_built();
+  Vref left, right;
+  ASSERT_EQ(0, mkdir(root_.vp, "left", &left));
+  ASSERT_EQ(0, mkdir(root_.vp, "right", &right));
+  constexpr int kFiles = 4;
+  for (int i = 0; i < kFiles; i++) {
+    Vref l, r;
+    ASSERT_EQ(0, create(left.vp, "l" + std::to_string(i), &l));
+    ASSERT_EQ(0, create(right.vp, "r" + std::to_string(i), &r));
+  }
+  std::vector<int> failures(3, 0);
+  auto mover = [&](int t, vnode_t from, vnode_t to, const std::string& prefix) {
+    for (int round = 0; round < 6; round++) {
+      for (int i = 0; i < kFiles; i++) {
+        std::string name = prefix + std::to_string(i);
+        bool there = round % 2 == 0;
+        if (rename(there ? from : to, name, there ? to : from, name) != 0)
+          failures[t]++;
+      }
+    }
+  };
+  std::thread a(mover, 0, left.vp, right.vp, "l");
+  std::thread b(mover, 1, right.vp, left.vp, "r");
+  std::thread c([&] {
+    for (int i = 0; i < 8; i++) {
+      Vref made;
+      if (create(i % 2 ? left.vp : right.vp, "new" + std::to_string(i), &made) != 0)
+        failures[2]++;
+    }
+  });
+  a.join();
+  b.join();
+  c.join();
+  EXPECT_EQ(std::vector<int>(3, 0), failures);
+  for (int i = 0; i < kFiles; i++) {
+    Vref l, r;
+    EXPECT_EQ(0, lookup(left.vp, "l" + std::to_string(i), LOOKUP, &l));
+    EXPECT_EQ(0, lookup(right.vp, "r" + std::to_string(i), LOOKUP, &r));
+  }
+  left.reset();
+  right.reset();
+  unmount_and_fsck();
+}
+
+}  // namespace

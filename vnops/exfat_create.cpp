@@ -1,0 +1,290 @@
+// Adding a name to a directory: create (an empty regular file), mkdir (a
+// directory with one zero-filled cluster) and mknod (refused). Symbolic
+// links are made along the same lines in exfat_symlink.cpp, which shares the
+// helpers of this file that begin with exfat_new_.
+//
+// The order is always the same: the entry set is built in memory, written
+// into free slots of the parent, and only then is a node instantiated for
+// it. A directory exists for a moment with no cluster and DataLength 0; its
+// node stays locked and marked X_HASH_INIT meanwhile, so that lookups of it
+// wait until the cluster is there.
+//
+// Locking: the parent's node lock is held from the start until the node
+// layer takes it over (create) or until the end (mkdir, symlink); the new
+// node's lock is held across its cluster allocation. exfat_hash_lock is
+// taken briefly inside those locks to change x_hash_flags.
+
+#include <cstring>
+
+#include "exfat_proto.h"
+#include "host/kern.h"
+#include "host/malloc.h"
+#include "host/namecache.h"
+#include "host/utf8.h"
+#include "host/vnode.h"
+
+namespace {
+
+// The base FileAttributes of a new regular file and of a new directory.
+constexpr uint16_t kFileAttributes = EXFAT_ATTR_ARCHIVE;      // 0x20
+constexpr uint16_t kDirectoryAttributes = EXFAT_ATTR_DIRECTORY;  // 0x10
+
+// Either immutable flag asks for a read-only entry.
+constexpr uint32_t kImmutableFlags = UF_IMMUTABLE | SF_IMMUTABLE;  // 0x00020002
+
+}  // namespace
+
+// --- Shared with symlink ------------------------------------------------------------
+
+// Converts the component name into a UTF-16 name of at most 255 units
+// (name must have room for 255), hashes it and checks that the directory
+// holds no set of that name (compared through the up-case table). The
+// caller holds the directory's node lock. Returns 0 with *length and *hash
+// set; the conversion's error (ENAMETOOLONG for more than 255 units, EINVAL
+// for ill-formed UTF-8); or EEXIST when the name exists, and also when the
+// search fails, since a name that can't be proven free must not be made.
+int exfat_new_name(struct exfat_node* dir, struct componentname* cnp, uint16_t* name,
+                   uint32_t* length, uint16_t* hash, vfs_context_t context) {
+  lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
+  struct exfat_mount* mount = dir->x_mount;
+  size_t bytes = 0;
+  int error = utf8_decodestr(reinterpret_cast<const uint8_t*>(cnp->cn_nameptr),
+                             static_cast<size_t>(cnp->cn_namelen), name, &bytes,
+                             EXFAT_MAX_NAME_LENGTH * sizeof(uint16_t), 0,
+                             UTF_PRECOMPOSED | UTF_SFM_CONVERSIONS);
+  if (error)
+    return error;
+  *length = static_cast<uint32_t>(bytes / sizeof(uint16_t));
+  *hash = exfat_name_hash(mount->xm_upcase, static_cast<uint8_t>(*length), name);
+
+  error = exfat_lookup_name(dir, name, *length, *hash, mount->xm_upcase, nullptr, nullptr,
+                            context);
+  return error == ENOENT ? 0 : EEXIST;
+}
+
+// The FileAttributes of a new entry: `base` (Archive for files and links,
+// Directory for directories), plus Hidden when the name begins with a dot,
+// plus ReadOnly when the caller asks for an immutable flag. Asking for one
+// marks va_flags supported, whatever its value, since the flag is kept; no
+// other requested attribute is stored.
+uint16_t exfat_new_attributes(const struct componentname* cnp, struct vnode_attr* vap,
+                              uint16_t base) {
+  uint16_t attributes = base;
+  if (cnp->cn_namelen > 0 && cnp->cn_nameptr[0] == '.')
+    attributes |= EXFAT_ATTR_HIDDEN;
+  if (vap != nullptr && VATTR_IS_ACTIVE(vap, va_flags) && (vap->va_flags & kImmutableFlags)) {
+    attributes |= EXFAT_ATTR_READ_ONLY;
+    VATTR_SET_SUPPORTED(vap, va_flags);
+  }
+  return attributes;
+}
+
+// Builds a new entry set for the name in `buffer` (8192 bytes), finds room
+// for it in the directory (growing the directory if needed) and writes it
+// there. The caller holds the directory's node lock and keeps it until a
+// node exists for the set, since the slots are not reserved. Returns 0 with
+// the set's byte offset in *offset; ENOSPC when the directory can't grow;
+// or a read, write or allocation error (no set is written then).
+int exfat_new_set_write(struct exfat_node* dir, uint8_t* buffer, const uint16_t* name,
+                        uint32_t length, uint16_t hash, uint16_t attributes, uint32_t* offset,
+                        vfs_context_t context) {
+  lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
+  exfat_file_set_init(buffer, name, length, hash, attributes);
+  uint32_t entries = buffer[1] + 1u;  // SecondaryCount + the File entry
+  int error = exfat_find_empty_entries(dir, entries, offset, context);
+  if (error)
+    return error;
+  return exfat_dir_write(dir, nullptr, buffer, *offset, entries * EXFAT_ENTRY_SIZE, true, context);
+}
+
+// Undoes a new node whose first allocation failed (mkdir, symlink): its
+// vnode is purged from the name cache and marked for recycling, the node
+// goes stale in the hash, is marked deleted and parentless, and its entry
+// set of `entries` entries at `offset` is deleted again, unless the parent
+// itself has been removed meanwhile. The caller holds the parent's and the
+// node's locks and logs the failure itself. Returns 0, or the error of the
+// deletion (the set then stays on disk).
+int exfat_new_node_undo(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
+                        uint32_t entries, vfs_context_t context) {
+  lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
+  lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
+  cache_purge(node->x_vnode);
+  vnode_recycle(node->x_vnode);
+  lck_mtx_lock(exfat_hash_lock);
+  node->x_hash_flags |= X_HASH_STALE;
+  lck_mtx_unlock(exfat_hash_lock);
+  node->x_flags |= X_DELETED;
+  node->x_parent = nullptr;
+  if (dir->x_flags & X_DELETED)
+    return 0;
+  return exfat_delete_dirents(dir, offset, entries, 1, context);
+}
+
+// Ends the initialisation of a node made with keep-locked: clears
+// X_HASH_INIT, wakes the lookups that sleep on it, and drops the node's
+// lock. The caller holds the node's lock (once) and not exfat_hash_lock.
+void exfat_new_node_ready(struct exfat_node* node) {
+  lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
+  lck_mtx_lock(exfat_hash_lock);
+  node->x_hash_flags &= ~X_HASH_INIT;
+  if (node->x_hash_flags & X_HASH_WAIT) {
+    node->x_hash_flags &= ~X_HASH_WAIT;
+    wakeup(node);
+  }
+  lck_mtx_unlock(exfat_hash_lock);
+  exfat_node_unlock(node);
+}
+
+// --- The vnode operations -------------------------------------------------------------
+
+// Creates an empty regular file named by a_cnp in directory a_dvp and
+// returns its vnode in a_vpp with an I/O reference. The caller holds no
+// driver lock. The parent's node lock is taken here and handed to
+// exfat_node_get, which releases it.
+//
+// Returns 0; ERESTART when the parent has been removed (its name-cache
+// entries are purged and the kernel looks the name up again); the name
+// conversion's error; EEXIST; ENOMEM; ENOSPC or an I/O error from finding
+// or writing the slots; or exfat_node_get's error, in which case the set
+// stays on disk as a valid empty file.
+int exfat_vnop_create(struct vnop_create_args* ap) {
+  vnode_t dvp = ap->a_dvp;
+  auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
+  struct exfat_mount* mount = dir->x_mount;
+  uint16_t name[EXFAT_MAX_NAME_LENGTH];
+  uint32_t length = 0;
+  uint16_t hash = 0;
+  uint32_t offset = 0;
+  uint8_t* buffer = nullptr;
+  struct exfat_node* node = nullptr;
+  int error;
+
+  exfat_node_lock(dir);
+  if (dir->x_flags & X_DELETED) {
+    cache_purge(dvp);
+    error = ERESTART;
+    goto unlock;
+  }
+  error = exfat_new_name(dir, ap->a_cnp, name, &length, &hash, ap->a_context);
+  if (error)
+    goto unlock;
+  buffer = static_cast<uint8_t*>(OSMalloc(EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag));
+  if (buffer == nullptr) {
+    error = ENOMEM;
+    goto unlock;
+  }
+  error = exfat_new_set_write(dir, buffer, name, length, hash,
+                              exfat_new_attributes(ap->a_cnp, ap->a_vap, kFileAttributes),
+                              &offset, ap->a_context);
+  if (error)
+    goto unlock;
+
+  // Decision: when exfat_node_get fails the set just written is left on
+  // disk. It is a valid empty file that a later lookup finds; deleting it
+  // here would need the parent's lock, which the node layer has released.
+  error = exfat_node_get(mount, dvp, ap->a_cnp, offset, VREG, 0, &node, ap->a_context);
+  if (!error)
+    *ap->a_vpp = node->x_vnode;
+  cache_purge_negatives(dvp);
+  exfat_meta_flush(mount, 0);
+  OSFree(buffer, EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag);
+  return error;
+
+unlock:
+  exfat_node_unlock(dir);
+  if (buffer != nullptr)
+    OSFree(buffer, EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag);
+  return error;
+}
+
+namespace {
+
+// Gives a new directory its first cluster, zero-filled, so that it holds
+// only end-of-directory markers. On failure the creation is undone. The
+// caller holds the parent's and the new node's locks. Returns 0; the
+// allocation's error (ENOSPC when no cluster is free); or EIO when the set
+// could not be deleted again (logged, the volume marked corrupt).
+int mkdir_first_cluster(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
+                        uint32_t entries, vfs_context_t context) {
+  struct exfat_mount* mount = dir->x_mount;
+  int error = exfat_truncate(node, mount->xm_bytes_per_cluster, IO_UNIT, context);
+  if (!error)
+    return 0;
+  int undo_error = exfat_new_node_undo(dir, node, offset, entries, context);
+  if (undo_error) {
+    kprintf("exfat_vnop_mkdir: Error %d removing zero-length directory", undo_error);
+    mount->xm_flags |= XM_CORRUPT;
+    return EIO;
+  }
+  return error;
+}
+
+}  // namespace
+
+// Makes a directory named by a_cnp in a_dvp with one zero-filled cluster
+// and returns its vnode in a_vpp with an I/O reference. exFAT directories
+// have no "." or ".." entries. The caller holds no driver lock; the parent's
+// node lock is held throughout, the new node's across its allocation.
+//
+// Returns 0; ENOMEM (nothing locked or changed); ERESTART when the parent
+// has been removed (its name-cache entries purged); the name conversion's
+// error; EEXIST; ENOSPC or an I/O error from the slots; exfat_node_get's
+// error (the set stays on disk as a zero-length directory); the first
+// cluster's allocation error (ENOSPC), after which the set is gone again;
+// or EIO when that undoing failed (logged, XM_CORRUPT set).
+int exfat_vnop_mkdir(struct vnop_mkdir_args* ap) {
+  vnode_t dvp = ap->a_dvp;
+  auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
+  struct exfat_mount* mount = dir->x_mount;
+  uint16_t name[EXFAT_MAX_NAME_LENGTH];
+  uint32_t length = 0;
+  uint16_t hash = 0;
+  uint32_t offset = 0;
+  struct exfat_node* node = nullptr;
+  int error;
+
+  auto* buffer = static_cast<uint8_t*>(OSMalloc(EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag));
+  if (buffer == nullptr)
+    return ENOMEM;
+
+  exfat_node_lock(dir);
+  if (dir->x_flags & X_DELETED) {
+    cache_purge(dvp);
+    error = ERESTART;
+    goto unlock;
+  }
+  error = exfat_new_name(dir, ap->a_cnp, name, &length, &hash, ap->a_context);
+  if (error)
+    goto unlock;
+  error = exfat_new_set_write(dir, buffer, name, length, hash,
+                              exfat_new_attributes(ap->a_cnp, ap->a_vap, kDirectoryAttributes),
+                              &offset, ap->a_context);
+  if (error)
+    goto unlock;
+
+  // The new node comes back locked and still being initialised: lookups of
+  // it wait until its cluster exists. The parent stays locked.
+  error = exfat_node_get(mount, dvp, ap->a_cnp, offset, VDIR, 1, &node, ap->a_context);
+  if (!error) {
+    error = mkdir_first_cluster(dir, node, offset, buffer[1] + 1u, ap->a_context);
+    exfat_new_node_ready(node);
+    if (!error)
+      *ap->a_vpp = node->x_vnode;
+    else
+      vnode_put(node->x_vnode);
+  }
+  cache_purge_negatives(dvp);
+  exfat_meta_flush(mount, 0);
+
+unlock:
+  exfat_node_unlock(dir);
+  OSFree(buffer, EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag);
+  return error;
+}
+
+// Device and other special files have no place in exFAT: always EINVAL,
+// nothing created.
+int exfat_vnop_mknod(struct vnop_mknod_args* ap) {
+  (void)ap;
+  return EINVAL;
+}
