@@ -139,6 +139,9 @@ struct vnop_ioctl_args {
   vfs_context_t a_context;
 };
 
+// Vnode ioctl commands the system-call layer passes down.
+#define F_FULLFSYNC 51  // fsync, then flush the device's write cache
+
 struct vnop_mnomap_args {
   struct vnodeop_desc* a_desc;
   vnode_t a_vp;

@@ -15,11 +15,6 @@
 #include "host/kern.h"
 #include "host/ubc.h"
 
-// The full-sync request of the fcntl interface, passed down as a vnode
-// ioctl: fsync, then flush the device's write cache.
-#ifndef F_FULLFSYNC
-#define F_FULLFSYNC 51
-#endif
 
 namespace {
 

@@ -34,7 +34,18 @@ int inactive_deleted(vnode_t vp, struct exfat_node* node, vfs_context_t context)
   exfat_node_lock(node);
   // The size is read again: truncating to the size the node already has is
   // a caller error, and the node was unlocked meanwhile.
-  int error = node->x_size != 0 ? exfat_truncate(node, 0, 0, context) : 0;
+  int error = 0;
+  if (node->x_size != 0) {
+    // A directory's blocks live in the device's buffer cache, not the
+    // vnode's. A directory replaced by a rename reaches this point with its
+    // clusters still allocated, and a delayed write of one of its blocks
+    // must not land on a cluster that a file gets once they are freed
+    // (rmdir discards them itself and arrives here with size 0).
+    if (node->x_attributes & EXFAT_ATTR_DIRECTORY)
+      error = exfat_dir_invalidate(node);
+    if (error == 0)
+      error = exfat_truncate(node, 0, 0, context);
+  }
   vnode_recycle(vp);
   exfat_meta_flush(node->x_mount, 0);
   return error;

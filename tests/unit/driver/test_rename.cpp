@@ -178,6 +178,30 @@ TEST_F(RenameTest, ReplacingChecksTypesAndEmptiness) {
   unmount_and_fsck();
 }
 
+// A directory replaced by a rename loses its clusters when its vnode goes;
+// a delayed write of one of its blocks must go with them, or it would land
+// on a cluster that now belongs to someone else. With MNT_ASYNC nothing is
+// flushed behind the test's back, so the sync decides.
+TEST_F(RenameTest, ReplacedDirectoryLeavesNoDelayedWriteBehind) {
+  builder_.mkdir(builder_.root(), u"src");
+  Dir victim_dir = builder_.mkdir(builder_.root(), u"victim");
+  mount_built(MNT_ASYNC);
+  uint64_t at = builder_.cluster_byte_offset(victim_dir.first_cluster);
+  std::vector<uint8_t> before = read_device(at, 4096);
+  {
+    Vref victim, file;
+    ASSERT_EQ(0, lookup("victim", &victim));
+    ASSERT_EQ(0, create(victim.vp, "t", &file));
+    file.reset();
+    ASSERT_EQ(0, remove(victim.vp, "t"));  // the block now holds a deleted set, unwritten
+    ASSERT_EQ(0, rename(root_.vp, "src", root_.vp, "victim"));
+  }
+  EXPECT_FALSE(used(victim_dir.first_cluster));
+  ASSERT_EQ(0, host_sync(mp, MNT_WAIT));
+  EXPECT_EQ(before, read_device(at, 4096));
+  unmount_and_fsck();
+}
+
 // A file replaced while open stays readable through its vnode; its
 // clusters go when the last reference does.
 TEST_F(RenameTest, ReplacedOpenFileStaysReadable) {
