@@ -79,7 +79,7 @@ class Lister {
       return;
     }
     if (header)
-      printf("%s%s:%s\n", first ? "" : "\n", image.c_str(), path.c_str());
+      printf("%s%s:%s:\n", first ? "" : "\n", image.c_str(), path.c_str());
     std::vector<Item> items;
     for (const DirEntry& e : entries) {
       Item item;
