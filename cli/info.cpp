@@ -99,6 +99,9 @@ int info_command(const std::vector<std::string>& args) {
   ec = volume->info(&info);
   if (ec)
     return failure(image + ": " + ec.message());
+  // The volume reports names decomposed; Linux users type and expect them
+  // composed.
+  info.label = composed(info.label);
   if (json)
     print_json(image, info);
   else

@@ -50,7 +50,7 @@ int label_command(const std::vector<std::string>& raw) {
     if (std::error_code ec = volume->label(&label))
       reporter.error(image, ec);
     else
-      printf("%s\n", label.c_str());
+      printf("%s\n", composed(label).c_str());
   }
   return session.finish();
 }

@@ -152,6 +152,11 @@ std::string CliTest::make_image(const std::string& name, uint64_t bytes, const s
 }
 
 void CliTest::expect_clean(const std::string& image) {
+  // The checker passes a volume whose VolumeDirty flag is set, so the flag
+  // (bit 1 of VolumeFlags, byte 106 of the boot sector) is checked here.
+  std::string boot(512, '\0');
+  std::ifstream(image, std::ios::binary).read(boot.data(), 512);
+  EXPECT_EQ(0, boot[106] & 0x02) << image << " was left marked dirty";
   std::string fsck = exvol::test::fsck_program();
   if (fsck.empty()) {
     fprintf(stderr, "fsck.exfat is not installed: %s not checked\n", image.c_str());

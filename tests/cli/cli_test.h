@@ -51,8 +51,9 @@ class CliTest : public ::testing::Test {
   // A fresh image made by mkfs.exfat (see REQUIRE_MKFS).
   std::string make_image(const std::string& name, uint64_t bytes = 64ull << 20,
                          const std::string& label = "");
-  // Asserts fsck.exfat -n finds the image clean (skips the check, loudly,
-  // without the checker).
+  // Asserts that the image is not marked dirty and that fsck.exfat -n
+  // finds it consistent (that check is skipped, loudly, without the
+  // checker).
   void expect_clean(const std::string& image);
 
  private:
