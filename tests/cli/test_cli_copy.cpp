@@ -263,6 +263,24 @@ TEST_F(CliCopy, MoveNoClobberAndReadOnlyFiles) {
   expect_clean(other);
 }
 
+TEST_F(CliCopy, FullVolumeFailsAndStaysConsistent) {
+  std::string small = make_image("small.img", 8 << 20);
+  write_file(at("ten"), pattern(10 << 20, 4));
+  Result r = exvol({"cp", at("ten"), small + ":/"});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(failure_line("cp", small + ":/ten", "No space left on device"), r.err);
+  expect_clean(small);
+  // What was written is there, and the space comes back with the file.
+  EXPECT_EQ(read_file(at("ten")).substr(0, 1 << 20),
+            exvol({"cat", small + ":/ten"}).out.substr(0, 1 << 20));
+  Result before = exvol({"df", small});
+  ASSERT_EQ(0, exvol({"rm", small + ":/ten"}).status);
+  Result after = exvol({"df", small});
+  EXPECT_NE(before.out, after.out);
+  EXPECT_NE(std::string::npos, after.out.find("   1%\n")) << after.out;
+  expect_clean(small);
+}
+
 TEST_F(CliCopy, ProgressOnlyOnATerminal) {
   write_file(at("big"), pattern(3 << 20, 3));
   Result piped = exvol({"cp", at("big"), addr("/piped")});
