@@ -54,7 +54,7 @@ Copier::Copier(Reporter& reporter, const CopyOptions& options)
 bool Copier::copy(Tree& from, const std::string& src, Tree& to, const std::string& dst,
                   bool follow) {
   if (interrupted()) {
-    reporter_.error(from.display(src), errno_code(EINTR));
+    reporter_.error(from.display(src) + ": interrupted");
     return false;
   }
   Attr attr;
@@ -164,7 +164,7 @@ bool Copier::copy_data(Tree& from, const std::string& src, const Attr& attr, Tre
   Progress progress(from.display(src), attr.size);
   for (;;) {
     if (interrupted()) {
-      reporter_.error(to.display(dst), errno_code(EINTR));
+      reporter_.error(to.display(dst) + ": interrupted");
       return false;
     }
     size_t done = 0;

@@ -52,10 +52,20 @@ int prepare(Reporter& reporter, Session& session, const std::vector<std::string>
   return 0;
 }
 
+// Whether source `i` and the target are one directory of one image under
+// two spellings ("mv img:/docs img:/DOCS" changes the name's case).
+bool target_is_source(const Transfer& t, size_t i) {
+  if (!t.source_trees[i] || !t.source_trees[i]->same_tree(*t.target_tree))
+    return false;
+  Attr source, target;
+  return !t.source_trees[i]->stat(t.sources[i].path, &source, false) &&
+         !t.target_tree->stat(t.target.path, &target, false) && source.same_file(target);
+}
+
 // Where source `i` goes: into the target directory under its own name,
 // or to the target itself.
 std::string destination(const Transfer& t, size_t i) {
-  if (!t.target_is_dir)
+  if (!t.target_is_dir || target_is_source(t, i))
     return t.target.path;
   std::string base = copy_basename(t.sources[i].path);
   if (base.empty())

@@ -7,7 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -115,8 +117,10 @@ void write_file(const std::string& path, const std::string& data) {
 std::string pattern(size_t size, unsigned seed) {
   std::mt19937 random(seed);
   std::string s(size, '\0');
-  for (char& c : s)
-    c = static_cast<char>(random());
+  for (size_t i = 0; i < size; i += 4) {
+    uint32_t word = random();
+    memcpy(&s[i], &word, std::min<size_t>(4, size - i));
+  }
   return s;
 }
 

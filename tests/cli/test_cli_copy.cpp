@@ -4,6 +4,10 @@
 // line. Every writing command must leave the image clean.
 
 #include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -243,6 +247,17 @@ TEST_F(CliCopy, MoveRenamesWithinAnImageAndCopiesAcross) {
   EXPECT_EQ("deep", cat("/back/two/three/deep.txt"));
 }
 
+TEST_F(CliCopy, MoveChangesTheCaseOfAName) {
+  ok({"mkdir", addr("/docs")});
+  ok({"touch", addr("/docs/a"), addr("/file")});
+  // /DOCS is an existing directory, but it is /docs itself: a rename, not
+  // a move into it.
+  ok({"mv", addr("/docs"), addr("/DOCS")});
+  ok({"mv", addr("/file"), addr("/File")});
+  EXPECT_EQ("DOCS\nFile\n", exvol({"ls", addr("/")}).out);
+  EXPECT_EQ("a\n", exvol({"ls", addr("/docs")}).out);
+}
+
 TEST_F(CliCopy, MoveNoClobberAndReadOnlyFiles) {
   write_file(at("a"), "A");
   write_file(at("b"), "B");
@@ -297,6 +312,26 @@ TEST_F(CliCopy, ProgressOnlyOnATerminal) {
   Result quiet = exvol_on_terminal({"cp", at("small"), addr("/small")});
   EXPECT_EQ("", quiet.out) << "no progress for small files";
   EXPECT_EQ(read_file(at("big")), cat("/tty"));
+  expect_clean(image_);
+}
+
+// A signal in the middle of a copy stops it, and the image is still
+// unmounted cleanly. (On a fast machine the copy may finish first.)
+TEST_F(CliCopy, InterruptedCopyLeavesTheImageClean) {
+  write_file(at("big"), pattern(48 << 20, 5));
+  pid_t pid = fork();
+  if (pid == 0) {
+    int null = open("/dev/null", O_WRONLY);
+    dup2(null, 2);
+    execl(EXVOL_CLI_BIN, EXVOL_CLI_BIN, "cp", at("big").c_str(), addr("/big").c_str(), nullptr);
+    _exit(127);
+  }
+  usleep(60 * 1000);
+  kill(pid, SIGINT);
+  int raw = 0;
+  ASSERT_EQ(pid, waitpid(pid, &raw, 0));
+  ASSERT_TRUE(WIFEXITED(raw)) << "the signal killed it before it unmounted";
+  EXPECT_TRUE(WEXITSTATUS(raw) == 0 || WEXITSTATUS(raw) == 1) << WEXITSTATUS(raw);
   expect_clean(image_);
 }
 
