@@ -37,8 +37,10 @@ int prepare(Reporter& reporter, Session& session, const std::vector<std::string>
   // The target first: an image that is also a source is then mounted
   // read-write once, not read-only and again.
   t->target_tree = session.tree(t->target, true);
-  if (!t->target_tree)
-    return session.finish();
+  if (!t->target_tree) {
+    session.finish();
+    return 1;  // reported by the session
+  }
   for (const Address& a : t->sources)
     t->source_trees.push_back(session.tree(a, sources_writable));
 
@@ -47,7 +49,8 @@ int prepare(Reporter& reporter, Session& session, const std::vector<std::string>
   t->target_is_dir = !ec && attr.type == FileType::Directory;
   if (!t->target_is_dir && (t->sources.size() > 1 || t->target.trailing_slash)) {
     reporter.error(t->target.display(), ec ? ec : errno_code(ENOTDIR));
-    return session.finish();
+    session.finish();
+    return 1;
   }
   return 0;
 }
