@@ -82,13 +82,8 @@ void work(Volume* volume, int worker, std::map<std::string, uint32_t>* kept,
 
 TEST_F(ApiConcurrency, ThreadsShareOneVolume) {
   EXVOL_FORMAT_OR_SKIP(64u << 20, "-c 4096");
-  // Asynchronous: metadata is written at sync and unmount only, so the
-  // delayed flush does not run beside the workers. The flush pushes the
-  // bitmap's pages while it holds the bitmap lock, the reverse of the order
-  // fsync takes them in, which the thread checker reports.
-  MountOptions options;
-  options.async = true;
-  ASSERT_FALSE(mount(options));
+  // The delayed metadata flush runs beside the workers.
+  ASSERT_FALSE(mount(MountOptions{}));
   ASSERT_FALSE(volume_->mkdir("/shared"));
   // One file that every worker writes a disjoint stripe of, through one
   // shared File.
@@ -161,9 +156,7 @@ TEST_F(ApiConcurrency, ThreadsShareOneVolume) {
 // reports the volume gone, and nothing is left half done.
 TEST_F(ApiConcurrency, CallsRaceWithForcedUnmount) {
   EXVOL_FORMAT_OR_SKIP();
-  MountOptions options;
-  options.async = true;  // see ThreadsShareOneVolume
-  ASSERT_FALSE(mount(options));
+  ASSERT_FALSE(mount(MountOptions{}));
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 3; t++) {
