@@ -94,8 +94,6 @@ class Lister {
         list_directory(image, i.path, true, false);
   }
 
-  bool long_format() const { return long_; }
-
  private:
   bool shown(const Item& item) const {
     return all_ || (item.name[0] != '.' && !(item.st.flags & kFlagHidden));
