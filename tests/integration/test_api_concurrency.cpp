@@ -129,7 +129,7 @@ TEST_F(ApiConcurrency, ThreadsShareOneVolume) {
   ASSERT_FALSE(common.close());
   unmount_and_check();
 
-  ASSERT_FALSE(mount(options));
+  ASSERT_FALSE(mount(MountOptions{}));
   std::vector<uint8_t> expected_common;
   for (int w = 0; w < kWorkers; w++) {
     std::vector<uint8_t> stripe = pattern(10000, static_cast<uint32_t>(900 + w));
