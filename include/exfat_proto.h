@@ -92,6 +92,7 @@ int exfat_update_root_entry(vnode_t root_vp, uint32_t* label_offset, const uint8
 int exfat_mark_vol_dirty(struct exfat_mount* mount, int dirty, vfs_context_t context);
 int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t context);
 void exfat_meta_flush(struct exfat_mount* mount, int sync);
+void exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who);
 void exfat_meta_flush_internal(struct exfat_mount* mount, int wait);
 void exfat_meta_sync_callback(thread_call_param_t mount, thread_call_param_t unused);
 int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context);

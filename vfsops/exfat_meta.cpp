@@ -110,6 +110,31 @@ int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t co
   return wait == 1 ? buf_bwrite(bp) : buf_bawrite(bp);
 }
 
+// Writes the bitmap cache and pushes the bitmap vnode's pages, then does the
+// same for the FAT, each under its own lock and never both at once. A cache
+// block that can't be written is reported as "<who>: error %d flushing …
+// cache!" and dropped as clean, so that a failing block is not retried on
+// every flush. The caller holds neither cache lock.
+void exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who) {
+  lck_mtx_lock(mount->xm_bitmap_lock);
+  int error = exfat_bitmap_cache_flush(mount, 0);
+  if (error) {
+    kprintf("%s: error %d flushing bitmap cache!\n", who, error);
+    mount->xm_bitmap_cache_dirty = 0;
+  }
+  cluster_push(mount->xm_bitmap_vp, IO_SYNC);
+  lck_mtx_unlock(mount->xm_bitmap_lock);
+
+  lck_mtx_lock(mount->xm_fat_lock);
+  error = exfat_fat_cache_flush(mount, 0);
+  if (error) {
+    kprintf("%s: error %d flushing FAT cache!\n", who, error);
+    mount->xm_fat_cache_dirty = 0;
+  }
+  cluster_push(mount->xm_fat_vp, IO_SYNC);
+  lck_mtx_unlock(mount->xm_fat_lock);
+}
+
 // The flush itself: percentInUse, the bitmap cache and the bitmap vnode's
 // pages, the FAT cache and the FAT vnode's pages, then the device's dirty
 // metadata buffers (waited for when wait is nonzero). The bitmap goes
@@ -129,24 +154,7 @@ void exfat_meta_flush_internal(struct exfat_mount* mount, int wait) {
   if (error)
     kprintf("exfat_meta_flush_internal: error %d from exfat_sync_boot_sector\n", error);
 
-  lck_mtx_lock(mount->xm_bitmap_lock);
-  error = exfat_bitmap_cache_flush(mount, 0);
-  if (error) {
-    kprintf("exfat_meta_flush_internal: error %d flushing bitmap cache!\n", error);
-    mount->xm_bitmap_cache_dirty = 0;
-  }
-  cluster_push(mount->xm_bitmap_vp, IO_SYNC);
-  lck_mtx_unlock(mount->xm_bitmap_lock);
-
-  lck_mtx_lock(mount->xm_fat_lock);
-  error = exfat_fat_cache_flush(mount, 0);
-  if (error) {
-    kprintf("exfat_meta_flush_internal: error %d flushing FAT cache!\n", error);
-    mount->xm_fat_cache_dirty = 0;
-  }
-  cluster_push(mount->xm_fat_vp, IO_SYNC);
-  lck_mtx_unlock(mount->xm_fat_lock);
-
+  exfat_flush_alloc_caches(mount, "exfat_meta_flush_internal");
   buf_flushdirtyblks(mount->xm_devvp, wait, 0, "exfat_meta_flush");
 }
 

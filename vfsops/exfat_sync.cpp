@@ -58,23 +58,7 @@ int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context) {
 
   int boot_error = exfat_sync_boot_sector(mount, waitfor, context);
 
-  lck_mtx_lock(mount->xm_bitmap_lock);
-  int error = exfat_bitmap_cache_flush(mount, 0);
-  if (error) {
-    kprintf("exfat_vfs_sync: error %d flushing bitmap cache!\n", error);
-    mount->xm_bitmap_cache_dirty = 0;
-  }
-  cluster_push(mount->xm_bitmap_vp, IO_SYNC);
-  lck_mtx_unlock(mount->xm_bitmap_lock);
-
-  lck_mtx_lock(mount->xm_fat_lock);
-  error = exfat_fat_cache_flush(mount, 0);
-  if (error) {
-    kprintf("exfat_vfs_sync: error %d flushing FAT cache!\n", error);
-    mount->xm_fat_cache_dirty = 0;
-  }
-  cluster_push(mount->xm_fat_vp, IO_SYNC);
-  lck_mtx_unlock(mount->xm_fat_lock);
+  exfat_flush_alloc_caches(mount, "exfat_vfs_sync");
 
   struct exfat_sync_args args = {context, waitfor, 0};
   vnode_iterate(mp, VNODE_ITERATE_ACTIVE, exfat_sync_callback, &args);
