@@ -1,18 +1,34 @@
 #pragma once
-// libexvol: mounting an exFAT volume and asking about it.
+// libexvol: mounting an exFAT volume and working with its files.
 //
 // A Volume is one mounted exFAT volume, on a disk image or a block device,
-// mounted by the exvol driver exactly as a kernel would mount it. All calls
-// are thread-safe: any number of threads may query one Volume while another
-// unmounts it (the unmount waits for them). Errors are std::error_code
-// values in the generic category carrying the driver's errno (EINVAL for a
-// volume the driver refuses, EIO for a damaged one, …); nothing throws.
+// mounted by the exvol driver exactly as a kernel would mount it. The
+// library plays the kernel's system-call and VFS layer: it resolves paths
+// one component at a time, follows symbolic links, holds open files, and
+// refuses changes to a read-only volume before they reach the driver.
+//
+// All calls are thread-safe: any number of threads may work in one Volume
+// at once, also while another unmounts it (the unmount waits for the calls
+// under way; later calls fail with ENXIO). Errors are std::error_code
+// values in the generic category carrying the errno (see exvol/types.h);
+// nothing throws.
+//
+// Paths name files from the volume's root: "/docs/a.txt" and "docs/a.txt"
+// are the same file, "/" is the root. Components are compared the volume's
+// way, without regard to case. Symbolic links are followed (at most 32 on
+// one path, else ELOOP), except as the last component of lstat, readlink,
+// unlink, rmdir, rename, symlink and mkdir, and of open with O_NOFOLLOW or
+// O_CREAT|O_EXCL. A link's absolute target is taken from the volume's root.
 
 #include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <system_error>
+#include <vector>
+
+#include "exvol/file.h"
+#include "exvol/types.h"
 
 namespace exvol {
 
@@ -81,13 +97,95 @@ class Volume {
   Volume(const Volume&) = delete;
   Volume& operator=(const Volume&) = delete;
 
+  // --- The volume -------------------------------------------------------------
+
   std::error_code statfs(StatFs* out) const;
   std::error_code info(VolumeInfo* out) const;
-  // Unmounts. Unforced, a busy volume stays mounted and the error is
-  // returned; forced, the unmount always completes. Later calls return
-  // ENXIO.
+  std::error_code label(std::string* out) const;
+  // Renames the volume (UTF-8, at most 11 UTF-16 units; "" removes the
+  // label). EROFS on a read-only volume.
+  std::error_code set_label(const std::string& label);
+  // Writes everything pending to the device; with `wait`, waits for it.
+  std::error_code sync(bool wait = true);
+  // Changes the options of the mounted volume: read-only or read-write,
+  // mask, time zone, asynchronous, no access times (echo_kernel_log is not
+  // used). Going read-only refuses with EBUSY while files are open for
+  // writing or mapped writable, unless `force`, which revokes them first.
+  // Going read-write fails with EROFS when the device can't be written.
+  std::error_code update(const MountOptions& options, bool force = false);
+  // Unmounts. Unforced, a volume with open files or mappings stays mounted
+  // and EBUSY is returned; forced, they are revoked and the unmount always
+  // completes. Node references (see lookup) are dropped either way. Later
+  // calls return ENXIO.
   std::error_code unmount(bool force = false);
   bool mounted() const;
+
+  // --- Files by path ------------------------------------------------------------
+
+  // open(2): oflags are O_RDONLY, O_WRONLY or O_RDWR with O_CREAT, O_EXCL,
+  // O_TRUNC, O_APPEND, O_SYNC, O_NOFOLLOW, O_DIRECTORY. A directory opens
+  // only for reading. EROFS for writing, creating or truncating on a
+  // read-only volume; EPERM for writing an immutable file.
+  std::error_code open(const std::string& path, int oflags, File* out);
+  std::error_code stat(const std::string& path, Stat* out);
+  std::error_code lstat(const std::string& path, Stat* out);
+  std::error_code mkdir(const std::string& path);
+  std::error_code rmdir(const std::string& path);
+  std::error_code unlink(const std::string& path);
+  // Moves `from` to `to`, replacing what `to` names (a file by a file, an
+  // empty directory by a directory). Renaming a name to another case of
+  // itself changes its case. EINVAL: a directory into itself or below.
+  std::error_code rename(const std::string& from, const std::string& to, unsigned flags = 0);
+  // Makes `path` a symbolic link to `target` (at most 1024 bytes).
+  std::error_code symlink(const std::string& target, const std::string& path);
+  std::error_code readlink(const std::string& path, std::string* target);
+  std::error_code truncate(const std::string& path, int64_t size);
+  std::error_code utimes(const std::string& path, const TimeChange& times, bool follow = true);
+  std::error_code chflags(const std::string& path, uint32_t flags, bool follow = true);
+  // Lists a directory from `cookie` (kDirStart for the beginning, then the
+  // cookie of the last entry taken, or *next_cookie). "." and ".." come
+  // first. *next_cookie receives the cookie at which to continue, *end
+  // whether the listing reached the end of the directory. The callback runs
+  // with no lock of the library held, so it may call the library.
+  std::error_code readdir(const std::string& path, uint64_t cookie, const DirCallback& callback,
+                          uint64_t* next_cookie = nullptr, bool* end = nullptr);
+  // The whole listing without "." and "..".
+  std::error_code list(const std::string& path, std::vector<DirEntry>* out);
+
+  // --- Nodes, for front ends that keep their own references -----------------
+  //
+  // A FUSE daemon maps its inode numbers to NodeIds: every call that hands
+  // out a NodeId (lookup, create, mkdir, symlink, ref) adds one reference to
+  // the node, and unref drops them (FUSE's forget). A referenced node holds
+  // its vnode in use, so a node removed meanwhile still answers getattr and
+  // open. Names are single components (no '/'; EINVAL). A NodeId not held
+  // (never handed out or fully unreferenced) is ESTALE. All references are
+  // dropped at unmount. The NodeId doubles as a unique inode number.
+
+  std::error_code lookup(NodeId parent, const std::string& name, NodeId* out, Stat* st = nullptr);
+  std::error_code ref(NodeId node);
+  std::error_code unref(NodeId node, uint64_t count = 1);
+  std::error_code getattr(NodeId node, Stat* out);
+  std::error_code open(NodeId node, int oflags, File* out);
+  // Creates and opens a regular file (O_CREAT is implied; O_EXCL fails with
+  // EEXIST on an existing name, otherwise an existing file is opened).
+  std::error_code create(NodeId parent, const std::string& name, int oflags, File* file,
+                         NodeId* out, Stat* st = nullptr);
+  std::error_code mkdir(NodeId parent, const std::string& name, NodeId* out, Stat* st = nullptr);
+  std::error_code symlink(const std::string& target, NodeId parent, const std::string& name,
+                          NodeId* out, Stat* st = nullptr);
+  std::error_code unlink(NodeId parent, const std::string& name);
+  std::error_code rmdir(NodeId parent, const std::string& name);
+  std::error_code rename(NodeId parent, const std::string& name, NodeId new_parent,
+                         const std::string& new_name, unsigned flags = 0);
+  std::error_code readlink(NodeId node, std::string* target);
+  std::error_code truncate(NodeId node, int64_t size);
+  std::error_code utimes(NodeId node, const TimeChange& times);
+  std::error_code chflags(NodeId node, uint32_t flags);
+  std::error_code readdir(NodeId node, uint64_t cookie, const DirCallback& callback,
+                          uint64_t* next_cookie = nullptr, bool* end = nullptr);
+  // Nodes held now (the root not counted).
+  size_t node_count() const;
 
   struct Impl;
 
