@@ -1,9 +1,11 @@
-// libexvol volumes: loading the driver module, mounting through the host's
-// mount machinery, and the statfs and attribute queries.
+// libexvol volumes: loading the driver module, mounting, updating and
+// unmounting through the host's mount machinery, and the volume-wide
+// calls: statfs, attributes, label and sync.
 //
 // The library plays the kernel's system-call layer: it reaches the driver
-// only through VFS_* dispatch and host_mount/host_unmount, never by calling
-// the driver's functions, with one exception below: starting the module.
+// only through VFS_*/VNOP_* dispatch and host_mount/host_unmount, never by
+// calling the driver's functions, with one exception below: starting the
+// module.
 
 #include "exvol/volume.h"
 
@@ -13,6 +15,7 @@
 #include <shared_mutex>
 #include <vector>
 
+#include "api/internal.h"
 #include "host/blkdev.h"
 #include "host/buf.h"
 #include "host/kern.h"
@@ -27,14 +30,14 @@ int exfat_module_start(void);
 
 namespace exvol {
 
+using detail::CallGuard;
+using detail::make_error;
+using detail::MountState;
+
 namespace {
 
 constexpr size_t kMountArgsSize = 24;
 constexpr uint32_t kMountArgsMagic = 0xD4C1C6F8u;
-
-std::error_code make_error(int error) {
-  return std::error_code(error, std::generic_category());
-}
 
 // Loads the driver once per process. The module stays loaded until exit.
 int load_driver_module() {
@@ -67,6 +70,17 @@ std::vector<uint8_t> mount_args(const MountOptions& options) {
   return args;
 }
 
+uint64_t mount_flags(const MountOptions& options) {
+  uint64_t flags = 0;
+  if (options.read_only)
+    flags |= MNT_RDONLY;
+  if (options.async)
+    flags |= MNT_ASYNC;
+  if (options.noatime)
+    flags |= MNT_NOATIME;
+  return flags;
+}
+
 // Joins captured kernel log lines into one diagnostic line.
 std::string join_lines(const std::vector<std::string>& lines) {
   std::string s;
@@ -82,114 +96,50 @@ std::string join_lines(const std::vector<std::string>& lines) {
 // mount's.
 std::mutex g_mount_lock;
 
-}  // namespace
-
-std::string VolumeInfo::uuid_string() const {
-  char s[37];
-  const uint8_t* u = uuid.data();
-  snprintf(s, sizeof(s), "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
-           u[0], u[1], u[2], u[3], u[4], u[5], u[6], u[7], u[8], u[9], u[10], u[11], u[12], u[13],
-           u[14], u[15]);
-  return s;
+// Opens the device. A read-only mount still opens it for writing when it
+// may, so that the volume can later be updated to read-write; the driver
+// writes nothing while the mount is read-only.
+int open_device(const std::string& path, bool read_only, vnode_t* devvp, bool* writable) {
+  *writable = true;
+  int error = host_blkdev_open(path.c_str(), 0, devvp);
+  if (error == 0 || !read_only)
+    return error;
+  *writable = false;
+  return host_blkdev_open(path.c_str(), 1, devvp);
 }
 
-struct Volume::Impl {
-  vnode_t devvp = nullptr;
-  mount_t mp = nullptr;  // nullptr once unmounted
-  bool read_only = false;
-  // Queries hold it shared, unmount exclusively.
-  mutable std::shared_mutex lock;
-};
-
-Volume::Volume(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
-
-Volume::~Volume() {
-  if (mounted() && unmount(false))
-    unmount(true);
+// Whether open files or mappings exist: all of them, or (writers_only)
+// those open for writing and writable mappings.
+bool in_use(MountState& ms, bool writers_only) {
+  std::lock_guard<std::mutex> guard(ms.registry_lock);
+  for (detail::OpenFile* f : ms.files)
+    if (!writers_only || (f->fmode & FWRITE))
+      return true;
+  for (detail::MapState* m : ms.maps)
+    if (!writers_only || m->writable)
+      return true;
+  return false;
 }
 
-std::error_code Volume::mount(const std::string& path, const MountOptions& options,
-                              std::unique_ptr<Volume>* out, std::string* diagnostic) {
-  out->reset();
-  if (diagnostic != nullptr)
-    diagnostic->clear();
-  if (int error = load_driver_module())
-    return make_error(error);
-
-  auto impl = std::make_unique<Impl>();
-  impl->read_only = options.read_only;
-  int error = host_blkdev_open(path.c_str(), options.read_only ? 1 : 0, &impl->devvp);
-  if (error)
-    return make_error(error);
-
-  uint64_t flags = 0;
-  if (options.read_only)
-    flags |= MNT_RDONLY;
-  if (options.async)
-    flags |= MNT_ASYNC;
-  if (options.noatime)
-    flags |= MNT_NOATIME;
-  std::vector<uint8_t> args = mount_args(options);
-  std::vector<std::string> lines;
+// Revokes open files and mappings, as in_use selects them. The caller
+// holds MountState::lock exclusively, so no call is using them.
+void revoke(MountState& ms, bool writers_only) {
+  std::vector<detail::OpenFile*> files;
+  std::vector<detail::MapState*> maps;
   {
-    std::lock_guard<std::mutex> guard(g_mount_lock);
-    KernLogCapture capture;
-    error = host_mount("exfat", impl->devvp, flags, args.data(), args.size(), &impl->mp);
-    lines = capture.lines();
+    std::lock_guard<std::mutex> guard(ms.registry_lock);
+    for (detail::OpenFile* f : ms.files)
+      if (!writers_only || (f->fmode & FWRITE))
+        files.push_back(f);
+    for (detail::MapState* m : ms.maps)
+      if (!writers_only || m->writable)
+        maps.push_back(m);
   }
-  // Passed on to whoever listened before the capture (stderr by default).
-  if (options.echo_kernel_log) {
-    for (const std::string& line : lines)
-      kprintf("%s", line.c_str());
-  }
-  if (diagnostic != nullptr)
-    *diagnostic = join_lines(lines);
-  if (error) {
-    host_blkdev_close(impl->devvp);
-    return make_error(error);
-  }
-  out->reset(new Volume(std::move(impl)));
-  return {};
+  for (detail::MapState* m : maps)
+    detail::map_revoke(m);
+  for (detail::OpenFile* f : files)
+    detail::file_revoke(f);
 }
-
-bool Volume::mounted() const {
-  std::shared_lock<std::shared_mutex> guard(impl_->lock);
-  return impl_->mp != nullptr;
-}
-
-std::error_code Volume::unmount(bool force) {
-  std::unique_lock<std::shared_mutex> guard(impl_->lock);
-  if (impl_->mp == nullptr)
-    return make_error(ENXIO);
-  int error = host_unmount(impl_->mp, force ? MNT_FORCE : 0);
-  if (error)
-    return make_error(error);
-  impl_->mp = nullptr;
-  host_blkdev_close(impl_->devvp);
-  impl_->devvp = nullptr;
-  return {};
-}
-
-std::error_code Volume::statfs(StatFs* out) const {
-  std::shared_lock<std::shared_mutex> guard(impl_->lock);
-  if (impl_->mp == nullptr)
-    return make_error(ENXIO);
-  struct vfs_attr va;
-  VFSATTR_INIT(&va);
-  if (int error = VFS_GETATTR(impl_->mp, &va, vfs_context_kernel()))
-    return make_error(error);
-  out->block_size = va.f_bsize;
-  out->io_size = va.f_iosize;
-  out->blocks = va.f_blocks;
-  out->blocks_free = va.f_bfree;
-  out->blocks_available = va.f_bavail;
-  out->blocks_used = va.f_bused;
-  out->files = va.f_files;
-  out->files_free = va.f_ffree;
-  return {};
-}
-
-namespace {
 
 // Reads the boot sector from the device (through the device's buffer cache,
 // which the driver's own boot-sector writes go through as well).
@@ -215,17 +165,140 @@ int read_boot_sector(vnode_t devvp, VolumeInfo* out) {
 
 }  // namespace
 
-std::error_code Volume::info(VolumeInfo* out) const {
-  std::shared_lock<std::shared_mutex> guard(impl_->lock);
-  if (impl_->mp == nullptr)
+std::string VolumeInfo::uuid_string() const {
+  char s[37];
+  const uint8_t* u = uuid.data();
+  snprintf(s, sizeof(s), "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+           u[0], u[1], u[2], u[3], u[4], u[5], u[6], u[7], u[8], u[9], u[10], u[11], u[12], u[13],
+           u[14], u[15]);
+  return s;
+}
+
+Volume::Volume(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+Volume::~Volume() {
+  if (mounted() && unmount(false))
+    unmount(true);
+}
+
+std::error_code Volume::mount(const std::string& path, const MountOptions& options,
+                              std::unique_ptr<Volume>* out, std::string* diagnostic) {
+  out->reset();
+  if (diagnostic != nullptr)
+    diagnostic->clear();
+  if (int error = load_driver_module())
+    return make_error(error);
+
+  auto ms = std::make_shared<MountState>();
+  ms->read_only = options.read_only;
+  int error = open_device(path, options.read_only, &ms->devvp, &ms->device_writable);
+  if (error)
+    return make_error(error);
+
+  std::vector<uint8_t> args = mount_args(options);
+  std::vector<std::string> lines;
+  {
+    std::lock_guard<std::mutex> guard(g_mount_lock);
+    KernLogCapture capture;
+    error = host_mount("exfat", ms->devvp, mount_flags(options), args.data(), args.size(),
+                       &ms->mp);
+    lines = capture.lines();
+  }
+  // Passed on to whoever listened before the capture (stderr by default).
+  if (options.echo_kernel_log) {
+    for (const std::string& line : lines)
+      kprintf("%s", line.c_str());
+  }
+  if (diagnostic != nullptr)
+    *diagnostic = join_lines(lines);
+  if (error) {
+    host_blkdev_close(ms->devvp);
+    return make_error(error);
+  }
+  auto impl = std::make_unique<Impl>();
+  impl->ms = std::move(ms);
+  out->reset(new Volume(std::move(impl)));
+  return {};
+}
+
+bool Volume::mounted() const {
+  std::shared_lock<std::shared_mutex> guard(impl_->ms->lock);
+  return impl_->ms->mp != nullptr;
+}
+
+// Open files and mappings make an unforced unmount fail before anything is
+// touched; node references are the front end's cache and go either way.
+std::error_code Volume::unmount(bool force) {
+  MountState& ms = *impl_->ms;
+  std::unique_lock<std::shared_mutex> guard(ms.lock);
+  if (ms.mp == nullptr)
     return make_error(ENXIO);
+  if (!force && in_use(ms, false))
+    return make_error(EBUSY);
+  revoke(ms, false);
+  detail::nodes_release_all(ms);
+  int error = host_unmount(ms.mp, force ? MNT_FORCE : 0);
+  if (error)
+    return make_error(error);
+  ms.mp = nullptr;
+  host_blkdev_close(ms.devvp);
+  ms.devvp = nullptr;
+  return {};
+}
+
+// A downgrade first settles the files that could still write: EBUSY while
+// any is open unless forced, then they are revoked so that the driver's
+// own flush of writers finds none.
+std::error_code Volume::update(const MountOptions& options, bool force) {
+  MountState& ms = *impl_->ms;
+  std::unique_lock<std::shared_mutex> guard(ms.lock);
+  if (ms.mp == nullptr)
+    return make_error(ENXIO);
+  if (!options.read_only && ms.read_only && !ms.device_writable)
+    return make_error(EROFS);
+  if (options.read_only && !ms.read_only) {
+    if (!force && in_use(ms, true))
+      return make_error(EBUSY);
+    revoke(ms, true);
+  }
+  std::vector<uint8_t> args = mount_args(options);
+  uint64_t flags = mount_flags(options) | (force ? MNT_FORCE : 0);
+  int error = host_mount_update(ms.mp, flags, args.data(), args.size());
+  ms.read_only = vfs_isrdonly(ms.mp) != 0;
+  return make_error(error);
+}
+
+std::error_code Volume::statfs(StatFs* out) const {
+  CallGuard guard(*impl_->ms);
+  if (int error = guard.error())
+    return make_error(error);
+  struct vfs_attr va;
+  VFSATTR_INIT(&va);
+  if (int error = VFS_GETATTR(impl_->ms->mp, &va, vfs_context_kernel()))
+    return make_error(error);
+  out->block_size = va.f_bsize;
+  out->io_size = va.f_iosize;
+  out->blocks = va.f_blocks;
+  out->blocks_free = va.f_bfree;
+  out->blocks_available = va.f_bavail;
+  out->blocks_used = va.f_bused;
+  out->files = va.f_files;
+  out->files_free = va.f_ffree;
+  return {};
+}
+
+std::error_code Volume::info(VolumeInfo* out) const {
+  CallGuard guard(*impl_->ms);
+  if (int error = guard.error())
+    return make_error(error);
+  MountState& ms = *impl_->ms;
   struct vfs_attr va;
   VFSATTR_INIT(&va);
   std::vector<char> name(MAXPATHLEN, '\0');
   va.f_vol_name = name.data();
   VFSATTR_WANTED(&va, f_vol_name);
   VFSATTR_WANTED(&va, f_uuid);
-  if (int error = VFS_GETATTR(impl_->mp, &va, vfs_context_kernel()))
+  if (int error = VFS_GETATTR(ms.mp, &va, vfs_context_kernel()))
     return make_error(error);
   *out = VolumeInfo{};
   out->label = name.data();
@@ -234,10 +307,40 @@ std::error_code Volume::info(VolumeInfo* out) const {
   out->cluster_count = va.f_blocks;
   out->free_clusters = va.f_bfree;
   out->io_size = va.f_iosize;
-  out->read_only = impl_->read_only;
-  if (int error = read_boot_sector(impl_->devvp, out))
+  out->read_only = ms.read_only;
+  return make_error(read_boot_sector(ms.devvp, out));
+}
+
+std::error_code Volume::label(std::string* out) const {
+  VolumeInfo info;
+  std::error_code ec = this->info(&info);
+  if (!ec)
+    *out = info.label;
+  return ec;
+}
+
+std::error_code Volume::set_label(const std::string& label) {
+  CallGuard guard(*impl_->ms);
+  if (int error = guard.error())
     return make_error(error);
-  return {};
+  if (impl_->ms->read_only)
+    return make_error(EROFS);
+  if (label.size() >= MAXPATHLEN || label.find('\0') != std::string::npos)
+    return make_error(EINVAL);
+  std::vector<char> name(MAXPATHLEN, '\0');
+  memcpy(name.data(), label.data(), label.size());
+  struct vfs_attr va;
+  VFSATTR_INIT(&va);
+  va.f_vol_name = name.data();
+  VFSATTR_WANTED(&va, f_vol_name);
+  return make_error(VFS_SETATTR(impl_->ms->mp, &va, vfs_context_kernel()));
+}
+
+std::error_code Volume::sync(bool wait) {
+  CallGuard guard(*impl_->ms);
+  if (int error = guard.error())
+    return make_error(error);
+  return make_error(host_sync(impl_->ms->mp, wait ? MNT_WAIT : MNT_NOWAIT));
 }
 
 }  // namespace exvol

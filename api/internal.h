@@ -1,0 +1,269 @@
+#pragma once
+// libexvol's insides: the state of a mounted volume shared by the Volume,
+// its open files, mappings and node references, and the small tools with
+// which the library drives the driver through VNOP_*/VFS_* dispatch.
+//
+// Locking, outermost first:
+//   MountState::lock   shared by every call for its whole length, exclusive
+//                      for unmount and update; so a call never sees the
+//                      mount go away under it, and unmount waits for calls.
+//   OpenFile::lock     shared by a file's I/O, exclusive for its close or
+//                      revocation. Always taken after MountState::lock.
+//   OpenFile::offset_lock  serialises read/write that use the file offset.
+//   MountState::registry_lock  guards the registry of open files, mappings
+//                      and held nodes; innermost, held only briefly and never
+//                      across a call into the driver.
+// No library lock is held while a caller's callback runs.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "exvol/types.h"
+#include "exvol/volume.h"
+#include "host/mount.h"
+#include "host/types.h"
+#include "host/vfs.h"
+#include "host/vnode.h"
+
+namespace exvol::detail {
+
+inline std::error_code make_error(int error) {
+  return error == 0 ? std::error_code() : std::error_code(error, std::generic_category());
+}
+
+struct OpenFile;
+struct MapState;
+
+// The references a front end holds through NodeIds. Each held node owns
+// one use reference on its vnode, whatever its count. Guarded by
+// MountState::registry_lock.
+struct NodeTable {
+  struct Entry {
+    vnode_t vp = NULLVP;
+    uint64_t count = 0;
+  };
+  std::unordered_map<uint64_t, Entry> by_id;
+  std::unordered_map<vnode_t, uint64_t> by_vnode;
+  uint64_t next_id = 2;  // 1 is the root
+};
+
+struct MountState {
+  std::shared_mutex lock;
+  mount_t mp = nullptr;       // nullptr once unmounted; lock
+  vnode_t devvp = nullptr;    // lock
+  bool read_only = false;     // lock
+  bool device_writable = false;
+
+  std::mutex registry_lock;
+  std::unordered_set<OpenFile*> files;
+  std::unordered_set<MapState*> maps;
+  NodeTable nodes;
+};
+
+// An open file. vp holds a use reference taken with fmode (FREAD, FWRITE)
+// until the file is closed or revoked.
+struct OpenFile {
+  std::shared_ptr<MountState> ms;
+  std::shared_mutex lock;
+  vnode_t vp = NULLVP;    // lock; NULLVP once closed
+  bool revoked = false;   // lock; closed by unmount or downgrade
+  int fmode = 0;
+  int oflags = 0;
+  std::mutex offset_lock;
+  int64_t offset = 0;     // offset_lock
+};
+
+// A mapped range. vp holds a use reference until the mapping goes.
+struct MapState {
+  std::shared_ptr<MountState> ms;
+  std::shared_mutex lock;
+  vnode_t vp = NULLVP;    // lock; NULLVP once unmapped
+  bool revoked = false;   // lock
+  int64_t offset = 0;
+  size_t length = 0;
+  bool writable = false;
+};
+
+// A call's hold on the mount: MountState::lock shared. error is ENXIO when
+// the volume is no longer mounted.
+class CallGuard {
+ public:
+  explicit CallGuard(MountState& ms) : ms_(ms), lock_(ms.lock) {}
+  int error() const { return ms_.mp == nullptr ? ENXIO : 0; }
+  MountState& ms() const { return ms_; }
+
+ private:
+  MountState& ms_;
+  std::shared_lock<std::shared_mutex> lock_;
+};
+
+// An I/O reference (vnode_get or one handed out by the driver), dropped
+// with vnode_put at scope exit unless released.
+class IoRef {
+ public:
+  IoRef() = default;
+  explicit IoRef(vnode_t vp) : vp_(vp) {}
+  IoRef(IoRef&& o) noexcept : vp_(o.release()) {}
+  IoRef& operator=(IoRef&& o) noexcept {
+    if (this != &o) {
+      reset();
+      vp_ = o.release();
+    }
+    return *this;
+  }
+  IoRef(const IoRef&) = delete;
+  IoRef& operator=(const IoRef&) = delete;
+  ~IoRef() { reset(); }
+
+  vnode_t get() const { return vp_; }
+  explicit operator bool() const { return vp_ != NULLVP; }
+  vnode_t release() {
+    vnode_t vp = vp_;
+    vp_ = NULLVP;
+    return vp;
+  }
+  void reset(vnode_t vp = NULLVP) {
+    if (vp_ != NULLVP)
+      vnode_put(vp_);
+    vp_ = vp;
+  }
+
+ private:
+  vnode_t vp_ = NULLVP;
+};
+
+// One pathname component as VNOP_LOOKUP and the namespace operations take
+// it, with its own copy of the name.
+class Component {
+ public:
+  Component(std::string_view name, uint32_t nameiop, uint32_t flags);
+  Component(const Component&) = delete;
+  Component& operator=(const Component&) = delete;
+  struct componentname* cn() { return &cn_; }
+
+ private:
+  std::string name_;
+  struct componentname cn_ = {};
+};
+
+// The result of a path resolution. vp is the file the path names, with an
+// I/O reference, or empty when the last component is free and the
+// resolution was for CREATE or RENAME. dvp (when asked for) is the
+// directory that holds the last component. last is that component as the
+// driver saw it; trailing_slash says that the path ended in '/'.
+struct Nameidata {
+  IoRef dvp;
+  IoRef vp;
+  std::string last;
+  bool trailing_slash = false;
+  bool is_dot() const { return last == "."; }
+  bool is_dotdot() const { return last == ".."; }
+};
+
+// namei flags.
+inline constexpr int kFollow = 0x1;      // follow a symbolic link as last component
+inline constexpr int kWantParent = 0x2;  // return the last component's directory
+
+// Resolves `path` from the directory `start` (with an I/O reference held by
+// the caller; NULLVP for the root). nameiop (LOOKUP, CREATE, DELETE,
+// RENAME) is what the last component is looked up for. The caller holds a
+// CallGuard. Returns 0, ENOENT, ENOTDIR, ELOOP, ENAMETOOLONG or a lookup
+// error.
+int namei(MountState& ms, vnode_t start, std::string_view path, uint32_t nameiop, int flags,
+          Nameidata* nd);
+
+// Runs `op` again while it asks for the whole call to be redone (ERESTART:
+// a namespace operation found under its locks that a node it was handed had
+// changed). Gives up with EAGAIN after a bounded number of rounds.
+int restartable(const std::function<int()>& op);
+
+// --- Operations on vnodes (caller holds a CallGuard and an I/O reference) ---
+
+int vn_getattr(vnode_t vp, Stat* out);
+// The file flags of a vnode (kFlag*), or 0 when getattr fails.
+uint32_t vn_flags(vnode_t vp);
+int vn_truncate(MountState& ms, vnode_t vp, int64_t size);
+int vn_utimes(MountState& ms, vnode_t vp, const TimeChange& times);
+int vn_chflags(MountState& ms, vnode_t vp, uint32_t flags);
+int vn_readlink(vnode_t vp, std::string* target);
+
+// One batch of a directory listing from `cookie`: entries (each with its
+// own cookie), the cookie after the batch and whether the end was reached.
+struct DirBatch {
+  std::vector<DirEntry> entries;
+  uint64_t next = 0;
+  bool end = false;
+};
+int vn_readdir_batch(vnode_t dvp, uint64_t cookie, DirBatch* out);
+
+// Hands a listing to `callback` batch by batch. fetch(cookie, batch) reads
+// one batch under the caller's own guards; none is held while the callback
+// runs.
+int deliver_listing(const std::function<int(uint64_t, DirBatch*)>& fetch, uint64_t cookie,
+                    const DirCallback& callback, uint64_t* next_cookie, bool* end);
+
+// Opens vp (I/O reference held by the caller) for a new File: checks the
+// mode against the file's type and flags, truncates with O_TRUNC, calls
+// VNOP_OPEN and takes the use reference the open file holds.
+int vn_open(const std::shared_ptr<MountState>& ms, vnode_t vp, int oflags, bool created,
+            std::shared_ptr<OpenFile>* out);
+
+// The vnode a NodeId stands for, with an I/O reference; ESTALE when not
+// held. Caller holds a CallGuard.
+int node_vnode(MountState& ms, NodeId id, IoRef* out);
+// Adds one reference to the node of vp (I/O reference held by the caller),
+// making a new NodeId when vp is not held yet. The root is kRootNode.
+int node_hold(MountState& ms, vnode_t vp, NodeId* out);
+// Drops count references of a node: ESTALE when it is not held, EINVAL for
+// more references than it has (nothing dropped then).
+int node_release(MountState& ms, NodeId id, uint64_t count);
+size_t node_count(MountState& ms);
+// Drops every node reference (unmount). Caller holds MountState::lock
+// exclusively.
+void nodes_release_all(MountState& ms);
+
+// Closes an open file or ends a mapping: the caller holds its lock
+// exclusively and it is open. Returns VNOP_CLOSE's or VNOP_MNOMAP's error.
+int file_close_locked(OpenFile* f);
+int map_close_locked(MapState* m);
+
+// Revokes an open file or mapping at unmount or downgrade: closes it as its
+// owner would have. Caller holds MountState::lock exclusively.
+void file_revoke(OpenFile* f);
+void map_revoke(MapState* m);
+
+// --- Namespace calls (caller holds a CallGuard) --------------------------------
+//
+// Each resolves `path` from `start` (NULLVP: the root) and redoes the whole
+// call, resolution included, when the driver asks for a restart. Where
+// `made` is given it receives the vnode the call made or opened.
+
+int op_lookup(MountState& ms, vnode_t start, std::string_view path, bool follow, IoRef* out);
+int op_open(const std::shared_ptr<MountState>& ms, vnode_t start, std::string_view path,
+            int oflags, std::shared_ptr<OpenFile>* file, IoRef* made);
+int op_mkdir(MountState& ms, vnode_t start, std::string_view path, IoRef* made);
+int op_symlink(MountState& ms, vnode_t start, std::string_view path, std::string_view target,
+               IoRef* made);
+int op_unlink(MountState& ms, vnode_t start, std::string_view path);
+int op_rmdir(MountState& ms, vnode_t start, std::string_view path);
+int op_rename(MountState& ms, vnode_t from_start, std::string_view from, vnode_t to_start,
+              std::string_view to, unsigned flags);
+
+}  // namespace exvol::detail
+
+namespace exvol {
+
+struct Volume::Impl {
+  std::shared_ptr<detail::MountState> ms;
+};
+
+}  // namespace exvol

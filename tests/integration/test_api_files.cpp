@@ -1,0 +1,294 @@
+// Open files through libexvol: the open flags, reading and writing with
+// and without offsets, sizes, syncs, and files removed while open.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "tests/integration/api_fixture.h"
+
+namespace exvol::test {
+namespace {
+
+class ApiFiles : public ApiTest {};
+
+TEST_F(ApiFiles, WrittenDataReadsBackAfterRemount) {
+  EXVOL_FORMAT_OR_SKIP();
+  ASSERT_FALSE(mount());
+  ASSERT_FALSE(volume_->mkdir("/d"));
+  std::vector<uint8_t> small = pattern(100, 1), large = pattern(3 * 1024 * 1024 + 17, 2);
+  ASSERT_FALSE(write_file("/d/small", small));
+  ASSERT_FALSE(write_file("d/large.bin", large));
+  ASSERT_FALSE(write_file("/empty", {}));
+  unmount_and_check();
+
+  ASSERT_FALSE(mount());
+  EXPECT_EQ(small, read_file("/d/small"));
+  EXPECT_EQ(large, read_file("/d/large.bin"));
+  EXPECT_TRUE(read_file("/empty").empty());
+  Stat st;
+  ASSERT_FALSE(volume_->stat("/d/large.bin", &st));
+  EXPECT_EQ(FileType::Regular, st.type);
+  EXPECT_EQ(large.size(), st.size);
+  EXPECT_EQ(3u * 1024 * 1024 + 4096, st.allocated) << "whole 4 KiB clusters";
+  EXPECT_EQ(S_IFREG | 0755u, st.mode);
+  EXPECT_EQ(1u, st.nlink);
+  ASSERT_FALSE(volume_->stat("/empty", &st));
+  EXPECT_EQ(0u, st.size);
+  EXPECT_EQ(0u, st.allocated);
+  EXPECT_EQ(1u, st.file_id) << "files without clusters share the id 1";
+  ASSERT_FALSE(volume_->stat("/d", &st));
+  EXPECT_EQ(FileType::Directory, st.type);
+  EXPECT_EQ(S_IFDIR | 0755u, st.mode);
+  unmount_and_check();
+}
+
+TEST_F(ApiFiles, OpenFlags) {
+  EXVOL_FORMAT_OR_SKIP();
+  ASSERT_FALSE(mount());
+  File f;
+  EXPECT_EQ(ENOENT, err(volume_->open("/nope", O_RDONLY, &f)));
+  EXPECT_FALSE(f.is_open());
+  ASSERT_FALSE(volume_->open("/a", O_RDWR | O_CREAT | O_EXCL, &f));
+  EXPECT_TRUE(f.is_open());
+  EXPECT_EQ(O_RDWR | O_CREAT | O_EXCL, f.flags());
+  ASSERT_FALSE(f.close());
+  EXPECT_EQ(EBADF, err(f.close()));
+  EXPECT_EQ(EEXIST, err(volume_->open("/a", O_RDWR | O_CREAT | O_EXCL, &f)));
+  EXPECT_EQ(EEXIST, err(volume_->open("/A", O_RDWR | O_CREAT | O_EXCL, &f)))
+      << "names compare without regard to case";
+  ASSERT_FALSE(write_file("/a", pattern(5000, 3), O_WRONLY));
+  // O_CREAT without O_EXCL opens what exists, leaving its data.
+  ASSERT_FALSE(volume_->open("/a", O_RDONLY | O_CREAT, &f));
+  Stat st;
+  ASSERT_FALSE(f.stat(&st));
+  EXPECT_EQ(5000u, st.size);
+  ASSERT_FALSE(f.close());
+  // O_TRUNC empties it and gives its clusters back.
+  uint64_t before = free_clusters();
+  ASSERT_FALSE(volume_->open("/a", O_WRONLY | O_TRUNC, &f));
+  ASSERT_FALSE(f.stat(&st));
+  EXPECT_EQ(0u, st.size);
+  EXPECT_EQ(before + 2, free_clusters());
+  ASSERT_FALSE(f.close());
+
+  ASSERT_FALSE(volume_->mkdir("/dir"));
+  EXPECT_EQ(EISDIR, err(volume_->open("/dir", O_WRONLY, &f)));
+  EXPECT_EQ(EISDIR, err(volume_->open("/dir", O_RDONLY | O_CREAT, &f)));
+  EXPECT_EQ(ENOTDIR, err(volume_->open("/a", O_RDONLY | O_DIRECTORY, &f)));
+  EXPECT_EQ(ENOTDIR, err(volume_->open("/a/b", O_RDONLY | O_CREAT, &f)));
+  EXPECT_EQ(ENOTDIR, err(volume_->open("/a/", O_RDONLY, &f)));
+  EXPECT_EQ(EISDIR, err(volume_->open("/new/", O_RDWR | O_CREAT, &f)));
+  EXPECT_EQ(ENOENT, err(volume_->open("/missing/x", O_RDWR | O_CREAT, &f)));
+  EXPECT_EQ(ENOENT, err(volume_->open("", O_RDONLY, &f)));
+  ASSERT_FALSE(volume_->open("/dir", O_RDONLY | O_DIRECTORY, &f));
+  char byte;
+  size_t done = 0;
+  EXPECT_EQ(EISDIR, err(f.read(&byte, 1, &done)));
+  ASSERT_FALSE(f.close());
+  unmount_and_check();
+}
+
+TEST_F(ApiFiles, ReadWriteSeekAndOffsets) {
+  EXVOL_FORMAT_OR_SKIP();
+  ASSERT_FALSE(mount());
+  File f;
+  ASSERT_FALSE(volume_->open("/f", O_RDWR | O_CREAT, &f));
+  size_t done = 0;
+  ASSERT_FALSE(f.write("hello", 5, &done));
+  ASSERT_FALSE(f.write(" world", 6, &done));
+  int64_t pos = -1;
+  ASSERT_FALSE(f.seek(0, SEEK_CUR, &pos));
+  EXPECT_EQ(11, pos);
+  char buf[32] = {};
+  ASSERT_FALSE(f.read(buf, sizeof(buf), &done));
+  EXPECT_EQ(0u, done) << "at the end of file";
+  ASSERT_FALSE(f.seek(-5, SEEK_END, &pos));
+  EXPECT_EQ(6, pos);
+  ASSERT_FALSE(f.read(buf, sizeof(buf), &done));
+  EXPECT_EQ("world", std::string(buf, done));
+  EXPECT_EQ(EINVAL, err(f.seek(-1, SEEK_SET)));
+  EXPECT_EQ(EINVAL, err(f.seek(0, 42)));
+
+  // pread/pwrite leave the file offset alone; a write past the end leaves
+  // zeros in between.
+  ASSERT_FALSE(f.seek(2, SEEK_SET));
+  ASSERT_FALSE(f.pwrite("XY", 2, 20000, &done));
+  EXPECT_EQ(2u, done);
+  ASSERT_FALSE(f.read(buf, 3, &done));
+  EXPECT_EQ("llo", std::string(buf, done));
+  std::vector<uint8_t> gap(20000 - 11, 0xFF);
+  ASSERT_FALSE(f.pread(gap.data(), gap.size(), 11, &done));
+  EXPECT_EQ(gap.size(), done);
+  EXPECT_EQ(std::vector<uint8_t>(gap.size(), 0), gap);
+  ASSERT_FALSE(f.pread(buf, sizeof(buf), 19999, &done));
+  EXPECT_EQ(std::string("\0XY", 3), std::string(buf, done));
+  EXPECT_EQ(EINVAL, err(f.pread(buf, 1, -1, &done)));
+  EXPECT_EQ(EINVAL, err(f.pwrite(buf, 1, -1, &done)));
+  ASSERT_FALSE(f.close());
+
+  // A read-only file refuses writes, a write-only one reads.
+  ASSERT_FALSE(volume_->open("/f", O_RDONLY, &f));
+  EXPECT_EQ(EBADF, err(f.write("z", 1, &done)));
+  EXPECT_EQ(EINVAL, err(f.truncate(0)));
+  ASSERT_FALSE(volume_->open("/f", O_WRONLY, &f));
+  EXPECT_EQ(EBADF, err(f.read(buf, 1, &done)));
+  ASSERT_FALSE(f.close());
+  EXPECT_EQ(EBADF, err(f.read(buf, 1, &done)));
+  unmount_and_check();
+}
+
+TEST_F(ApiFiles, AppendGoesToTheEnd) {
+  EXVOL_FORMAT_OR_SKIP();
+  ASSERT_FALSE(mount());
+  ASSERT_FALSE(write_file("/log", {'a', 'b'}));
+  File f;
+  ASSERT_FALSE(volume_->open("/log", O_WRONLY | O_APPEND, &f));
+  size_t done = 0;
+  ASSERT_FALSE(f.pwrite("c", 1, 0, &done));
+  ASSERT_FALSE(f.write("d", 1, &done));
+  int64_t pos = 0;
+  ASSERT_FALSE(f.seek(0, SEEK_CUR, &pos));
+  EXPECT_EQ(4, pos);
+  ASSERT_FALSE(f.close());
+  EXPECT_EQ((std::vector<uint8_t>{'a', 'b', 'c', 'd'}), read_file("/log"));
+  unmount_and_check();
+}
+
+TEST_F(ApiFiles, TruncateGrowsWithZerosAndShrinks) {
+  EXVOL_FORMAT_OR_SKIP();
+  ASSERT_FALSE(mount());
+  std::vector<uint8_t> data = pattern(10000, 4);
+  ASSERT_FALSE(write_file("/t", data));
+  ASSERT_FALSE(volume_->truncate("/t", 3000));
+  data.resize(3000);
+  EXPECT_EQ(data, read_file("/t"));
+  File f;
+  ASSERT_FALSE(volume_->open("/t", O_RDWR, &f));
+  ASSERT_FALSE(f.truncate(9000));
+  EXPECT_EQ(EINVAL, err(f.truncate(-1)));
+  ASSERT_FALSE(f.close());
+  data.resize(9000, 0);
+  EXPECT_EQ(data, read_file("/t"));
+  EXPECT_EQ(EINVAL, err(volume_->truncate("/t", -5)));
+  ASSERT_FALSE(volume_->mkdir("/d"));
+  EXPECT_EQ(EISDIR, err(volume_->truncate("/d", 0)));
+  EXPECT_EQ(ENOENT, err(volume_->truncate("/none", 0)));
+  unmount_and_check();
+}
+
+// A file removed while open keeps its data for the open file; its clusters
+// come back when the last open file on it is closed.
+TEST_F(ApiFiles, RemoveWhileOpen) {
+  EXVOL_FORMAT_OR_SKIP();
+  ASSERT_FALSE(mount());
+  std::vector<uint8_t> data = pattern(40960, 5);
+  ASSERT_FALSE(write_file("/victim", data));
+  uint64_t with_file = free_clusters();
+  File reader, writer;
+  ASSERT_FALSE(volume_->open("/victim", O_RDONLY, &reader));
+  ASSERT_FALSE(volume_->open("/victim", O_RDWR, &writer));
+  ASSERT_FALSE(volume_->unlink("/victim"));
+  Stat st;
+  EXPECT_EQ(ENOENT, err(volume_->stat("/victim", &st)));
+  EXPECT_EQ(with_file, free_clusters()) << "clusters stay while the file is open";
+  size_t done = 0;
+  ASSERT_FALSE(writer.pwrite("NEW", 3, 100, &done));
+  std::vector<uint8_t> back(data.size());
+  ASSERT_FALSE(reader.pread(back.data(), back.size(), 0, &done));
+  ASSERT_EQ(data.size(), done);
+  memcpy(&data[100], "NEW", 3);
+  EXPECT_EQ(data, back);
+  // A new file may take the name meanwhile.
+  ASSERT_FALSE(write_file("/victim", {'x'}));
+  ASSERT_FALSE(writer.close());
+  EXPECT_EQ(with_file - 1, free_clusters()) << "one open file is left";
+  ASSERT_FALSE(reader.close());
+  EXPECT_EQ(with_file - 1 + 10, free_clusters()) << "the last close frees the clusters";
+  EXPECT_EQ(std::vector<uint8_t>{'x'}, read_file("/victim"));
+  unmount_and_check();
+}
+
+TEST_F(ApiFiles, SyncsReachTheDevice) {
+  EXVOL_FORMAT_OR_SKIP();
+  MountOptions options;
+  options.async = true;
+  ASSERT_FALSE(mount(options));
+  File f;
+  ASSERT_FALSE(volume_->open("/synced", O_RDWR | O_CREAT, &f));
+  std::vector<uint8_t> data = pattern(8192, 6);
+  size_t done = 0;
+  ASSERT_FALSE(f.write(data.data(), data.size(), &done));
+  ASSERT_FALSE(f.fsync());
+  ASSERT_FALSE(f.full_fsync());
+  ASSERT_FALSE(volume_->sync(true));
+  ASSERT_FALSE(volume_->sync(false));
+  // The image as it is now, with the volume still mounted, already holds
+  // the file: a second, read-only mount of a copy finds it.
+  TempFile copy;
+  std::string command = "cp '" + image_.path() + "' '" + copy.path() + "'";
+  ASSERT_EQ(0, std::system(command.c_str()));
+  std::unique_ptr<Volume> other;
+  MountOptions ro;
+  ro.read_only = true;
+  ro.echo_kernel_log = false;
+  ASSERT_FALSE(Volume::mount(copy.path(), ro, &other));
+  Stat st;
+  ASSERT_FALSE(other->stat("/synced", &st));
+  EXPECT_EQ(data.size(), st.size);
+  File g;
+  ASSERT_FALSE(other->open("/synced", O_RDONLY, &g));
+  std::vector<uint8_t> back(data.size());
+  ASSERT_FALSE(g.pread(back.data(), back.size(), 0, &done));
+  EXPECT_EQ(data, back);
+  ASSERT_FALSE(g.close());
+  ASSERT_FALSE(other->unmount());
+  ASSERT_FALSE(f.close());
+  unmount_and_check();
+}
+
+TEST_F(ApiFiles, FullVolumeGivesShortWriteThenNoSpace) {
+  EXVOL_FORMAT_OR_SKIP(8u << 20, "-c 4096");
+  ASSERT_FALSE(mount());
+  uint64_t free_bytes = free_clusters() * 4096;
+  File f;
+  ASSERT_FALSE(volume_->open("/fill", O_WRONLY | O_CREAT, &f));
+  std::vector<uint8_t> data = pattern(free_bytes + 10000, 7);
+  size_t done = 0;
+  std::error_code ec = f.write(data.data(), data.size(), &done);
+  EXPECT_TRUE(!ec || ec.value() == ENOSPC) << ec.message();
+  EXPECT_EQ(free_bytes, done);
+  EXPECT_EQ(ENOSPC, err(f.write(data.data(), 1, &done)));
+  EXPECT_EQ(0u, done);
+  ASSERT_FALSE(f.close());
+  data.resize(free_bytes);
+  EXPECT_EQ(data, read_file("/fill"));
+  EXPECT_EQ(ENOSPC, err(volume_->mkdir("/nodir")));
+  unmount_and_check();
+}
+
+TEST_F(ApiFiles, ClosedAndUnmountedHandlesFailCleanly) {
+  EXVOL_FORMAT_OR_SKIP();
+  ASSERT_FALSE(mount());
+  File f;
+  ASSERT_FALSE(volume_->open("/h", O_RDWR | O_CREAT, &f));
+  EXPECT_EQ(EBUSY, err(volume_->unmount())) << "an open file keeps the volume busy";
+  ASSERT_FALSE(volume_->unmount(true));
+  size_t done = 0;
+  char c = 0;
+  EXPECT_EQ(ENXIO, err(f.write(&c, 1, &done)));
+  EXPECT_EQ(ENXIO, err(f.read(&c, 1, &done)));
+  EXPECT_EQ(ENXIO, err(f.fsync()));
+  EXPECT_EQ(ENXIO, err(f.close()));
+  EXPECT_FALSE(f.is_open());
+  File g;
+  EXPECT_EQ(ENXIO, err(volume_->open("/h", O_RDONLY, &g)));
+  Stat st;
+  EXPECT_EQ(ENXIO, err(volume_->stat("/", &st)));
+  std::string fsck = fsck_program();
+  if (!fsck.empty()) {
+    EXPECT_EQ(0, std::system((fsck + " -n '" + image_.path() + "' >/dev/null 2>&1").c_str()));
+  }
+}
+
+}  // namespace
+}  // namespace exvol::test

@@ -1,0 +1,246 @@
+// Directory listings and node references through libexvol.
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "tests/integration/api_fixture.h"
+
+namespace exvol::test {
+namespace {
+
+class ApiListing : public ApiTest {};
+
+std::string numbered(int i) {
+  char name[32];
+  snprintf(name, sizeof(name), "entry-%04d.txt", i);
+  return name;
+}
+
+// A large directory listed whole and in pieces: every piece resumes where
+// the previous one stopped, by the cookie it returned and by the cookie of
+// the last entry taken.
+TEST_F(ApiListing, LargeDirectoryResumesByCookie) {
+  EXVOL_FORMAT_OR_SKIP();
+  ASSERT_FALSE(mount());
+  ASSERT_FALSE(volume_->mkdir("/big"));
+  const int kFiles = 700;
+  std::set<std::string> expected;
+  for (int i = 0; i < kFiles; i++) {
+    ASSERT_FALSE(write_file("/big/" + numbered(i), {}));
+    expected.insert(numbered(i));
+  }
+  ASSERT_FALSE(volume_->mkdir("/big/subdir"));
+  expected.insert("subdir");
+
+  std::vector<DirEntry> all;
+  uint64_t next = 0;
+  bool end = false;
+  ASSERT_FALSE(volume_->readdir("/big", kDirStart, [&](const DirEntry& e) {
+    all.push_back(e);
+    return true;
+  }, &next, &end));
+  EXPECT_TRUE(end);
+  ASSERT_EQ(expected.size() + 2, all.size());
+  EXPECT_EQ(".", all[0].name);
+  EXPECT_EQ("..", all[1].name);
+  EXPECT_EQ(32u, all[0].cookie);
+  EXPECT_EQ(64u, all[1].cookie);
+  std::set<std::string> seen;
+  for (size_t i = 2; i < all.size(); i++) {
+    EXPECT_TRUE(seen.insert(all[i].name).second) << "listed twice: " << all[i].name;
+    EXPECT_EQ(all[i].name == "subdir" ? FileType::Directory : FileType::Regular, all[i].type);
+    EXPECT_GT(all[i].cookie, all[i - 1].cookie);
+  }
+  EXPECT_EQ(expected, seen);
+  EXPECT_EQ(next, all.back().cookie);
+
+  // Pieces of 7 entries: the callback refuses the 8th, which the next
+  // piece must begin with.
+  std::vector<std::string> pieced;
+  uint64_t cookie = kDirStart;
+  for (int rounds = 0; rounds < 1000; rounds++) {
+    int taken = 0;
+    end = false;
+    ASSERT_FALSE(volume_->readdir("/big", cookie, [&](const DirEntry& e) {
+      if (taken == 7)
+        return false;
+      taken++;
+      pieced.push_back(e.name);
+      return true;
+    }, &cookie, &end));
+    if (end)
+      break;
+  }
+  ASSERT_TRUE(end);
+  ASSERT_EQ(all.size(), pieced.size());
+  for (size_t i = 0; i < all.size(); i++)
+    EXPECT_EQ(all[i].name, pieced[i]);
+
+  // Any entry's cookie continues right after it.
+  for (size_t i : {size_t{0}, size_t{1}, size_t{2}, size_t{350}, all.size() - 2}) {
+    std::string first;
+    ASSERT_FALSE(volume_->readdir("/big", all[i].cookie, [&](const DirEntry& e) {
+      first = e.name;
+      return false;
+    }));
+    EXPECT_EQ(all[i + 1].name, first);
+  }
+  std::string none;
+  ASSERT_FALSE(volume_->readdir("/big", all.back().cookie, [&](const DirEntry& e) {
+    none = e.name;
+    return true;
+  }, nullptr, &end));
+  EXPECT_TRUE(end);
+  EXPECT_EQ("", none);
+  EXPECT_EQ(EINVAL, err(volume_->readdir("/big", 16, [](const DirEntry&) { return true; })));
+  EXPECT_EQ(ENOTDIR, err(volume_->readdir("/big/" + numbered(1), 0,
+                                          [](const DirEntry&) { return true; })));
+  EXPECT_EQ(ENOENT, err(volume_->readdir("/none", 0, [](const DirEntry&) { return true; })));
+
+  // Removing entries between pieces: the listing goes on with what remains.
+  uint64_t half = all[352].cookie;
+  for (size_t i = 353; i < 363; i++)
+    ASSERT_FALSE(volume_->unlink("/big/" + all[i].name));
+  std::string after;
+  ASSERT_FALSE(volume_->readdir("/big", half, [&](const DirEntry& e) {
+    after = e.name;
+    return false;
+  }));
+  EXPECT_EQ(all[363].name, after);
+  unmount_and_check();
+}
+
+// A listing of a builder-made volume: names of every length, a directory,
+// a file of a symbolic link's size that is no link, and a real link, all
+// typed; a file's contents read back.
+TEST_F(ApiListing, BuilderVolumeListsTypedEntries) {
+  Geometry g;
+  g.sector_shift = 9;
+  g.cluster_shift = 3;
+  g.cluster_count = 2048;
+  ImageBuilder b(g);
+  b.add_bitmap_entry().add_upcase_entry().add_label(u"BUILT");
+  Dir docs = b.mkdir(b.root(), u"Docs");
+  std::vector<uint8_t> text = pattern(5000, 21);
+  b.add_file(docs, u"readme.txt", text);
+  b.add_file(docs, u"fake-link", std::vector<uint8_t>(1067, 'x'));
+  b.add_file(docs, u"contig.bin", pattern(9000, 22), Alloc::Contiguous);
+  b.add_file(docs, std::u16string(255, u'L'), {1});
+  build(b);
+  ASSERT_FALSE(mount());
+  ASSERT_FALSE(volume_->symlink("readme.txt", "/docs/link"));
+  std::map<std::string, FileType> types;
+  std::vector<DirEntry> entries;
+  ASSERT_FALSE(volume_->list("/docs", &entries));
+  for (const DirEntry& e : entries)
+    types[e.name] = e.type;
+  EXPECT_EQ(5u, types.size());
+  EXPECT_EQ(FileType::Regular, types["readme.txt"]);
+  EXPECT_EQ(FileType::Regular, types["fake-link"]);
+  EXPECT_EQ(FileType::Regular, types["contig.bin"]);
+  EXPECT_EQ(FileType::Regular, types[std::string(255, 'L')]);
+  EXPECT_EQ(FileType::Symlink, types["link"]);
+  EXPECT_EQ(text, read_file("/DOCS/README.TXT"));
+  EXPECT_EQ(text, read_file("/docs/link"));
+  EXPECT_EQ(pattern(9000, 22), read_file("/docs/contig.bin"));
+  std::vector<std::string> root = names("/");
+  EXPECT_EQ(std::vector<std::string>{"Docs"}, root) << "the stored case is listed";
+  unmount_and_check();
+}
+
+class ApiNodes : public ApiTest {};
+
+TEST_F(ApiNodes, ReferencesAndCalls) {
+  EXVOL_FORMAT_OR_SKIP();
+  ASSERT_FALSE(mount());
+  NodeId dir{}, file{}, again{}, link{};
+  Stat st;
+  ASSERT_FALSE(volume_->mkdir(kRootNode, "dir", &dir, &st));
+  EXPECT_EQ(FileType::Directory, st.type);
+  EXPECT_NE(kRootNode, dir);
+  File f;
+  ASSERT_FALSE(volume_->create(dir, "file", O_RDWR | O_EXCL, &f, &file, &st));
+  EXPECT_EQ(FileType::Regular, st.type);
+  size_t done = 0;
+  ASSERT_FALSE(f.write("abc", 3, &done));
+  ASSERT_FALSE(f.close());
+  EXPECT_EQ(EEXIST, err(volume_->create(dir, "FILE", O_RDWR | O_EXCL, &f, &again)));
+  ASSERT_FALSE(volume_->symlink("file", dir, "link", &link, &st));
+  EXPECT_EQ(FileType::Symlink, st.type);
+  EXPECT_EQ(3u, volume_->node_count());
+
+  // A lookup of a held vnode hands out its id again, counted.
+  ASSERT_FALSE(volume_->lookup(dir, "File", &again, &st));
+  EXPECT_EQ(file, again);
+  EXPECT_EQ(3u, st.size);
+  ASSERT_FALSE(volume_->lookup(kRootNode, "dir", &again));
+  EXPECT_EQ(dir, again);
+  ASSERT_FALSE(volume_->lookup(dir, "..", &again));
+  EXPECT_EQ(kRootNode, again);
+  EXPECT_EQ(ENOENT, err(volume_->lookup(dir, "nothing", &again)));
+  EXPECT_EQ(EINVAL, err(volume_->lookup(kRootNode, "dir/file", &again)));
+  std::string target;
+  ASSERT_FALSE(volume_->readlink(link, &target));
+  EXPECT_EQ("file", target);
+  EXPECT_EQ(FileType::Symlink, (volume_->lookup(dir, "link", &again, &st), st.type))
+      << "a node lookup does not follow links";
+
+  // Calls on nodes.
+  ASSERT_FALSE(volume_->truncate(file, 10));
+  ASSERT_FALSE(volume_->chflags(file, kFlagHidden));
+  ASSERT_FALSE(volume_->getattr(file, &st));
+  EXPECT_EQ(10u, st.size);
+  EXPECT_EQ(kFlagHidden, st.flags & kFlagHidden);
+  ASSERT_FALSE(volume_->open(file, O_RDONLY, &f));
+  char buf[16];
+  ASSERT_FALSE(f.pread(buf, sizeof(buf), 0, &done));
+  EXPECT_EQ(std::string("abc\0\0\0\0\0\0\0", 10), std::string(buf, done));
+  ASSERT_FALSE(f.close());
+  std::vector<std::string> listed;
+  ASSERT_FALSE(volume_->readdir(dir, kDirStart, [&](const DirEntry& e) {
+    listed.push_back(e.name);
+    return true;
+  }));
+  EXPECT_EQ((std::vector<std::string>{".", "..", "file", "link"}), listed);
+
+  // Renamed and removed while held: the node stays valid.
+  ASSERT_FALSE(volume_->rename(dir, "file", kRootNode, "moved"));
+  ASSERT_FALSE(volume_->getattr(file, &st));
+  EXPECT_EQ(10u, st.size);
+  ASSERT_FALSE(volume_->unlink(kRootNode, "moved"));
+  ASSERT_FALSE(volume_->getattr(file, &st));
+  ASSERT_FALSE(volume_->open(file, O_RDONLY, &f));
+  ASSERT_FALSE(f.close());
+  EXPECT_EQ(ENOENT, err(volume_->lookup(kRootNode, "moved", &again)));
+  ASSERT_FALSE(volume_->unlink(dir, "link"));
+  ASSERT_FALSE(volume_->rmdir(kRootNode, "dir")) << "a held directory can be removed";
+  ASSERT_FALSE(volume_->getattr(dir, &st));
+  NodeId orphan{};
+  EXPECT_EQ(ENOENT, err(volume_->create(dir, "orphan", O_RDWR, &f, &orphan)))
+      << "nothing is made in a removed directory";
+
+  // References: file was handed out twice (create, lookup), dir twice
+  // (mkdir, lookup), link twice (symlink, lookup).
+  EXPECT_EQ(EINVAL, err(volume_->unref(file, 3)));
+  ASSERT_FALSE(volume_->unref(file, 2));
+  EXPECT_EQ(ESTALE, err(volume_->getattr(file, &st)));
+  EXPECT_EQ(ESTALE, err(volume_->unref(file)));
+  ASSERT_FALSE(volume_->ref(dir));
+  ASSERT_FALSE(volume_->unref(dir, 3));
+  ASSERT_FALSE(volume_->unref(link, 2));
+  EXPECT_EQ(0u, volume_->node_count());
+  ASSERT_FALSE(volume_->unref(kRootNode, 100)) << "the root is never counted";
+  ASSERT_FALSE(volume_->getattr(kRootNode, &st));
+
+  // Nodes go at unmount, and calls on them afterwards fail cleanly.
+  ASSERT_FALSE(volume_->mkdir(kRootNode, "kept", &dir));
+  unmount_and_check();
+  EXPECT_EQ(ENXIO, err(volume_->getattr(dir, &st)));
+  EXPECT_EQ(ENXIO, err(volume_->lookup(kRootNode, "kept", &dir)));
+}
+
+}  // namespace
+}  // namespace exvol::test
