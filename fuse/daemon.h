@@ -14,13 +14,27 @@
 // between the open reply and release, so the I/O paths use it without a
 // lookup or a lock; the registry exists only so that handles the kernel
 // never released can be closed before the volume is unmounted.
+//
+// Times of written files. The driver stamps a written file's modification
+// time when the file is next closed or synced. A kernel file system closes
+// at close(2), but the kernel sends FUSE's release without waiting for it,
+// so "write, close, utimes" (tar, rsync) could reach the volume as "write,
+// utimes, close" and lose the times set. So a descriptor's close (flush)
+// syncs a handle that has written since its last flush, which stamps the
+// time then. And a process may set times through a descriptor it still
+// writes with (cp -p): times set while writers are open are remembered and
+// set again after each sync and after the last writer's close, unless data
+// changed after them.
 
 #define FUSE_USE_VERSION 314
 #include <fuse3/fuse_lowlevel.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <system_error>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "exvol/file.h"
@@ -31,7 +45,11 @@ namespace exvol::fuse {
 
 struct Handle {
   File file;
+  NodeId node{};
   bool directory = false;
+  bool writer = false;  // opened for writing
+  // Written since the last flush; set by write, cleared by flush.
+  std::atomic<bool> written{false};
 };
 
 class Daemon {
@@ -48,8 +66,18 @@ class Daemon {
   uint64_t add_handle(std::unique_ptr<Handle> handle);
   // The handle of a FUSE file handle the kernel holds.
   static Handle& handle(uint64_t fh) { return *reinterpret_cast<Handle*>(fh); }
-  // Takes a handle back from the registry at release.
-  std::unique_ptr<Handle> take_handle(uint64_t fh);
+  // Takes a handle out of the registry and closes its file (release).
+  std::error_code close_handle(uint64_t fh);
+
+  // Times set on a node: remembered while it has writers.
+  void times_set(NodeId node, const TimeChange& times);
+  // Sets the times remembered for a node again (after a sync stamped it).
+  void reapply_times(NodeId node);
+  // Data or size changed: the times remembered for the node no longer hold.
+  void data_changed(NodeId node) {
+    if (remembered_.load(std::memory_order_relaxed) != 0)
+      forget_times(node);
+  }
 
   // Closes what the kernel left open and unmounts the volume: cleanly when
   // possible, else forcibly. Returns the unmount's result. Call once, after
@@ -70,10 +98,25 @@ class Daemon {
   static constexpr double kEntryTimeout = 1.0;
 
  private:
+  struct Writers {
+    int count = 0;
+    std::optional<TimeChange> times;
+  };
+
+  void forget_times(NodeId node);
+  // Closes a handle already out of the registry.
+  std::error_code close(std::unique_ptr<Handle> h);
+
   Config config_;
   std::unique_ptr<Volume> volume_;
+  // Lock order: handles_lock_ is never held while taking writers_lock_
+  // or calling the library.
   std::mutex handles_lock_;
   std::unordered_set<Handle*> handles_;  // protected by handles_lock_
+  std::mutex writers_lock_;
+  std::unordered_map<uint64_t, Writers> writers_;  // by NodeId; protected by writers_lock_
+  // Entries of writers_ with times; read without the lock by data_changed.
+  std::atomic<int> remembered_{0};
 };
 
 // The operation table; the userdata of the session is the Daemon.

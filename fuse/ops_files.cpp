@@ -27,22 +27,29 @@ int library_flags(int kernel_flags, const Config& c) {
 
 // Hands an open File to the kernel. If the reply can't be delivered the
 // kernel will never release the handle, so it is closed here.
-void reply_open(fuse_req_t req, fuse_file_info* fi, File file, bool directory) {
-  Daemon& d = daemon_of(req);
+// Registers the handle of a newly opened file in fi.
+void add_handle(Daemon& d, fuse_file_info* fi, File file, NodeId node, bool directory) {
   auto h = std::make_unique<Handle>();
+  h->writer = !directory && (file.flags() & O_ACCMODE) != O_RDONLY;
   h->file = std::move(file);
+  h->node = node;
   h->directory = directory;
   fi->fh = d.add_handle(std::move(h));
   // Nothing but this daemon changes the volume, so what the kernel has
   // cached of a file stays true from one open to the next.
   fi->keep_cache = directory ? 0 : 1;
-  if (fuse_reply_open(req, fi) != 0)
-    d.take_handle(fi->fh)->file.close();
 }
 
+void reply_open(fuse_req_t req, fuse_file_info* fi, File file, NodeId node, bool directory) {
+  Daemon& d = daemon_of(req);
+  add_handle(d, fi, std::move(file), node, directory);
+  if (fuse_reply_open(req, fi) != 0)
+    d.close_handle(fi->fh);
+}
+
+// The file's close errors have nowhere to go: close(2) returned already.
 void release_handle(fuse_req_t req, fuse_file_info* fi) {
-  std::unique_ptr<Handle> h = daemon_of(req).take_handle(fi->fh);
-  h->file.close();
+  daemon_of(req).close_handle(fi->fh);
   fuse_reply_err(req, 0);
 }
 
@@ -101,7 +108,7 @@ void op_open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   if (ec)
     reply_error(req, ec);
   else
-    reply_open(req, fi, std::move(file), false);
+    reply_open(req, fi, std::move(file), node_of(ino), false);
 }
 
 // The mode is not kept (exFAT has none): the new file reports the mount's.
@@ -117,13 +124,10 @@ void op_create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse
     reply_error(req, ec);
     return;
   }
-  auto h = std::make_unique<Handle>();
-  h->file = std::move(file);
-  fi->fh = d.add_handle(std::move(h));
-  fi->keep_cache = 1;
+  add_handle(d, fi, std::move(file), node, false);
   fuse_entry_param e = d.entry(node, st);
   if (fuse_reply_create(req, &e, fi) != 0) {
-    d.take_handle(fi->fh)->file.close();
+    d.close_handle(fi->fh);
     d.volume().unref(node, 1);
   }
 }
@@ -144,20 +148,34 @@ void op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info*
 
 // A short write (the volume filled up) reports what was written; the
 // kernel then retries the rest and gets ENOSPC.
-void op_write(fuse_req_t req, fuse_ino_t, const char* buf, size_t size, off_t off,
+void op_write(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t off,
               fuse_file_info* fi) {
   size_t done = 0;
-  std::error_code ec = Daemon::handle(fi->fh).file.pwrite(buf, size, off, &done);
+  Handle& h = Daemon::handle(fi->fh);
+  std::error_code ec = h.file.pwrite(buf, size, off, &done);
+  if (done != 0) {
+    h.written.store(true);
+    daemon_of(req).data_changed(node_of(ino));
+  }
   if (ec && done == 0)
     reply_error(req, ec);
   else
     fuse_reply_write(req, done);
 }
 
-// close(2) of one descriptor. Pending directory-entry changes are written
-// when the last descriptor is released, as a kernel file system does at
-// close; nothing needs doing for each descriptor.
-void op_flush(fuse_req_t req, fuse_ino_t, fuse_file_info*) { fuse_reply_err(req, 0); }
+// close(2) of a descriptor: a handle written since its last flush is
+// synced, so that its modification time is stamped now and not at the
+// release that follows without waiting (see daemon.h), and so that close
+// reports write errors.
+void op_flush(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+  Handle& h = Daemon::handle(fi->fh);
+  std::error_code ec;
+  if (h.written.exchange(false)) {
+    ec = h.file.fsync();
+    daemon_of(req).reapply_times(node_of(ino));
+  }
+  fuse_reply_err(req, ec.value());
+}
 
 void op_release(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) { release_handle(req, fi); }
 
@@ -171,7 +189,7 @@ void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   if (ec)
     reply_error(req, ec);
   else
-    reply_open(req, fi, std::move(file), true);
+    reply_open(req, fi, std::move(file), node_of(ino), true);
 }
 
 // Plain listings carry no reference, so names other than "." and ".."

@@ -69,12 +69,15 @@ std::error_code check_owner(const Config& c, const struct stat* attr, int to_set
 }
 
 std::error_code change_size(Daemon& d, NodeId node, off_t size, fuse_file_info* fi) {
+  d.data_changed(node);
   // ftruncate comes with the handle; a handle open for writing truncates
   // through the open file, as the descriptor would.
   if (fi != nullptr && fi->fh != 0) {
     Handle& h = Daemon::handle(fi->fh);
-    if (!h.directory && (h.file.flags() & O_ACCMODE) != O_RDONLY)
+    if (!h.directory && (h.file.flags() & O_ACCMODE) != O_RDONLY) {
+      h.written.store(true);
       return h.file.truncate(size);
+    }
   }
   return d.volume().truncate(node, size);
 }
@@ -91,7 +94,10 @@ std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, in
     tc.modified = attr->st_mtim;
   if (!tc.accessed && !tc.modified)
     return {};
-  return d.volume().utimes(node, tc);
+  std::error_code ec = d.volume().utimes(node, tc);
+  if (!ec)
+    d.times_set(node, tc);
+  return ec;
 }
 
 // Whether the caller may access a file with the given kernel mode, by the
