@@ -61,6 +61,11 @@ std::error_code Daemon::close(std::unique_ptr<Handle> h) {
   return ec;
 }
 
+bool Daemon::has_writers(NodeId node) {
+  std::lock_guard<std::mutex> guard(writers_lock_);
+  return writers_.count(static_cast<uint64_t>(node)) != 0;
+}
+
 void Daemon::times_set(NodeId node, const TimeChange& times) {
   std::lock_guard<std::mutex> guard(writers_lock_);
   auto it = writers_.find(static_cast<uint64_t>(node));
@@ -175,6 +180,7 @@ const fuse_lowlevel_ops& operations() {
     o.rmdir = op_rmdir;
     o.symlink = op_symlink;
     o.rename = op_rename;
+    o.link = op_link;
     o.open = op_open;
     o.read = op_read;
     o.write = op_write;

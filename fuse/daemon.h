@@ -16,15 +16,20 @@
 // never released can be closed before the volume is unmounted.
 //
 // Times of written files. The driver stamps a written file's modification
-// time when the file is next closed or synced. A kernel file system closes
-// at close(2), but the kernel sends FUSE's release without waiting for it,
-// so "write, close, utimes" (tar, rsync) could reach the volume as "write,
-// utimes, close" and lose the times set. So a descriptor's close (flush)
-// syncs a handle that has written since its last flush, which stamps the
-// time then. And a process may set times through a descriptor it still
-// writes with (cp -p): times set while writers are open are remembered and
-// set again after each sync and after the last writer's close, unless data
-// changed after them.
+// time when the file is next closed or synced, and also when its entry is
+// rewritten for any other reason, times set explicitly included. So:
+//  - times set on a file that has writers are set after a sync of the
+//    file, which stamps what its writes left pending (cp -p sets times
+//    through the descriptor it wrote with);
+//  - a descriptor's close (flush) syncs a handle that has written since
+//    its last flush. A kernel file system closes at close(2), but the
+//    kernel sends FUSE's release without waiting for it; without this,
+//    "write, close, utimes" (tar, rsync) could reach the volume as "write,
+//    utimes, close";
+//  - times set while writers are open are remembered and set again after
+//    each such sync and after the last writer's close, unless data changed
+//    after them: pages written back later (a mapped file) mark the file
+//    modified again.
 
 #define FUSE_USE_VERSION 314
 #include <fuse3/fuse_lowlevel.h>
@@ -69,6 +74,8 @@ class Daemon {
   // Takes a handle out of the registry and closes its file (release).
   std::error_code close_handle(uint64_t fh);
 
+  // Whether the node is open for writing through some handle.
+  bool has_writers(NodeId node);
   // Times set on a node: remembered while it has writers.
   void times_set(NodeId node, const TimeChange& times);
   // Sets the times remembered for a node again (after a sync stamped it).

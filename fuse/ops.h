@@ -42,6 +42,7 @@ void op_rmdir(fuse_req_t req, fuse_ino_t parent, const char* name);
 void op_symlink(fuse_req_t req, const char* link, fuse_ino_t parent, const char* name);
 void op_rename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t newparent,
                const char* newname, unsigned int flags);
+void op_link(fuse_req_t req, fuse_ino_t ino, fuse_ino_t newparent, const char* newname);
 void op_statfs(fuse_req_t req, fuse_ino_t ino);
 void op_access(fuse_req_t req, fuse_ino_t ino, int mask);
 

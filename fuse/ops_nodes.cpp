@@ -82,7 +82,23 @@ std::error_code change_size(Daemon& d, NodeId node, off_t size, fuse_file_info* 
   return d.volume().truncate(node, size);
 }
 
-std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, int to_set) {
+// Syncs a file that writers have open, so that the modification time its
+// writes left pending is stamped now rather than over times set next.
+std::error_code sync_written(Daemon& d, NodeId node, fuse_file_info* fi) {
+  if (!d.has_writers(node))
+    return {};
+  if (fi != nullptr && fi->fh != 0)
+    return Daemon::handle(fi->fh).file.fsync();
+  File file;
+  if (std::error_code ec = d.volume().open(node, O_RDONLY, &file))
+    return ec;
+  std::error_code ec = file.fsync();
+  file.close();
+  return ec;
+}
+
+std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, int to_set,
+                             fuse_file_info* fi) {
   TimeChange tc;
   if (to_set & FUSE_SET_ATTR_ATIME_NOW)
     tc.accessed = now();
@@ -94,6 +110,8 @@ std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, in
     tc.modified = attr->st_mtim;
   if (!tc.accessed && !tc.modified)
     return {};
+  if (std::error_code ec = sync_written(d, node, fi))
+    return ec;
   std::error_code ec = d.volume().utimes(node, tc);
   if (!ec)
     d.times_set(node, tc);
@@ -193,7 +211,7 @@ void op_setattr(fuse_req_t req, fuse_ino_t ino, struct stat* attr, int to_set,
   if (!ec && (to_set & FUSE_SET_ATTR_SIZE))
     ec = change_size(d, node, attr->st_size, fi);
   if (!ec)
-    ec = change_times(d, node, attr, to_set);
+    ec = change_times(d, node, attr, to_set, fi);
   if (!ec && (to_set & FUSE_SET_ATTR_MODE))
     ec = change_mode(d, node, attr->st_mode);
   if (ec)
@@ -270,6 +288,9 @@ void op_rename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t n
                                                       newname, how);
   fuse_reply_err(req, ec.value());
 }
+
+// A file has exactly one directory entry on exFAT.
+void op_link(fuse_req_t req, fuse_ino_t, fuse_ino_t, const char*) { fuse_reply_err(req, EPERM); }
 
 void op_statfs(fuse_req_t req, fuse_ino_t) {
   StatFs fs;

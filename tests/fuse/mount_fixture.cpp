@@ -306,8 +306,16 @@ bool write_file(const std::string& path, const std::vector<uint8_t>& data, size_
 }
 
 std::vector<uint8_t> read_file(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), {});
+  std::vector<uint8_t> out;
+  int fd = open(path.c_str(), O_RDONLY);
+  if (fd < 0)
+    return out;
+  uint8_t chunk[1 << 16];
+  ssize_t n;
+  while ((n = read(fd, chunk, sizeof(chunk))) > 0)
+    out.insert(out.end(), chunk, chunk + n);
+  close(fd);
+  return out;
 }
 
 void FuseVolumeTest::SetUp() {

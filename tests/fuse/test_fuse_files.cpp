@@ -321,22 +321,45 @@ TEST_F(FuseFiles, StatfsCountsClustersOfTheVolume) {
   EXPECT_EQ((1 << 20) / 512, st.st_blocks);
 }
 
-TEST_F(FuseFiles, TimesAreKeptToTheVolumesResolution) {
-  ASSERT_TRUE(write_file(path("timed"), {'t'}));
+// Times set right after a close, and times set through a descriptor that
+// wrote (as cp -p does), must win over the modification time that the
+// written file gets stamped with when it is closed.
+TEST_F(FuseFiles, TimesSetAroundCloseAreKeptToTheVolumesResolution) {
   struct timespec times[2];
   times[0] = {1400000000, 0};          // access: kept to 2 s
   times[1] = {1500000000, 123456789};  // modification: kept to 10 ms
-  ASSERT_EQ(0, utimensat(AT_FDCWD, path("timed").c_str(), times, 0));
-  struct stat st {};
-  ASSERT_EQ(0, stat(path("timed").c_str(), &st));
-  EXPECT_EQ(1500000000, st.st_mtim.tv_sec);
-  EXPECT_EQ(120000000, st.st_mtim.tv_nsec);
-  EXPECT_EQ(1400000000, st.st_atim.tv_sec);
+  ASSERT_TRUE(write_file(path("after-close"), pattern(100000, 11)));
+  ASSERT_EQ(0, utimensat(AT_FDCWD, path("after-close").c_str(), times, 0));
 
+  int fd = open(path("while-open").c_str(), O_WRONLY | O_CREAT, 0644);
+  ASSERT_GE(fd, 0);
+  std::vector<uint8_t> data = pattern(100000, 12);
+  ASSERT_EQ(static_cast<ssize_t>(data.size()), write(fd, data.data(), data.size()));
+  ASSERT_EQ(0, futimens(fd, times));
+  ASSERT_EQ(0, close(fd));
+
+  auto check = [&](const char* name) {
+    struct stat st {};
+    ASSERT_EQ(0, stat(path(name).c_str(), &st));
+    EXPECT_EQ(1500000000, st.st_mtim.tv_sec) << name;
+    EXPECT_EQ(120000000, st.st_mtim.tv_nsec) << name;
+    EXPECT_EQ(1400000000, st.st_atim.tv_sec) << name;
+  };
+  check("after-close");
+  check("while-open");
   ASSERT_NO_FATAL_FAILURE(remount());
-  ASSERT_EQ(0, stat(path("timed").c_str(), &st));
-  EXPECT_EQ(1500000000, st.st_mtim.tv_sec);
-  EXPECT_EQ(120000000, st.st_mtim.tv_nsec);
+  check("after-close");
+  check("while-open");
+
+  // Writing after the times were set makes the file modified again.
+  fd = open(path("while-open").c_str(), O_WRONLY);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(0, futimens(fd, times));
+  ASSERT_EQ(1, write(fd, "x", 1));
+  ASSERT_EQ(0, close(fd));
+  struct stat st {};
+  ASSERT_EQ(0, stat(path("while-open").c_str(), &st));
+  EXPECT_GT(st.st_mtim.tv_sec, 1500000000);
 }
 
 // exFAT keeps only a ReadOnly attribute: chmod without write bits sets it
@@ -381,6 +404,7 @@ TEST_F(FuseFiles, NameLimitsAndFileTypesTheVolumeCantHold) {
     ASSERT_TRUE(write_file(path(name), std::vector<uint8_t>(name.begin(), name.end()))) << name;
   EXPECT_EQ(EPERM, ERRNO_OF(mkfifo(path("fifo").c_str(), 0644)));
   EXPECT_EQ(EPERM, ERRNO_OF(mknod(path("dev").c_str(), S_IFCHR | 0644, makedev(1, 3))));
+  EXPECT_EQ(EPERM, ERRNO_OF(link(path(longest).c_str(), path("hard").c_str())));
   ASSERT_EQ(0, mknod(path("plain").c_str(), S_IFREG | 0644, 0));
   EXPECT_EQ(0, size_of(path("plain")));
 
