@@ -29,31 +29,33 @@ timespec now() {
   return ts;
 }
 
-// chmod. exFAT keeps no permissions, only a ReadOnly attribute on files:
-// a mode without any write bit sets it, a mode with the write bits this
-// mount reports clears it. Any other change can't be kept and fails with
-// EPERM, unless the mount is "quiet", which accepts it and keeps only the
+// chmod. exFAT keeps no permissions, only a ReadOnly attribute on files.
+// The mode asked for is first narrowed by the mount's mask; then its read
+// and execute bits must be the ones every file shows, and its write bits
+// either all of the ones shown (ReadOnly is cleared) or none (ReadOnly is
+// set; files only). Anything else can't be kept and fails with EPERM,
+// unless the mount is "quiet", which accepts it and keeps only the
 // ReadOnly part. Symbolic links have no mode of their own.
 std::error_code change_mode(Daemon& d, NodeId node, mode_t mode) {
   Stat st;
   if (std::error_code ec = d.volume().getattr(node, &st))
     return ec;
-  const Config& c = d.config();
-  uint32_t want = mode & 07777;
   if (st.type == FileType::Symlink)
     return {};
-  if (st.type == FileType::Directory)
-    return want == dir_mode(c) || c.quiet ? std::error_code{} : errno_code(EPERM);
-
-  uint32_t full = file_mode(c);
-  bool can_show_ro = (full & 0222) != 0;
-  if (!c.quiet && want != full && !(can_show_ro && want == (full & ~0222u)))
+  const Config& c = d.config();
+  bool dir = st.type == FileType::Directory;
+  uint32_t shown = dir ? dir_mode(c) : file_mode(c);
+  uint32_t perm = mode & shown;
+  bool can_hold_ro = !dir && (shown & 0222) != 0;
+  bool read_exec_kept = (perm & 0555) == (shown & 0555);
+  bool all_write = (perm & 0222) == (shown & 0222);
+  bool no_write = (perm & 0222) == 0;
+  if (!c.quiet && !(read_exec_kept && (all_write || (no_write && can_hold_ro))))
     return errno_code(EPERM);
-  if (!can_show_ro)
+  if (!can_hold_ro)
     return {};
-  bool want_ro = (want & 0222) == 0;
   bool is_ro = (st.flags & kFlagImmutable) != 0;
-  if (want_ro == is_ro)
+  if (no_write == is_ro)
     return {};
   return d.volume().chflags(node, st.flags ^ kFlagImmutable);
 }
