@@ -164,8 +164,13 @@ static int exfat_link_run(struct exfat_node* node, uint32_t first, uint32_t coun
 
 // Zero-fills `count` new clusters from `first` of a directory through the
 // device's metadata buffers, so that the new slots read as free entries
-// and the end-of-directory marker. The writes are delayed: they reach the
-// disk with the directory's other metadata. The caller holds the node lock.
+// and the end-of-directory marker. The writes are synchronous: the zeros
+// must be on the disk before anything that makes the clusters part of the
+// directory (the FAT link, the new directory's entry), which the metadata
+// flush writes later. Were they delayed too, a power cut in the middle of
+// that flush could leave a directory whose new cluster holds a removed
+// file's old bytes, read back as entries. The caller holds the node lock
+// and xm_bitmap_lock.
 static void exfat_zero_dir_clusters(struct exfat_mount* mount, uint32_t first, uint32_t count) {
   for (uint32_t c = first; c < first + count; c++) {
     uint64_t sector = exfat_cluster_to_sector(mount, c);
@@ -174,7 +179,7 @@ static void exfat_zero_dir_clusters(struct exfat_mount* mount, uint32_t first, u
                             static_cast<daddr64_t>(sector + uint64_t(j) * mount->xm_sectors_per_block),
                             static_cast<int>(mount->xm_block_size), 0, 0, BLK_META);
       buf_clear(bp);
-      buf_bdwrite(bp);
+      buf_bwrite(bp);
     }
   }
 }

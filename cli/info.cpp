@@ -5,44 +5,11 @@
 
 #include "cli.h"
 #include "exvol/volume.h"
+#include "text.h"
 
 namespace exvol::cli {
 
 namespace {
-
-std::string json_string(const std::string& s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          char esc[8];
-          snprintf(esc, sizeof(esc), "\\u%04x", c);
-          out += esc;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
-}
-
-std::string human_size(uint64_t bytes) {
-  const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-  double v = static_cast<double>(bytes);
-  int u = 0;
-  while (v >= 1024 && u < 4) {
-    v /= 1024;
-    u++;
-  }
-  char s[32];
-  snprintf(s, sizeof(s), u == 0 ? "%.0f %s" : "%.1f %s", v, units[u]);
-  return s;
-}
 
 std::string state_of(const VolumeInfo& v) {
   if (!v.dirty() && !v.media_failure())
@@ -100,7 +67,10 @@ int info_command(const std::vector<std::string>& args) {
   bool json = false;
   std::string image;
   for (const std::string& a : args) {
-    if (a == "--json") {
+    if (a == "--help") {
+      print_command_help(*find_command("info"));
+      return 0;
+    } else if (a == "--json") {
       json = true;
     } else if (!a.empty() && a[0] == '-') {
       return usage_error("info: unknown option " + a);
@@ -129,6 +99,9 @@ int info_command(const std::vector<std::string>& args) {
   ec = volume->info(&info);
   if (ec)
     return failure(image + ": " + ec.message());
+  // The volume reports names decomposed; Linux users type and expect them
+  // composed.
+  info.label = composed(info.label);
   if (json)
     print_json(image, info);
   else

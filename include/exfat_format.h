@@ -163,6 +163,23 @@ static_assert(offsetof(struct exfat_boot_sector, bsBootSignature) == 510);
 #define EXFAT_ENTRY_VENDOR_EXT 0xE0
 #define EXFAT_ENTRY_VENDOR_ALLOC 0xE1
 
+// The in-use primaries that stand alone rather than open an entry set: the
+// system entries of the root directory (bitmap, up-case table, label, GUID)
+// and the other benign primaries the format defines (padding, ACT).
+inline bool exfat_single_entry_type(uint8_t type) {
+  switch (type) {
+    case EXFAT_ENTRY_BITMAP:
+    case EXFAT_ENTRY_UPCASE:
+    case EXFAT_ENTRY_LABEL:
+    case EXFAT_ENTRY_GUID:
+    case EXFAT_ENTRY_PADDING:
+    case EXFAT_ENTRY_ACT:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // FileAttributes bits.
 #define EXFAT_ATTR_READ_ONLY 0x0001
 #define EXFAT_ATTR_HIDDEN 0x0002

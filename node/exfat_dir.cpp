@@ -70,20 +70,6 @@ inline bool set_is_gathered(const struct dir_walk* walk) {
   return walk->set_open && walk->set_start == walk->gather;
 }
 
-inline bool is_single_type(uint8_t type) {
-  switch (type) {
-    case EXFAT_ENTRY_BITMAP:
-    case EXFAT_ENTRY_UPCASE:
-    case EXFAT_ENTRY_LABEL:
-    case EXFAT_ENTRY_GUID:
-    case EXFAT_ENTRY_PADDING:
-    case EXFAT_ENTRY_ACT:
-      return true;
-    default:
-      return false;
-  }
-}
-
 // A set is complete with its last entry at directory offset `offset` and
 // block position `position`: validate it unless it lies wholly before the
 // checked-end mark, and hand it to the callback. A set that fails validation
@@ -165,7 +151,7 @@ int walk_block(struct dir_walk* walk, uint32_t offset, uint32_t position) {
         return result;
       type = entry[0];  // the callback may have changed it
     }
-    if (is_single_type(type)) {
+    if (exfat_single_entry_type(type)) {
       walk->set_open = false;
       if (walk->flags & ITER_SINGLES) {
         result = walk->callback(walk->argument, nullptr, entry, offset);

@@ -110,9 +110,14 @@ int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t co
   return wait == 1 ? buf_bwrite(bp) : buf_bawrite(bp);
 }
 
-// The flush itself: percentInUse, the FAT cache and the FAT vnode's pages,
-// the bitmap cache and the bitmap vnode's pages, then the device's dirty
-// metadata buffers (waited for when wait is nonzero). Errors are printed and
+// The flush itself: percentInUse, the bitmap cache and the bitmap vnode's
+// pages, the FAT cache and the FAT vnode's pages, then the device's dirty
+// metadata buffers (waited for when wait is nonzero). The bitmap goes
+// before the FAT because a FAT link alone is enough to give the root
+// directory (which has no entry) a cluster: were the power lost between the
+// two, the root would own a cluster the bitmap calls free, which the
+// checker does not notice and the next allocation hands out again. Bitmap
+// first, such a cut leaves a lost cluster instead. Errors are printed and
 // passed over; a cache block that can't be written is dropped as clean. The
 // caller holds neither cache lock (it may hold xm_meta_lock).
 void exfat_meta_flush_internal(struct exfat_mount* mount, int wait) {
@@ -124,15 +129,6 @@ void exfat_meta_flush_internal(struct exfat_mount* mount, int wait) {
   if (error)
     kprintf("exfat_meta_flush_internal: error %d from exfat_sync_boot_sector\n", error);
 
-  lck_mtx_lock(mount->xm_fat_lock);
-  error = exfat_fat_cache_flush(mount, 0);
-  if (error) {
-    kprintf("exfat_meta_flush_internal: error %d flushing FAT cache!\n", error);
-    mount->xm_fat_cache_dirty = 0;
-  }
-  cluster_push(mount->xm_fat_vp, IO_SYNC);
-  lck_mtx_unlock(mount->xm_fat_lock);
-
   lck_mtx_lock(mount->xm_bitmap_lock);
   error = exfat_bitmap_cache_flush(mount, 0);
   if (error) {
@@ -141,6 +137,15 @@ void exfat_meta_flush_internal(struct exfat_mount* mount, int wait) {
   }
   cluster_push(mount->xm_bitmap_vp, IO_SYNC);
   lck_mtx_unlock(mount->xm_bitmap_lock);
+
+  lck_mtx_lock(mount->xm_fat_lock);
+  error = exfat_fat_cache_flush(mount, 0);
+  if (error) {
+    kprintf("exfat_meta_flush_internal: error %d flushing FAT cache!\n", error);
+    mount->xm_fat_cache_dirty = 0;
+  }
+  cluster_push(mount->xm_fat_vp, IO_SYNC);
+  lck_mtx_unlock(mount->xm_fat_lock);
 
   buf_flushdirtyblks(mount->xm_devvp, wait, 0, "exfat_meta_flush");
 }

@@ -44,8 +44,9 @@ int exfat_sync_callback(vnode_t vp, void* argument_record) {
 }
 
 // The file system's sync operation. Nothing on a read-only mount. Writes
-// percentInUse (synchronously for MNT_WAIT), the FAT cache and the FAT
-// vnode's pages, the bitmap cache and its pages (cache write errors are
+// percentInUse (synchronously for MNT_WAIT), the bitmap cache and its pages,
+// the FAT cache and the FAT vnode's pages, in the metadata flush's order
+// (bitmap before FAT, see exfat_meta_flush_internal; cache write errors are
 // printed and the cache is dropped as clean), every active file and
 // directory, and then the device's buffers through its fsync. The caller
 // holds no driver lock. Returns the device fsync's error, else the last
@@ -57,23 +58,23 @@ int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context) {
 
   int boot_error = exfat_sync_boot_sector(mount, waitfor, context);
 
-  lck_mtx_lock(mount->xm_fat_lock);
-  int error = exfat_fat_cache_flush(mount, 0);
-  if (error) {
-    kprintf("exfat_vfs_sync: error %d flushing FAT cache!\n", error);
-    mount->xm_fat_cache_dirty = 0;
-  }
-  cluster_push(mount->xm_fat_vp, IO_SYNC);
-  lck_mtx_unlock(mount->xm_fat_lock);
-
   lck_mtx_lock(mount->xm_bitmap_lock);
-  error = exfat_bitmap_cache_flush(mount, 0);
+  int error = exfat_bitmap_cache_flush(mount, 0);
   if (error) {
     kprintf("exfat_vfs_sync: error %d flushing bitmap cache!\n", error);
     mount->xm_bitmap_cache_dirty = 0;
   }
   cluster_push(mount->xm_bitmap_vp, IO_SYNC);
   lck_mtx_unlock(mount->xm_bitmap_lock);
+
+  lck_mtx_lock(mount->xm_fat_lock);
+  error = exfat_fat_cache_flush(mount, 0);
+  if (error) {
+    kprintf("exfat_vfs_sync: error %d flushing FAT cache!\n", error);
+    mount->xm_fat_cache_dirty = 0;
+  }
+  cluster_push(mount->xm_fat_vp, IO_SYNC);
+  lck_mtx_unlock(mount->xm_fat_lock);
 
   struct exfat_sync_args args = {context, waitfor, 0};
   vnode_iterate(mp, VNODE_ITERATE_ACTIVE, exfat_sync_callback, &args);

@@ -161,8 +161,8 @@ int exfat_vnop_fsync(struct vnop_fsync_args* ap) {
 // The caller holds the node lock exactly once; it is dropped while data is
 // pushed (page-out takes it) and held again on return. xm_bitmap_lock is
 // taken for the bitmap, with the node unlocked. Returns 0, the bitmap
-// flush's error (logged), the parent-lock error (dirty bits then stay set)
-// or the update's error.
+// flush's error (logged), the parent-lock error (dirty bits then stay set),
+// the update's error, or the error of writing the vnode's data.
 int exfat_fsync_internal(vnode_t vp, bool wait, bool flush_dir_blocks, vfs_context_t context) {
   auto* node = static_cast<struct exfat_node*>(vnode_fsnode(vp));
   if (node == nullptr)
@@ -184,9 +184,14 @@ int exfat_fsync_internal(vnode_t vp, bool wait, bool flush_dir_blocks, vfs_conte
       kprintf("exfat_fsync_internal: error %d flushing bitmap cache!", error);
     lck_mtx_unlock(mount->xm_bitmap_lock);
   }
-  cluster_push(vp, wait ? IO_SYNC : 0);
+  // A data write that failed is this fsync's error: the caller is told
+  // that its data did not reach the disk. (ubc_msync's result is not: it
+  // refuses an empty range, and the push has written the dirty pages.)
+  int push_error = cluster_push(vp, wait ? IO_SYNC : 0);
   ubc_msync(vp, 0, size, nullptr, UBC_PUSHDIRTY | (wait ? UBC_SYNC : 0));
   buf_flushdirtyblks(vp, wait, 0, "exfat_fsync_internal");
+  if (error == 0)
+    error = push_error;
   exfat_node_lock(node);
 
   if (flush_dir_blocks && (node->x_attributes & EXFAT_ATTR_DIRECTORY))

@@ -22,21 +22,6 @@ struct exfat_slot_search {
   uint32_t wanted;      // slots needed
 };
 
-// Is `type` one of the entries that belong in the root directory alone?
-bool exfat_root_only_type(uint8_t type) {
-  switch (type) {
-    case EXFAT_ENTRY_BITMAP:
-    case EXFAT_ENTRY_UPCASE:
-    case EXFAT_ENTRY_LABEL:
-    case EXFAT_ENTRY_GUID:
-    case EXFAT_ENTRY_PADDING:
-    case EXFAT_ENTRY_ACT:
-      return true;
-    default:
-      return false;
-  }
-}
-
 }  // namespace
 
 // The slot search's iteration callback (entry form, modes ITER_FREE |
@@ -137,7 +122,7 @@ static void exfat_delete_entry(struct exfat_mount* mount, uint8_t* entry, int fr
   if (free_clusters) {
     if (type == EXFAT_ENTRY_FILE || type == EXFAT_ENTRY_STREAM || type == EXFAT_ENTRY_NAME) {
       // The set's own entries: nothing to release.
-    } else if (exfat_root_only_type(type)) {
+    } else if (exfat_single_entry_type(type)) {
       kprintf("exfat_delete_dirents: Unexpected entry of type 0x%02X\n", type);
     } else if ((type & EXFAT_ENTRY_SECONDARY) && (type & EXFAT_ENTRY_INUSE) &&
                (entry[1] & EXFAT_SECONDARY_ALLOCATION_POSSIBLE)) {

@@ -82,7 +82,8 @@ void work(Volume* volume, int worker, std::map<std::string, uint32_t>* kept,
 
 TEST_F(ApiConcurrency, ThreadsShareOneVolume) {
   EXVOL_FORMAT_OR_SKIP(64u << 20, "-c 4096");
-  ASSERT_FALSE(mount());
+  // The delayed metadata flush runs beside the workers.
+  ASSERT_FALSE(mount(MountOptions{}));
   ASSERT_FALSE(volume_->mkdir("/shared"));
   // One file that every worker writes a disjoint stripe of, through one
   // shared File.
@@ -128,7 +129,7 @@ TEST_F(ApiConcurrency, ThreadsShareOneVolume) {
   ASSERT_FALSE(common.close());
   unmount_and_check();
 
-  ASSERT_FALSE(mount());
+  ASSERT_FALSE(mount(MountOptions{}));
   std::vector<uint8_t> expected_common;
   for (int w = 0; w < kWorkers; w++) {
     std::vector<uint8_t> stripe = pattern(10000, static_cast<uint32_t>(900 + w));
@@ -155,7 +156,7 @@ TEST_F(ApiConcurrency, ThreadsShareOneVolume) {
 // reports the volume gone, and nothing is left half done.
 TEST_F(ApiConcurrency, CallsRaceWithForcedUnmount) {
   EXVOL_FORMAT_OR_SKIP();
-  ASSERT_FALSE(mount());
+  ASSERT_FALSE(mount(MountOptions{}));
   std::atomic<int> wrong{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 3; t++) {

@@ -316,5 +316,38 @@ TEST_F(ApiNamespace, VolumeLabel) {
   unmount_and_check();
 }
 
+// The mask gives every file its permission bits; without access times a
+// read leaves the access time alone, with them the close stamps it.
+TEST_F(ApiNamespace, MountOptionsMaskAndAccessTimes) {
+  EXVOL_FORMAT_OR_SKIP();
+  ASSERT_FALSE(mount());
+  ASSERT_FALSE(write_file("/f", pattern(5000, 41)));
+  ASSERT_FALSE(volume_->mkdir("/d"));
+  TimeChange old;
+  old.accessed = timespec{1000000000, 0};
+  ASSERT_FALSE(volume_->utimes("/f", old));
+  unmount_and_check();
+
+  MountOptions options;
+  options.mask = 0640;
+  options.noatime = true;
+  ASSERT_FALSE(mount(options));
+  Stat st;
+  ASSERT_FALSE(volume_->stat("/f", &st));
+  EXPECT_EQ(S_IFREG | 0640u, st.mode);
+  ASSERT_FALSE(volume_->stat("/d", &st));
+  EXPECT_EQ(S_IFDIR | 0640u, st.mode);
+  EXPECT_EQ(pattern(5000, 41), read_file("/f"));
+  ASSERT_FALSE(volume_->stat("/f", &st));
+  EXPECT_EQ(1000000000, st.accessed.tv_sec) << "noatime: the read stamps nothing";
+
+  options.noatime = false;
+  ASSERT_FALSE(volume_->update(options));
+  EXPECT_EQ(pattern(5000, 41), read_file("/f"));
+  ASSERT_FALSE(volume_->stat("/f", &st));
+  EXPECT_GT(st.accessed.tv_sec, 1500000000) << "a read stamps the access time";
+  unmount_and_check();
+}
+
 }  // namespace
 }  // namespace exvol::test

@@ -1,0 +1,170 @@
+// Image addresses and the images a command has mounted.
+
+#include "session.h"
+
+#include <sys/stat.h>
+
+namespace exvol::cli {
+
+namespace {
+
+bool names_image(const std::string& prefix) {
+  struct stat st;
+  return !prefix.empty() && ::stat(prefix.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
+}
+
+Address image_address(const std::string& image, const std::string& rest) {
+  Address a;
+  a.on_image = true;
+  a.image = image;
+  a.path = normalize_image_path(rest);
+  a.trailing_slash = rest.size() > 1 && rest.back() == '/';
+  return a;
+}
+
+}  // namespace
+
+std::string Address::display() const {
+  return on_image ? image + ":" + path : path;
+}
+
+Address parse_operand(const std::string& arg) {
+  for (size_t colon = arg.find(':'); colon != std::string::npos; colon = arg.find(':', colon + 1)) {
+    if (names_image(arg.substr(0, colon)))
+      return image_address(arg.substr(0, colon), arg.substr(colon + 1));
+  }
+  Address host;
+  host.path = arg;
+  host.trailing_slash = arg.size() > 1 && arg.back() == '/';
+  return host;
+}
+
+std::optional<Address> parse_image_operand(const std::string& arg) {
+  Address a = parse_operand(arg);
+  if (a.on_image)
+    return a;
+  size_t colon = arg.find(':');
+  if (colon == std::string::npos || colon == 0)
+    return std::nullopt;
+  return image_address(arg.substr(0, colon), arg.substr(colon + 1));
+}
+
+int image_operands(const Reporter& reporter, const Args& args, std::vector<Address>* out) {
+  if (args.operands.empty())
+    return reporter.usage("missing operand");
+  for (const std::string& operand : args.operands) {
+    std::optional<Address> a = parse_image_operand(operand);
+    if (!a)
+      return reporter.usage(operand + ": not an image address (IMG:PATH)");
+    out->push_back(*a);
+  }
+  return 0;
+}
+
+std::string normalize_image_path(const std::string& path) {
+  std::string out = "/";
+  for (char c : path) {
+    if (c == '/' && out.back() == '/')
+      continue;
+    out += c;
+  }
+  if (out.size() > 1 && out.back() == '/')
+    out.pop_back();
+  return out;
+}
+
+std::string image_join(const std::string& dir, const std::string& name) {
+  return dir == "/" ? "/" + name : dir + "/" + name;
+}
+
+std::string image_dirname(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+std::string image_basename(const std::string& path) {
+  size_t slash = path.rfind('/');
+  std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
+  return base.empty() ? "/" : base;
+}
+
+Session::~Session() {
+  // Volume's destructor unmounts, forcibly if it must: nothing is lost
+  // when a command returns early without finish().
+  mounted_.clear();
+}
+
+MountOptions Session::options(bool writable) const {
+  MountOptions o;
+  o.read_only = !writable || settings_.read_only;
+  o.mask = settings_.mask;
+  o.seconds_west = settings_.seconds_west.value_or(0);
+  o.noatime = settings_.noatime;
+  o.echo_kernel_log = false;
+  return o;
+}
+
+Volume* Session::volume(const std::string& image, bool writable) {
+  struct stat st;
+  if (::stat(image.c_str(), &st) != 0) {
+    reporter_.error(image, std::error_code(errno, std::generic_category()));
+    return nullptr;
+  }
+  for (Mounted& m : mounted_) {
+    if (m.dev != st.st_dev || m.ino != st.st_ino)
+      continue;
+    if (!m.volume)
+      return nullptr;  // the mount failed and was reported already
+    if (writable && !m.writable && !settings_.read_only)
+      return remount_writable(m);
+    return m.volume.get();
+  }
+  Mounted m{st.st_dev, st.st_ino, image, writable, nullptr};
+  std::string diagnostic;
+  std::error_code ec = Volume::mount(image, options(writable), &m.volume, &diagnostic);
+  if (ec) {
+    std::string message = image + ": cannot mount: " + ec.message();
+    if (!diagnostic.empty())
+      message += " (" + diagnostic + ")";
+    reporter_.error(message);
+    m.volume.reset();
+  }
+  mounted_.push_back(std::move(m));
+  return mounted_.back().volume.get();
+}
+
+std::unique_ptr<Tree> Session::tree(const Address& address, bool writable) {
+  if (!address.on_image)
+    return host_tree();
+  Volume* v = volume(address.image, writable);
+  return v ? image_tree(v, address.image) : nullptr;
+}
+
+Volume* Session::remount_writable(Mounted& m) {
+  std::error_code ec = m.volume->update(options(true));
+  if (ec) {
+    reporter_.error(m.image + ": cannot mount read-write: " + ec.message());
+    return nullptr;
+  }
+  m.writable = true;
+  return m.volume.get();
+}
+
+int Session::finish() {
+  int status = reporter_.status();
+  for (Mounted& m : mounted_) {
+    if (!m.volume)
+      continue;
+    std::error_code ec = m.volume->unmount();
+    if (ec == std::errc::device_or_resource_busy)
+      ec = m.volume->unmount(true);
+    if (ec) {
+      reporter_.error(m.image + ": unmount", ec);
+      status = 1;
+    }
+  }
+  mounted_.clear();
+  return status;
+}
+
+}  // namespace exvol::cli

@@ -1,0 +1,120 @@
+#pragma once
+// Image addresses and the images a command has mounted.
+//
+// An operand "IMG:PATH" names PATH on the exFAT image (or block device)
+// IMG; "IMG:" alone is the root. The operand is split at the first colon
+// whose left part is an existing file that is not a directory, so image
+// file names may themselves contain colons. Anything else is a host path.
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli.h"
+#include "exvol/volume.h"
+#include "tree.h"
+
+namespace exvol::cli {
+
+struct Address {
+  bool on_image = false;
+  std::string image;  // as given, for messages
+  std::string path;   // on the image: absolute, single slashes, no trailing slash
+                      // on the host: as given
+  bool trailing_slash = false;  // "IMG:/dir/": the operand must be a directory
+
+  // "img.img:/a/b" or the host path: how messages name the operand.
+  std::string display() const;
+};
+
+// An operand that may be on the host or on an image.
+Address parse_operand(const std::string& arg);
+// An operand that must be on an image. A colon whose left part does not
+// exist still makes an image address (mounting it will say why it fails);
+// without a colon, nullopt.
+std::optional<Address> parse_image_operand(const std::string& arg);
+
+// "/a//b/" -> "/a/b"; "" -> "/".
+std::string normalize_image_path(const std::string& path);
+// The image path of `name` in the directory `dir`.
+std::string image_join(const std::string& dir, const std::string& name);
+// The parent directory and the last component of an image path ("/" for
+// both of the root).
+std::string image_dirname(const std::string& path);
+std::string image_basename(const std::string& path);
+
+// The images one command works on. Each image is mounted once, however
+// often the command names it (two mounts of one image would corrupt it),
+// and unmounted by finish() or the destructor; an unmount writes
+// everything pending and leaves a read-write mounted image clean.
+class Session {
+ public:
+  Session(Reporter& reporter, const MountSettings& settings)
+      : reporter_(reporter), settings_(settings) {}
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // The mounted volume of `image`, mounted now if it isn't yet: read-write
+  // when `writable` (unless -o ro), read-only otherwise, so that reading
+  // commands also work on damaged and write-protected images. A read-only
+  // mount is remounted read-write when a writer asks for it. Returns
+  // nullptr after reporting why the image can't be used.
+  Volume* volume(const std::string& image, bool writable);
+  // The tree an operand lives in: the host's, or its image's (mounted as
+  // volume() does). nullptr after reporting why the image can't be used.
+  std::unique_ptr<Tree> tree(const Address& address, bool writable);
+
+  // Unmounts every image, reporting failures. Returns the command's exit
+  // status: the reporter's, or 1 when an unmount failed.
+  int finish();
+
+ private:
+  struct Mounted {
+    dev_t dev;
+    ino_t ino;
+    std::string image;
+    bool writable;
+    std::unique_ptr<Volume> volume;
+  };
+
+  Volume* remount_writable(Mounted& m);
+  MountOptions options(bool writable) const;
+
+  Reporter& reporter_;
+  MountSettings settings_;
+  std::vector<Mounted> mounted_;
+};
+
+// Parses every operand of `args` as an image address before anything is
+// done, so that a wrong command line changes nothing. Returns 0, or 2
+// after reporting the usage error.
+int image_operands(const Reporter& reporter, const Args& args, std::vector<Address>* out);
+
+// The frame of the commands that do one thing per image operand: parses
+// the command line, mounts each operand's image (read-write when
+// `writable`) and calls each(reporter, args, volume, address, index),
+// which returns false to stop early. Returns the exit status.
+template <typename Each>
+int for_each_image_operand(const char* name, const OptionSpec& spec, bool writable,
+                           const std::vector<std::string>& raw, Each each) {
+  const CommandInfo& info = *find_command(name);
+  Args args;
+  int status;
+  if (!parse_args(info, spec, raw, &args, &status))
+    return status;
+  Reporter reporter(name);
+  std::vector<Address> operands;
+  if (int usage = image_operands(reporter, args, &operands))
+    return usage;
+  Session session(reporter, args.mount);
+  for (size_t i = 0; i < operands.size() && !interrupted(); i++) {
+    if (Volume* volume = session.volume(operands[i].image, writable))
+      if (!each(reporter, args, *volume, operands[i], i))
+        break;
+  }
+  return session.finish();
+}
+
+}  // namespace exvol::cli

@@ -1,0 +1,247 @@
+// The reading commands (ls, stat, cat, df, label, attrib, info) on images
+// written by the test image builder, whose fixed timestamps make listings
+// exact; the command line itself (help, usage errors, exit statuses).
+
+#include <string>
+
+#include "cli_test.h"
+#include "tests/support/image_builder.h"
+
+namespace exvol::cli_test {
+namespace {
+
+using exvol::test::bytes;
+using exvol::test::ImageBuilder;
+
+constexpr uint16_t kArchive = 0x20, kReadOnly = 0x01, kHidden = 0x02;
+
+// docs/ holds files of every attribute combination the listing shows, added
+// out of name order so that sorting is visible.
+class CliRead : public CliTest {
+ protected:
+  void SetUp() override {
+    CliTest::SetUp();
+    ImageBuilder b;
+    b.add_bitmap_entry().add_upcase_entry().add_label(u"DATA");
+    exvol::test::Dir docs = b.mkdir(b.root(), u"docs");
+    b.add_file(docs, u"zeta.txt", bytes("hello"));
+    b.add_file(docs, u"big.bin", std::vector<uint8_t>(12345, 7), exvol::test::Alloc::Chain,
+               kArchive | kReadOnly);
+    b.add_file(docs, u"secret", bytes("s"), exvol::test::Alloc::Chain, kArchive | kHidden);
+    b.add_file(docs, u".dot", bytes("d"));
+    b.add_file(docs, u"plain", bytes("p"), exvol::test::Alloc::Chain, 0);
+    b.add_file(docs, u"caf\u00e9", bytes("accent"));
+    b.mkdir(docs, u"inner");
+    image_ = at("built.img");
+    b.write_to(image_);
+    original_ = read_file(image_);
+  }
+
+  std::string addr(const std::string& path) const { return image_ + ":" + path; }
+
+  std::string image_;
+  std::string original_;
+};
+
+TEST_F(CliRead, ShortListingIsSortedAndHidesHiddenNames) {
+  Result r = exvol({"ls", addr("/docs")});
+  EXPECT_EQ(0, r.status) << r.err;
+  // The volume lists "café" decomposed; the listing gives it composed.
+  EXPECT_EQ("big.bin\ncaf\u00e9\ninner\nplain\nzeta.txt\n", r.out);
+  EXPECT_EQ("", r.err);
+
+  r = exvol({"ls", "-a", addr("/docs")});
+  EXPECT_EQ(".dot\nbig.bin\ncaf\u00e9\ninner\nplain\nsecret\nzeta.txt\n", r.out);
+
+  r = exvol({"ls", "-U", addr("docs")});
+  EXPECT_EQ("zeta.txt\nbig.bin\nplain\ncaf\u00e9\ninner\n", r.out) << "directory order";
+}
+
+TEST_F(CliRead, LongListingShowsTypeAttributesSizeTimeAndName) {
+  Result r = exvol({"ls", "-la", addr("/docs")});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(
+      "---A     1 2024-01-01 00:00:00 .dot\n"
+      "-R-A 12345 2024-01-01 00:00:00 big.bin\n"
+      "---A     6 2024-01-01 00:00:00 caf\u00e9\n"
+      "d---  4096 2024-01-01 00:00:00 inner\n"
+      "----     1 2024-01-01 00:00:00 plain\n"
+      "--HA     1 2024-01-01 00:00:00 secret\n"
+      "---A     5 2024-01-01 00:00:00 zeta.txt\n",
+      r.out);
+}
+
+TEST_F(CliRead, OperandsFilesFirstThenDirectoriesWithHeaders) {
+  Result r = exvol({"ls", addr("/docs/inner"), addr("/docs/zeta.txt"), addr("/")});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(addr("/docs/zeta.txt") + "\n\n" + addr("/docs/inner") + ":\n\n" + addr("/") +
+                ":\ndocs\n",
+            r.out);
+
+  r = exvol({"ls", "-d", addr("/docs")});
+  EXPECT_EQ(addr("/docs") + "\n", r.out);
+
+  r = exvol({"ls", "-R", image_ + ":"});
+  EXPECT_EQ(addr("/") + ":\ndocs\n\n" + addr("/docs") +
+                ":\nbig.bin\ncaf\u00e9\ninner\nplain\nzeta.txt\n\n" + addr("/docs/inner") + ":\n",
+            r.out);
+}
+
+TEST_F(CliRead, NamesAreMatchedWithoutRegardToCaseOrNormalisation) {
+  Result r = exvol({"cat", addr("/DOCS/ZETA.TXT"), addr("/docs/cafe\u0301")});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("helloaccent", r.out);
+}
+
+TEST_F(CliRead, FailedOperandIsReportedAndTheOthersStillDone) {
+  Result r = exvol({"ls", addr("/nope"), addr("/docs/inner"), addr("/docs/zeta.txt")});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(failure_line("ls", addr("/nope"), "No such file or directory"), r.err);
+  EXPECT_EQ(addr("/docs/zeta.txt") + "\n", r.out.substr(0, r.out.find('\n') + 1));
+
+  r = exvol({"cat", addr("/docs/zeta.txt"), addr("/docs"), addr("/docs/plain")});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ("hellop", r.out);
+  EXPECT_EQ(failure_line("cat", addr("/docs"), "Is a directory"), r.err);
+
+  r = exvol({"ls", addr("/docs/zeta.txt/x")});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(failure_line("ls", addr("/docs/zeta.txt/x"), "Not a directory"), r.err);
+}
+
+TEST_F(CliRead, MissingOrBrokenImageFailsWithOneLine) {
+  Result r = exvol({"ls", at("absent.img") + ":/"});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(failure_line("ls", at("absent.img"), "No such file or directory"), r.err);
+
+  write_file(at("zeros.img"), std::string(1 << 20, '\0'));
+  r = exvol({"cat", at("zeros.img") + ":/f"});
+  EXPECT_EQ(1, r.status);
+  EXPECT_EQ(0u, r.err.find("exvol: cat: " + at("zeros.img") + ": cannot mount: ")) << r.err;
+  EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << r.err;
+}
+
+TEST_F(CliRead, StatShowsEveryAttribute) {
+  Result r = exvol({"stat", addr("/docs/big.bin")});
+  EXPECT_EQ(0, r.status) << r.err;
+  for (const char* line :
+       {"File:       ", "Type:       regular file\n", "Size:       12345\n",
+        "Allocated:  16384\n", "Attributes: read-only archive\n", "Flags:      0x00000002\n",
+        "Modified:   2024-01-01 00:00:00.000000000 +0000\n",
+        "Birth:      2024-01-01 00:00:00.000000000 +0000\n"})
+    EXPECT_NE(std::string::npos, r.out.find(line)) << line << "\n" << r.out;
+
+  r = exvol({"stat", "--json", addr("/docs/secret"), addr("/docs/inner")});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("\"attributes\": [\"hidden\", \"archive\"]")) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find("\"type\": \"directory\"")) << r.out;
+  EXPECT_NE(std::string::npos, r.out.find("\"modified\": {\"sec\": 1704067200, \"nsec\": 0}"));
+}
+
+TEST_F(CliRead, AttribWithoutChangesPrintsTheAttributes) {
+  Result r = exvol({"attrib", addr("/docs/big.bin"), addr("/docs/secret"), addr("/docs/plain")});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("R-A  " + addr("/docs/big.bin") + "\n-HA  " + addr("/docs/secret") + "\n---  " +
+                addr("/docs/plain") + "\n",
+            r.out);
+}
+
+TEST_F(CliRead, DfAgreesWithInfo) {
+  Result info = exvol({"info", "--json", image_});
+  ASSERT_EQ(0, info.status) << info.err;
+  auto number = [&](const std::string& key) {
+    size_t at = info.out.find("\"" + key + "\": ");
+    return std::stoull(info.out.substr(at + key.size() + 4));
+  };
+  uint64_t total = number("total_bytes"), free = number("free_bytes");
+  Result r = exvol({"df", image_});
+  EXPECT_EQ(0, r.status) << r.err;
+  char expected[256];
+  snprintf(expected, sizeof(expected), "%-20s %10llu %10llu %10llu %3llu%%\n", image_.c_str(),
+           static_cast<unsigned long long>(total / 1024),
+           static_cast<unsigned long long>((total - free) / 1024),
+           static_cast<unsigned long long>(free / 1024),
+           static_cast<unsigned long long>(((total - free) * 100 + total - 1) / total));
+  EXPECT_EQ(std::string("Image                 1K-blocks       Used  Available Use%\n") + expected,
+            r.out);
+  EXPECT_EQ(0, exvol({"df", "-h", image_}).status);
+}
+
+TEST_F(CliRead, ReadingCommandsNeverWriteTheImage) {
+  // A volume left dirty by a crash: a read-write mount would rewrite the
+  // boot sector, a read-only one must leave every byte alone.
+  ImageBuilder b;
+  b.add_bitmap_entry().add_upcase_entry().add_label(u"DIRTY");
+  b.add_file(b.root(), u"f", bytes("data"));
+  b.volume_flags(0x0002);
+  std::string dirty = at("dirty.img");
+  b.write_to(dirty);
+  std::string before = read_file(dirty);
+  for (std::vector<std::string> args :
+       {std::vector<std::string>{"ls", "-laR", dirty + ":/"}, {"cat", dirty + ":/f"},
+        {"stat", dirty + ":/f"}, {"df", dirty}, {"label", dirty}, {"attrib", dirty + ":/f"},
+        {"info", dirty}, {"cp", dirty + ":/f", at("out")}}) {
+    Result r = exvol(args);
+    EXPECT_EQ(0, r.status) << args[0] << ": " << r.err;
+  }
+  EXPECT_EQ("data", read_file(at("out")));
+  EXPECT_TRUE(read_file(dirty) == before) << "a reading command changed the image";
+  EXPECT_TRUE(read_file(image_) == original_);
+}
+
+TEST_F(CliRead, LabelAndInfoReadTheVolume) {
+  Result r = exvol({"label", image_});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_EQ("DATA\n", r.out);
+  EXPECT_EQ("DATA\n", exvol({"label", image_ + ":"}).out) << "IMG: names the image too";
+  r = exvol({"info", image_});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.out.find("Label:           DATA\n")) << r.out;
+}
+
+// --- The command line -------------------------------------------------------------
+
+TEST(CliUsage, HelpListsEveryCommandAndEachExplainsItself) {
+  Result r = exvol({"help"});
+  EXPECT_EQ(0, r.status);
+  const char* commands[] = {"info", "ls", "stat", "cat", "cp", "mv", "rm", "mkdir", "rmdir",
+                            "ln", "readlink", "touch", "attrib", "label", "df"};
+  for (const char* c : commands) {
+    EXPECT_NE(std::string::npos, r.out.find(std::string("\n  ") + c + " ")) << c;
+    Result h = exvol({c, "--help"});
+    EXPECT_EQ(0, h.status) << c;
+    EXPECT_EQ(0u, h.out.find(std::string("usage: exvol ") + c + " ")) << h.out;
+    EXPECT_EQ(h.out, exvol({"help", c}).out) << c;
+  }
+}
+
+TEST(CliUsage, WrongCommandLinesExitWithStatusTwo) {
+  const std::vector<std::vector<std::string>> wrong = {
+      {},
+      {"frobnicate"},
+      {"ls"},
+      {"ls", "-Z", "x.img:"},
+      {"ls", "not-an-address"},
+      {"cp", "only-one"},
+      {"cp", "host-a", "host-b"},
+      {"ln", "target", "x.img:/l"},
+      {"ln", "-s", "target"},
+      {"touch", "-d", "yesterday", "x.img:/f"},
+      {"mkdir", "-o", "bogus", "x.img:/d"},
+      {"mkdir", "-o", "tz=Mars", "x.img:/d"},
+      {"cat", "-o"},
+      {"label"},
+      {"label", "x.img", "A", "B"},
+      {"help", "frobnicate"},
+  };
+  for (const auto& args : wrong) {
+    Result r = exvol(args);
+    std::string line = args.empty() ? "(none)" : args[0];
+    EXPECT_EQ(2, r.status) << line << " " << (args.size() > 1 ? args[1] : "");
+    EXPECT_EQ(0u, r.err.find("exvol: ")) << r.err;
+    EXPECT_EQ("", r.out);
+  }
+}
+
+}  // namespace
+}  // namespace exvol::cli_test

@@ -1,0 +1,309 @@
+// Damaged volumes walked from end to end.
+//
+// A small populated volume (nested directories, long names, a chained and a
+// contiguous file, a symbolic link) is damaged at random, a few bytes at a
+// time, in one of its structures. Each variant that mounts is walked
+// read-only: every directory listed, every name looked up and stat'ed,
+// every file read, every link read. Some variants are also mounted
+// read-write and changed: files created, written, removed, a directory made
+// and a file renamed. Every call must come back with a value or an errno;
+// no crash, no sanitizer report, no hang (a watchdog aborts a variant that
+// stops making progress) and nothing of the driver left after the unmount.
+//
+// EXVOL_WALK_SEED picks the damage, EXVOL_WALK_VARIANTS how many variants
+// (default 2000); a crash or a hang prints the seed and variant to rerun.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <csignal>
+#include <cstdlib>
+#include <mutex>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#if __has_include(<sanitizer/common_interface_defs.h>)
+#include <sanitizer/common_interface_defs.h>
+#define EXVOL_HAVE_SANITIZER_DEATH_CALLBACK 1
+#endif
+
+#include "exfat_proto.h"
+#include "host/blkdev.h"
+#include "host/kern.h"
+#include "host/mount.h"
+#include "host/vfs.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/vnode_io.h"
+#include "tests/unit/driver/namespace_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+// The variant being walked, for the crash and hang reports.
+char g_walk_case[160];
+
+void print_walk_case() {
+  fprintf(stderr, "\ndamaged-walk test: stopped on %s\n", g_walk_case);
+}
+
+void on_abort(int) {
+  print_walk_case();
+  signal(SIGABRT, SIG_DFL);
+  raise(SIGABRT);
+}
+
+// Aborts the process when the walk makes no progress for `limit`: a hang
+// in the driver must fail the test, not the CI job's time budget.
+class Watchdog {
+ public:
+  explicit Watchdog(std::chrono::seconds limit) : limit_(limit), thread_([this] { watch(); }) {}
+  ~Watchdog() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    wake_.notify_all();
+    thread_.join();
+  }
+  void progress() { ticks_.fetch_add(1, std::memory_order_relaxed); }
+
+ private:
+  void watch() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    uint64_t seen = ticks_.load();
+    while (!done_) {
+      if (wake_.wait_for(lock, limit_, [this] { return done_; }))
+        return;
+      uint64_t now = ticks_.load();
+      if (now == seen) {
+        fprintf(stderr, "\ndamaged-walk test: no progress for %lld s\n",
+                static_cast<long long>(limit_.count()));
+        print_walk_case();
+        abort();
+      }
+      seen = now;
+    }
+  }
+
+  std::chrono::seconds limit_;
+  std::atomic<uint64_t> ticks_{0};
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  bool done_ = false;
+  std::thread thread_;
+};
+
+struct Region {
+  const char* name;
+  uint64_t offset;
+  uint64_t length;
+};
+
+}  // namespace
+
+class DamagedWalk : public NamespaceTest {
+ protected:
+  DamagedWalk() {
+    Geometry g = namespace_geometry();
+    g.cluster_count = 200;
+    g.root_clusters = 2;
+    builder_ = ImageBuilder(g);
+    builder_.add_bitmap_entry().add_upcase_entry().add_label(u"WALK");
+    dir_ = builder_.mkdir(builder_.root(), u"dir", 2);
+    Dir sub = builder_.mkdir(dir_, u"a subdirectory with a long name");
+    builder_.add_file(sub, u"deep.txt", bytes("deep"));
+    builder_.add_file(dir_, u"b.txt", std::vector<uint8_t>(1500, 'b'));
+    builder_.add_file(dir_, u"a file whose name needs three name entries in its set.txt",
+                      bytes("long"));
+    chain_ = builder_.add_file(builder_.root(), u"chain.bin", std::vector<uint8_t>(1400, 'c'));
+    contig_ = builder_.add_file(builder_.root(), u"contig.bin", std::vector<uint8_t>(1000, 'd'),
+                                Alloc::Contiguous);
+    builder_.add_file(builder_.root(), u"empty", {});
+  }
+
+  void TearDown() override {
+    if (devvp != nullptr)
+      host_memdev_set_faults(devvp, host_memdev_faults{});
+    NamespaceTest::TearDown();
+  }
+
+  // The base image: the builder's volume plus a symbolic link the driver
+  // itself made, so that the link's layout is the driver's own.
+  void make_base() {
+    mount_built();
+    Vref link;
+    ASSERT_EQ(0, symlink(root_.vp, "link", "dir/b.txt", &link));
+    link_cluster_ = link.node()->x_start_cluster;
+    link.reset();
+    root_.reset();
+    ASSERT_EQ(0, unmount());
+    base_ = read_device(0, image_bytes_);
+    ASSERT_NE(0u, link_cluster_);
+  }
+
+  // A call's result: a value or a positive errno. A restart request is
+  // retried as the kernel would, a few times at most.
+  template <typename Op>
+  int call(Op op) {
+    watchdog_->progress();
+    int error = ERESTART;
+    for (int round = 0; round < 8 && error == ERESTART; round++)
+      error = op();
+    EXPECT_GE(error, 0) << "a private code escaped";
+    return error;
+  }
+
+  void walk(vnode_t dvp, int depth) {
+    std::vector<DirRecord> records;
+    if (call([&] { return vn_list(dvp, &records); }) != 0 || depth > 6)
+      return;
+    for (const DirRecord& r : records) {
+      Vref vp;
+      if (call([&] { return lookup(dvp, r.name, LOOKUP, &vp); }) != 0)
+        continue;
+      visited_++;
+      uint64_t size = 0;
+      call([&] { return vn_size(vp.vp, &size); });
+      if (vnode_isdir(vp.vp)) {
+        walk(vp.vp, depth + 1);
+      } else if (vnode_islnk(vp.vp)) {
+        std::string target;
+        call([&] { return vn_readlink(vp.vp, &target); });
+      } else {
+        std::vector<uint8_t> data;
+        call([&] { return vn_read_all(vp.vp, &data, 1u << 20, 4096); });
+      }
+    }
+  }
+
+  // A few changes, each attempted whatever the previous ones gave.
+  void change() {
+    Vref file, dir, made;
+    if (call([&] { return create(root_.vp, "new", &file); }) == 0) {
+      call([&] { return vn_write_at(file.vp, 0, std::vector<uint8_t>(3000, 'n')); });
+      call([&] { return VNOP_FSYNC(file.vp, MNT_WAIT, ctx_); });
+      file.reset();
+    }
+    if (call([&] { return lookup(root_.vp, "dir", LOOKUP, &dir); }) == 0 && vnode_isdir(dir.vp)) {
+      Vref inner;
+      if (call([&] { return create(dir.vp, "inner", &inner); }) == 0)
+        call([&] { return vn_write_at(inner.vp, 0, std::vector<uint8_t>(700, 'i')); });
+      inner.reset();
+      call([&] { return remove(dir.vp, "b.txt"); });
+    }
+    call([&] { return remove(root_.vp, "chain.bin"); });
+    Vref growing;
+    if (call([&] { return lookup(root_.vp, "contig.bin", LOOKUP, &growing); }) == 0 &&
+        vnode_isreg(growing.vp))
+      call([&] { return vn_write_at(growing.vp, 900, std::vector<uint8_t>(2000, 'g')); });
+    growing.reset();
+    call([&] { return mkdir(root_.vp, "made", &made); });
+    made.reset();
+    call([&] { return rename(root_.vp, "empty", root_.vp, "renamed"); });
+    call([&] { return host_sync(mp, MNT_WAIT); });
+  }
+
+  // Unmounts, forced if need be; then nothing of the driver may be left.
+  void unmount_all() {
+    root_.reset();
+    int error = unmount();
+    EXPECT_GE(error, 0);
+    if (error != 0) {
+      EXPECT_EQ(0, unmount(MNT_FORCE));
+    }
+  }
+
+  Dir dir_;
+  Placed chain_, contig_;
+  uint32_t link_cluster_ = 0;
+  int visited_ = 0;  // names the walks looked up
+  std::vector<uint8_t> base_;
+  Watchdog* watchdog_ = nullptr;
+};
+
+TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
+  uint32_t seed = 20241107;
+  if (const char* s = getenv("EXVOL_WALK_SEED"))
+    seed = static_cast<uint32_t>(strtoul(s, nullptr, 0));
+  int variants = 2000;
+  if (const char* s = getenv("EXVOL_WALK_VARIANTS"))
+    variants = atoi(s);
+
+  make_base();
+  ASSERT_FALSE(HasFatalFailure());
+  const uint32_t cluster = builder_.bytes_per_cluster();
+  const Region regions[] = {
+      {"boot sector", 0, 512},
+      {"FAT", builder_.fat_byte_offset(), 202 * 4},
+      {"bitmap", builder_.cluster_byte_offset(builder_.bitmap_cluster()), cluster},
+      {"up-case table", builder_.cluster_byte_offset(builder_.upcase_cluster()), 128},
+      {"root directory", builder_.cluster_byte_offset(builder_.root().first_cluster), 2 * cluster},
+      {"directory", builder_.cluster_byte_offset(dir_.first_cluster), 2 * cluster},
+      {"chained file", builder_.cluster_byte_offset(chain_.first_cluster), cluster},
+      {"contiguous file", builder_.cluster_byte_offset(contig_.first_cluster), cluster},
+      {"symbolic link", builder_.cluster_byte_offset(link_cluster_), 2 * cluster},
+  };
+
+  std::mt19937 rng(seed);
+  signal(SIGABRT, on_abort);
+#ifdef EXVOL_HAVE_SANITIZER_DEATH_CALLBACK
+  __sanitizer_set_death_callback(print_walk_case);
+#endif
+  Watchdog watchdog(std::chrono::seconds(20));
+  watchdog_ = &watchdog;
+
+  // Undamaged, the walk reaches every name of the volume.
+  ASSERT_EQ(0, load(base_));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+  ctx_ = vfs_context_kernel();
+  ASSERT_EQ(0, VFS_ROOT(mp, &root_.vp, ctx_));
+  walk(root_.vp, 0);
+  EXPECT_EQ(9, visited_) << "the walk misses names";
+  unmount_all();
+  release();
+
+  int mounted = 0;
+  for (int i = 0; i < variants && !HasFailure(); i++) {
+    std::vector<uint8_t> image = base_;
+    const Region& r = regions[rng() % std::size(regions)];
+    int changes = 1 + static_cast<int>(rng() % 8);
+    for (int k = 0; k < changes; k++)
+      image[r.offset + rng() % r.length] = static_cast<uint8_t>(rng());
+    bool writable = rng() % 4 == 0;
+    snprintf(g_walk_case, sizeof(g_walk_case),
+             "EXVOL_WALK_SEED=%u, variant %d (%s%s)", seed, i, r.name,
+             writable ? ", read-write" : "");
+    SCOPED_TRACE(g_walk_case);
+
+    ASSERT_EQ(0, load(image));
+    KernLogCapture quiet;
+    int error = mount(writable ? 0 : MNT_RDONLY);
+    watchdog.progress();
+    if (error != 0) {
+      EXPECT_GT(error, 0);
+    } else {
+      mounted++;
+      ctx_ = vfs_context_kernel();
+      if (call([&] { return VFS_ROOT(mp, &root_.vp, ctx_); }) == 0) {
+        walk(root_.vp, 0);
+        if (writable)
+          change();
+      }
+      unmount_all();
+    }
+    release();
+    if (driver_memory() != baseline_memory_) {
+      ADD_FAILURE() << "driver memory left behind: " << driver_memory();
+      break;
+    }
+  }
+  watchdog_ = nullptr;
+  signal(SIGABRT, SIG_DFL);
+  // Most damage must leave a volume that mounts, or the walk tests little.
+  EXPECT_GT(mounted, variants / 2);
+}

@@ -1,0 +1,285 @@
+// Device errors under a mounted volume.
+//
+// Reads and writes fail on chosen blocks: the boot sector, the FAT block of
+// a chained file, the bitmap, the up-case table, the root directory, a
+// subdirectory, a chained file's data and a contiguous file's data. With
+// each fault in place the volume is mounted (read-only and read-write) and
+// driven through lookup, listing, reads, writes, creates, removes, fsync,
+// sync and unmount. Every call returns 0 or a positive errno, never a
+// crash or a hang; after the unmount nothing of the driver is left, and the
+// device mounts again once the fault is gone.
+//
+// Beyond "no crash", the errors must be the right ones where it matters:
+// a directory that can't be read is not empty (lookup says EIO, not
+// ENOENT, and nothing is created in it), a file whose data can't be read
+// says EIO instead of returning zeros, and a write that can't reach the
+// disk is reported to whoever waits for it (a synchronous write, fsync).
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/blkdev.h"
+#include "host/kern.h"
+#include "host/mount.h"
+#include "host/vfs.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/vnode_io.h"
+#include "tests/unit/driver/namespace_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+std::vector<uint8_t> pattern(size_t length, uint8_t seed) {
+  std::vector<uint8_t> v(length);
+  for (size_t i = 0; i < length; i++)
+    v[i] = static_cast<uint8_t>((i * 3 + seed) % 251 + 1);
+  return v;
+}
+
+struct Region {
+  const char* name;
+  uint64_t byte;  // a byte of the device inside the region
+};
+
+}  // namespace
+
+class IoFaults : public NamespaceTest {
+ protected:
+  // The volume: a subdirectory with two files (one with a long name), a
+  // chained file whose FAT entries lie past the FAT's first block, and a
+  // contiguous file.
+  IoFaults() {
+    // 2048 clusters make a FAT of several pages; the first 1100 go to a
+    // filler, so that the chained file's FAT entries are in a page that
+    // mounting never reads.
+    Geometry g = namespace_geometry();
+    g.cluster_count = 2048;
+    builder_ = ImageBuilder(g);
+    builder_.add_bitmap_entry().add_upcase_entry();
+    builder_.add_file(builder_.root(), u"filler", std::vector<uint8_t>(1100 * 512, 'f'));
+    sub_ = builder_.mkdir(builder_.root(), u"d");
+    builder_.add_file(sub_, u"a", pattern(700, 1));
+    builder_.add_file(sub_, u"a file with a name longer than fifteen", pattern(100, 2));
+    chain_ = builder_.add_file(builder_.root(), u"chain", pattern(3 * 512, 3));
+    contig_ = builder_.add_file(builder_.root(), u"contig", pattern(2 * 512, 4), Alloc::Contiguous);
+    image_ = builder_.build();
+    image_bytes_ = image_.size();
+  }
+
+  void TearDown() override {
+    if (devvp != nullptr)
+      host_memdev_set_faults(devvp, host_memdev_faults{});
+    NamespaceTest::TearDown();
+  }
+
+  std::vector<Region> regions() {
+    return {
+        {"boot sector", 0},
+        {"FAT block of the chained file", builder_.fat_byte_offset() + 4u * chain_.first_cluster},
+        {"bitmap", builder_.cluster_byte_offset(builder_.bitmap_cluster())},
+        {"up-case table", builder_.cluster_byte_offset(builder_.upcase_cluster())},
+        {"root directory", builder_.cluster_byte_offset(builder_.root().first_cluster)},
+        {"subdirectory", builder_.cluster_byte_offset(sub_.first_cluster)},
+        {"chained file's second cluster", builder_.cluster_byte_offset(chain_.first_cluster + 1)},
+        {"contiguous file", builder_.cluster_byte_offset(contig_.first_cluster)},
+    };
+  }
+
+  // Mounts the image with the faults in place. Returns the mount's error;
+  // a failed mount must have left nothing behind.
+  int mount_faulty(const host_memdev_faults& faults, uint64_t flags) {
+    EXPECT_EQ(0, load(image_));
+    host_memdev_set_faults(devvp, faults);
+    int error = mount(flags);
+    if (error) {
+      EXPECT_GT(error, 0);
+      expect_nothing_left("after a failed mount");
+      return error;
+    }
+    ctx_ = vfs_context_kernel();
+    error = VFS_ROOT(mp, &root_.vp, ctx_);
+    EXPECT_GE(error, 0);
+    return error;
+  }
+
+  // An operation's result: 0 or a positive errno; a restart request is
+  // retried as the kernel would, a few times at most.
+  template <typename Op>
+  int call(const char* what, Op op) {
+    int error = ERESTART;
+    for (int round = 0; round < 8 && error == ERESTART; round++)
+      error = op();
+    EXPECT_GE(error, 0) << what << " returned a private code";
+    return error;
+  }
+
+  // Everything a reader does: list, look up, stat and read every name.
+  void read_everything(vnode_t dvp, int depth = 0) {
+    std::vector<DirRecord> records;
+    if (call("readdir", [&] { return vn_list(dvp, &records); }) != 0 || depth > 4)
+      return;
+    for (const DirRecord& r : records) {
+      Vref vp;
+      if (call("lookup", [&] { return lookup(dvp, r.name, LOOKUP, &vp); }) != 0)
+        continue;
+      uint64_t size = 0;
+      call("getattr", [&] { return vn_size(vp.vp, &size); });
+      if (vnode_isdir(vp.vp)) {
+        read_everything(vp.vp, depth + 1);
+      } else {
+        std::vector<uint8_t> data;
+        call("read", [&] { return vn_read_all(vp.vp, &data); });
+      }
+    }
+  }
+
+  // Everything a writer does, each step whatever the previous ones gave.
+  void write_everything() {
+    Vref dir, file, chained;
+    if (call("lookup d", [&] { return lookup(root_.vp, "d", LOOKUP, &dir); }) == 0) {
+      if (call("create", [&] { return create(dir.vp, "new", &file); }) == 0) {
+        call("write", [&] { return vn_write_at(file.vp, 0, pattern(2000, 5)); });
+        call("fsync", [&] { return VNOP_FSYNC(file.vp, MNT_WAIT, ctx_); });
+        call("close", [&] { return VNOP_CLOSE(file.vp, FWRITE, ctx_); });
+        file.reset();
+      }
+      call("remove", [&] { return remove(dir.vp, "a"); });
+    }
+    if (call("lookup chain", [&] { return lookup(root_.vp, "chain", LOOKUP, &chained); }) == 0) {
+      call("write", [&] { return vn_write_at(chained.vp, 600, pattern(3000, 6)); });
+      call("F_FULLFSYNC", [&] { return VNOP_IOCTL(chained.vp, F_FULLFSYNC, nullptr, 0, ctx_); });
+      call("truncate", [&] { return vn_set_size(chained.vp, 100); });
+    }
+    Vref made;
+    call("mkdir", [&] { return mkdir(root_.vp, "nd", &made); });
+    made.reset();
+    call("rename", [&] { return rename(root_.vp, "contig", root_.vp, "moved"); });
+    call("sync", [&] { return host_sync(mp, MNT_WAIT); });
+  }
+
+  // Unmounts: unforced if the driver can, forced otherwise; then nothing of
+  // the driver may be left and the device must mount again without faults.
+  void unmount_and_remount() {
+    root_.reset();
+    int error = unmount();
+    EXPECT_GE(error, 0);
+    if (error != 0) {
+      ASSERT_EQ(0, unmount(MNT_FORCE));
+    }
+    expect_nothing_left("after the unmount");
+    host_memdev_set_faults(devvp, host_memdev_faults{});
+    ASSERT_EQ(0, mount(MNT_RDONLY)) << "the volume no longer mounts";
+    ASSERT_EQ(0, unmount());
+  }
+
+  Dir sub_;
+  Placed chain_, contig_;
+  std::vector<uint8_t> image_;
+};
+
+// Each region unreadable, on read-only and read-write mounts, through
+// every operation.
+TEST_F(IoFaults, ReadErrorsAnywhereAreReturnedNeverFatal) {
+  for (const Region& r : regions()) {
+    for (uint64_t flags : {uint64_t{MNT_RDONLY}, uint64_t{0}}) {
+      SCOPED_TRACE(std::string(r.name) + (flags ? ", read-only" : ", read-write"));
+      host_memdev_faults faults;
+      faults.fail_read_bytes = {r.byte};
+      KernLogCapture quiet;
+      if (mount_faulty(faults, flags) != 0)
+        continue;
+      read_everything(root_.vp);
+      if (flags == 0)
+        write_everything();
+      unmount_and_remount();
+    }
+  }
+}
+
+// Each region unwritable on a read-write mount, through every operation.
+TEST_F(IoFaults, WriteErrorsAnywhereAreReturnedNeverFatal) {
+  for (const Region& r : regions()) {
+    SCOPED_TRACE(r.name);
+    host_memdev_faults faults;
+    faults.fail_write_bytes = {r.byte};
+    KernLogCapture quiet;
+    ASSERT_EQ(0, mount_faulty(faults, 0)) << "only reads decide whether a volume mounts";
+    write_everything();
+    read_everything(root_.vp);
+    unmount_and_remount();
+  }
+}
+
+// A directory that can't be read is not an empty directory: looking a name
+// up in it fails with EIO, and nothing can be created in it.
+TEST_F(IoFaults, UnreadableDirectoryIsNotEmpty) {
+  host_memdev_faults faults;
+  faults.fail_read_bytes = {builder_.cluster_byte_offset(sub_.first_cluster)};
+  KernLogCapture quiet;
+  ASSERT_EQ(0, mount_faulty(faults, 0));
+  Vref dir;
+  ASSERT_EQ(0, lookup(root_.vp, "d", LOOKUP, &dir));
+  std::vector<DirRecord> records;
+  EXPECT_EQ(EIO, vn_list(dir.vp, &records));
+  Vref found;
+  EXPECT_EQ(EIO, lookup(dir.vp, "a", LOOKUP, &found));
+  EXPECT_EQ(EIO, lookup(dir.vp, "a", CREATE, &found)) << "a name to create must not look free";
+  Vref made;
+  EXPECT_NE(0, create(dir.vp, "a", &made));
+  dir.reset();
+  unmount_and_remount();
+}
+
+// A data block that can't be read gives EIO, not zeros or old bytes; the
+// file's other blocks and the other files still read.
+TEST_F(IoFaults, UnreadableDataBlockFailsTheReadOnly) {
+  host_memdev_faults faults;
+  faults.fail_read_bytes = {builder_.cluster_byte_offset(chain_.first_cluster + 1)};
+  KernLogCapture quiet;
+  ASSERT_EQ(0, mount_faulty(faults, MNT_RDONLY));
+  Vref chained, contiguous;
+  ASSERT_EQ(0, lookup(root_.vp, "chain", LOOKUP, &chained));
+  ASSERT_EQ(0, lookup(root_.vp, "contig", LOOKUP, &contiguous));
+  std::vector<uint8_t> data;
+  EXPECT_EQ(EIO, vn_read_all(chained.vp, &data, 1u << 20, 4096));
+  EXPECT_EQ(0, vn_read_all(contiguous.vp, &data));
+  EXPECT_EQ(pattern(2 * 512, 4), data);
+  chained.reset();
+  contiguous.reset();
+  unmount_and_remount();
+}
+
+// A FAT block that can't be read stops the walk of a chain with EIO: the
+// chained file's later clusters can't be found, its first one still reads.
+TEST_F(IoFaults, UnreadableFatBlockFailsTheChainedRead) {
+  host_memdev_faults faults;
+  faults.fail_read_bytes = {builder_.fat_byte_offset() + 4u * chain_.first_cluster};
+  KernLogCapture quiet;
+  ASSERT_EQ(0, mount_faulty(faults, MNT_RDONLY));
+  Vref chained;
+  ASSERT_EQ(0, lookup(root_.vp, "chain", LOOKUP, &chained));
+  std::vector<uint8_t> data;
+  EXPECT_EQ(EIO, vn_read_all(chained.vp, &data, 1u << 20, 4096));
+  chained.reset();
+  unmount_and_remount();
+}
+
+// A data block that can't be written: a synchronous write says so, and so
+// does an fsync of a delayed one.
+TEST_F(IoFaults, UnwritableDataBlockIsReportedToWhoeverWaits) {
+  host_memdev_faults faults;
+  faults.fail_write_bytes = {builder_.cluster_byte_offset(contig_.first_cluster)};
+  KernLogCapture quiet;
+  ASSERT_EQ(0, mount_faulty(faults, 0));
+  Vref contiguous;
+  ASSERT_EQ(0, lookup(root_.vp, "contig", LOOKUP, &contiguous));
+  EXPECT_EQ(EIO, vn_write_at(contiguous.vp, 0, pattern(512, 7), IO_SYNC));
+  ASSERT_EQ(0, vn_write_at(contiguous.vp, 0, pattern(512, 8)));
+  EXPECT_EQ(EIO, VNOP_FSYNC(contiguous.vp, MNT_WAIT, ctx_));
+  contiguous.reset();
+  unmount_and_remount();
+}

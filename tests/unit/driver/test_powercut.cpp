@@ -1,0 +1,619 @@
+// Power cuts in the middle of a workload.
+//
+// A workload of namespace and data operations runs on an in-memory device
+// whose power is cut after N writes, for a sample of N over the whole run.
+// The caches are then dropped (forced unmount with the device refusing
+// every further write), and the image as the device kept it is checked and
+// mounted again.
+//
+// Two devices are modelled:
+//   write-through  every write the device accepted is durable, so the image
+//                  is exactly the first N writes;
+//   write-cache    accepted writes stay volatile until the device is told
+//                  to flush its cache (F_FULLFSYNC, a waiting sync, unmount),
+//                  so the image is the first N writes or only what preceded
+//                  the last flush before the cut.
+//
+// What the driver guarantees, and so what is checked after every cut:
+//   1. The volume mounts, read-only and read-write; VolumeDirty is set.
+//   2. Walking the whole tree and reading every file never crashes; the
+//      files the guarantees below cover read back without an error.
+//   3. The damage is confined to what the interrupted operations were
+//      changing, and the checker sees all of it. Each metadata flush writes
+//      the bitmap, then the FAT, then the directory blocks, and a new
+//      directory cluster is zeroed on disk before it is linked, so a cut may
+//      leave, on entries that none of the guarantees below covers:
+//        - clusters allocated beyond what an entry records (the allocation
+//          reached the disk, the entry not yet);
+//        - an entry that still records clusters the bitmap or the FAT
+//          already released (a remove or a shrink whose entry change had
+//          not reached the disk; the checker truncates or deletes it);
+//        - an entry set torn at a block boundary (a File entry with a wrong
+//          checksum, or orphaned Stream and Name entries);
+//        - a renamed file under both its names, sharing its clusters (the
+//          new entry set is written before the old one is deleted).
+//      Never: any other cluster owned twice, a cyclic chain, damage to the
+//      boot region, the bitmap or the up-case table, garbage read as
+//      entries, a finding on a file that a guarantee covers, or a volume
+//      marked clean.
+//      And on a volume the checker calls clean, writing until it is full
+//      must not hand out a cluster that something still owns.
+//   4. fsync writes a file's data before it returns and its entry, FAT and
+//      bitmap changes in the delayed metadata flush it requests. Once that
+//      flush has run, the file (name, size, contents) survives a cut on a
+//      write-through device; on a device with a write cache it survives once
+//      a cache flush followed (a later F_FULLFSYNC of any file, a waiting
+//      sync). F_FULLFSYNC is fsync followed by a cache flush: its own data
+//      is durable when it returns, its entry with the next cache flush
+//      after the delayed flush.
+//   5. A waiting sync (MNT_WAIT) writes every file's data and entry and
+//      then flushes the device cache: every file as it was at the sync
+//      survives, unless it was changed afterwards.
+//   6. A file that existed before the workload and that the workload never
+//      touches survives any cut.
+// The workload changes nothing it has been promised in these terms, except
+// where it drops the promise first (a rename, a remove).
+//
+// EXVOL_POWERCUT_SEED picks the sample of cut points; EXVOL_POWERCUT_CUTS
+// sets how many cuts each device model gets (default 100: every write of
+// the workload as it is).
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/blkdev.h"
+#include "host/kern.h"
+#include "host/mount.h"
+#include "host/vfs.h"
+#include "tests/support/fsck.h"
+#include "tests/support/image_builder.h"
+#include "tests/support/vnode_io.h"
+#include "tests/unit/driver/namespace_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+std::vector<uint8_t> pattern(size_t length, uint8_t seed) {
+  std::vector<uint8_t> v(length);
+  for (size_t i = 0; i < length; i++)
+    v[i] = static_cast<uint8_t>((i * 7 + seed * 13) % 251 + 1);
+  return v;
+}
+
+uint32_t env_or(const char* name, uint32_t fallback) {
+  const char* s = getenv(name);
+  return s != nullptr ? static_cast<uint32_t>(strtoul(s, nullptr, 0)) : fallback;
+}
+
+enum class Device { WriteThrough, WriteCache };
+
+const char* device_name(Device d) {
+  return d == Device::WriteThrough ? "write-through" : "write-cache";
+}
+
+// What must survive, and since when it is owed.
+struct Promise {
+  bool link = false;
+  std::vector<uint8_t> data;  // a file's contents
+  std::string target;         // a link's target
+  uint64_t writes = 0;        // device writes when the promise was made
+  uint64_t flushes = 0;       // device cache flushes then
+  bool needs_flush = false;   // owed only after a later cache flush
+};
+
+// Finding classes of the checker that an interrupted metadata flush may
+// leave on entries that no guarantee covers (see the top of the file).
+const char* const kInFlightFindings[] = {
+    "more clusters are allocated",   // allocation on disk, entry not yet
+    "less clusters are allocated",   // release on disk, shrunk entry not yet
+    "is marked as free",             // release on disk, deletion not yet
+    "broken cluster chain",          // release on disk, shrunk entry not yet
+    "the checksum of a file is wrong",  // a set torn at a block boundary
+    "unknown entry type 0xc0 ",      // the secondaries of a torn set
+    "unknown entry type 0xc1 ",      // without their File entry
+    "failed to get stream dentry",   // a set torn at a block boundary
+    "failed to get name dentry",
+};
+
+// A rename writes the new entry set before it deletes the old one, so that
+// a cut in between keeps the file under both names, sharing its clusters,
+// rather than under neither.
+const char kRenameFinding[] = "cluster is already allocated for the other file";
+
+// The checker's report lines that no cut may cause: any finding on an owed
+// file, any finding outside the in-flight classes (clusters owned twice
+// except by the two names of a renamed file, cyclic chains, boot region,
+// bitmap or up-case damage), and any line that is not a per-entry finding
+// or the summary.
+std::vector<std::string> unacceptable_findings(const FsckResult& r,
+                                               const std::set<std::string>& owed,
+                                               const std::set<std::string>& renamed) {
+  std::vector<std::string> bad;
+  if (r.status != 0 && r.status != 4)
+    bad.push_back("exit status " + std::to_string(r.status));
+  std::istringstream in(r.output);
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line.rfind("exfatprogs version", 0) == 0 ||
+        line.find(": clean. directories ") != std::string::npos ||
+        line.find(": corrupted. directories ") != std::string::npos ||
+        line.find(": files corrupted ") != std::string::npos)
+      continue;
+    const std::string prefix = "ERROR: /";
+    size_t colon = line.find(": ", prefix.size());
+    if (line.rfind(prefix, 0) != 0 || colon == std::string::npos) {
+      bad.push_back(line);
+      continue;
+    }
+    std::string path = line.substr(prefix.size(), colon - prefix.size());
+    std::string finding = line.substr(colon + 2);
+    bool in_flight = false;
+    for (const char* f : kInFlightFindings)
+      in_flight |= finding.find(f) != std::string::npos;
+    in_flight |= finding.find(kRenameFinding) != std::string::npos && renamed.count(path) != 0;
+    if (!in_flight || owed.count(path) != 0)
+      bad.push_back(line);
+  }
+  return bad;
+}
+
+}  // namespace
+
+class PowerCut : public NamespaceTest {
+ protected:
+  void SetUp() override {
+    NamespaceTest::SetUp();
+    saved_delay_ = exfat_meta_delay;
+    // The delayed flush is what makes fsync's metadata durable; a short
+    // delay keeps the many runs fast without changing what happens.
+    exfat_meta_delay = 2;
+  }
+
+  void TearDown() override {
+    exfat_meta_delay = saved_delay_;
+    if (devvp != nullptr)
+      host_memdev_set_faults(devvp, host_memdev_faults{});
+    NamespaceTest::TearDown();
+  }
+
+  // The volume before the workload: files and directories that the
+  // workload renames or removes, and one it never touches.
+  std::vector<uint8_t> base_image() {
+    builder_.add_file(builder_.root(), u"keep", pattern(1500, 90));
+    Dir old = builder_.mkdir(builder_.root(), u"old");
+    builder_.add_file(old, u"x", pattern(700, 91));
+    builder_.add_file(old, u"y", pattern(2000, 92), Alloc::Contiguous);
+    builder_.mkdir(builder_.root(), u"d3");
+    std::vector<uint8_t> image = builder_.build();
+    image_bytes_ = image.size();
+    return image;
+  }
+
+  void mount_image(const std::vector<uint8_t>& image, uint64_t flags) {
+    ASSERT_EQ(0, load(image));
+    ASSERT_EQ(0, mount(flags));
+    ctx_ = vfs_context_kernel();
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_.vp, ctx_));
+  }
+
+  host_devstats stats() {
+    host_devstats s{};
+    host_blkdev_stats(devvp, &s);
+    return s;
+  }
+
+  // Whether a write has failed: the power is gone.
+  bool cut() { return cut_after_ >= 0 && stats().writes > static_cast<uint64_t>(cut_after_); }
+
+  // Waits until no delayed metadata flush is pending or running.
+  void wait_for_delayed_flush() {
+    for (int i = 0; i < 5000; i++) {
+      lck_mtx_lock(xm->xm_meta_lock);
+      bool pending = (xm->xm_meta_state & META_SCHEDULED) != 0;
+      lck_mtx_unlock(xm->xm_meta_lock);
+      if (!pending)
+        return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ADD_FAILURE() << "the delayed metadata flush never ran";
+  }
+
+  // An operation's result: before the cut everything must succeed; after
+  // it any errno will do. Returns whether it succeeded.
+  bool ok(int error, const char* what) {
+    if (error != 0 && !cut())
+      ADD_FAILURE() << what << " failed with " << error << " before the power cut";
+    if (error < 0)
+      ADD_FAILURE() << what << " returned the private code " << error;
+    return error == 0;
+  }
+
+  // Runs a namespace operation as the kernel does: a restart request
+  // (ERESTART) means "look the names up again and retry", which must
+  // settle within a few rounds.
+  template <typename Op>
+  int restarting(Op op) {
+    int error = ERESTART;
+    for (int round = 0; round < 8 && error == ERESTART; round++)
+      error = op();
+    if (error == ERESTART)
+      ADD_FAILURE() << "the operation keeps asking for a restart";
+    return error;
+  }
+
+  // Resolves a path of the tree ("d1/alpha") one component at a time.
+  int resolve(const std::string& path, Vref* out) {
+    vnode_t dvp = root_.vp;
+    vnode_get(dvp);
+    std::string rest = path;
+    for (;;) {
+      size_t slash = rest.find('/');
+      std::string name = rest.substr(0, slash);
+      vnode_t vp = NULLVP;
+      int error = vn_lookup(dvp, name, &vp);
+      vnode_put(dvp);
+      if (error)
+        return error;
+      if (slash == std::string::npos) {
+        out->vp = vp;
+        return 0;
+      }
+      dvp = vp;
+      rest = rest.substr(slash + 1);
+    }
+  }
+  static std::string parent_of(const std::string& path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "" : path.substr(0, slash);
+  }
+  static std::string leaf_of(const std::string& path) {
+    size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+  }
+  int resolve_dir(const std::string& path, Vref* out) {
+    if (path.empty()) {
+      vnode_get(root_.vp);
+      out->vp = root_.vp;
+      return 0;
+    }
+    return resolve(path, out);
+  }
+
+  // --- Operations of the workload, keeping the model of the tree ---
+
+  void op_mkdir(const std::string& path) {
+    Vref dir, made;
+    if (!ok(resolve_dir(parent_of(path), &dir), "lookup"))
+      return;
+    ok(mkdir(dir.vp, leaf_of(path), &made), "mkdir");
+  }
+
+  // Creates (or opens) a file and writes data at offset; closes it.
+  void op_write(const std::string& path, off_t offset, const std::vector<uint8_t>& data,
+                int sync = 0) {
+    Vref dir, file;
+    if (!ok(resolve_dir(parent_of(path), &dir), "lookup"))
+      return;
+    int error = lookup(dir.vp, leaf_of(path), LOOKUP, &file);
+    if (error == ENOENT)
+      error = create(dir.vp, leaf_of(path), &file);
+    if (!ok(error, "create"))
+      return;
+    forget(path);
+    std::vector<uint8_t>& content = model_[path];
+    if (content.size() < static_cast<size_t>(offset) + data.size())
+      content.resize(static_cast<size_t>(offset) + data.size(), 0);
+    std::copy(data.begin(), data.end(), content.begin() + offset);
+    ok(VNOP_OPEN(file.vp, FREAD | FWRITE, ctx_), "open");
+    bool written = ok(vn_write_at(file.vp, offset, data), "write");
+    if (written && sync == 1 && ok(VNOP_FSYNC(file.vp, MNT_WAIT, ctx_), "fsync"))
+      promise(path, false);
+    if (written && sync == 2 && ok(VNOP_IOCTL(file.vp, F_FULLFSYNC, nullptr, 0, ctx_), "full"))
+      promise(path, false);
+    ok(VNOP_CLOSE(file.vp, FREAD | FWRITE, ctx_), "close");
+  }
+
+  void op_truncate(const std::string& path, uint64_t size) {
+    Vref file;
+    if (!ok(resolve(path, &file), "lookup"))
+      return;
+    forget(path);
+    model_[path].resize(size, 0);
+    ok(vn_set_size(file.vp, size), "truncate");
+  }
+
+  void op_symlink(const std::string& path, const std::string& target) {
+    Vref dir, link;
+    if (!ok(resolve_dir(parent_of(path), &dir), "lookup"))
+      return;
+    if (!ok(symlink(dir.vp, leaf_of(path), target, &link), "symlink"))
+      return;
+    links_[path] = target;
+    if (ok(VNOP_FSYNC(link.vp, MNT_WAIT, ctx_), "fsync link"))
+      promise(path, true);
+  }
+
+  void op_remove(const std::string& path, bool directory = false) {
+    Vref dir;
+    if (!ok(resolve_dir(parent_of(path), &dir), "lookup"))
+      return;
+    forget(path);
+    model_.erase(path);
+    links_.erase(path);
+    ok(restarting([&] {
+         return directory ? rmdir(dir.vp, leaf_of(path)) : remove(dir.vp, leaf_of(path));
+       }),
+       "remove");
+  }
+
+  void op_rename(const std::string& from, const std::string& to) {
+    Vref fdir, tdir;
+    if (!ok(resolve_dir(parent_of(from), &fdir), "lookup") ||
+        !ok(resolve_dir(parent_of(to), &tdir), "lookup"))
+      return;
+    forget(from);
+    forget(to);
+    renamed_.insert(from);
+    renamed_.insert(to);
+    auto it = model_.find(from);
+    if (it != model_.end()) {
+      model_[to] = it->second;
+      model_.erase(from);
+    }
+    ok(restarting([&] { return rename(fdir.vp, leaf_of(from), tdir.vp, leaf_of(to)); }),
+       "rename");
+  }
+
+  void op_sync() {
+    if (!ok(host_sync(mp, MNT_WAIT), "sync"))
+      return;
+    for (const auto& [path, data] : model_)
+      promise(path, false, /*needs_flush=*/false);
+    for (const auto& [path, target] : links_)
+      promise(path, true, false);
+  }
+
+  // Records that `path` is owed as the model has it now, once the delayed
+  // flush that the fsync asked for has run.
+  void promise(const std::string& path, bool link, bool needs_flush = true) {
+    wait_for_delayed_flush();
+    if (cut())
+      return;
+    Promise p;
+    p.link = link;
+    if (link)
+      p.target = links_[path];
+    else
+      p.data = model_[path];
+    host_devstats s = stats();
+    p.writes = s.writes;
+    p.flushes = s.flushes;
+    p.needs_flush = needs_flush && device_ == Device::WriteCache;
+    promises_[path] = p;
+  }
+  void forget(const std::string& path) { promises_.erase(path); }
+
+  // The workload. Pre-existing: keep, old/x, old/y, d3.
+  void workload() {
+    op_mkdir("d1");
+    op_mkdir("d2");
+    op_write("d1/alpha", 0, pattern(3000, 1), 1);
+    op_write("d1/A long name that needs several name entries.txt", 0, pattern(700, 2));
+    op_write("beta", 0, pattern(5000, 3), 2);
+    op_rename("old/x", "d2/x-moved");
+    op_write("d1/A long name that needs several name entries.txt", 700, pattern(4000, 4));
+    op_remove("old/y");
+    op_remove("old", true);
+    op_write("d2/gamma", 0, pattern(8192, 5), 1);
+    op_symlink("d2/link", "../beta");
+    op_truncate("d1/A long name that needs several name entries.txt", 100);
+    for (int i = 0; i < 12; i++)
+      op_write("d3/f" + std::to_string(i), 0, pattern(600 + 97 * i, static_cast<uint8_t>(i)));
+    op_sync();
+    for (int i = 0; i < 12; i += 2)
+      op_remove("d3/f" + std::to_string(i));
+    op_rename("d3/f1", "d1/f1-renamed");
+    op_write("d3/f3", 600 + 97 * 3, pattern(3000, 6), 2);
+    op_rename("d2/gamma", "d2/gamma2");
+    op_mkdir("d5");
+    op_rename("d5", "d2/d5");
+    op_write("d2/delta", 0, pattern(1200, 7), 1);
+    op_write("d1/alpha-next", 0, pattern(2500, 8), 2);
+  }
+
+  // One run: mount, arm the cut, run the workload, cut, drop the caches.
+  // Returns the image the device kept and the device writes of the run.
+  uint64_t run(const std::vector<uint8_t>& base, Device device, int64_t cut_after,
+               std::vector<uint8_t>* image) {
+    device_ = device;
+    cut_after_ = cut_after;
+    model_.clear();
+    links_.clear();
+    promises_.clear();
+    renamed_.clear();
+    promises_["keep"] = Promise{false, pattern(1500, 90), "", 0, 0, false};
+    mount_image(base, 0);
+    if (HasFatalFailure())
+      return 0;
+    host_memdev_faults faults;
+    faults.fail_writes_after = cut_after;
+    faults.power_cut_mode = device == Device::WriteCache;
+    host_memdev_set_faults(devvp, faults);
+    host_blkdev_reset_stats(devvp);
+    {
+      KernLogCapture quiet;
+      workload();
+      uint64_t writes = stats().writes;
+      final_flushes_ = stats().flushes;
+      host_memdev_power_cut(devvp);
+      // The device is dead from here on: nothing the unmount writes lands.
+      host_memdev_faults dead;
+      dead.fail_writes_after = 0;
+      dead.power_cut_mode = true;
+      host_memdev_set_faults(devvp, dead);
+      root_.reset();
+      EXPECT_EQ(0, unmount(MNT_FORCE)) << "the forced unmount after the cut";
+      EXPECT_EQ(baseline_memory_, driver_memory()) << "driver memory left after the cut";
+      host_memdev_set_faults(devvp, host_memdev_faults{});
+      *image = read_device(0, image_bytes_);
+      return writes;
+    }
+  }
+
+  // Whether a promise is owed after this run.
+  bool owed(const Promise& p) const {
+    if (cut_after_ >= 0 && p.writes > static_cast<uint64_t>(cut_after_))
+      return false;
+    return !p.needs_flush || final_flushes_ > p.flushes;
+  }
+
+  // Mounts what the device kept and checks everything the run promised;
+  // walks the rest of the tree. `what` names the run in messages.
+  void check_image(const std::vector<uint8_t>& image, const std::string& what) {
+    SCOPED_TRACE(what);
+    EXPECT_TRUE(le16dec(&image[EXFAT_BOOT_VOLUME_FLAGS_OFFSET]) & EXFAT_VOLUME_DIRTY)
+        << "an interrupted volume must stay dirty";
+    std::set<std::string> owed_paths;
+    for (const auto& [path, p] : promises_)
+      if (owed(p))
+        owed_paths.insert(path);
+    bool checker_clean = false;
+    if (!fsck_program().empty()) {
+      FsckResult r = run_fsck(image);
+      checker_clean = r.status == 0;
+      if (getenv("EXVOL_POWERCUT_VERBOSE") != nullptr)
+        fprintf(stderr, "--- %s: status %d\n%s", what.c_str(), r.status, r.output.c_str());
+      std::vector<std::string> bad = unacceptable_findings(r, owed_paths, renamed_);
+      if (!bad.empty())
+        ADD_FAILURE() << "the checker found damage no power cut may cause: " << bad[0] << "\n"
+                      << r.output;
+    }
+
+    KernLogCapture quiet;
+    mount_image(image, MNT_RDONLY);
+    if (HasFatalFailure())
+      return;
+    for (const auto& [path, p] : promises_) {
+      if (!owed(p))
+        continue;
+      SCOPED_TRACE(path);
+      Vref vp;
+      int error = resolve(path, &vp);
+      if (error != 0) {
+        ADD_FAILURE() << "a file owed since write " << p.writes << " is gone (" << error << ")";
+        continue;
+      }
+      if (p.link) {
+        std::string target;
+        EXPECT_EQ(0, vn_readlink(vp.vp, &target));
+        EXPECT_EQ(p.target, target);
+      } else {
+        std::vector<uint8_t> data;
+        EXPECT_EQ(0, vn_read_all(vp.vp, &data));
+        EXPECT_TRUE(data == p.data) << "size " << data.size() << ", owed " << p.data.size();
+      }
+    }
+    walk(root_.vp, 0);
+    root_.reset();
+    ASSERT_EQ(0, unmount());
+
+    // Read-write, filling the volume: on a volume the checker calls clean,
+    // no new allocation may take a cluster that something still owns.
+    // (Where the checker found something, it has to repair the volume
+    // before it is written; then only the absence of a crash counts.)
+    mount_image(image, 0);
+    if (HasFatalFailure())
+      return;
+    Vref file;
+    if (create(root_.vp, "after-the-cut", &file) == 0) {
+      std::vector<uint8_t> chunk = pattern(16384, 77);
+      for (off_t at = 0; vn_write_at(file.vp, at, chunk) == 0; at += chunk.size()) {
+      }
+      file.reset();
+    }
+    root_.reset();
+    ASSERT_EQ(0, unmount());
+    if (checker_clean) {
+      FsckResult r = run_fsck(read_device(0, image_bytes_));
+      EXPECT_EQ(std::string::npos, r.output.find("already allocated for the other file"))
+          << "the volume was clean, yet writing to it cross-linked files:\n" << r.output;
+    }
+  }
+
+  // Lists, looks up and reads everything; any errno is allowed here, the
+  // promises were checked already.
+  void walk(vnode_t dvp, int depth) {
+    std::vector<DirRecord> records;
+    if (vn_list(dvp, &records) != 0 || depth > 8)
+      return;
+    for (const DirRecord& r : records) {
+      vnode_t vp = NULLVP;
+      if (vn_lookup(dvp, r.name, &vp) != 0)
+        continue;
+      if (vnode_isdir(vp)) {
+        walk(vp, depth + 1);
+      } else if (vnode_islnk(vp)) {
+        std::string target;
+        (void)vn_readlink(vp, &target);
+      } else {
+        std::vector<uint8_t> data;
+        (void)vn_read_all(vp, &data);
+      }
+      vnode_put(vp);
+    }
+  }
+
+  void sweep(Device device) {
+    std::vector<uint8_t> base = base_image();
+    std::vector<uint8_t> image;
+    uint64_t total = run(base, device, -1, &image);
+    ASSERT_FALSE(HasFailure()) << "the workload fails without a power cut";
+    check_image(image, std::string(device_name(device)) + ", no cut");
+    ASSERT_GT(total, 50u) << "the workload should write a lot";
+
+    uint32_t seed = env_or("EXVOL_POWERCUT_SEED", 20240917);
+    uint32_t cuts = env_or("EXVOL_POWERCUT_CUTS", 100);
+    std::mt19937 rng(seed);
+    std::set<int64_t> points = {0, 1, 2, static_cast<int64_t>(total) - 1};
+    while (points.size() < cuts && points.size() < total)
+      points.insert(static_cast<int64_t>(rng() % total));
+    for (int64_t n : points) {
+      std::string what = std::string(device_name(device)) + ", cut after " + std::to_string(n) +
+                         " of " + std::to_string(total) + " writes (EXVOL_POWERCUT_SEED=" +
+                         std::to_string(seed) + ")";
+      run(base, device, n, &image);
+      if (HasFatalFailure())
+        return;
+      check_image(image, what);
+      if (HasFatalFailure())
+        return;
+    }
+  }
+
+  uint32_t saved_delay_ = 50;
+  Device device_ = Device::WriteThrough;
+  int64_t cut_after_ = -1;
+  uint64_t final_flushes_ = 0;
+  std::map<std::string, std::vector<uint8_t>> model_;
+  std::map<std::string, std::string> links_;
+  std::map<std::string, Promise> promises_;
+  std::set<std::string> renamed_;  // both names of every rename of the run
+};
+
+TEST_F(PowerCut, WriteThroughDevice) {
+  sweep(Device::WriteThrough);
+}
+
+TEST_F(PowerCut, WriteCacheDevice) {
+  sweep(Device::WriteCache);
+}
