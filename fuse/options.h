@@ -1,0 +1,78 @@
+#pragma once
+// mount.exvol: the command line and the mount options.
+//
+// The daemon is called by people and by mount(8) alike:
+//
+//   mount.exvol IMAGE_OR_DEVICE MOUNTPOINT [-o opt[,opt...]] [-f] [-d]
+//
+// mount(8) runs it as a helper for the types "exvol" and "fuse.exvol" with
+// the same arguments, possibly adding -n, -s, -v and "-t TYPE", which are
+// accepted and ignored. Options come in Linux spelling; see docs/FUSE.md
+// for the list and their meaning.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "exvol/volume.h"
+
+namespace exvol::fuse {
+
+struct Config {
+  std::string image;       // absolute path of the image file or device
+  std::string mountpoint;  // absolute path of the directory to mount on
+  bool foreground = false;  // -f: stay attached to the terminal
+  bool debug = false;       // -d: log every FUSE request (implies -f)
+
+  // What the library is told. options.mask is the directory mode, the most
+  // any file reports; files narrow it further (file_mode).
+  MountOptions volume;
+
+  // The owner every file reports: exFAT records none.
+  uid_t uid = 0;
+  gid_t gid = 0;
+  // Permission bits NOT reported for directories and for files.
+  uint16_t dmask = 022;
+  uint16_t fmask = 022;
+
+  // Open every file with O_SYNC, so that each write reaches the device
+  // before it is answered.
+  bool sync_writes = false;
+  // chmod and chown requests that exFAT can't record succeed silently
+  // instead of failing with EPERM.
+  bool quiet = false;
+  // Let the kernel check access against the reported owner and modes.
+  bool default_permissions = false;
+  bool allow_other = false;
+
+  // The options handed to the kernel mount through libfuse, joined with
+  // commas ("fsname=...,subtype=exvol,ro,..."), ready for "-o".
+  std::string fuse_options;
+};
+
+// Outcome of parsing: either a Config or a message for the user.
+struct ParseResult {
+  bool ok = false;
+  bool help = false;     // -h/--help: print usage and exit 0
+  bool version = false;  // -V/--version
+  std::string error;     // one line, without the program name
+  Config config;
+};
+
+// Parses argv. `umask_now`, `uid_now` and `gid_now` are the caller's
+// process mask and identity, the defaults of umask, uid and gid. Relative
+// paths are made absolute against the working directory (the daemon leaves
+// it); a path that does not exist is an error here already.
+ParseResult parse_command_line(int argc, char** argv, mode_t umask_now, uid_t uid_now,
+                               gid_t gid_now);
+
+// The usage text, for -h and usage errors.
+std::string usage_text();
+
+// The permission bits a file or directory reports.
+inline uint32_t dir_mode(const Config& c) { return 0777u & ~c.dmask; }
+inline uint32_t file_mode(const Config& c) { return 0777u & ~c.fmask; }
+
+}  // namespace exvol::fuse
