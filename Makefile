@@ -8,7 +8,6 @@ BUILD_TEST ?= build/test
 BUILD_TSAN ?= build/tsan
 BUILD_REL ?= build/release
 CMAKE_COMMON := -G Ninja -DEXVOL_WERROR=ON
-DEMO_IMG ?= build/demo.img
 
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config libfuse3-dev fuse3 \
 	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs
@@ -52,16 +51,11 @@ test: deps
 	$(MAKE) test-unit
 	$(MAKE) test-tsan
 
+# Mounts IMG (a disk image or device) at MNT with mount.exvol and shows it;
+# without IMG, a demo image made once. The volume stays mounted.
+MNT ?= build/mnt
 run: deps release
-	@if [ -z "$(IMG)" ]; then \
-	  if [ ! -f $(DEMO_IMG) ]; then \
-	    mkdir -p $(dir $(DEMO_IMG)); truncate -s 64M $(DEMO_IMG); \
-	    mkfs.exfat -L EXVOLDEMO $(DEMO_IMG) >/dev/null; \
-	  fi; \
-	  img=$(DEMO_IMG); \
-	else img="$(IMG)"; fi; \
-	if [ -x $(BUILD_REL)/cli/exvol ]; then $(BUILD_REL)/cli/exvol info "$$img"; \
-	else echo "exvol: the driver does not mount volumes yet; image: $$img"; ls -l "$$img"; fi
+	@tools/run.sh $(BUILD_REL) "$(IMG)" "$(MNT)"
 
 bench: deps release
 	@for b in $(BUILD_REL)/bench/exvol_bench_*; do [ -x "$$b" ] && "$$b"; done; true

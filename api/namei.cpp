@@ -4,6 +4,7 @@
 // consults the name cache itself.
 
 #include <sched.h>
+#include <utility>
 
 #include "api/internal.h"
 #include "host/uio.h"
@@ -143,8 +144,15 @@ int namei(MountState& ms, vnode_t start, std::string_view path, uint32_t nameiop
         return error;
       if (target.empty())
         return ENOENT;
-      std::string remaining = last ? (trailing ? "/" : "") : "/" + rest.substr(next);
-      rest = target + remaining;
+      // The link's target takes the component's place; what followed it
+      // (or the trailing slash of the last one) is kept.
+      if (!last) {
+        target += '/';
+        target.append(rest, next, std::string::npos);
+      } else if (trailing) {
+        target += '/';
+      }
+      rest = std::move(target);
       if (rest.size() > kPathMax)
         return ENAMETOOLONG;
       pos = 0;

@@ -155,7 +155,13 @@ int Session::finish() {
   for (Mounted& m : mounted_) {
     if (!m.volume)
       continue;
-    std::error_code ec = m.volume->unmount();
+    // A sync first, on volumes that were written: unmount writes the
+    // caches and the clean mark but leaves percentInUse as the volume's
+    // last flush had it, and other systems show that figure.
+    std::error_code ec;
+    if (m.writable && (ec = m.volume->sync(true)))
+      reporter_.error(m.image + ": sync", ec);
+    ec = m.volume->unmount();
     if (ec == std::errc::device_or_resource_busy)
       ec = m.volume->unmount(true);
     if (ec) {
