@@ -178,4 +178,19 @@ void CliTest::expect_clean(const std::string& image) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << output;
 }
 
+void CliTest::ok(const std::vector<std::string>& args) {
+  Result r = exvol(args);
+  EXPECT_EQ(0, r.status) << args[0] << ": " << r.err;
+  EXPECT_EQ("", r.err);
+  expect_clean(image_);
+}
+
+void CliTest::fails(const std::vector<std::string>& args, const std::string& what,
+                    const std::string& why) {
+  Result r = exvol(args);
+  EXPECT_EQ(1, r.status) << args[0];
+  EXPECT_EQ(failure_line(args[0], what, why), r.err);
+  expect_clean(image_);
+}
+
 }  // namespace exvol::cli_test

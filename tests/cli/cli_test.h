@@ -56,6 +56,17 @@ class CliTest : public ::testing::Test {
   // checker).
   void expect_clean(const std::string& image);
 
+  // "IMAGE:PATH" on the test's main image.
+  std::string addr(const std::string& path) const { return image_ + ":" + path; }
+  // Runs a command that must succeed and leave the image clean.
+  void ok(const std::vector<std::string>& args);
+  // Runs a command that must fail with status 1 and exactly the failure
+  // line of `what` and `why`, leaving the image clean.
+  void fails(const std::vector<std::string>& args, const std::string& what,
+             const std::string& why);
+
+  std::string image_;  // the test's main image, set by the fixture
+
  private:
   std::string dir_;
 };

@@ -19,30 +19,9 @@ class CliChange : public CliTest {
     image_ = make_image("vol.img", 32 << 20, "START");
   }
 
-  std::string addr(const std::string& path) const { return image_ + ":" + path; }
-
-  // Runs a command that must succeed and leave the image clean.
-  void ok(const std::vector<std::string>& args) {
-    Result r = exvol(args);
-    EXPECT_EQ(0, r.status) << args[0] << ": " << r.err;
-    EXPECT_EQ("", r.err);
-    expect_clean(image_);
-  }
-
-  // Runs a command that must fail with status 1 and exactly `message`.
-  void fails(const std::vector<std::string>& args, const std::string& what,
-             const std::string& why) {
-    Result r = exvol(args);
-    EXPECT_EQ(1, r.status) << args[0];
-    EXPECT_EQ(failure_line(args[0], what, why), r.err);
-    expect_clean(image_);
-  }
-
   std::string ls(const std::string& path, const std::string& flags = "-a") {
     return exvol({"ls", flags, addr(path)}).out;
   }
-
-  std::string image_;
 };
 
 TEST_F(CliChange, MkdirAndRmdir) {

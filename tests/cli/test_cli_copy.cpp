@@ -45,16 +45,6 @@ class CliCopy : public CliTest {
     image_ = make_image("vol.img");
   }
 
-  std::string addr(const std::string& path) const { return image_ + ":" + path; }
-
-  // Runs a command that must succeed and leave the image clean.
-  void ok(const std::vector<std::string>& args) {
-    Result r = exvol(args);
-    EXPECT_EQ(0, r.status) << args[0] << ": " << r.err;
-    EXPECT_EQ("", r.err);
-    expect_clean(image_);
-  }
-
   std::string cat(const std::string& path) { return exvol({"cat", addr(path)}).out; }
 
   // A tree with nested directories, long and non-ASCII names, empty files
@@ -71,8 +61,6 @@ class CliCopy : public CliTest {
     write_file(root + "/one/big.bin", pattern(6 * 1024 * 1024 + 123, 1));
     fs::create_symlink("two/three/deep.txt", root + "/one/link");
   }
-
-  std::string image_;
 };
 
 TEST_F(CliCopy, TreeGoesInAndComesOutTheSame) {
@@ -106,27 +94,18 @@ TEST_F(CliCopy, SourcesGoIntoADirectoryUnderTheirNames) {
   // A new name for one file; the target must be a directory for several.
   ok({"cp", at("a"), addr("/renamed")});
   EXPECT_EQ("A", cat("/renamed"));
-  Result r = exvol({"cp", at("a"), at("b"), addr("/renamed")});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(failure_line("cp", addr("/renamed"), "Not a directory"), r.err);
-  r = exvol({"cp", at("a"), addr("/nodir/")});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(failure_line("cp", addr("/nodir"), "No such file or directory"), r.err);
-  expect_clean(image_);
+  fails({"cp", at("a"), at("b"), addr("/renamed")}, addr("/renamed"), "Not a directory");
+  fails({"cp", at("a"), addr("/nodir/")}, addr("/nodir"), "No such file or directory");
 }
 
 TEST_F(CliCopy, FailuresNameTheOperandAndExitOne) {
-  Result r = exvol({"cp", at("absent"), addr("/")});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(failure_line("cp", at("absent"), "No such file or directory"), r.err);
+  fails({"cp", at("absent"), addr("/")}, at("absent"), "No such file or directory");
 
   write_file(at("a"), "A");
-  r = exvol({"cp", at("a"), addr("/a/b")});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(failure_line("cp", addr("/a/b"), "No such file or directory"), r.err);
+  fails({"cp", at("a"), addr("/a/b")}, addr("/a/b"), "No such file or directory");
 
   fs::create_directory(at("d"));
-  r = exvol({"cp", at("d"), addr("/")});
+  Result r = exvol({"cp", at("d"), addr("/")});
   EXPECT_EQ(1, r.status);
   EXPECT_EQ("exvol: cp: " + at("d") + ": is a directory (not copied; use -r)\n", r.err);
 
@@ -281,9 +260,7 @@ TEST_F(CliCopy, MoveNoClobberAndReadOnlyFiles) {
 TEST_F(CliCopy, FullVolumeFailsAndStaysConsistent) {
   std::string small = make_image("small.img", 8 << 20);
   write_file(at("ten"), pattern(10 << 20, 4));
-  Result r = exvol({"cp", at("ten"), small + ":/"});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ(failure_line("cp", small + ":/ten", "No space left on device"), r.err);
+  fails({"cp", at("ten"), small + ":/"}, small + ":/ten", "No space left on device");
   expect_clean(small);
   // What was written is there, and the space comes back with the file.
   EXPECT_EQ(read_file(at("ten")).substr(0, 1 << 20),

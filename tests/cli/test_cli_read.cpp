@@ -37,9 +37,6 @@ class CliRead : public CliTest {
     original_ = read_file(image_);
   }
 
-  std::string addr(const std::string& path) const { return image_ + ":" + path; }
-
-  std::string image_;
   std::string original_;
 };
 

@@ -8,10 +8,13 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -28,6 +31,38 @@ inline std::string tool_path(const char* name) {
       return path;
   }
   return "";
+}
+
+struct Command {
+  int status = -1;  // exit status; -1 when killed by a signal
+  std::string out, err;
+};
+
+inline std::string slurp(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+// Runs a shell command, capturing its standard output and error apart.
+inline Command run(const std::string& command) {
+  TempFile out, err;
+  int raw = std::system((command + " >'" + out.path() + "' 2>'" + err.path() + "'").c_str());
+  Command c;
+  c.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+  c.out = slurp(out.path());
+  c.err = slurp(err.path());
+  return c;
+}
+
+// Expects fsck.exfat -n to find the image clean (skipped without it).
+inline void expect_fsck_clean(const std::string& image) {
+  std::string fsck = fsck_program();
+  if (fsck.empty())
+    return;
+  Command c = run(fsck + " -n '" + image + "'");
+  EXPECT_EQ(0, c.status) << "fsck.exfat finds the volume damaged:\n" << c.out << c.err;
 }
 
 // Deterministic bytes that differ at every offset of a file and between
@@ -74,11 +109,7 @@ class ApiTest : public ::testing::Test {
   // Unmounts and checks the volume with fsck.exfat -n.
   void unmount_and_check() {
     ASSERT_FALSE(volume_->unmount());
-    std::string fsck = fsck_program();
-    if (fsck.empty())
-      return;
-    std::string command = fsck + " -n '" + image_.path() + "' >/dev/null 2>&1";
-    EXPECT_EQ(0, std::system(command.c_str())) << "fsck.exfat finds the volume damaged";
+    expect_fsck_clean(image_.path());
   }
 
   std::error_code write_file(const std::string& path, const std::vector<uint8_t>& data,

@@ -284,10 +284,7 @@ TEST_F(ApiFiles, ClosedAndUnmountedHandlesFailCleanly) {
   EXPECT_EQ(ENXIO, err(volume_->open("/h", O_RDONLY, &g)));
   Stat st;
   EXPECT_EQ(ENXIO, err(volume_->stat("/", &st)));
-  std::string fsck = fsck_program();
-  if (!fsck.empty()) {
-    EXPECT_EQ(0, std::system((fsck + " -n '" + image_.path() + "' >/dev/null 2>&1").c_str()));
-  }
+  expect_fsck_clean(image_.path());
 }
 
 }  // namespace

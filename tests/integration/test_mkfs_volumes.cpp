@@ -6,94 +6,40 @@
 // finds clean. `exvol info` must describe every such image and fail with
 // one clear line on damaged ones.
 
-#include <gtest/gtest.h>
 #include <md5.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <fcntl.h>
-#include <fstream>
 #include <regex>
-#include <sstream>
-#include <string>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
-#include "exvol/volume.h"
+#include "tests/integration/api_fixture.h"
 
+namespace exvol::test {
 namespace {
 
-std::string find_tool(const char* name) {
-  for (const char* dir : {"/usr/sbin/", "/sbin/", "/usr/bin/", "/bin/"}) {
-    std::string path = std::string(dir) + name;
-    if (access(path.c_str(), X_OK) == 0)
-      return path;
-  }
-  return "";
-}
-
-struct Command {
-  int status = -1;  // exit status; -1 when killed by a signal
-  std::string out, err;
-};
-
-std::string slurp(const std::string& path) {
-  std::ifstream f(path);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-// Runs a shell command, capturing its standard output and error apart.
-Command run(const std::string& command) {
-  char out[] = "/tmp/exvol-out-XXXXXX";
-  char err[] = "/tmp/exvol-err-XXXXXX";
-  close(mkstemp(out));
-  close(mkstemp(err));
-  int raw = std::system((command + " >" + out + " 2>" + err).c_str());
-  Command c;
-  c.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  c.out = slurp(out);
-  c.err = slurp(err);
-  unlink(out);
-  unlink(err);
-  return c;
-}
-
-// A scratch image file, removed at the end.
-class ScratchImage {
+// A scratch image of `bytes` (zeros), removed at the end.
+class ScratchImage : public TempFile {
  public:
   explicit ScratchImage(uint64_t bytes) {
-    char path[] = "/tmp/exvol-image-XXXXXX";
-    int fd = mkstemp(path);
-    EXPECT_GE(fd, 0);
-    EXPECT_EQ(0, ftruncate(fd, static_cast<off_t>(bytes)));
-    close(fd);
-    path_ = path;
+    EXPECT_EQ(0, truncate(path().c_str(), static_cast<off_t>(bytes)));
   }
-  ~ScratchImage() { unlink(path_.c_str()); }
-  const std::string& path() const { return path_; }
-
   std::vector<uint8_t> read(uint64_t offset, size_t length) const {
     std::vector<uint8_t> data(length);
-    int fd = open(path_.c_str(), O_RDONLY);
+    int fd = open(path().c_str(), O_RDONLY);
     EXPECT_EQ(static_cast<ssize_t>(length), pread(fd, data.data(), length, offset));
     close(fd);
     return data;
   }
-  void write(uint64_t offset, const std::vector<uint8_t>& data) const {
-    int fd = open(path_.c_str(), O_WRONLY);
+  void write_at(uint64_t offset, const std::vector<uint8_t>& data) const {
+    int fd = open(path().c_str(), O_WRONLY);
     EXPECT_EQ(static_cast<ssize_t>(data.size()), pwrite(fd, data.data(), data.size(), offset));
     close(fd);
   }
-
- private:
-  std::string path_;
 };
+
+const std::string kCli = EXVOL_CLI_BIN;
+std::string find_tool(const char* name) { return tool_path(name); }
 
 // What dump.exfat reports about a volume.
 struct Dump {
@@ -147,25 +93,9 @@ std::string expected_uuid(uint32_t serial) {
   return s;
 }
 
-// The exvol command built beside this test binary, or "".
-std::string exvol_cli() {
-  char self[4096];
-  ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n <= 0)
-    return "";
-  self[n] = '\0';
-  std::string dir(self);
-  dir = dir.substr(0, dir.rfind('/'));
-  std::string cli = dir + "/../cli/exvol";
-  return access(cli.c_str(), X_OK) == 0 ? cli : "";
-}
-
 uint16_t volume_flags_on(const std::string& device) {
-  std::vector<uint8_t> b(2);
-  int fd = open(device.c_str(), O_RDONLY);
-  EXPECT_EQ(2, pread(fd, b.data(), 2, 106));
-  close(fd);
-  return static_cast<uint16_t>(b[0] | b[1] << 8);
+  std::string boot = slurp(device).substr(106, 2);  // VolumeFlags
+  return static_cast<uint16_t>(uint8_t(boot[0]) | uint8_t(boot[1]) << 8);
 }
 
 // Mounts `device` read-only and read-write and checks it against the
@@ -179,12 +109,12 @@ void check_formatted_volume(const std::string& device, const std::string& label,
   ASSERT_EQ(sector_size, 1u << d.sector_bits);
   ASSERT_EQ(cluster_size, 1u << (d.sector_bits + d.cluster_bits));
 
-  exvol::MountOptions ro;
+  MountOptions ro;
   ro.read_only = true;
-  std::unique_ptr<exvol::Volume> volume;
+  std::unique_ptr<Volume> volume;
   std::string diagnostic;
-  ASSERT_FALSE(exvol::Volume::mount(device, ro, &volume, &diagnostic)) << diagnostic;
-  exvol::VolumeInfo info;
+  ASSERT_FALSE(Volume::mount(device, ro, &volume, &diagnostic)) << diagnostic;
+  VolumeInfo info;
   ASSERT_FALSE(volume->info(&info));
   EXPECT_EQ(label, info.label);
   EXPECT_EQ(d.label, info.label);
@@ -195,23 +125,22 @@ void check_formatted_volume(const std::string& device, const std::string& label,
   EXPECT_EQ(d.clusters, info.cluster_count);
   EXPECT_EQ(d.free_clusters, info.free_clusters);
   EXPECT_FALSE(info.dirty());
-  exvol::StatFs st;
+  StatFs st;
   ASSERT_FALSE(volume->statfs(&st));
   EXPECT_EQ(d.clusters, st.blocks);
   EXPECT_EQ(d.free_clusters, st.blocks_free);
   ASSERT_FALSE(volume->unmount());
   EXPECT_EQ(0, volume_flags_on(device) & 0x0002);
 
-  exvol::MountOptions rw;
-  ASSERT_FALSE(exvol::Volume::mount(device, rw, &volume, &diagnostic)) << diagnostic;
+  MountOptions rw;
+  ASSERT_FALSE(Volume::mount(device, rw, &volume, &diagnostic)) << diagnostic;
   EXPECT_EQ(0x0002, volume_flags_on(device) & 0x0002) << "mounted read-write: dirty on disk";
   ASSERT_FALSE(volume->info(&info));
   EXPECT_TRUE(info.dirty());
   ASSERT_FALSE(volume->unmount());
   EXPECT_EQ(0, volume_flags_on(device) & 0x0006) << "a clean unmount clears the mark";
 
-  Command fsck = run(find_tool("fsck.exfat") + " -n '" + device + "'");
-  EXPECT_EQ(0, fsck.status) << fsck.out << fsck.err;
+  expect_fsck_clean(device);
 }
 
 }  // namespace
@@ -234,16 +163,13 @@ TEST_P(MkfsVolume, MountsAndMatchesTheFormatTools) {
   ASSERT_EQ(0, mkfs.status) << mkfs.out << mkfs.err;
   check_formatted_volume(image.path(), label, 512, cluster);
 
-  std::string cli = exvol_cli();
-  if (cli.empty())
-    GTEST_SKIP() << "the exvol command is not built";
-  Command info = run(cli + " info --json '" + image.path() + "'");
+  Command info = run(kCli + " info --json '" + image.path() + "'");
   EXPECT_EQ(0, info.status) << info.err;
   EXPECT_TRUE(info.err.empty()) << info.err;
   EXPECT_NE(std::string::npos, info.out.find("\"label\": \"" + label + "\""));
   EXPECT_NE(std::string::npos,
             info.out.find("\"bytes_per_cluster\": " + std::to_string(cluster) + ","));
-  Command human = run(cli + " info '" + image.path() + "'");
+  Command human = run(kCli + " info '" + image.path() + "'");
   EXPECT_EQ(0, human.status) << human.err;
   EXPECT_NE(std::string::npos, human.out.find("Label:           " + label + "\n"));
 }
@@ -284,13 +210,13 @@ TEST_F(LoopDevice, FourKilobyteSectorsMount) {
   // the driver raises the block size to the sector size.
   run(find_tool("losetup") + " -d " + device_);
   device_.clear();
-  exvol::MountOptions ro;
+  MountOptions ro;
   ro.read_only = true;
-  std::unique_ptr<exvol::Volume> volume;
+  std::unique_ptr<Volume> volume;
   std::string diagnostic;
-  ASSERT_FALSE(exvol::Volume::mount(image_->path(), ro, &volume, &diagnostic)) << diagnostic;
+  ASSERT_FALSE(Volume::mount(image_->path(), ro, &volume, &diagnostic)) << diagnostic;
   EXPECT_EQ("exfat_mount_internal: Changed logical block size to 4096", diagnostic);
-  exvol::VolumeInfo info;
+  VolumeInfo info;
   ASSERT_FALSE(volume->info(&info));
   EXPECT_EQ("SECTOR4K", info.label);
   EXPECT_EQ(4096u, info.bytes_per_sector);
@@ -301,11 +227,9 @@ TEST_F(LoopDevice, FourKilobyteSectorsMount) {
 class DamagedImageInfo : public ::testing::Test {
  protected:
   void SetUp() override {
-    cli_ = exvol_cli();
-    if (cli_.empty() || find_tool("mkfs.exfat").empty())
-      GTEST_SKIP() << "the exvol command or mkfs.exfat is missing";
+    if (find_tool("mkfs.exfat").empty())
+      GTEST_SKIP() << "mkfs.exfat is not installed";
   }
-  std::string cli_;
 };
 
 TEST_F(DamagedImageInfo, FailsWithOneClearLine) {
@@ -325,8 +249,8 @@ TEST_F(DamagedImageInfo, FailsWithOneClearLine) {
     SCOPED_TRACE(c.what);
     ScratchImage image(16u << 20);
     ASSERT_EQ(0, run(find_tool("mkfs.exfat") + " '" + image.path() + "'").status);
-    image.write(c.offset, c.bytes);
-    Command info = run(cli_ + " info '" + image.path() + "'");
+    image.write_at(c.offset, c.bytes);
+    Command info = run(kCli + " info '" + image.path() + "'");
     EXPECT_EQ(1, info.status) << "exit status (-1: killed by a signal)";
     EXPECT_TRUE(info.out.empty());
     ASSERT_FALSE(info.err.empty());
@@ -345,26 +269,13 @@ TEST_F(DamagedImageInfo, UpcaseDamageIsReportedWithoutWriting) {
   uint64_t cluster = std::stoull(m[1].str());
   ASSERT_TRUE(std::regex_search(dump.out, m, std::regex(R"(Cluster Heap Offset[^:]*:\s*(\d+))")));
   uint64_t heap = std::stoull(m[1].str()) * 512;
-  image.write(heap + (cluster - 2) * 4096 + 100, {0x12, 0x34});
+  image.write_at(heap + (cluster - 2) * 4096 + 100, {0x12, 0x34});
   std::vector<uint8_t> before = image.read(0, 4096);
 
-  Command info = run(cli_ + " info '" + image.path() + "'");
+  Command info = run(kCli + " info '" + image.path() + "'");
   EXPECT_EQ(1, info.status);
   EXPECT_NE(std::string::npos, info.err.find("exfat: upcase checksum mismatch")) << info.err;
   EXPECT_EQ(before, image.read(0, 4096)) << "info mounts read-only";
-}
-
-TEST(ExvolCommand, UsageErrorsExitWithTwo) {
-  std::string cli = exvol_cli();
-  if (cli.empty())
-    GTEST_SKIP() << "the exvol command is not built";
-  EXPECT_EQ(2, run(cli).status);
-  EXPECT_EQ(2, run(cli + " info").status);
-  EXPECT_EQ(2, run(cli + " info --bogus x.img").status);
-  EXPECT_EQ(2, run(cli + " frobnicate").status);
-  Command missing = run(cli + " info /nonexistent/image");
-  EXPECT_EQ(1, missing.status);
-  EXPECT_NE(std::string::npos, missing.err.find("No such file or directory"));
 }
 
 // Threads querying one volume while another thread unmounts it: every
@@ -374,17 +285,17 @@ TEST(VolumeConcurrency, QueriesRaceWithUnmount) {
     GTEST_SKIP() << "mkfs.exfat is not installed";
   ScratchImage image(16u << 20);
   ASSERT_EQ(0, run(find_tool("mkfs.exfat") + " -L RACE '" + image.path() + "'").status);
-  exvol::MountOptions ro;
+  MountOptions ro;
   ro.read_only = true;
-  std::unique_ptr<exvol::Volume> volume;
-  ASSERT_FALSE(exvol::Volume::mount(image.path(), ro, &volume));
+  std::unique_ptr<Volume> volume;
+  ASSERT_FALSE(Volume::mount(image.path(), ro, &volume));
 
   std::atomic<int> answered{0}, gone{0}, wrong{0};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; t++) {
     threads.emplace_back([&] {
       for (int i = 0; i < 200; i++) {
-        exvol::VolumeInfo info;
+        VolumeInfo info;
         std::error_code ec = volume->info(&info);
         if (!ec && info.label == "RACE")
           answered++;
@@ -403,3 +314,5 @@ TEST(VolumeConcurrency, QueriesRaceWithUnmount) {
   EXPECT_EQ(800, answered.load() + gone.load());
   EXPECT_FALSE(volume->mounted());
 }
+
+}  // namespace exvol::test

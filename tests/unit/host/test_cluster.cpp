@@ -7,10 +7,12 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <iterator>
 #include <random>
 #include <vector>
 
 #include "blockmapfs.h"
+#include "host_test_util.h"
 #include "host/blkdev.h"
 #include "host/cluster.h"
 #include "host/ubc.h"
@@ -25,12 +27,7 @@ std::vector<char> pattern(size_t n, uint32_t seed) {
   return v;
 }
 
-// Restores the pool's bound at the end of a test that shrinks it.
-struct PoolLimit {
-  size_t saved = host_ubc_limit();
-  explicit PoolLimit(size_t bytes) { host_ubc_set_limit(bytes); }
-  ~PoolLimit() { host_ubc_set_limit(saved); }
-};
+using host_test::PoolLimit;
 
 class ClusterTest : public ::testing::Test {
  protected:
@@ -144,14 +141,16 @@ class ZeroFillTest : public ClusterTest {
  protected:
   // A 4-page file whose device blocks hold 0x11; pages 0 and 1 resident
   // (read), page 1 then dirtied with 0x22 at its first byte.
-  void SetUp() override {
-    f = fs.create(4 * 4096, {{20, 4}});
+  void SetUp() override { f = make_file(20); }
+  bmfs_file* make_file(int64_t dev_block) {
+    bmfs_file* nf = fs.create(4 * 4096, {{dev_block, 4}});
     std::vector<char> ones(4 * 4096, 0x11);
-    fs.poke_device(f, 0, ones.data(), ones.size());
+    fs.poke_device(nf, 0, ones.data(), ones.size());
     char buf[8192];
-    ASSERT_EQ(fs.read(f, 0, buf, sizeof buf), 0);
+    EXPECT_EQ(fs.read(nf, 0, buf, sizeof buf), 0);
     char two = 0x22;
-    ASSERT_EQ(fs.write(f, 4096, &two, 1), 0);
+    EXPECT_EQ(fs.write(nf, 4096, &two, 1), 0);
+    return nf;
   }
   // Runs cluster_write with a one-byte write of 0x33 at the start of page 3.
   int write_page3(off_t head, off_t tail, int flags) {
@@ -171,39 +170,35 @@ class ZeroFillTest : public ClusterTest {
   bmfs_file* f = nullptr;
 };
 
-TEST_F(ZeroFillTest, HeadZeroFillZeroesEveryPageOfTheRange) {
-  ASSERT_EQ(write_page3(100, 0, IO_HEADZEROFILL), 0);
-  std::vector<char> v = contents();
-  for (int i = 0; i < 100; i++) ASSERT_EQ(v[i], 0x11);
-  for (int i = 100; i < 3 * 4096; i++) ASSERT_EQ(v[i], 0) << i;
-  EXPECT_EQ(v[3 * 4096], 0x33);
-  EXPECT_EQ(v[3 * 4096 + 1], 0x11) << "the rest of a partly written page is read first";
-}
-
-TEST_F(ZeroFillTest, NoZeroValidLeavesResidentCleanPagesAlone) {
-  ASSERT_EQ(write_page3(0, 0, IO_HEADZEROFILL | IO_NOZEROVALID), 0);
-  std::vector<char> v = contents();
-  EXPECT_EQ(v[5], 0x11) << "page 0 is valid and clean";
-  EXPECT_EQ(v[4096], 0) << "page 1 is dirty, which NOZEROVALID does not protect";
-  EXPECT_EQ(v[2 * 4096 + 7], 0) << "page 2 was absent";
-}
-
-TEST_F(ZeroFillTest, NoZeroDirtyLeavesDirtyPagesAlone) {
-  ASSERT_EQ(write_page3(0, 0, IO_HEADZEROFILL | IO_NOZERODIRTY), 0);
-  std::vector<char> v = contents();
-  EXPECT_EQ(v[5], 0) << "page 0 is clean";
-  EXPECT_EQ(v[4096], 0x22);
-  EXPECT_EQ(v[4097], 0x11);
-  EXPECT_EQ(v[2 * 4096], 0);
-}
-
-TEST_F(ZeroFillTest, BothFlagsOnlyZeroAbsentPages) {
-  ASSERT_EQ(write_page3(0, 0, IO_HEADZEROFILL | IO_NOZEROVALID | IO_NOZERODIRTY), 0);
-  std::vector<char> v = contents();
-  EXPECT_EQ(v[5], 0x11);
-  EXPECT_EQ(v[4096], 0x22);
-  EXPECT_EQ(v[2 * 4096], 0);
-  EXPECT_EQ(v[3 * 4096 - 1], 0);
+// Head zero-fill zeroes every page of the range from `head` on, except
+// resident clean pages under IO_NOZEROVALID and dirty ones under
+// IO_NOZERODIRTY; the rest of the partly written page is read first.
+TEST_F(ZeroFillTest, HeadZeroFillSparesWhatItsFlagsProtect) {
+  const struct {
+    int flags;
+    off_t head;
+    char page0, page1_first, page1_rest;  // bytes 5, 4096 and 4097
+  } cases[] = {
+      {0, 100, 0x11, 0, 0},
+      {IO_NOZEROVALID, 0, 0x11, 0, 0},  // page 1 is dirty: not protected
+      {IO_NOZERODIRTY, 0, 0, 0x22, 0x11},
+      {IO_NOZEROVALID | IO_NOZERODIRTY, 0, 0x11, 0x22, 0x11},
+  };
+  for (size_t i = 0; i < std::size(cases); i++) {
+    const auto& c = cases[i];
+    SCOPED_TRACE(testing::Message() << "flags " << c.flags);
+    f = make_file(100 + int64_t(i) * 4);
+    ASSERT_EQ(write_page3(c.head, 0, IO_HEADZEROFILL | c.flags), 0);
+    std::vector<char> v = contents();
+    for (int k = 0; k < c.head; k++) ASSERT_EQ(v[k], 0x11) << k;
+    EXPECT_EQ(v[5], c.page0);
+    EXPECT_EQ(v[4096], c.page1_first);
+    EXPECT_EQ(v[4097], c.page1_rest);
+    for (int k = 2 * 4096; k < 3 * 4096; k++) ASSERT_EQ(v[k], 0) << "absent page 2, byte " << k;
+    for (int k = int(c.head); c.head > 0 && k < 2 * 4096; k++) ASSERT_EQ(v[k], 0) << k;
+    EXPECT_EQ(v[3 * 4096], 0x33);
+    EXPECT_EQ(v[3 * 4096 + 1], 0x11) << "the rest of a partly written page is read first";
+  }
 }
 
 TEST_F(ZeroFillTest, TailZeroFillZeroesAfterTheWriteOnly) {

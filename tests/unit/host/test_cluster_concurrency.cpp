@@ -11,17 +11,14 @@
 #include <vector>
 
 #include "blockmapfs.h"
+#include "host_test_util.h"
 #include "host/cluster.h"
 #include "host/ubc.h"
 #include "host/uio.h"
 
 namespace {
 
-struct PoolLimit {
-  size_t saved = host_ubc_limit();
-  explicit PoolLimit(size_t bytes) { host_ubc_set_limit(bytes); }
-  ~PoolLimit() { host_ubc_set_limit(saved); }
-};
+using host_test::PoolLimit;
 
 // Every 4 KiB block of the file holds (version, block) stamped over it, so a
 // reader can tell a whole block of one version from a torn one.

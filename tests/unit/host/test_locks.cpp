@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "host/locks.h"
-#include "host/malloc.h"
+#include "host_test_util.h"
 
 namespace {
 
@@ -36,16 +36,7 @@ class LockTest : public testing::Test {
   lck_attr_t* attr_ = nullptr;
 };
 
-// Polls until pred holds or a generous limit passes (for waiting on other
-// threads to reach a sleep).
-template <typename Pred>
-bool eventually(Pred pred) {
-  for (int i = 0; i < 5000; i++) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return pred();
-}
+using host_test::eventually;
 
 struct timespec ms(long n) { return {n / 1000, (n % 1000) * 1000000}; }
 
@@ -55,16 +46,28 @@ using Locks = LockTest;
 using LocksDeathTest = LockTest;
 using LocksConcurrency = LockTest;
 
+// The owner is recorded per thread (an assertion elsewhere sees "not
+// owned"), threads have distinct stable identities, and the group counts
+// its mutexes.
 TEST_F(Locks, OwnerIsRecordedPerThread) {
   lck_mtx_t* m = make();
+  lck_mtx_t* other_mutex = make();
+  EXPECT_EQ(host_lck_grp_mutexes(grp_), 2);
+  lck_mtx_free(other_mutex, grp_);
+  EXPECT_EQ(host_lck_grp_mutexes(grp_), 1);
   lck_mtx_assert(m, LCK_MTX_ASSERT_NOTOWNED);
   lck_mtx_lock(m);
   lck_mtx_assert(m, LCK_MTX_ASSERT_OWNED);
+  thread_t mine = current_thread();
+  EXPECT_EQ(current_thread(), mine);
+  thread_t other = nullptr;
   std::thread([&] {
     lck_mtx_assert(m, LCK_MTX_ASSERT_NOTOWNED);  // held, but not by this thread
     EXPECT_EQ(lck_mtx_try_lock(m), 0);
-    EXPECT_NE(current_thread(), nullptr);
+    other = current_thread();
   }).join();
+  EXPECT_NE(other, nullptr);
+  EXPECT_NE(other, mine);
   lck_mtx_unlock(m);
   EXPECT_EQ(lck_mtx_try_lock(m), 1);
   lck_mtx_assert(m, LCK_MTX_ASSERT_OWNED);
@@ -72,40 +75,8 @@ TEST_F(Locks, OwnerIsRecordedPerThread) {
   lck_mtx_free(m, grp_);
 }
 
-TEST_F(Locks, ThreadsHaveDistinctStableIdentities) {
-  thread_t mine = current_thread();
-  EXPECT_EQ(current_thread(), mine);
-  thread_t other = nullptr;
-  std::thread([&] { other = current_thread(); }).join();
-  EXPECT_NE(other, mine);
-}
-
-TEST_F(Locks, GroupCountsItsMutexesAndAllocationCanFail) {
-  lck_mtx_t* a = make();
-  lck_mtx_t* b = make();
-  EXPECT_EQ(host_lck_grp_mutexes(grp_), 2);
-  host_malloc_fail_nth(1);
-  EXPECT_EQ(lck_mtx_alloc_init(grp_, attr_), nullptr);
-  EXPECT_EQ(host_lck_grp_mutexes(grp_), 2);
-  lck_mtx_free(a, grp_);
-  lck_mtx_free(b, grp_);
-  EXPECT_EQ(host_lck_grp_mutexes(grp_), 0);
-}
-
-TEST_F(Locks, TimedSleepReturnsEwouldblockWithTheMutexHeldAgain) {
-  lck_mtx_t* m = make();
-  int chan = 0;
-  lck_mtx_lock(m);
-  struct timespec ts = ms(20);
-  auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(msleep(&chan, m, PWAIT, "t_timeout", &ts), EWOULDBLOCK);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
-  lck_mtx_assert(m, LCK_MTX_ASSERT_OWNED);
-  EXPECT_EQ(host_sleepers("t_timeout"), 0);
-  lck_mtx_unlock(m);
-  lck_mtx_free(m, grp_);
-}
-
+// A wakeup reaches only its own channel; a timed sleep ends with
+// EWOULDBLOCK, no earlier than asked, with the mutex held again.
 TEST_F(Locks, WakeupReachesOnlyItsOwnChannel) {
   lck_mtx_t* m = make();
   int chan_a = 0, chan_b = 0;
@@ -113,13 +84,17 @@ TEST_F(Locks, WakeupReachesOnlyItsOwnChannel) {
   std::thread sleeper([&] {
     lck_mtx_lock(m);
     struct timespec ts = ms(300);
+    auto start = std::chrono::steady_clock::now();
     result = msleep(&chan_a, m, PINOD, "t_chan", &ts);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    lck_mtx_assert(m, LCK_MTX_ASSERT_OWNED);
     lck_mtx_unlock(m);
   });
   ASSERT_TRUE(eventually([] { return host_sleepers("t_chan") == 1; }));
   wakeup(&chan_b);  // another channel: the sleeper times out
   sleeper.join();
   EXPECT_EQ(result.load(), EWOULDBLOCK);
+  EXPECT_EQ(host_sleepers("t_chan"), 0);
 
   std::thread sleeper2([&] {
     lck_mtx_lock(m);

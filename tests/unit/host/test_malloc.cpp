@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
 
 #include "host/kern.h"
+#include "host/locks.h"
 #include "host/malloc.h"
+#include "host/mount.h"
+#include "host/thread_call.h"
+#include "host/uio.h"
 
 TEST(OSMallocTags, AccountOutstandingBytesPerTag) {
   OSMallocTag a = OSMalloc_Tagalloc("test-a", OSMT_DEFAULT);
@@ -52,6 +56,29 @@ TEST(MallocFailureSwitch, FailsExactlyTheNthAllocation) {
   OSFree(d, 8, t);
   _FREE(b, M_TEMP);
   OSMalloc_Tagfree(t);
+}
+
+// Every host object whose allocation can fail takes part in the switch, so
+// that the driver's ENOMEM paths can be reached through each: the Nth
+// allocation fails, the next one succeeds.
+TEST(MallocFailureSwitch, HostAllocatorsTakePart) {
+  lck_grp_t* grp = lck_grp_alloc_init("failing", nullptr);
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(uio_create(1, 0, UIO_SYSSPACE, UIO_READ), nullptr);
+  uio_free(uio_create(1, 0, UIO_SYSSPACE, UIO_READ));
+  host_malloc_fail_nth(1);
+  auto fire = [](thread_call_param_t, thread_call_param_t) {};
+  EXPECT_EQ(thread_call_allocate(fire, nullptr), nullptr);
+  thread_call_free(thread_call_allocate(fire, nullptr));
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(vfs_context_create(nullptr), nullptr);
+  EXPECT_EQ(vfs_context_rele(vfs_context_create(nullptr)), 0);
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(lck_mtx_alloc_init(grp, nullptr), nullptr);
+  EXPECT_EQ(host_lck_grp_mutexes(grp), 0);
+  lck_mtx_free(lck_mtx_alloc_init(grp, nullptr), grp);
+  host_malloc_fail_nth(0);
+  lck_grp_free(grp);
 }
 
 TEST(MallocTypes, ZeroFillAndHashinitSizes) {

@@ -6,6 +6,7 @@
 
 #include "host/namecache.h"
 #include "host/vnode_internal.h"
+#include "host_test_util.h"
 #include "tinyfs.h"
 
 namespace {
@@ -38,26 +39,37 @@ struct NameCacheTest : ::testing::Test {
   }
 };
 
-TEST_F(NameCacheTest, PositiveHitTakesAnIoReference) {
+// A hit hands out the entered vnode with an I/O reference; names match as
+// exact bytes of the given length; a later enter replaces the entry.
+TEST_F(NameCacheTest, PositiveEntries) {
   enter("a", a);
   vnode_t vp = nullptr;
   EXPECT_EQ(lookup("a", &vp), -1);
   EXPECT_EQ(vp, a);
   EXPECT_EQ(host_vnode_iocount(a), 2);
   vnode_put(vp);
+  vp = nullptr;
   EXPECT_EQ(lookup("b", &vp), 0);
   EXPECT_EQ(vp, nullptr);
-}
-
-TEST_F(NameCacheTest, NamesCompareAsExactBytes) {
-  enter("a", a);
-  vnode_t vp = nullptr;
   EXPECT_EQ(lookup("A", &vp), 0);
   EXPECT_EQ(lookup("a ", &vp), 0);
   struct componentname cn = tinyfs_cn("ab");
   cn.cn_namelen = 1;  // "a" inside a longer buffer
   EXPECT_EQ(cache_lookup(root, &vp, &cn), -1);
   vnode_put(vp);
+
+  enter("x", nullptr);
+  enter("x", a);
+  ASSERT_EQ(lookup("x", &vp), -1);
+  EXPECT_EQ(vp, a);
+  vnode_put(vp);
+  enter("x", b);
+  ASSERT_EQ(lookup("x", &vp), -1);
+  EXPECT_EQ(vp, b);
+  vnode_put(vp);
+  // A lookup without MAKEENTRY drops the entry.
+  EXPECT_EQ(lookup("a", &vp, LOOKUP, ISLASTCN), 0);
+  EXPECT_EQ(lookup("a", &vp), 0);
 }
 
 TEST_F(NameCacheTest, NegativeEntries) {
@@ -73,30 +85,20 @@ TEST_F(NameCacheTest, NegativeEntries) {
   // Not the last component: a create still sees the negative entry.
   enter("missing", nullptr);
   EXPECT_EQ(lookup("missing", &vp, CREATE, MAKEENTRY), ENOENT);
-}
 
-TEST_F(NameCacheTest, LookupWithoutMakeentryDropsTheEntry) {
+  // Purging negatives keeps the positives.
   enter("a", a);
-  vnode_t vp = nullptr;
-  EXPECT_EQ(lookup("a", &vp, LOOKUP, ISLASTCN), 0);
-  EXPECT_EQ(vp, nullptr);
-  EXPECT_EQ(lookup("a", &vp), 0);
-}
-
-TEST_F(NameCacheTest, EnterReplacesAnEntry) {
-  enter("x", nullptr);
-  enter("x", a);
-  vnode_t vp = nullptr;
-  ASSERT_EQ(lookup("x", &vp), -1);
-  EXPECT_EQ(vp, a);
-  vnode_put(vp);
-  enter("x", b);
-  ASSERT_EQ(lookup("x", &vp), -1);
-  EXPECT_EQ(vp, b);
+  enter("n2", nullptr);
+  cache_purge_negatives(root);
+  EXPECT_EQ(lookup("missing", &vp), 0);
+  EXPECT_EQ(lookup("n2", &vp), 0);
+  ASSERT_EQ(lookup("a", &vp), -1);
   vnode_put(vp);
 }
 
-TEST_F(NameCacheTest, PurgeDropsEntriesNamingAndInsideTheVnode) {
+// Purging a vnode drops the entries naming it and those inside it; a
+// reclaimed vnode leaves the cache by itself.
+TEST_F(NameCacheTest, PurgeAndReclaimDropEntries) {
   enter("a", a);
   enter("a2", a);
   enter("b", b);
@@ -109,27 +111,13 @@ TEST_F(NameCacheTest, PurgeDropsEntriesNamingAndInsideTheVnode) {
   EXPECT_EQ(lookup("a", &vp), 0);
   ASSERT_EQ(lookup("b", &vp), -1);
   vnode_put(vp);
-}
 
-TEST_F(NameCacheTest, PurgeNegativesKeepsPositives) {
-  enter("a", a);
-  enter("n1", nullptr);
-  enter("n2", nullptr);
-  cache_purge_negatives(root);
-  vnode_t vp = nullptr;
-  EXPECT_EQ(lookup("n1", &vp), 0);
-  EXPECT_EQ(lookup("n2", &vp), 0);
-  ASSERT_EQ(lookup("a", &vp), -1);
-  vnode_put(vp);
-}
-
-TEST_F(NameCacheTest, ReclaimedVnodeLeavesTheCache) {
   vnode_t c;
   ASSERT_EQ(fs.create(root, "c", &c), 0);
   enter("c", c);
   vnode_put(c);
   ASSERT_EQ(vnode_recycle(c), 1);
-  vnode_t vp = nullptr;
+  vp = nullptr;
   EXPECT_EQ(lookup("c", &vp), 0);
   EXPECT_EQ(vp, nullptr);
 }
@@ -145,26 +133,20 @@ TEST_F(NameCacheTest, CreateEntersTheNameUnlessAskedNotTo) {
   vnode_put(c);
 
   struct componentname cn = tinyfs_cn("nc");
-  struct vnode_fsparam p = {};
-  p.vnfs_mp = fs.mp();
-  p.vnfs_vtype = VREG;
-  p.vnfs_vops = host_vnode_ops(root);
+  struct vnode_fsparam p = host_test::fsparam(VREG, host_vnode_ops(root), VNFS_CANTCACHE, fs.mp());
   p.vnfs_dvp = root;
   p.vnfs_cnp = &cn;
-  p.vnfs_flags = VNFS_CANTCACHE;
   vnode_t never;
-  ASSERT_EQ(vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &never), 0);
+  ASSERT_EQ(host_test::create_vnode(p, &never), 0);
   EXPECT_EQ(lookup("nc", &vp), 0);
   cache_enter(root, never, &cn);  // refused for a VNFS_CANTCACHE vnode
   EXPECT_EQ(lookup("nc", &vp), 0);
-  vnode_recycle(never);
-  vnode_put(never);
+  host_test::discard(never);
 }
 
 TEST_F(NameCacheTest, BoundedLeastRecentlyUsedFirst) {
   host_namecache_set_limit(0);  // empty, so that only this test's entries count
   EXPECT_EQ(host_namecache_count(), 0u);
-  size_t base = 0;
   host_namecache_set_limit(3);
   enter("n1", nullptr);
   enter("n2", nullptr);
@@ -172,7 +154,7 @@ TEST_F(NameCacheTest, BoundedLeastRecentlyUsedFirst) {
   vnode_t vp = nullptr;
   EXPECT_EQ(lookup("n1", &vp), ENOENT);  // n1 is now the most recent
   enter("n4", nullptr);
-  EXPECT_EQ(host_namecache_count(), base + 3);
+  EXPECT_EQ(host_namecache_count(), 3u);
   EXPECT_EQ(lookup("n2", &vp), 0) << "the least recently used entry survived";
   EXPECT_EQ(lookup("n1", &vp), ENOENT);
   EXPECT_EQ(lookup("n4", &vp), ENOENT);

@@ -13,22 +13,15 @@
 #include <vector>
 
 #include "host/locks.h"
-#include "host/malloc.h"
 #include "host/thread_call.h"
 #include "host/time.h"
+#include "host_test_util.h"
 
 namespace {
 
 constexpr uint64_t kMs = 1000000;  // nanoseconds
 
-template <typename Pred>
-bool eventually(Pred pred) {
-  for (int i = 0; i < 5000; i++) {
-    if (pred()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return pred();
-}
+using host_test::eventually;
 
 uint64_t in_ms(uint32_t n) {
   uint64_t deadline;
@@ -165,15 +158,6 @@ TEST(ThreadCall, FunctionMayReArmItsOwnCall) {
   std::this_thread::sleep_for(std::chrono::milliseconds(10));
   EXPECT_EQ(self.runs.load(), 2);
   thread_call_free(self.call);
-}
-
-TEST(ThreadCall, AllocationTakesPartInFailureInjection) {
-  Recorder r;
-  host_malloc_fail_nth(1);
-  EXPECT_EQ(thread_call_allocate(&Recorder::fire, &r), nullptr);
-  thread_call_t call = thread_call_allocate(&Recorder::fire, &r);
-  EXPECT_NE(call, nullptr);
-  thread_call_free(call);
 }
 
 TEST(ThreadCallDeathTest, FreeingAPendingCallPanics) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "blockmapfs.h"
+#include "host_test_util.h"
 #include "host/blkdev.h"
 #include "host/cluster.h"
 #include "host/kern.h"
@@ -21,11 +22,7 @@ namespace {
 
 std::vector<char> bytes(size_t n, char c) { return std::vector<char>(n, c); }
 
-struct PoolLimit {
-  size_t saved = host_ubc_limit();
-  explicit PoolLimit(size_t bytes) { host_ubc_set_limit(bytes); }
-  ~PoolLimit() { host_ubc_set_limit(saved); }
-};
+using host_test::PoolLimit;
 
 class UbcTest : public ::testing::Test {
  protected:

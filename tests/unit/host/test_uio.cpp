@@ -3,7 +3,6 @@
 #include <cstring>
 #include <string>
 
-#include "host/malloc.h"
 #include "host/uio.h"
 
 namespace {
@@ -121,14 +120,6 @@ TEST(Uio, NullVectorIsABadAddress) {
   EXPECT_EQ(std::string(a, 2), "ab");
   EXPECT_EQ(uio_resid(uio), 2);
   EXPECT_EQ(uio_offset(uio), 2);
-  uio_free(uio);
-}
-
-TEST(Uio, CreationTakesPartInFailureInjection) {
-  host_malloc_fail_nth(1);
-  EXPECT_EQ(uio_create(1, 0, UIO_SYSSPACE, UIO_READ), nullptr);
-  uio_t uio = uio_create(1, 0, UIO_SYSSPACE, UIO_READ);
-  EXPECT_NE(uio, nullptr);
   uio_free(uio);
 }
 

@@ -49,131 +49,123 @@ Encoded encode(const Units& u, size_t buflen, int flags, uint16_t altslash = 0) 
 
 Units repeat(uint16_t unit, size_t n) { return Units(n, unit); }
 
-// True when s is well-formed UTF-8 (every character whole).
-bool whole_utf8(const std::string& s) {
-  std::vector<uint16_t> out(s.size() * 2 + 2);
-  size_t len;
-  return utf8_decodestr(reinterpret_cast<const uint8_t*>(s.data()), s.size(), out.data(), &len,
-                        out.size() * 2, 0, 0) == 0;
-}
-
 constexpr int kLookup = UTF_PRECOMPOSED | UTF_SFM_CONVERSIONS;  // names in
 constexpr int kListing = UTF_DECOMPOSED | UTF_SFM_CONVERSIONS;  // names out
 
+const Units kLabel11 = {'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J', 'K'};
+const std::string kSfmPlain = "\x01\x1F\"*:<>?\\|";
+const Units kSfmMapped = {0xF001, 0xF01F, 0xF020, 0xF021, 0xF022,
+                          0xF023, 0xF024, 0xF025, 0xF026, 0xF027};
+
+struct DecodeCase {
+  const char* what;
+  std::string in;
+  size_t buflen;
+  int flags;
+  uint16_t altslash;
+  int error;
+  Units out;
+};
+
+struct EncodeCase {
+  const char* what;
+  Units in;
+  size_t buflen;
+  int flags;
+  uint16_t altslash;
+  int error;
+  std::string out;
+  bool terminated;  // a NUL follows the output
+};
+
 }  // namespace
 
-TEST(Utf8Limits, VolumeLabelOfElevenUnitsFitsAndTwelveDoesNot) {
-  Decoded d = decode("ABCDEFGHIJK", 22, kLookup);
-  EXPECT_EQ(d.error, 0);
-  EXPECT_EQ(d.units.size(), 11u);
-
-  d = decode("ABCDEFGHIJKL", 22, kLookup);
-  EXPECT_EQ(d.error, ENAMETOOLONG);
-  EXPECT_EQ(d.units, Units({'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', 'J', 'K'}));
+// Each case pins one rule of the decoder: the limits (an 11-unit label, a
+// 255-unit name, a surrogate pair that would not fit whole), normalization
+// (composition, canonical reordering, Hangul), the edges of the valid
+// ranges, the SFM private-use mapping and the alternate slash.
+TEST(Utf8, DecodeCases) {
+  const DecodeCase cases[] = {
+      {"label of 11 units fits", "ABCDEFGHIJK", 22, kLookup, 0, 0, kLabel11},
+      {"label of 12 units is cut", "ABCDEFGHIJKL", 22, kLookup, 0, ENAMETOOLONG, kLabel11},
+      {"255-unit name fits", std::string(255, 'x'), 510, kLookup, 0, 0, repeat('x', 255)},
+      {"256-unit name is cut", std::string(256, 'x'), 510, kLookup, 0, ENAMETOOLONG,
+       repeat('x', 255)},
+      {"pair not split", "a\xF0\x9F\x98\x80", 4, 0, 0, ENAMETOOLONG, {'a'}},
+      {"pair fits", "a\xF0\x9F\x98\x80", 6, 0, 0, 0, {'a', 0xD83D, 0xDE00}},
+      {"composed", "e\xCC\x81", 510, kLookup, 0, 0, {0x00E9}},
+      {"no form: as it is", "e\xCC\x81", 510, 0, 0, 0, {'e', 0x0301}},
+      // Marks out of canonical order still compose to U+1E69.
+      {"reordered, composed", "s\xCC\x87\xCC\xA3", 510, UTF_PRECOMPOSED, 0, 0, {0x1E69}},
+      {"reordered, no composite", "q\xCC\x87\xCC\xA3", 510, UTF_PRECOMPOSED, 0, 0,
+       {'q', 0x0323, 0x0307}},
+      {"Hangul", "\xE1\x84\x80\xE1\x85\xA1", 510, UTF_PRECOMPOSED, 0, 0, {0xAC00}},
+      {"supplementary", "\xF0\x9F\x98\x80x", 64, kLookup, 0, 0, {0xD83D, 0xDE00, 'x'}},
+      {"below surrogates", "\xED\x9F\xBF", 8, 0, 0, 0, {0xD7FF}},
+      {"above surrogates", "\xEE\x80\x80", 8, 0, 0, 0, {0xE000}},
+      {"last code point", "\xF4\x8F\xBF\xBF", 8, 0, 0, 0, {0xDBFF, 0xDFFF}},
+      {"first two-byte", "\xC2\x80", 8, 0, 0, 0, {0x0080}},
+      {"SFM mapped", kSfmPlain, 510, kLookup, 0, 0, kSfmMapped},
+      {"SFM off", ":", 8, UTF_PRECOMPOSED, 0, 0, {':'}},
+      {"SFM leaves / and NUL", std::string("a/.\0 ", 5), 16, kLookup, 0, 0, {'a', '/', '.', 0, ' '}},
+      // '<' + U+0338 composes to U+226E, but a mapped '<' must stay itself.
+      {"composes without SFM", "<\xCC\xB8", 16, UTF_PRECOMPOSED, 0, 0, {0x226E}},
+      {"mapped does not compose", "<\xCC\xB8", 16, kLookup, 0, 0, {0xF023, 0x0338}},
+      {"alternate slash", "a/b", 16, kLookup, ':', 0, {'a', ':', 'b'}},
+  };
+  for (const DecodeCase& c : cases) {
+    Decoded d = decode(c.in, c.buflen, c.flags, c.altslash);
+    EXPECT_EQ(d.error, c.error) << c.what;
+    EXPECT_EQ(d.units, c.out) << c.what;
+  }
 }
 
-TEST(Utf8Limits, NameOfMoreThan255UnitsIsTooLongForTheLookupBuffer) {
-  Decoded d = decode(std::string(255, 'x'), 510, kLookup);
-  EXPECT_EQ(d.error, 0);
-  EXPECT_EQ(d.units.size(), 255u);
-
-  d = decode(std::string(256, 'x'), 510, kLookup);
-  EXPECT_EQ(d.error, ENAMETOOLONG);
-  EXPECT_EQ(d.units.size(), 255u);
+TEST(Utf8, EncodeCases) {
+  // 'a' then 254 three-byte characters: 763 bytes. With 255 bytes of room
+  // before the NUL, 1 + 84 x 3 = 253 bytes fit; the 85th character is left
+  // out whole.
+  Units wide = repeat(0x4E2D, 255);
+  wide[0] = 'a';
+  std::string wide_utf8 = "a";
+  for (int i = 0; i < 254; i++) wide_utf8 += "\xE4\xB8\xAD";
+  const EncodeCase cases[] = {
+      {"long name", wide, 1024, kListing, 0, 0, wide_utf8, true},
+      {"cut at a character", wide, 256, kListing, 0, ENAMETOOLONG, wide_utf8.substr(0, 253), true},
+      {"terminator counts", {'a', 'b', 'c'}, 3, 0, 0, ENAMETOOLONG, "ab", true},
+      {"terminator suppressed", {'a', 'b', 'c'}, 3, UTF_NO_NULL_TERM, 0, 0, "abc", false},
+      {"empty", {}, 1, 0, 0, 0, "", true},
+      {"no room", {'a'}, 0, 0, 0, ENAMETOOLONG, "", false},
+      {"decomposed", {0x00E9}, 256, kListing, 0, 0, "e\xCC\x81", true},
+      {"no form: as it is", {0x00E9}, 256, 0, 0, 0, "\xC3\xA9", true},
+      {"canonical order", {0x1E69}, 64, UTF_DECOMPOSED, 0, 0, "s\xCC\xA3\xCC\x87", true},
+      {"Hangul", {0xAC00}, 64, UTF_DECOMPOSED, 0, 0, "\xE1\x84\x80\xE1\x85\xA1", true},
+      {"supplementary", {0xD83D, 0xDE00, 'x'}, 64, kListing, 0, 0, "\xF0\x9F\x98\x80x", true},
+      {"SFM mapped back", kSfmMapped, 256, kListing, 0, 0, kSfmPlain, true},
+      {"SFM off", {0xF022}, 8, UTF_DECOMPOSED, 0, 0, "\xEF\x80\xA2", true},
+      {"mapped before a mark", {0xF023, 0x0338}, 16, kListing, 0, 0, "<\xCC\xB8", true},
+      {"alternate to slash", {'a', ':', 'b'}, 16, 0, ':', 0, "a/b", true},
+      {"slash to alternate", {'a', '/', 'b'}, 16, 0, ':', 0, "a:b", true},
+      {"lone high", {0xD800}, 64, kListing, 0, EINVAL, "", false},
+      {"high at the end", {'a', 0xD800}, 64, kListing, 0, EINVAL, "", false},
+      {"lone low", {0xDC00, 'a'}, 64, kListing, 0, EINVAL, "", false},
+      {"high before a letter", {'a', 0xD800, 'b'}, 64, kListing, 0, EINVAL, "", false},
+      {"pair reversed", {0xDE00, 0xD83D}, 64, kListing, 0, EINVAL, "", false},
+  };
+  for (const EncodeCase& c : cases) {
+    Encoded e = encode(c.in, c.buflen, c.flags, c.altslash);
+    EXPECT_EQ(e.error, c.error) << c.what;
+    EXPECT_EQ(e.text, c.out) << c.what;
+    if (c.terminated) {
+      EXPECT_TRUE(e.terminated) << c.what;
+    }
+  }
+  // Ill-formed input is reported even when it would not fit anyway.
+  Units long_bad = repeat('x', 300);
+  long_bad[299] = 0xDC00;
+  EXPECT_EQ(encode(long_bad, 256, kListing).error, EINVAL);
 }
 
-TEST(Utf8Limits, LongNameFitsTheExtendedRecordButIsCutAtACharacterForTheShortOne) {
-  // 'a' then 254 three-byte characters: 763 bytes in all.
-  Units name = repeat(0x4E2D, 255);
-  name[0] = 'a';
-  Encoded e = encode(name, 1024, kListing);
-  EXPECT_EQ(e.error, 0);
-  EXPECT_EQ(e.text.size(), 763u);
-  EXPECT_TRUE(e.terminated);
-
-  // 255 bytes of room before the NUL: 1 + 84 × 3 = 253 bytes; the 85th
-  // character would need bytes 253-255 and is left out whole.
-  e = encode(name, 256, kListing);
-  EXPECT_EQ(e.error, ENAMETOOLONG);
-  EXPECT_EQ(e.text.size(), 253u);
-  EXPECT_TRUE(e.terminated);
-  EXPECT_TRUE(whole_utf8(e.text));
-}
-
-TEST(Utf8Limits, TerminatorCountsAgainstTheLimitUnlessSuppressed) {
-  Encoded e = encode({'a', 'b', 'c'}, 3, 0);
-  EXPECT_EQ(e.error, ENAMETOOLONG);
-  EXPECT_EQ(e.text, "ab");
-  EXPECT_TRUE(e.terminated);
-
-  e = encode({'a', 'b', 'c'}, 3, UTF_NO_NULL_TERM);
-  EXPECT_EQ(e.error, 0);
-  EXPECT_EQ(e.text, "abc");
-
-  e = encode({}, 1, 0);
-  EXPECT_EQ(e.error, 0);
-  EXPECT_EQ(e.text, "");
-  EXPECT_TRUE(e.terminated);
-
-  e = encode({'a'}, 0, 0);
-  EXPECT_EQ(e.error, ENAMETOOLONG);
-  EXPECT_EQ(e.text, "");
-}
-
-TEST(Utf8Limits, SurrogatePairIsNeverSplit) {
-  Decoded d = decode("a\xF0\x9F\x98\x80", 4, 0);  // 'a' U+1F600
-  EXPECT_EQ(d.error, ENAMETOOLONG);
-  EXPECT_EQ(d.units, Units({'a'}));
-
-  d = decode("a\xF0\x9F\x98\x80", 6, 0);
-  EXPECT_EQ(d.error, 0);
-  EXPECT_EQ(d.units, Units({'a', 0xD83D, 0xDE00}));
-}
-
-TEST(Utf8Normalization, PrecomposedInDecomposedOut) {
-  Decoded d = decode("e\xCC\x81", 510, kLookup);
-  EXPECT_EQ(d.error, 0);
-  EXPECT_EQ(d.units, Units({0x00E9}));
-
-  Encoded e = encode({0x00E9}, 256, kListing);
-  EXPECT_EQ(e.error, 0);
-  EXPECT_EQ(e.text, "e\xCC\x81");
-
-  // Without a form flag the text passes through as it is.
-  d = decode("e\xCC\x81", 510, 0);
-  EXPECT_EQ(d.units, Units({'e', 0x0301}));
-  e = encode({0x00E9}, 256, 0);
-  EXPECT_EQ(e.text, "\xC3\xA9");
-}
-
-TEST(Utf8Normalization, CombiningMarksAreReorderedBeforeComposition) {
-  // s + dot above + dot below: the marks are out of canonical order, yet the
-  // whole composes to U+1E69, which decomposes with dot below first.
-  Decoded d = decode("s\xCC\x87\xCC\xA3", 510, UTF_PRECOMPOSED);
-  EXPECT_EQ(d.units, Units({0x1E69}));
-  Encoded e = encode({0x1E69}, 64, UTF_DECOMPOSED);
-  EXPECT_EQ(e.text, "s\xCC\xA3\xCC\x87");
-  // With no precomposed form the marks are still put in order.
-  d = decode("q\xCC\x87\xCC\xA3", 510, UTF_PRECOMPOSED);
-  EXPECT_EQ(d.units, Units({'q', 0x0323, 0x0307}));
-}
-
-TEST(Utf8Normalization, HangulSyllablesComposeAndDecompose) {
-  Decoded d = decode("\xE1\x84\x80\xE1\x85\xA1", 510, UTF_PRECOMPOSED);  // U+1100 U+1161
-  EXPECT_EQ(d.units, Units({0xAC00}));
-  Encoded e = encode({0xAC00}, 64, UTF_DECOMPOSED);
-  EXPECT_EQ(e.text, "\xE1\x84\x80\xE1\x85\xA1");
-}
-
-TEST(Utf8Normalization, SupplementaryCharactersRoundTrip) {
-  Encoded e = encode({0xD83D, 0xDE00, 'x'}, 64, kListing);
-  EXPECT_EQ(e.error, 0);
-  EXPECT_EQ(e.text, "\xF0\x9F\x98\x80x");
-  Decoded d = decode(e.text, 64, kLookup);
-  EXPECT_EQ(d.units, Units({0xD83D, 0xDE00, 'x'}));
-}
-
-TEST(Utf8IllFormed, BadUtf8IsInvalid) {
+TEST(Utf8, IllFormedUtf8IsInvalid) {
   const char* bad[] = {
       "\xC0\xAF",          // overlong '/'
       "\xC1\xBF",          // overlong two-byte
@@ -194,56 +186,6 @@ TEST(Utf8IllFormed, BadUtf8IsInvalid) {
     EXPECT_EQ(d.error, EINVAL) << "input " << testing::PrintToString(std::string(s));
     EXPECT_TRUE(d.units.empty());
   }
-  // The edges of the ranges are valid.
-  EXPECT_EQ(decode("\xED\x9F\xBF", 8, 0).units, Units({0xD7FF}));
-  EXPECT_EQ(decode("\xEE\x80\x80", 8, 0).units, Units({0xE000}));
-  EXPECT_EQ(decode("\xF4\x8F\xBF\xBF", 8, 0).units, Units({0xDBFF, 0xDFFF}));
-  EXPECT_EQ(decode("\xC2\x80", 8, 0).units, Units({0x0080}));
-}
-
-TEST(Utf8IllFormed, UnpairedSurrogatesAreInvalid) {
-  const Units bad[] = {{0xD800}, {'a', 0xD800}, {0xDC00, 'a'}, {'a', 0xD800, 'b'}, {0xDE00, 0xD83D}};
-  for (const Units& u : bad) {
-    Encoded e = encode(u, 64, kListing);
-    EXPECT_EQ(e.error, EINVAL);
-    EXPECT_EQ(e.text, "");
-  }
-  // Ill-formed input is reported even when it would not fit anyway.
-  Units long_bad = repeat('x', 300);
-  long_bad[299] = 0xDC00;
-  EXPECT_EQ(encode(long_bad, 256, kListing).error, EINVAL);
-}
-
-TEST(Utf8Sfm, ReservedCharactersMapToPrivateUseAndBack) {
-  const std::string plain = "\x01\x1F\"*:<>?\\|";
-  const Units mapped = {0xF001, 0xF01F, 0xF020, 0xF021, 0xF022, 0xF023, 0xF024, 0xF025, 0xF026, 0xF027};
-  Decoded d = decode(plain, 510, kLookup);
-  EXPECT_EQ(d.error, 0);
-  EXPECT_EQ(d.units, mapped);
-
-  Encoded e = encode(mapped, 256, kListing);
-  EXPECT_EQ(e.error, 0);
-  EXPECT_EQ(e.text, plain);
-
-  // Without the flag nothing is mapped, in either direction.
-  EXPECT_EQ(decode(":", 8, UTF_PRECOMPOSED).units, Units({':'}));
-  EXPECT_EQ(encode({0xF022}, 8, UTF_DECOMPOSED).text, "\xEF\x80\xA2");
-  // Other characters, '/' and NUL among them, are left alone.
-  EXPECT_EQ(decode(std::string("a/.\0 ", 5), 16, kLookup).units, Units({'a', '/', '.', 0, ' '}));
-}
-
-TEST(Utf8Sfm, MappedCharacterDoesNotComposeWithAFollowingMark) {
-  // '<' + U+0338 composes to U+226E; a name typed that way keeps its '<'.
-  EXPECT_EQ(decode("<\xCC\xB8", 16, UTF_PRECOMPOSED).units, Units({0x226E}));
-  Decoded d = decode("<\xCC\xB8", 16, kLookup);
-  EXPECT_EQ(d.units, Units({0xF023, 0x0338}));
-  EXPECT_EQ(encode(d.units, 16, kListing).text, "<\xCC\xB8");
-}
-
-TEST(Utf8AltSlash, SlashTravelsAsTheAlternateCharacter) {
-  EXPECT_EQ(decode("a/b", 16, kLookup, ':').units, Units({'a', ':', 'b'}));
-  EXPECT_EQ(encode({'a', ':', 'b'}, 16, 0, ':').text, "a/b");
-  EXPECT_EQ(encode({'a', '/', 'b'}, 16, 0, ':').text, "a:b");
 }
 
 TEST(Utf8DeathTest, UnsupportedFlagsPanic) {

@@ -9,6 +9,7 @@
 #include "host/mount.h"
 #include "host/vfs.h"
 #include "host/vnode_internal.h"
+#include "host_test_util.h"
 #include "tinyfs.h"
 
 namespace {
@@ -90,19 +91,12 @@ struct Registered {
 };
 
 vnode_t probe_vnode(VOPFUNC* ops) {
-  struct vnode_fsparam p = {};
-  p.vnfs_vtype = VREG;
-  p.vnfs_vops = ops;
-  p.vnfs_flags = VNFS_NOCACHE;
   vnode_t vp = nullptr;
-  EXPECT_EQ(vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &vp), 0);
+  EXPECT_EQ(host_test::create_vnode(host_test::fsparam(VREG, ops), &vp), 0);
   return vp;
 }
 
-void discard(vnode_t vp) {
-  vnode_recycle(vp);
-  vnode_put(vp);
-}
+using host_test::discard;
 
 TEST(VfsDispatch, EveryOperationReachesItsFunction) {
   Registered reg("probefs");
@@ -195,8 +189,6 @@ TEST(VfsDispatch, ArgumentsTravelBothWays) {
   discard(vp);
 }
 
-TEST(VfsDispatch, DefaultErrorIsEnotsup) { EXPECT_EQ(vn_default_error(nullptr), ENOTSUP); }
-
 // --- Registration --------------------------------------------------------------------
 
 TEST(VfsRegistry, AddFillsVectorsAndCallsInit) {
@@ -225,15 +217,21 @@ TEST(VfsRegistry, TypeNumbersAreAssignedOrTaken) {
   EXPECT_EQ(g_init_conf.vfc_typenum, 0x1234);
 }
 
-TEST(VfsRegistry, DuplicateNameIsRefused) {
-  Registered reg("probefs");
-  struct vnodeopv_desc* descs[] = {&second_desc};
+// An entry of one operation table under `name`.
+struct vfs_fsentry second_entry(const char* name) {
+  static struct vnodeopv_desc* descs[] = {&second_desc};
   struct vfs_fsentry vfe = {};
   vfe.vfe_vfsops = &probe_vfsops;
   vfe.vfe_vopcnt = 1;
   vfe.vfe_opvdescs = descs;
-  strncpy(vfe.vfe_fsname, "probefs", MFSNAMELEN);
+  strncpy(vfe.vfe_fsname, name, MFSNAMELEN);
   vfe.vfe_flags = VFS_TBLNOTYPENUM;
+  return vfe;
+}
+
+TEST(VfsRegistry, DuplicateNameIsRefused) {
+  Registered reg("probefs");
+  struct vfs_fsentry vfe = second_entry("probefs");
   vfstable_t h = nullptr;
   EXPECT_EQ(vfs_fsadd(&vfe, &h), EEXIST);
   EXPECT_EQ(h, nullptr);
@@ -257,13 +255,7 @@ TEST(VfsRegistry, RemoveRefusesWhileMountedAndClearsVectors) {
 }
 
 TEST(VfsRegistry, AddFailsCleanlyWithoutMemory) {
-  struct vnodeopv_desc* descs[] = {&second_desc};
-  struct vfs_fsentry vfe = {};
-  vfe.vfe_vfsops = &probe_vfsops;
-  vfe.vfe_vopcnt = 1;
-  vfe.vfe_opvdescs = descs;
-  strncpy(vfe.vfe_fsname, "nomemfs", MFSNAMELEN);
-  vfe.vfe_flags = VFS_TBLNOTYPENUM;
+  struct vfs_fsentry vfe = second_entry("nomemfs");
   vfstable_t h = nullptr;
   for (int n = 1; n <= 2; n++) {
     host_malloc_fail_nth(n);

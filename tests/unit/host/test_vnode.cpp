@@ -1,14 +1,15 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
-
 #include <atomic>
+#include <chrono>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "host/malloc.h"
 #include "host/namecache.h"
 #include "host/vnode_internal.h"
+#include "host_test_util.h"
 #include "tinyfs.h"
 
 namespace {
@@ -25,32 +26,32 @@ vnode_t create_file(TinyFs& fs, vnode_t dvp, const char* name) {
   return vp;
 }
 
-TEST(VnodeLifeCycle, LastPutRunsInactiveAndLeavesTheVnodeCached) {
+using Events = std::vector<std::string>;
+
+// A tinyfs volume whose root the test holds (an I/O reference, dropped at
+// the end).
+class VnodeTest : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    if (root != nullptr) vnode_put(root);
+  }
+  vnode_t file(const char* name, vnode_t dvp = nullptr) {
+    return create_file(fs, dvp != nullptr ? dvp : root, name);
+  }
   TinyFs fs;
   vnode_t root = fs.root();
-  vnode_t vp = create_file(fs, root, "a");
+};
+
+using VnodeLifeCycle = VnodeTest;
+
+// Inactive runs once neither an I/O nor a use reference is left, and the
+// vnode stays cached with its identity.
+TEST_F(VnodeLifeCycle, InactiveWaitsForTheLastReferenceOfEitherKind) {
+  vnode_t vp = file("a");
   EXPECT_EQ(host_vnode_iocount(vp), 1);
-  EXPECT_EQ(vnode_vtype(vp), VREG);
   EXPECT_TRUE(vnode_isreg(vp));
   EXPECT_EQ(vnode_mount(vp), fs.mp());
-  EXPECT_EQ(tinyfs_node_of(vp)->name, "a");
   uint32_t vid = vnode_vid(vp);
-  fs.clear_events();
-
-  EXPECT_EQ(vnode_put(vp), 0);
-  EXPECT_EQ(fs.events(), std::vector<std::string>{"inactive a"});
-  EXPECT_FALSE(host_vnode_isdead(vp));
-  // Still the same file: the vid holds and the fsnode stays.
-  ASSERT_EQ(vnode_getwithvid(vp, vid), 0);
-  EXPECT_EQ(tinyfs_node_of(vp)->name, "a");
-  vnode_put(vp);
-  vnode_put(root);
-}
-
-TEST(VnodeLifeCycle, UseReferenceDefersInactive) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t vp = create_file(fs, root, "a");
   ASSERT_EQ(vnode_ref(vp), 0);
   fs.clear_events();
   vnode_put(vp);
@@ -59,113 +60,82 @@ TEST(VnodeLifeCycle, UseReferenceDefersInactive) {
   EXPECT_TRUE(vnode_isinuse(vp, 0));
   EXPECT_FALSE(vnode_isinuse(vp, 1));
   vnode_rele(vp);
-  EXPECT_EQ(fs.events(), std::vector<std::string>{"inactive a"});
-  vnode_put(root);
-}
-
-TEST(VnodeLifeCycle, RecycleOfUnusedVnodeReclaimsAndChangesVid) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t vp = create_file(fs, root, "a");
-  uint32_t vid = vnode_vid(vp);
-  vnode_put(vp);
-  fs.clear_events();
-
-  EXPECT_EQ(vnode_recycle(vp), 1);
-  EXPECT_EQ(fs.events(), std::vector<std::string>{"reclaim a"});
-  EXPECT_TRUE(host_vnode_isdead(vp));
-  EXPECT_GT(vnode_vid(vp), vid);
-  EXPECT_EQ(vnode_getwithvid(vp, vid), ENOENT);
-  EXPECT_EQ(vnode_get(vp), ENOENT);
-  EXPECT_EQ(vnode_fsnode(vp), nullptr);
-  EXPECT_EQ(vnode_mount(vp), nullptr);
-  // Looking the name up again makes a new vnode for the same node.
-  vnode_t again;
-  ASSERT_EQ(fs.lookup(root, "a", &again), 0);
-  EXPECT_EQ(tinyfs_node_of(again)->name, "a");
-  vnode_put(again);
-  vnode_put(root);
-}
-
-TEST(VnodeLifeCycle, RecycleWhileInUseReclaimsAfterTheLastReference) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t vp = create_file(fs, root, "a");
-  ASSERT_EQ(vnode_ref(vp), 0);
-  fs.clear_events();
-  EXPECT_EQ(vnode_recycle(vp), 0);
+  EXPECT_EQ(fs.events(), Events{"inactive a"});
   EXPECT_FALSE(host_vnode_isdead(vp));
-  vnode_put(vp);
-  EXPECT_TRUE(fs.events().empty());
-  vnode_rele(vp);
-  EXPECT_EQ(fs.events(), (std::vector<std::string>{"inactive a", "reclaim a"}));
-  EXPECT_TRUE(host_vnode_isdead(vp));
-  vnode_put(root);
-}
+  ASSERT_EQ(vnode_getwithvid(vp, vid), 0);
+  EXPECT_EQ(tinyfs_node_of(vp)->name, "a");
 
-TEST(VnodeLifeCycle, RemovedFileIsReclaimedWhenItsLastUseEnds) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t vp = create_file(fs, root, "gone");
-  ASSERT_EQ(vnode_ref_ext(vp, FREAD | FWRITE, 0), 0);  // an open file
-  ASSERT_EQ(fs.remove(root, vp, "gone"), 0);
-  vnode_put(vp);
-  EXPECT_FALSE(host_vnode_isdead(vp)) << "reclaimed while open";
-  fs.clear_events();
-  vnode_rele_ext(vp, FREAD | FWRITE, 0);
-  EXPECT_EQ(fs.events(), (std::vector<std::string>{"inactive gone", "reclaim gone"}));
-  EXPECT_TRUE(host_vnode_isdead(vp));
-  vnode_put(root);
-}
-
-TEST(VnodeLifeCycle, ReleaseWithoutReentryDefersInactiveToReclaim) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t vp = create_file(fs, root, "a");
+  // Released without reentry: inactive is left to the reclaim.
   ASSERT_EQ(vnode_ref(vp), 0);
   vnode_put(vp);
   fs.clear_events();
   vnode_rele_ext(vp, 0, 1);
   EXPECT_TRUE(fs.events().empty());
   EXPECT_EQ(vnode_recycle(vp), 1);
-  EXPECT_EQ(fs.events(), (std::vector<std::string>{"inactive a", "reclaim a"}));
-  vnode_put(root);
+  EXPECT_EQ(fs.events(), (Events{"inactive a", "reclaim a"}));
 }
 
-TEST(VnodeLifeCycle, RecordsAreReusedWithLargerVids) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t vp = create_file(fs, root, "a");
+// A recycled vnode is reclaimed at once when unused, its vid bumped and its
+// record reused; in use, it is reclaimed after the last reference.
+TEST_F(VnodeLifeCycle, RecycleReclaimsNowOrAfterTheLastReference) {
+  vnode_t vp = file("a");
   uint32_t vid = vnode_vid(vp);
   vnode_put(vp);
-  ASSERT_EQ(vnode_recycle(vp), 1);
+  fs.clear_events();
+  EXPECT_EQ(vnode_recycle(vp), 1);
+  EXPECT_EQ(fs.events(), Events{"reclaim a"});
+  EXPECT_TRUE(host_vnode_isdead(vp));
+  EXPECT_GT(vnode_vid(vp), vid);
+  EXPECT_EQ(vnode_getwithvid(vp, vid), ENOENT);
+  EXPECT_EQ(vnode_get(vp), ENOENT);
+  EXPECT_EQ(vnode_fsnode(vp), nullptr);
+  EXPECT_EQ(vnode_mount(vp), nullptr);
   // The freed record is the first candidate for the next vnode.
-  vnode_t next = create_file(fs, root, "b");
+  vnode_t next = file("b");
   ASSERT_EQ(next, vp);
   EXPECT_GT(vnode_vid(next), vid);
   EXPECT_EQ(vnode_getwithvid(vp, vid), ENOENT);
   EXPECT_EQ(tinyfs_node_of(next)->name, "b");
+  // Looking the name up again makes a new vnode for the same node.
+  vnode_t again;
+  ASSERT_EQ(fs.lookup(root, "a", &again), 0);
+  EXPECT_EQ(tinyfs_node_of(again)->name, "a");
+  vnode_put(again);
+
+  ASSERT_EQ(vnode_ref(next), 0);
+  fs.clear_events();
+  EXPECT_EQ(vnode_recycle(next), 0);
+  EXPECT_FALSE(host_vnode_isdead(next));
   vnode_put(next);
-  vnode_put(root);
+  EXPECT_TRUE(fs.events().empty());
+  vnode_rele(next);
+  EXPECT_EQ(fs.events(), (Events{"inactive b", "reclaim b"}));
+  EXPECT_TRUE(host_vnode_isdead(next));
 }
 
-TEST(VnodeLifeCycle, CreateFailsCleanlyWithoutMemory) {
-  TinyFs fs;
-  vnode_t root = fs.root();
+TEST_F(VnodeLifeCycle, RemovedFileIsReclaimedWhenItsLastUseEnds) {
+  vnode_t vp = file("gone");
+  ASSERT_EQ(vnode_ref_ext(vp, FREAD | FWRITE, 0), 0);  // an open file
+  ASSERT_EQ(fs.remove(root, vp, "gone"), 0);
+  vnode_put(vp);
+  EXPECT_FALSE(host_vnode_isdead(vp)) << "reclaimed while open";
+  fs.clear_events();
+  vnode_rele_ext(vp, FREAD | FWRITE, 0);
+  EXPECT_EQ(fs.events(), (Events{"inactive gone", "reclaim gone"}));
+  EXPECT_TRUE(host_vnode_isdead(vp));
+}
+
+TEST_F(VnodeLifeCycle, CreateFailsCleanlyWithoutMemory) {
   int before = host_mount_vnode_count(fs.mp());
-  struct vnode_fsparam p = {};
-  p.vnfs_mp = fs.mp();
-  p.vnfs_vtype = VREG;
-  p.vnfs_vops = host_vnode_ops(root);
+  struct vnode_fsparam p = host_test::fsparam(VREG, host_vnode_ops(root), 0, fs.mp());
   p.vnfs_dvp = root;
   vnode_t vp = nullptr;
   host_malloc_fail_nth(1);
-  EXPECT_EQ(vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &vp), ENOMEM);
+  EXPECT_EQ(host_test::create_vnode(p, &vp), ENOMEM);
   host_malloc_fail_nth(0);
   EXPECT_EQ(vp, nullptr);
   EXPECT_EQ(host_mount_vnode_count(fs.mp()), before);
   EXPECT_EQ(host_vnode_usecount(root), 0) << "child reference left on the parent";
-  vnode_put(root);
 }
 
 TEST(VnodeLifeCycleDeathTest, PutWithoutReferencePanics) {
@@ -177,12 +147,12 @@ TEST(VnodeLifeCycleDeathTest, PutWithoutReferencePanics) {
 
 // --- Parents --------------------------------------------------------------------
 
-TEST(VnodeParent, ChildHoldsItsParentWithoutMakingItInUse) {
-  TinyFs fs;
-  vnode_t root = fs.root();
+using VnodeParent = VnodeTest;
+
+TEST_F(VnodeParent, ChildHoldsItsParentWithoutMakingItInUse) {
   vnode_t dir;
   ASSERT_EQ(fs.mkdir(root, "d", &dir), 0);
-  vnode_t f = create_file(fs, dir, "f");
+  vnode_t f = file("f", dir);
   EXPECT_EQ(host_vnode_usecount(dir), 1);
   EXPECT_FALSE(vnode_isinuse(dir, 0));
   vnode_t p = vnode_getparent(f);
@@ -196,18 +166,15 @@ TEST(VnodeParent, ChildHoldsItsParentWithoutMakingItInUse) {
   EXPECT_EQ(vnode_recycle(dir), 0);
   EXPECT_FALSE(host_vnode_isdead(dir));
   EXPECT_EQ(vnode_recycle(f), 1);
-  EXPECT_EQ(fs.events(), (std::vector<std::string>{"reclaim f", "inactive d", "reclaim d"}));
+  EXPECT_EQ(fs.events(), (Events{"reclaim f", "inactive d", "reclaim d"}));
   EXPECT_TRUE(host_vnode_isdead(dir));
-  vnode_put(root);
 }
 
-TEST(VnodeParent, ReparentingMovesTheChildReference) {
-  TinyFs fs;
-  vnode_t root = fs.root();
+TEST_F(VnodeParent, ReparentingMovesTheChildReference) {
   vnode_t d1, d2;
   ASSERT_EQ(fs.mkdir(root, "d1", &d1), 0);
   ASSERT_EQ(fs.mkdir(root, "d2", &d2), 0);
-  vnode_t f = create_file(fs, d1, "f");
+  vnode_t f = file("f", d1);
   vnode_update_identity(f, d2, "g", 0, 0, VNODE_UPDATE_PARENT | VNODE_UPDATE_NAME);
   EXPECT_EQ(host_vnode_usecount(d1), 0);
   EXPECT_EQ(host_vnode_usecount(d2), 1);
@@ -223,33 +190,19 @@ TEST(VnodeParent, ReparentingMovesTheChildReference) {
   vnode_put(f);
   vnode_put(d1);
   vnode_put(d2);
-  vnode_put(root);
 }
 
 // --- Device vnodes ------------------------------------------------------------------
 
-std::atomic<int> g_dev_reclaims{0};
-int dev_reclaim(void* ap) {
-  g_dev_reclaims++;
-  vnode_clearfsnode(static_cast<struct vnop_reclaim_args*>(ap)->a_vp);
-  return 0;
-}
-int dev_inactive(void* ap) { return 0; }
-
 TEST(VnodeDevice, VnodeWithoutMountUsesItsOwnVector) {
-  std::vector<VOPFUNC> ops(vnop_desc_count(), vn_default_error);
-  ops[vnop_reclaim_desc.vdesc_offset] = dev_reclaim;
-  ops[vnop_inactive_desc.vdesc_offset] = dev_inactive;
   int dev_node = 0;
-  struct vnode_fsparam p = {};
-  p.vnfs_vtype = VBLK;
+  struct vnode_fsparam p =
+      host_test::fsparam(VBLK, host_test::bare_device_ops(), VNFS_NOCACHE | VNFS_CANTCACHE);
   p.vnfs_str = "dev";
   p.vnfs_fsnode = &dev_node;
-  p.vnfs_vops = ops.data();
   p.vnfs_rdev = 0x0801;
-  p.vnfs_flags = VNFS_NOCACHE | VNFS_CANTCACHE;
   vnode_t vp;
-  ASSERT_EQ(vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &vp), 0);
+  ASSERT_EQ(host_test::create_vnode(p, &vp), 0);
   EXPECT_TRUE(vnode_isblk(vp));
   EXPECT_EQ(vnode_mount(vp), nullptr);
   EXPECT_EQ(vnode_specrdev(vp), (dev_t)0x0801);
@@ -258,27 +211,29 @@ TEST(VnodeDevice, VnodeWithoutMountUsesItsOwnVector) {
   EXPECT_EQ(VNOP_FSYNC(vp, MNT_WAIT, vfs_context_kernel()), ENOTSUP);
   *host_vnode_spec_slot(vp) = &dev_node;
   EXPECT_EQ(*host_vnode_spec_slot(vp), &dev_node);
-  int before = g_dev_reclaims;
-  vnode_recycle(vp);
-  vnode_put(vp);
-  EXPECT_EQ(g_dev_reclaims, before + 1);
+  int before = host_test::bare_device_reclaims();
+  host_test::discard(vp);
+  EXPECT_EQ(host_test::bare_device_reclaims(), before + 1);
   EXPECT_TRUE(host_vnode_isdead(vp));
 }
 
 // --- The vnode limit -------------------------------------------------------------------
 
-TEST(VnodeLimitTest, UnusedVnodesArePushedOutLeastRecentlyUsedFirst) {
-  TinyFs fs;
-  vnode_t root = fs.root();
+using VnodeLimitTest = VnodeTest;
+
+// Pushing out takes unused vnodes least recently used first and never one
+// in use.
+TEST_F(VnodeLimitTest, UnusedVnodesArePushedOutLeastRecentlyUsedFirst) {
   const int kFiles = 6;
   std::vector<vnode_t> files;
   std::vector<uint32_t> vids;
   char name[8];
   for (int i = 0; i < kFiles; i++) {
     snprintf(name, sizeof name, "f%d", i);
-    files.push_back(create_file(fs, root, name));
+    files.push_back(file(name));
     vids.push_back(vnode_vid(files.back()));
   }
+  vnode_t held = file("held");
   for (vnode_t vp : files) vnode_put(vp);
   // Use f0 again, so that f1 is now the least recently used.
   ASSERT_EQ(vnode_getwithvid(files[0], vids[0]), 0);
@@ -296,13 +251,6 @@ TEST(VnodeLimitTest, UnusedVnodesArePushedOutLeastRecentlyUsedFirst) {
   vnode_put(files[0]);
   ASSERT_EQ(vnode_getwithvid(files[3], vids[3]), 0);
   vnode_put(files[3]);
-  vnode_put(root);
-}
-
-TEST(VnodeLimitTest, VnodesInUseAreNeverPushedOut) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t held = create_file(fs, root, "held");
   {
     VnodeLimit limit(1);
     host_vnode_push_out();
@@ -310,24 +258,18 @@ TEST(VnodeLimitTest, VnodesInUseAreNeverPushedOut) {
     EXPECT_FALSE(host_vnode_isdead(root));
   }
   vnode_put(held);
-  vnode_put(root);
 }
 
-TEST(VnodeLimitTest, PushOutThreadKeepsTheLimitWithoutHelp) {
-  TinyFs fs;
-  vnode_t root = fs.root();
+TEST_F(VnodeLimitTest, PushOutThreadKeepsTheLimitWithoutHelp) {
   int base = host_vnode_count();
   VnodeLimit limit(base + 4);
   char name[8];
   for (int i = 0; i < 20; i++) {
     snprintf(name, sizeof name, "f%d", i);
-    vnode_put(create_file(fs, root, name));
+    vnode_put(file(name));
   }
-  for (int i = 0; i < 400 && host_vnode_count() > base + 4; i++) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  host_test::eventually([&] { return host_vnode_count() <= base + 4; });
   EXPECT_LE(host_vnode_count(), base + 4);
-  vnode_put(root);
 }
 
 // --- Iteration and vflush ------------------------------------------------------------------
@@ -337,43 +279,34 @@ int count_cb(vnode_t vp, void* arg) {
   return VNODE_RETURNED;
 }
 
-TEST(VnodeIterate, ActiveSelectsVnodesInUse) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t a = create_file(fs, root, "a");
-  vnode_t b = create_file(fs, root, "b");
+using VnodeIterate = VnodeTest;
+
+TEST_F(VnodeIterate, ActiveSelectsVnodesInUseAndDoneStopsTheWalk) {
+  vnode_t a = file("a");
+  vnode_t b = file("b");
   vnode_put(b);
-  int all = 0, active = 0;
+  int all = 0, active = 0, calls = 0;
   vnode_iterate(fs.mp(), 0, count_cb, &all);
   vnode_iterate(fs.mp(), VNODE_ITERATE_ACTIVE, count_cb, &active);
   EXPECT_EQ(all, 3);
   EXPECT_EQ(active, 2);  // root and a
   EXPECT_EQ(host_vnode_iocount(a), 1) << "iterate leaked a reference";
   EXPECT_EQ(host_vnode_iocount(b), 0);
-  vnode_put(a);
-  vnode_put(root);
-}
-
-TEST(VnodeIterate, DoneStopsTheWalk) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_put(create_file(fs, root, "a"));
-  vnode_put(create_file(fs, root, "b"));
-  int calls = 0;
   vnode_iterate(fs.mp(), 0, [](vnode_t, void* arg) {
     ++*static_cast<int*>(arg);
     return VNODE_RETURNED_DONE;
   }, &calls);
   EXPECT_EQ(calls, 1);
-  vnode_put(root);
+  vnode_put(a);
 }
 
-TEST(VnodeFlush, BusyVnodesGiveEbusyAfterTheRestIsReclaimed) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t busy = create_file(fs, root, "busy");
-  vnode_put(create_file(fs, root, "idle"));
+using VnodeFlush = VnodeTest;
+
+TEST_F(VnodeFlush, BusyVnodesGiveEbusyAfterTheRestIsReclaimed) {
+  vnode_t busy = file("busy");
+  vnode_put(file("idle"));
   vnode_put(root);
+  root = nullptr;
   EXPECT_EQ(vflush(fs.mp(), nullptr, 0), EBUSY);
   EXPECT_FALSE(host_vnode_isdead(busy));
   // idle went; busy and its parent stayed.
@@ -383,33 +316,30 @@ TEST(VnodeFlush, BusyVnodesGiveEbusyAfterTheRestIsReclaimed) {
   EXPECT_EQ(host_mount_vnode_count(fs.mp()), 0);
 }
 
-TEST(VnodeFlush, ChildrenGoBeforeTheirParents) {
-  TinyFs fs;
-  vnode_t root = fs.root();
+TEST_F(VnodeFlush, ChildrenGoBeforeTheirParents) {
   vnode_t d, e;
   ASSERT_EQ(fs.mkdir(root, "d", &d), 0);
   ASSERT_EQ(fs.mkdir(d, "e", &e), 0);
-  vnode_put(create_file(fs, e, "f"));
+  vnode_put(file("f", e));
   vnode_put(e);
   vnode_put(d);
   vnode_put(root);
+  root = nullptr;
   fs.clear_events();
   EXPECT_EQ(vflush(fs.mp(), nullptr, 0), 0);
-  std::vector<std::string> reclaims;
+  Events reclaims;
   for (auto& ev : fs.events()) {
     if (ev.rfind("reclaim", 0) == 0) reclaims.push_back(ev);
   }
-  EXPECT_EQ(reclaims,
-            (std::vector<std::string>{"reclaim f", "reclaim e", "reclaim d", "reclaim /"}));
+  EXPECT_EQ(reclaims, (Events{"reclaim f", "reclaim e", "reclaim d", "reclaim /"}));
 }
 
-TEST(VnodeFlush, ForceCloseLeavesDeadVnodesToTheirHolders) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t open_file = create_file(fs, root, "open");
+TEST_F(VnodeFlush, ForceCloseLeavesDeadVnodesToTheirHolders) {
+  vnode_t open_file = file("open");
   ASSERT_EQ(vnode_ref(open_file), 0);
   vnode_put(open_file);
   vnode_put(root);
+  root = nullptr;
   fs.clear_events();
   EXPECT_EQ(vflush(fs.mp(), nullptr, FORCECLOSE), 0);
   EXPECT_EQ(host_mount_vnode_count(fs.mp()), 0);
@@ -425,17 +355,13 @@ TEST(VnodeFlush, ForceCloseLeavesDeadVnodesToTheirHolders) {
   EXPECT_EQ(host_vnode_usecount(open_file), 0);
 }
 
-TEST(VnodeFlush, SkipSystemAndSkipvpAreLeftAlone) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  struct vnode_fsparam p = {};
-  p.vnfs_mp = fs.mp();
-  p.vnfs_vtype = VREG;
-  p.vnfs_vops = host_vnode_ops(root);
+// SKIPSYSTEM and skipvp leave their vnodes; WRITECLOSE considers only files
+// open for writing.
+TEST_F(VnodeFlush, SkipSystemSkipvpAndWriteClose) {
+  struct vnode_fsparam p = host_test::fsparam(VREG, host_vnode_ops(root), VNFS_NOCACHE, fs.mp());
   p.vnfs_marksystem = 1;
-  p.vnfs_flags = VNFS_NOCACHE;
   vnode_t sys;
-  ASSERT_EQ(vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &sys), 0);
+  ASSERT_EQ(host_test::create_vnode(p, &sys), 0);
   EXPECT_TRUE(vnode_issystem(sys));
   ASSERT_EQ(vnode_ref(sys), 0);
   vnode_put(sys);
@@ -444,14 +370,9 @@ TEST(VnodeFlush, SkipSystemAndSkipvpAreLeftAlone) {
   EXPECT_FALSE(host_vnode_isdead(root));
   EXPECT_EQ(vflush(fs.mp(), root, 0), EBUSY);
   vnode_rele(sys);
-  vnode_put(root);
-}
 
-TEST(VnodeFlush, WriteCloseConsidersOnlyFilesOpenForWriting) {
-  TinyFs fs;
-  vnode_t root = fs.root();
-  vnode_t reader = create_file(fs, root, "r");
-  vnode_t writer = create_file(fs, root, "w");
+  vnode_t reader = file("r");
+  vnode_t writer = file("w");
   ASSERT_EQ(vnode_ref_ext(reader, FREAD, 0), 0);
   ASSERT_EQ(vnode_ref_ext(writer, FREAD | FWRITE, 0), 0);
   vnode_put(reader);
@@ -464,7 +385,6 @@ TEST(VnodeFlush, WriteCloseConsidersOnlyFilesOpenForWriting) {
   EXPECT_FALSE(host_vnode_isdead(root));
   vnode_rele_ext(writer, FREAD | FWRITE, 0);
   vnode_rele_ext(reader, FREAD, 0);
-  vnode_put(root);
 }
 
 // --- Concurrency ---------------------------------------------------------------------

@@ -159,16 +159,6 @@ int t_rmdir(void* v) {
   return unlink_node(ap->a_vp, true);
 }
 
-int t_open(void* v) {
-  tm_of(static_cast<struct vnop_open_args*>(v)->a_vp)->stats.open++;
-  return 0;
-}
-
-int t_close(void* v) {
-  tm_of(static_cast<struct vnop_close_args*>(v)->a_vp)->stats.close++;
-  return 0;
-}
-
 int t_getattr(void* v) {
   auto* ap = static_cast<struct vnop_getattr_args*>(v);
   auto* n = static_cast<tinyfs_node*>(vnode_fsnode(ap->a_vp));
@@ -183,7 +173,7 @@ int t_getattr(void* v) {
 int t_fsync(void* v) {
   auto* ap = static_cast<struct vnop_fsync_args*>(v);
   tm_of(ap->a_vp)->stats.fsync++;
-  return tinyfs_get_hooks().fsync ? tinyfs_get_hooks().fsync(ap) : 0;
+  return 0;
 }
 
 void record(tinyfs_mount* tm, const char* what, tinyfs_node* n) {
@@ -196,9 +186,7 @@ int t_inactive(void* v) {
   auto* n = static_cast<tinyfs_node*>(vnode_fsnode(ap->a_vp));
   if (n == nullptr) return 0;
   tinyfs_mount* tm = tm_of(ap->a_vp);
-  tm->stats.inactive++;
   record(tm, "inactive", n);
-  if (tinyfs_get_hooks().inactive) tinyfs_get_hooks().inactive(ap->a_vp);
   bool removed;
   {
     std::lock_guard<std::mutex> guard(tm->lock);
@@ -214,8 +202,6 @@ int t_reclaim(void* v) {
   auto* n = static_cast<tinyfs_node*>(vnode_fsnode(vp));
   if (n == nullptr) return 0;
   tinyfs_mount* tm = tm_of(vp);
-  if (tinyfs_get_hooks().reclaim) tinyfs_get_hooks().reclaim(vp);
-  tm->stats.reclaim++;
   record(tm, "reclaim", n);
   {
     std::lock_guard<std::mutex> guard(tm->lock);
@@ -227,23 +213,6 @@ int t_reclaim(void* v) {
   return 0;
 }
 
-#define HOOKED(op, args)                                                      \
-  int t_##op(void* v) {                                                        \
-    auto& h = tinyfs_get_hooks().op;                                           \
-    return h ? h(static_cast<struct args*>(v)) : ENOTSUP;                      \
-  }
-HOOKED(read, vnop_read_args)
-HOOKED(write, vnop_write_args)
-HOOKED(ioctl, vnop_ioctl_args)
-HOOKED(setattr, vnop_setattr_args)
-HOOKED(blockmap, vnop_blockmap_args)
-HOOKED(strategy, vnop_strategy_args)
-HOOKED(blktooff, vnop_blktooff_args)
-HOOKED(offtoblk, vnop_offtoblk_args)
-HOOKED(pagein, vnop_pagein_args)
-HOOKED(pageout, vnop_pageout_args)
-#undef HOOKED
-
 const struct vnodeopv_entry_desc tinyfs_entries[] = {
     {&vnop_default_desc, vn_default_error},
     {&vnop_lookup_desc, t_lookup},
@@ -251,22 +220,10 @@ const struct vnodeopv_entry_desc tinyfs_entries[] = {
     {&vnop_mkdir_desc, t_mkdir},
     {&vnop_remove_desc, t_remove},
     {&vnop_rmdir_desc, t_rmdir},
-    {&vnop_open_desc, t_open},
-    {&vnop_close_desc, t_close},
     {&vnop_getattr_desc, t_getattr},
     {&vnop_fsync_desc, t_fsync},
     {&vnop_inactive_desc, t_inactive},
     {&vnop_reclaim_desc, t_reclaim},
-    {&vnop_read_desc, t_read},
-    {&vnop_write_desc, t_write},
-    {&vnop_ioctl_desc, t_ioctl},
-    {&vnop_setattr_desc, t_setattr},
-    {&vnop_blockmap_desc, t_blockmap},
-    {&vnop_strategy_desc, t_strategy},
-    {&vnop_blktooff_desc, t_blktooff},
-    {&vnop_offtoblk_desc, t_offtoblk},
-    {&vnop_pagein_desc, t_pagein},
-    {&vnop_pageout_desc, t_pageout},
     {&vnop_bwrite_desc, vn_bwrite},
     {nullptr, nullptr},
 };
@@ -289,7 +246,6 @@ int t_vfs_mount(mount_t mp, vnode_t devvp, user_addr_t data, vfs_context_t ctx) 
   int copy_error = data != 0 ? copyin(data, &args, sizeof args) : 0;
   if (vfs_isupdate(mp)) {
     tinyfs_mount* tm = tm_of(mp);
-    tm->stats.updates++;
     observe_mount_state(tm->stats, mp);
     tm->stats.args_magic = args.magic;
     return copy_error != 0 ? copy_error : h.update_error;
@@ -298,7 +254,6 @@ int t_vfs_mount(mount_t mp, vnode_t devvp, user_addr_t data, vfs_context_t ctx) 
   if (h.mount_error != 0) return h.mount_error;
   auto* tm = new tinyfs_mount;
   tm->root = new_node(tm, VDIR, "", nullptr);
-  tm->stats.mounts++;
   observe_mount_state(tm->stats, mp);
   tm->stats.args_magic = args.magic;
   vfs_setfsprivate(mp, tm);

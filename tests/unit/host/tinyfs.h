@@ -3,10 +3,8 @@
 //
 // It registers as type "tinyfs" through vfs_fsadd and keeps a directory tree
 // in memory: lookup (through the name cache), create, mkdir, remove, rmdir,
-// open, close, getattr, fsync, inactive and reclaim are its own. Everything
-// that moves data (read, write, ioctl, setattr, blockmap, strategy, blktooff,
-// offtoblk, pagein, pageout) goes to a hook a test sets, and is ENOTSUP
-// without one. A node lives in the tree; its vnode comes and goes, with the
+// getattr, fsync, inactive and reclaim; it moves no data (those operations
+// are ENOTSUP). A node lives in the tree; its vnode comes and goes, with the
 // node's parent directory as the vnode's parent. A removed node is recycled
 // at inactive and freed at reclaim, as a disk file system does.
 //
@@ -41,22 +39,8 @@ struct tinyfs_node {
   uint32_t vid;
 };
 
-// Operations a test can supply. Unset ones return ENOTSUP (the extra
-// inactive/reclaim/fsync observers return nothing or their result is used).
+// Failures a test can make the volume's operations return.
 struct tinyfs_hooks {
-  std::function<int(struct vnop_read_args*)> read;
-  std::function<int(struct vnop_write_args*)> write;
-  std::function<int(struct vnop_ioctl_args*)> ioctl;
-  std::function<int(struct vnop_setattr_args*)> setattr;
-  std::function<int(struct vnop_blockmap_args*)> blockmap;
-  std::function<int(struct vnop_strategy_args*)> strategy;
-  std::function<int(struct vnop_blktooff_args*)> blktooff;
-  std::function<int(struct vnop_offtoblk_args*)> offtoblk;
-  std::function<int(struct vnop_pagein_args*)> pagein;
-  std::function<int(struct vnop_pageout_args*)> pageout;
-  std::function<int(struct vnop_fsync_args*)> fsync;      // result of fsync when set
-  std::function<void(vnode_t)> inactive;                  // called at inactive
-  std::function<void(vnode_t)> reclaim;                   // called at reclaim, node attached
   int mount_error = 0;    // VFS_MOUNT (new mounts) fails with this
   int update_error = 0;   // VFS_MOUNT (updates) fails with this
   int unmount_error = 0;  // VFS_UNMOUNT fails with this (unforced only)
@@ -68,8 +52,7 @@ tinyfs_hooks& tinyfs_get_hooks(void);
 
 // What a volume saw, for assertions.
 struct tinyfs_stats {
-  std::atomic<int> inactive{0}, reclaim{0}, fsync{0}, open{0}, close{0}, sync{0}, start{0};
-  std::atomic<int> mounts{0}, updates{0};
+  std::atomic<int> fsync{0}, sync{0}, start{0};
   // Mount state observed during the last VFS_MOUNT call.
   std::atomic<bool> saw_update{false}, saw_rdonly{false}, saw_writeupgrade{false},
       saw_reload{false}, saw_force{false};
