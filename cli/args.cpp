@@ -94,7 +94,7 @@ std::string apply_mount_options(const std::string& list, MountSettings* m) {
 
 class Parser {
  public:
-  Parser(const OptionSpec& spec, Args* out) : spec_(spec), out_(out) {}
+  Parser(const OptionTable& table, Args* out) : table_(table), out_(out) {}
 
   // Returns "" or the usage error.
   std::string parse(const std::vector<std::string>& raw, bool* help) {
@@ -127,7 +127,7 @@ class Parser {
       out_->mount.read_only = true;
       return "";
     }
-    for (const auto& [long_name, letter] : spec_.longs) {
+    for (const auto& [long_name, letter] : table_.longs) {
       if (long_name == name) {
         out_->flags += letter;
         return "";
@@ -140,7 +140,7 @@ class Parser {
     for (size_t k = 1; k < a.size(); k++) {
       char c = a[k];
       bool mount = c == 'o';
-      if (mount || strchr(spec_.valued, c)) {
+      if (mount || strchr(table_.valued, c)) {
         std::string value = a.substr(k + 1);
         if (value.empty()) {
           if (*i + 1 >= raw.size())
@@ -152,14 +152,14 @@ class Parser {
         out_->values[c] = value;
         return "";
       }
-      if (!strchr(spec_.flags, c))
+      if (!strchr(table_.flags, c))
         return std::string("unknown option -") + c;
       out_->flags += c;
     }
     return "";
   }
 
-  const OptionSpec& spec_;
+  const OptionTable& table_;
   Args* out_;
 };
 
@@ -171,10 +171,10 @@ void on_signal(int) {
 
 }  // namespace
 
-bool parse_args(const CommandInfo& command, const OptionSpec& spec,
+bool parse_args(const CommandInfo& command, const OptionTable& table,
                 const std::vector<std::string>& raw, Args* out, int* status) {
   bool help = false;
-  Parser parser(spec, out);
+  Parser parser(table, out);
   std::string problem = parser.parse(raw, &help);
   if (help) {
     print_command_help(command);

@@ -50,7 +50,7 @@ TimeChange both_times(const timespec& t) {
 }  // namespace
 
 int mkdir_command(const std::vector<std::string>& raw) {
-  return for_each_image_operand("mkdir", OptionSpec{.flags = "p"}, true, raw,
+  return for_each_image_operand("mkdir", OptionTable{.flags = "p"}, true, raw,
                                 [](Reporter& reporter, const Args& args, Volume& volume,
                                    const Address& a, size_t) {
     if (args.has('p'))
@@ -62,7 +62,7 @@ int mkdir_command(const std::vector<std::string>& raw) {
 }
 
 int rmdir_command(const std::vector<std::string>& raw) {
-  return for_each_image_operand("rmdir", OptionSpec{}, true, raw,
+  return for_each_image_operand("rmdir", OptionTable{}, true, raw,
                                 [](Reporter& reporter, const Args&, Volume& volume,
                                    const Address& a, size_t) {
     if (std::error_code ec = volume.rmdir(a.path))
@@ -72,7 +72,7 @@ int rmdir_command(const std::vector<std::string>& raw) {
 }
 
 int rm_command(const std::vector<std::string>& raw) {
-  return for_each_image_operand("rm", OptionSpec{.flags = "rRf"}, true, raw,
+  return for_each_image_operand("rm", OptionTable{.flags = "rRf"}, true, raw,
                                 [](Reporter& reporter, const Args& args, Volume& volume,
                                    const Address& a, size_t) {
     const bool force = args.has('f');
@@ -100,12 +100,12 @@ int touch_command(const std::vector<std::string>& raw) {
   const CommandInfo& info = *find_command("touch");
   Args probe;
   int status;
-  if (!parse_args(info, OptionSpec{.flags = "c", .valued = "d"}, raw, &probe, &status))
+  if (!parse_args(info, OptionTable{.flags = "c", .valued = "d"}, raw, &probe, &status))
     return status;
   std::optional<timespec> when;
   if (probe.values.count('d') && !(when = parse_time(probe.values['d'])))
     return Reporter("touch").usage("bad date " + probe.values['d']);
-  return for_each_image_operand("touch", OptionSpec{.flags = "c", .valued = "d"}, true, raw,
+  return for_each_image_operand("touch", OptionTable{.flags = "c", .valued = "d"}, true, raw,
                                 [when](Reporter& reporter, const Args& args, Volume& volume,
                                        const Address& a, size_t) {
     Stat st;
@@ -148,7 +148,7 @@ int ln_command(const std::vector<std::string>& raw) {
   const CommandInfo& info = *find_command("ln");
   Args args;
   int status;
-  if (!parse_args(info, OptionSpec{.flags = "sf"}, raw, &args, &status))
+  if (!parse_args(info, OptionTable{.flags = "sf"}, raw, &args, &status))
     return status;
   Reporter reporter("ln");
   if (!args.has('s'))
@@ -230,7 +230,7 @@ int attrib_command(const std::vector<std::string>& raw) {
     else
       rest.push_back(arg);
   }
-  return for_each_image_operand("attrib", OptionSpec{}, change.any(), rest,
+  return for_each_image_operand("attrib", OptionTable{}, change.any(), rest,
                                 [change](Reporter& reporter, const Args&, Volume& volume,
                                          const Address& a, size_t) {
     apply_change(reporter, volume, a, change);

@@ -54,7 +54,7 @@ struct MountSettings {
 // --read-only). `flags` are single-letter switches, `valued` letters take
 // a value (the next argument or the rest of this one), `longs` maps long
 // switches ("json") to a letter that `flags` must list.
-struct OptionSpec {
+struct OptionTable {
   const char* flags = "";
   const char* valued = "";
   std::vector<std::pair<std::string, char>> longs;
@@ -72,7 +72,7 @@ struct Args {
 
 // Parses `raw` for `command`. Returns true with *out filled, or false with
 // *status set: 0 after printing help for --help, 2 after a usage error.
-bool parse_args(const CommandInfo& command, const OptionSpec& spec,
+bool parse_args(const CommandInfo& command, const OptionTable& table,
                 const std::vector<std::string>& raw, Args* out, int* status);
 
 // Reports a command's failures and remembers that one happened.

@@ -82,7 +82,7 @@ int cp_command(const std::vector<std::string>& raw) {
   const CommandInfo& info = *find_command("cp");
   Args args;
   int status;
-  if (!parse_args(info, OptionSpec{.flags = "rRpn"}, raw, &args, &status))
+  if (!parse_args(info, OptionTable{.flags = "rRpn"}, raw, &args, &status))
     return status;
   Reporter reporter("cp");
   Session session(reporter, args.mount);
@@ -136,7 +136,7 @@ int mv_command(const std::vector<std::string>& raw) {
   const CommandInfo& info = *find_command("mv");
   Args args;
   int status;
-  if (!parse_args(info, OptionSpec{.flags = "n"}, raw, &args, &status))
+  if (!parse_args(info, OptionTable{.flags = "n"}, raw, &args, &status))
     return status;
   Reporter reporter("mv");
   Session session(reporter, args.mount);

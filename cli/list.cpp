@@ -134,7 +134,7 @@ int ls_command(const std::vector<std::string>& raw) {
   const CommandInfo& info = *find_command("ls");
   Args args;
   int status;
-  if (!parse_args(info, OptionSpec{.flags = "laRUd"}, raw, &args, &status))
+  if (!parse_args(info, OptionTable{.flags = "laRUd"}, raw, &args, &status))
     return status;
   Reporter reporter("ls");
   std::vector<Address> operands;
@@ -272,8 +272,8 @@ bool cat_file(Reporter& reporter, File& file, const Address& a, std::vector<char
 }  // namespace
 
 int stat_command(const std::vector<std::string>& raw) {
-  OptionSpec spec{.flags = "Lj", .longs = {{"json", 'j'}}};
-  return for_each_image_operand("stat", spec, false, raw,
+  OptionTable table{.flags = "Lj", .longs = {{"json", 'j'}}};
+  return for_each_image_operand("stat", table, false, raw,
                           [](Reporter& reporter, const Args& args, Volume& volume,
                              const Address& a, size_t index) {
     Stat st;
@@ -297,7 +297,7 @@ int stat_command(const std::vector<std::string>& raw) {
 
 int cat_command(const std::vector<std::string>& raw) {
   std::vector<char> buffer(1 << 20);
-  return for_each_image_operand("cat", OptionSpec{}, false, raw,
+  return for_each_image_operand("cat", OptionTable{}, false, raw,
                           [&buffer](Reporter& reporter, const Args&, Volume& volume,
                                     const Address& a, size_t) {
     File file;
@@ -310,7 +310,7 @@ int cat_command(const std::vector<std::string>& raw) {
 }
 
 int readlink_command(const std::vector<std::string>& raw) {
-  return for_each_image_operand("readlink", OptionSpec{}, false, raw,
+  return for_each_image_operand("readlink", OptionTable{}, false, raw,
                           [](Reporter& reporter, const Args&, Volume& volume, const Address& a,
                              size_t) {
     std::string target;

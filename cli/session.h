@@ -97,12 +97,12 @@ int image_operands(const Reporter& reporter, const Args& args, std::vector<Addre
 // `writable`) and calls each(reporter, args, volume, address, index),
 // which returns false to stop early. Returns the exit status.
 template <typename Each>
-int for_each_image_operand(const char* name, const OptionSpec& spec, bool writable,
+int for_each_image_operand(const char* name, const OptionTable& table, bool writable,
                            const std::vector<std::string>& raw, Each each) {
   const CommandInfo& info = *find_command(name);
   Args args;
   int status;
-  if (!parse_args(info, spec, raw, &args, &status))
+  if (!parse_args(info, table, raw, &args, &status))
     return status;
   Reporter reporter(name);
   std::vector<Address> operands;

@@ -27,7 +27,7 @@ int label_command(const std::vector<std::string>& raw) {
   const CommandInfo& info = *find_command("label");
   Args args;
   int status;
-  if (!parse_args(info, OptionSpec{.flags = "c"}, raw, &args, &status))
+  if (!parse_args(info, OptionTable{.flags = "c"}, raw, &args, &status))
     return status;
   Reporter reporter("label");
   const bool clear = args.has('c');
@@ -79,7 +79,7 @@ int df_command(const std::vector<std::string>& raw) {
   const CommandInfo& info = *find_command("df");
   Args args;
   int status;
-  if (!parse_args(info, OptionSpec{.flags = "h"}, raw, &args, &status))
+  if (!parse_args(info, OptionTable{.flags = "h"}, raw, &args, &status))
     return status;
   Reporter reporter("df");
   if (args.operands.empty())

@@ -22,7 +22,7 @@
 #include "host/vnode.h"
 #include "host/vnode_internal.h"
 
-// A device vnode (VBLK) carries a spec_dev in its spec slot. The spec_dev
+// A device vnode (VBLK) carries a spec_dev in its device slot. The spec_dev
 // owns a backend that moves bytes: a file or block device reached with
 // preadv/pwritev, or memory. Block numbers on the device count in the
 // current logical block size, which DKIOCSETBLOCKSIZE may change; the
@@ -214,7 +214,7 @@ void MemBackend::power_cut() {
 
 // --- The device ---------------------------------------------------------------
 
-// Per-device state, in the vnode's spec slot from creation to reclaim. The
+// Per-device state, in the vnode's device slot from creation to reclaim. The
 // block sizes and counters are atomics: they are read on every transfer,
 // from any thread, without a lock.
 struct spec_dev {
@@ -233,7 +233,7 @@ constexpr unsigned kSpecMajor = 240;  // a major from the range Linux leaves for
 
 spec_dev* spec_of(vnode_t vp) {
   auto* sd = static_cast<spec_dev*>(*host_vnode_spec_slot(vp));
-  if (sd == nullptr) panic("spec: vnode %p is not an open device", static_cast<void*>(vp));
+  if (sd == nullptr) panic("blkdev: vnode %p is not an open device", static_cast<void*>(vp));
   return sd;
 }
 
@@ -341,8 +341,8 @@ int spec_vnode_create(std::unique_ptr<spec_dev> sd, vnode_t* devvpp) {
   vnode_fsparam param{};
   param.vnfs_mp = nullptr;
   param.vnfs_vtype = VBLK;
-  param.vnfs_str = "spec";
-  param.vnfs_fsnode = nullptr;  // the state lives in the spec slot
+  param.vnfs_str = "blkdev";
+  param.vnfs_fsnode = nullptr;  // the state lives in the device slot
   param.vnfs_vops = spec_vnodeop_p();
   param.vnfs_rdev = makedev(kSpecMajor, g_next_minor.fetch_add(1));
   param.vnfs_flags = VNFS_NOCACHE | VNFS_CANTCACHE;
@@ -434,7 +434,7 @@ void host_blkdev_close(vnode_t devvp) {
 }
 
 // A device vnode made by someone else (with its own operations) keeps
-// whatever it put in the spec slot.
+// whatever it put in the device slot.
 void host_blkdev_vnode_reclaim(vnode_t vp) {
   if (host_vnode_ops(vp) != spec_vnodeop_p()) return;
   void** slot = host_vnode_spec_slot(vp);
