@@ -37,7 +37,10 @@ echo
 
 if [ -c /dev/fuse ] && [ -x "$mounter" ]; then
   mkdir -p "$mnt"
-  if mountpoint -q "$mnt"; then umount "$mnt"; fi
+  if mountpoint -q "$mnt"; then
+    umount "$mnt"
+    flock "$img" true  # the old daemon holds the image until it has written everything back
+  fi
   "$mounter" "$img" "$mnt"
   echo "Mounted $img at $mnt:"
   ls -la "$mnt"
