@@ -32,15 +32,18 @@ if [ -z "$img" ]; then
   fi
 fi
 
+# A volume left mounted by an earlier run is unmounted first; its daemon
+# holds the image until it has written everything back.
+if mountpoint -q "$mnt" 2>/dev/null; then
+  umount "$mnt"
+  flock "$img" true
+fi
+
 "$exvol" info "$img"
 echo
 
 if [ -c /dev/fuse ] && [ -x "$mounter" ]; then
   mkdir -p "$mnt"
-  if mountpoint -q "$mnt"; then
-    umount "$mnt"
-    flock "$img" true  # the old daemon holds the image until it has written everything back
-  fi
   "$mounter" "$img" "$mnt"
   echo "Mounted $img at $mnt:"
   ls -la "$mnt"
