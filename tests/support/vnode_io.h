@@ -11,6 +11,7 @@
 // with ELOOP here instead of spinning.
 
 #include <cstdint>
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -56,6 +57,41 @@ inline int vn_write_at(vnode_t vp, off_t offset, const std::vector<uint8_t>& dat
   if (error == 0 && resid != 0)
     error = EIO;
   return error;
+}
+
+// One transfer through VNOP_READ or VNOP_WRITE and what it left in its
+// uio, for the tests that look at partial transfers.
+struct Transfer {
+  int error = 0;
+  std::vector<uint8_t> data;  // read: the bytes that came back
+  off_t offset = 0;           // the uio's offset afterwards
+  user_ssize_t resid = 0;     // the uio's residual count afterwards
+};
+
+inline Transfer vn_read(vnode_t vp, off_t offset, size_t length, int ioflag = 0) {
+  Transfer t;
+  std::vector<uint8_t> buffer(length, 0xA5);
+  uio_t uio = uio_create(1, offset, UIO_SYSSPACE, UIO_READ);
+  uio_addiov(uio, reinterpret_cast<user_addr_t>(buffer.data()), length);
+  t.error = VNOP_READ(vp, uio, ioflag, vfs_context_kernel());
+  t.offset = uio_offset(uio);
+  t.resid = uio_resid(uio);
+  buffer.resize(length - static_cast<size_t>(t.resid));
+  t.data = std::move(buffer);
+  uio_free(uio);
+  return t;
+}
+
+inline Transfer vn_write(vnode_t vp, off_t offset, const std::vector<uint8_t>& data,
+                         int ioflag = 0) {
+  Transfer t;
+  uio_t uio = uio_create(1, offset, UIO_SYSSPACE, UIO_WRITE);
+  uio_addiov(uio, reinterpret_cast<user_addr_t>(data.data()), data.size());
+  t.error = VNOP_WRITE(vp, uio, ioflag, vfs_context_kernel());
+  t.offset = uio_offset(uio);
+  t.resid = uio_resid(uio);
+  uio_free(uio);
+  return t;
 }
 
 // One entry of a listing.
@@ -136,19 +172,30 @@ inline int vn_set_size(vnode_t vp, uint64_t size) {
   return VNOP_SETATTR(vp, &va, vfs_context_kernel());
 }
 
+// A componentname of the last component of a path, with its own name
+// buffer, kept alive across calls.
+struct Component {
+  std::string name;
+  struct componentname cn = {};
+  Component(const std::string& n, uint32_t nameiop, uint32_t flags = ISLASTCN | MAKEENTRY)
+      : name(n) {
+    cn.cn_nameiop = nameiop;
+    cn.cn_flags = flags;
+    cn.cn_nameptr = name.data();
+    cn.cn_namelen = static_cast<int>(name.size());
+    cn.cn_pnbuf = name.data();
+    cn.cn_pnlen = static_cast<int>(name.size());
+  }
+  Component(const Component&) = delete;
+  Component& operator=(const Component&) = delete;
+};
+
 // A plain lookup of one name in dvp; the vnode comes back with an I/O
 // reference the caller drops with vnode_put.
 inline int vn_lookup(vnode_t dvp, const std::string& name, vnode_t* vpp) {
-  std::string copy = name;
-  struct componentname cn = {};
-  cn.cn_nameiop = LOOKUP;
-  cn.cn_flags = ISLASTCN | MAKEENTRY;
-  cn.cn_nameptr = copy.data();
-  cn.cn_namelen = static_cast<int>(copy.size());
-  cn.cn_pnbuf = copy.data();
-  cn.cn_pnlen = static_cast<int>(copy.size());
+  Component c(name, LOOKUP);
   *vpp = NULLVP;
-  return VNOP_LOOKUP(dvp, vpp, &cn, vfs_context_kernel());
+  return VNOP_LOOKUP(dvp, vpp, &c.cn, vfs_context_kernel());
 }
 
 }  // namespace exvol::test

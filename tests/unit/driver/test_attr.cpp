@@ -13,22 +13,12 @@
 #include "host/buf.h"
 #include "host/mount.h"
 #include "host/ubc.h"
-#include "tests/support/fsck.h"
-#include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/support/vnode_io.h"
+#include "tests/unit/driver/volume_fixture.h"
+
+using namespace exvol::test;
 
 namespace {
-
-using exvol::test::Alloc;
-using exvol::test::bytes;
-using exvol::test::Dir;
-using exvol::test::FileSpec;
-using exvol::test::FsckResult;
-using exvol::test::fsck_program;
-using exvol::test::Geometry;
-using exvol::test::ImageBuilder;
-using exvol::test::Placed;
-using exvol::test::run_fsck;
 
 constexpr int64_t k2024 = 1704067200;  // 2024-01-01 00:00:00 UTC, the builder's default stamp
 
@@ -41,17 +31,6 @@ constexpr uint64_t kAllAttributes =
     VNODE_ATTR_va_modify_time | VNODE_ATTR_va_change_time | VNODE_ATTR_va_fileid |
     VNODE_ATTR_va_parentid | VNODE_ATTR_va_fsid | VNODE_ATTR_va_gen;
 
-// The contents of a symbolic-link file for `target`.
-std::vector<uint8_t> link_contents(const std::string& target) {
-  char digest[33];
-  exfat_md5_digest(target.data(), target.size(), digest);
-  char length[6];
-  snprintf(length, sizeof(length), "%04d\n", static_cast<int>(target.size()));
-  std::string s = std::string("XSym\n") + length + digest + "\n" + target + "\n";
-  s.append(1067 - s.size(), ' ');
-  return bytes(s);
-}
-
 // A File set spec for a directory of one (zeroed) cluster.
 FileSpec dir_spec(ImageBuilder& b, const std::u16string& name, uint16_t attributes) {
   FileSpec spec;
@@ -62,51 +41,11 @@ FileSpec dir_spec(ImageBuilder& b, const std::u16string& name, uint16_t attribut
   return spec;
 }
 
-class AttrTest : public exvol::test::MountTest {
+class AttrTest : public VolumeTest {
  protected:
-  explicit AttrTest(Geometry g = {}) : builder_(g) {
-    builder_.add_bitmap_entry().add_upcase_entry();
-  }
+  explicit AttrTest(Geometry g = {}) : VolumeTest(g) {}
 
-  void TearDown() override {
-    release_vnodes();
-    MountTest::TearDown();
-  }
-
-  void mount_built(const std::array<uint8_t, 24>& args = exvol::test::exfat_mount_args()) {
-    std::vector<uint8_t> image = builder_.build();
-    image_bytes_ = image.size();
-    ASSERT_EQ(0, load(image));
-    ASSERT_EQ(0, mount(0, args));
-    ctx_ = vfs_context_kernel();
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
-    root_ = node_of(root_vp_);
-  }
-
-  static struct exfat_node* node_of(vnode_t vp) {
-    return static_cast<struct exfat_node*>(vnode_fsnode(vp));
-  }
-
-  // The vnode of the entry set at `offset` in the root, as lookup makes it.
-  // The test keeps the I/O reference until release_vnodes.
-  vnode_t open_at(uint32_t offset) {
-    struct exfat_node* node = nullptr;
-    exfat_node_lock(root_);
-    EXPECT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, offset, VNON, 0, &node, ctx_));
-    if (node == nullptr)
-      return NULLVP;
-    held_.push_back(node->x_vnode);
-    return node->x_vnode;
-  }
-
-  void release_vnodes() {
-    for (vnode_t vp : held_)
-      vnode_put(vp);
-    held_.clear();
-    if (root_vp_ != NULLVP)
-      vnode_put(root_vp_);
-    root_vp_ = NULLVP;
-  }
+  vnode_t open_at(uint32_t offset) { return get(offset); }
 
   struct vnode_attr getattr(vnode_t vp, uint64_t wanted = kAllAttributes) {
     struct vnode_attr va;
@@ -122,44 +61,6 @@ class AttrTest : public exvol::test::MountTest {
     VATTR_SET(&va, va_flags, flags);
     return VNOP_SETATTR(vp, &va, ctx_);
   }
-
-  int set_size(vnode_t vp, off_t size) {
-    struct vnode_attr va;
-    VATTR_INIT(&va);
-    VATTR_SET(&va, va_data_size, size);
-    return VNOP_SETATTR(vp, &va, ctx_);
-  }
-
-  // The entry set at `offset` of a directory as it is on the device, once
-  // the delayed directory writes have gone out.
-  std::vector<uint8_t> disk_set(const Dir& dir, uint32_t offset, uint32_t entries) {
-    buf_flushdirtyblks(xm->xm_devvp, 1, 0, "test");
-    std::vector<uint8_t> set;
-    for (uint32_t i = 0; i < entries; i++) {
-      std::vector<uint8_t> entry = read_device(builder_.dir_byte_offset(dir, offset + 32 * i), 32);
-      set.insert(set.end(), entry.begin(), entry.end());
-    }
-    return set;
-  }
-  std::vector<uint8_t> root_set(uint32_t offset, uint32_t entries = 3) {
-    return disk_set(builder_.root(), offset, entries);
-  }
-
-  void unmount_and_check() {
-    release_vnodes();
-    ASSERT_EQ(0, unmount());
-    if (fsck_program().empty())
-      return;  // the checker is an optional oracle
-    FsckResult r = run_fsck(read_device(0, image_bytes_));
-    EXPECT_EQ(0, r.status) << r.output;
-  }
-
-  ImageBuilder builder_;
-  size_t image_bytes_ = 0;
-  vfs_context_t ctx_ = nullptr;
-  vnode_t root_vp_ = NULLVP;
-  struct exfat_node* root_ = nullptr;
-  std::vector<vnode_t> held_;
 };
 
 // --- getattr ---------------------------------------------------------------------------
@@ -175,11 +76,15 @@ class AttrBigClusters : public AttrTest {
   AttrBigClusters() : AttrTest(big_clusters()) {}
 };
 
-// Sizes are the data length; allocations whole clusters; the values every
-// file reports are the mount's, and every one of them is marked supported.
-TEST_F(AttrBigClusters, SizesAllocationsAndFixedValues) {
+// Sizes are the data length (for a link its target's length, not the 1067
+// bytes of its file); allocations whole clusters; the values every file
+// reports are the mount's, and every one of them is marked supported.
+// Times come from the entry: the modification time is also the change
+// time.
+TEST_F(AttrBigClusters, SizesAllocationsTimesAndFixedValues) {
   Placed one = builder_.add_file(builder_.root(), u"one", bytes("x"));
   Placed empty = builder_.add_file(builder_.root(), u"empty", {});
+  Placed link = builder_.add_file(builder_.root(), u"link", link_contents("../some/target"));
   mount_built();
 
   struct vnode_attr va = getattr(open_at(one.offset));
@@ -198,12 +103,24 @@ TEST_F(AttrBigClusters, SizesAllocationsAndFixedValues) {
   EXPECT_EQ(0u, va.va_gen);
   EXPECT_EQ(one.first_cluster, va.va_fileid);
   EXPECT_EQ(xm->xm_root_cluster, va.va_parentid);
+  EXPECT_EQ(k2024, va.va_modify_time.tv_sec);
+  EXPECT_EQ(0, va.va_modify_time.tv_nsec);
+  EXPECT_EQ(k2024, va.va_change_time.tv_sec);
+  EXPECT_EQ(k2024, va.va_access_time.tv_sec);
+  EXPECT_EQ(k2024, va.va_create_time.tv_sec);
 
   va = getattr(open_at(empty.offset));
   EXPECT_EQ(0, va.va_data_size);
   EXPECT_EQ(0, va.va_total_size);
   EXPECT_EQ(0, va.va_data_alloc);
   EXPECT_EQ(0, va.va_total_alloc);
+
+  vnode_t lvp = open_at(link.offset);
+  ASSERT_EQ(VLNK, vnode_vtype(lvp));
+  va = getattr(lvp);
+  EXPECT_EQ(14, va.va_data_size);
+  EXPECT_EQ(14, va.va_total_size);
+  EXPECT_EQ(32768, va.va_data_alloc);
 }
 
 // Attributes not asked for are not filled, except those reported always;
@@ -246,18 +163,6 @@ TEST_F(AttrTest, FileIdsAndParentIds) {
   struct vnode_attr va = getattr(node->x_vnode);
   EXPECT_EQ(sub.first_cluster, va.va_parentid);
   EXPECT_EQ(c.first_cluster, va.va_fileid);
-}
-
-// A link reports its target's length, not the 1067 bytes of its file.
-TEST_F(AttrTest, SymlinkReportsItsTargetLength) {
-  Placed link = builder_.add_file(builder_.root(), u"link", link_contents("../some/target"));
-  mount_built();
-  vnode_t vp = open_at(link.offset);
-  ASSERT_EQ(VLNK, vnode_vtype(vp));
-  struct vnode_attr va = getattr(vp);
-  EXPECT_EQ(14, va.va_data_size);
-  EXPECT_EQ(14, va.va_total_size);
-  EXPECT_EQ(4096, va.va_data_alloc);
 }
 
 // The attribute bits as file flags: read-only only for files, archive
@@ -310,27 +215,14 @@ TEST_F(AttrTest, AttributeBitsAsFlags) {
   EXPECT_EQ(0u, getattr(root_vp_, VNODE_ATTR_va_flags).va_flags);
 }
 
-// Times from the entry: the modification time is also the change time; the
-// creation time keeps milliseconds, the access time has two-second steps.
-TEST_F(AttrTest, TimesFromTheEntrySet) {
-  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
-  mount_built();
-  struct vnode_attr va = getattr(open_at(f.offset));
-  EXPECT_EQ(k2024, va.va_modify_time.tv_sec);
-  EXPECT_EQ(0, va.va_modify_time.tv_nsec);
-  EXPECT_EQ(k2024, va.va_change_time.tv_sec);
-  EXPECT_EQ(k2024, va.va_access_time.tv_sec);
-  EXPECT_EQ(k2024, va.va_create_time.tv_sec);
-}
-
 // A mount update that changes the mask changes every file's mode at once,
 // even for vnodes that were already in use.
 TEST_F(AttrTest, MaskUpdateChangesTheModeAtOnce) {
   Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
-  mount_built(exvol::test::exfat_mount_args(0755));
+  mount_built(0, exfat_mount_args(0755));
   vnode_t vp = open_at(f.offset);
   EXPECT_EQ(0755u, getattr(vp, 0).va_mode);
-  std::array<uint8_t, 24> args = exvol::test::exfat_mount_args(010700);
+  std::array<uint8_t, 24> args = exfat_mount_args(010700);
   ASSERT_EQ(0, host_mount_update(mp, 0, args.data(), args.size()));
   EXPECT_EQ(0700u, getattr(vp, 0).va_mode) << "only the permission bits are reported";
   EXPECT_EQ(0700u, getattr(root_vp_, 0).va_mode);
@@ -431,12 +323,14 @@ TEST_F(AttrTest, UnknownFlagIsRefused) {
 
 // The creation time keeps milliseconds; the modification time 10 ms (and
 // the odd second); the access time two-second steps. Setting a time sets
-// Archive. The change time is not settable.
+// Archive, of a directory too, even when only its access time is set. The
+// change time is not settable.
 TEST_F(AttrTest, SettingTimes) {
   FileSpec spec;
   spec.name = u"f";
   spec.attributes = 0x00;
   Placed f = builder_.add_set(builder_.root(), spec);
+  uint32_t d = builder_.add_set(builder_.root(), dir_spec(builder_, u"d", 0x10)).offset;
   mount_built();
   vnode_t vp = open_at(f.offset);
 
@@ -478,46 +372,16 @@ TEST_F(AttrTest, SettingTimes) {
   EXPECT_EQ(125, set[21]);
   EXPECT_EQ(0x20, le16dec(&set[4]));
   EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
-  unmount_and_check();
-}
 
-// Setting only the access time of a directory sets its Archive bit.
-TEST_F(AttrTest, AccessTimeOfADirectorySetsArchive) {
-  uint32_t d = builder_.add_set(builder_.root(), dir_spec(builder_, u"d", 0x10)).offset;
-  mount_built();
-  vnode_t vp = open_at(d);
-  struct vnode_attr va;
+  vnode_t dvp = open_at(d);
   VATTR_INIT(&va);
   VATTR_SET(&va, va_access_time, (timespec{k2024 + 7200, 0}));
-  ASSERT_EQ(0, VNOP_SETATTR(vp, &va, ctx_));
-  EXPECT_EQ(0x30, node_of(vp)->x_attributes);
-  std::vector<uint8_t> set = root_set(d);
+  ASSERT_EQ(0, VNOP_SETATTR(dvp, &va, ctx_));
+  EXPECT_EQ(0x30, node_of(dvp)->x_attributes);
+  set = root_set(d);
   EXPECT_EQ(0x30, le16dec(&set[4]));
   EXPECT_EQ(le32dec(&set[8]) + (2u << EXFAT_TS_HOUR_SHIFT), le32dec(&set[16]));
   unmount_and_check();
-}
-
-// A request with nothing exFAT keeps (mode, owner) changes nothing and
-// writes nothing: the entry stays as it was even with a change pending.
-TEST_F(AttrTest, ModeAndOwnerAreIgnored) {
-  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
-  mount_built();
-  vnode_t vp = open_at(f.offset);
-  std::vector<uint8_t> before = root_set(f.offset);
-  exfat_node_lock(node_of(vp));
-  node_of(vp)->x_flags |= X_DIRTY;
-  node_of(vp)->x_attributes |= EXFAT_ATTR_HIDDEN;
-  exfat_node_unlock(node_of(vp));
-
-  struct vnode_attr va;
-  VATTR_INIT(&va);
-  VATTR_SET(&va, va_mode, 0777);
-  VATTR_SET(&va, va_uid, 0);
-  VATTR_SET(&va, va_gid, 0);
-  ASSERT_EQ(0, VNOP_SETATTR(vp, &va, ctx_));
-  EXPECT_EQ(0u, va.va_supported);
-  EXPECT_EQ(before, root_set(f.offset));
-  EXPECT_EQ(X_DIRTY, node_of(vp)->x_flags & X_DIRTY);
 }
 
 // The root has no entry set: flag and time changes stay in its node, and
@@ -549,23 +413,30 @@ TEST_F(AttrTest, SizeOfANonRegularFileIsRefused) {
   Placed link = builder_.add_file(builder_.root(), u"link", link_contents("t"));
   mount_built();
   vnode_t dvp = open_at(d);
-  EXPECT_EQ(EPERM, set_size(dvp, 0));
+  EXPECT_EQ(EPERM, vn_set_size(dvp, 0));
   EXPECT_EQ(4096u, node_of(dvp)->x_size);
   vnode_t lvp = open_at(link.offset);
-  EXPECT_EQ(EPERM, set_size(lvp, 0));
-  EXPECT_EQ(EPERM, set_size(root_vp_, 0));
+  EXPECT_EQ(EPERM, vn_set_size(lvp, 0));
+  EXPECT_EQ(EPERM, vn_set_size(root_vp_, 0));
   EXPECT_EQ(1067u, node_of(lvp)->x_size);
 }
 
 // Growing and shrinking through setattr: the allocation follows, the entry
-// set on disk carries the new lengths, the page cache knows the size.
+// set on disk carries the new lengths, the page cache knows the size. A
+// size that needs more clusters than are free fails at once, all or
+// nothing: the allocation and the entry stay as they were.
 TEST_F(AttrTest, SizeChangesReachTheEntrySet) {
   Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
   mount_built();
   vnode_t vp = open_at(f.offset);
   uint32_t free_before = xm->xm_free_clusters;
 
-  ASSERT_EQ(0, set_size(vp, 10000));
+  EXPECT_EQ(ENOSPC, vn_set_size(vp, uint64_t(free_before + 2) * 4096));
+  EXPECT_EQ(3u, node_of(vp)->x_size);
+  EXPECT_EQ(free_before, xm->xm_free_clusters);
+  EXPECT_EQ(3u, le64dec(&root_set(f.offset)[32 + 24]));
+
+  ASSERT_EQ(0, vn_set_size(vp, 10000));
   EXPECT_EQ(10000, getattr(vp).va_data_size);
   EXPECT_EQ(12288, getattr(vp).va_data_alloc);
   EXPECT_EQ(free_before - 2, xm->xm_free_clusters);
@@ -575,7 +446,7 @@ TEST_F(AttrTest, SizeChangesReachTheEntrySet) {
   EXPECT_EQ(3u, le64dec(&set[32 + 8])) << "growth leaves the valid length";
   EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
 
-  ASSERT_EQ(0, set_size(vp, 0));
+  ASSERT_EQ(0, vn_set_size(vp, 0));
   EXPECT_EQ(free_before + 1, xm->xm_free_clusters);
   EXPECT_EQ(0, ubc_getsize(vp));
   set = root_set(f.offset);
@@ -584,33 +455,30 @@ TEST_F(AttrTest, SizeChangesReachTheEntrySet) {
   unmount_and_check();
 }
 
-// A size that needs more clusters than are free fails at once, all or
-// nothing: the allocation and the entry stay as they were.
-TEST_F(AttrTest, GrowthBeyondTheFreeSpaceFails) {
-  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
-  mount_built();
-  vnode_t vp = open_at(f.offset);
-  uint32_t free_before = xm->xm_free_clusters;
-  off_t too_big = off_t(free_before + 2) * 4096;
-  EXPECT_EQ(ENOSPC, set_size(vp, too_big));
-  EXPECT_EQ(3u, node_of(vp)->x_size);
-  EXPECT_EQ(free_before, xm->xm_free_clusters);
-  EXPECT_EQ(3u, le64dec(&root_set(f.offset)[32 + 24]));
-  unmount_and_check();
-}
-
-// Setting the current size is no truncation, but the request still
-// rewrites the entry set: a change pending in the node goes to disk.
+// A request with nothing exFAT keeps (mode, owner) changes nothing and
+// writes nothing, even with a change pending in the node. Setting the
+// current size is no truncation, but the request still rewrites the entry
+// set: the pending change goes to disk.
 TEST_F(AttrTest, CurrentSizeStillRewritesTheEntrySet) {
   Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
   mount_built();
   vnode_t vp = open_at(f.offset);
+  std::vector<uint8_t> before = root_set(f.offset);
   exfat_node_lock(node_of(vp));
   node_of(vp)->x_attributes |= EXFAT_ATTR_HIDDEN;
   node_of(vp)->x_flags |= X_DIRTY;
   exfat_node_unlock(node_of(vp));
 
   struct vnode_attr va;
+  VATTR_INIT(&va);
+  VATTR_SET(&va, va_mode, 0777);
+  VATTR_SET(&va, va_uid, 0);
+  VATTR_SET(&va, va_gid, 0);
+  ASSERT_EQ(0, VNOP_SETATTR(vp, &va, ctx_));
+  EXPECT_EQ(0u, va.va_supported);
+  EXPECT_EQ(before, root_set(f.offset));
+  EXPECT_EQ(X_DIRTY, node_of(vp)->x_flags & X_DIRTY);
+
   VATTR_INIT(&va);
   VATTR_SET(&va, va_data_size, 3);
   ASSERT_EQ(0, VNOP_SETATTR(vp, &va, ctx_));

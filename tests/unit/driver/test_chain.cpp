@@ -17,9 +17,7 @@
 #include "host/kern.h"
 #include "host/malloc.h"
 #include "host/vfs.h"
-#include "tests/support/fsck.h"
-#include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/volume_fixture.h"
 
 using namespace exvol::test;
 
@@ -36,22 +34,9 @@ std::ostream& operator<<(std::ostream& os, const Extent& e) {
   return os << "{" << e.cluster << ", " << e.index << ", " << e.length << "}";
 }
 
-Geometry clusters(uint32_t count) {
-  Geometry g;
-  g.cluster_count = count;
-  return g;
-}
-
-class ChainTest : public MountTest {
+class ChainTest : public VolumeTest {
  protected:
-  explicit ChainTest(Geometry g = clusters(1024)) : builder_(g) {
-    builder_.add_bitmap_entry().add_upcase_entry();
-  }
-
-  void TearDown() override {
-    release_nodes();
-    MountTest::TearDown();
-  }
+  ChainTest() : VolumeTest(geometry_with_clusters(1024)) {}
 
   // Makes clusters first..last that are still free owned by contiguous
   // filler files, one per free stretch, so that the volume stays
@@ -75,13 +60,6 @@ class ChainTest : public MountTest {
     }
   }
 
-  // An empty regular file in the root; returns its set's offset.
-  uint32_t empty_file(const std::u16string& name) {
-    FileSpec spec;
-    spec.name = name;
-    return builder_.add_set(builder_.root(), spec).offset;
-  }
-
   // A regular file whose data is the chain through `chain`, in order.
   uint32_t chained_file(const std::u16string& name, const std::vector<uint32_t>& chain,
                         uint64_t size) {
@@ -96,55 +74,13 @@ class ChainTest : public MountTest {
     return builder_.add_set(builder_.root(), spec).offset;
   }
 
-  void mount_built() {
-    image_bytes_ = builder_.build().size();
-    ASSERT_EQ(0, load(builder_.build()));
-    ASSERT_EQ(0, mount());
-    ctx_ = vfs_context_kernel();
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
-    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
-  }
-
-  // The node of the set at `offset` in the root, held until the test ends.
-  struct exfat_node* get(uint32_t offset) {
-    struct exfat_node* node = nullptr;
-    exfat_node_lock(root_);  // exfat_node_get drops this level
-    EXPECT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, offset, VNON, 0, &node, ctx_));
-    if (node != nullptr)
-      held_.push_back(node);
-    return node;
-  }
+  struct exfat_node* get(uint32_t offset) { return get_node(offset); }
 
   int truncate(struct exfat_node* node, uint64_t size, int flags = 0) {
     exfat_node_lock(node);
     int error = exfat_truncate(node, size, flags, ctx_);
     exfat_node_unlock(node);
     return error;
-  }
-
-  // Writes the node's stream fields back into its set in the root.
-  void update(struct exfat_node* node) {
-    exfat_lock_two(node, root_);
-    EXPECT_EQ(0, exfat_node_update(node, root_, ctx_));
-    exfat_node_unlock(root_);
-    exfat_node_unlock(node);
-  }
-
-  uint32_t fat(uint32_t cluster) {
-    uint32_t value = 0;
-    EXPECT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET, xm, cluster, &value, 0));
-    return value;
-  }
-
-  bool used(uint32_t cluster) {
-    lck_mtx_lock(xm->xm_bitmap_lock);
-    int error = 0;
-    uint32_t bit = cluster - 2;
-    uint32_t* word = exfat_bitmap_map(xm, bit, nullptr, &error);
-    bool value = word != nullptr && ((le32dec(word) >> (bit % 32)) & 1) != 0;
-    lck_mtx_unlock(xm->xm_bitmap_lock);
-    EXPECT_EQ(0, error);
-    return value;
   }
 
   // Writes both caches back and forgets them, so that any later FAT or
@@ -164,37 +100,7 @@ class ChainTest : public MountTest {
     return {n->x_extent_cluster, n->x_extent_index, n->x_extent_length};
   }
 
-  void release_nodes() {
-    for (struct exfat_node* node : held_)
-      vnode_put(node->x_vnode);
-    held_.clear();
-    if (root_vp_ != NULLVP)
-      vnode_put(root_vp_);
-    root_vp_ = NULLVP;
-  }
-
-  // Releases every node, unmounts, and runs the checker over the device.
-  void unmount_and_check() {
-    release_nodes();
-    ASSERT_EQ(0, unmount());
-    if (fsck_program().empty())
-      return;  // the checker is an optional oracle
-    FsckResult r = run_fsck(read_device(0, image_bytes_));
-    EXPECT_EQ(0, r.status) << r.output;
-  }
-
-  // The stream extension of the root's set at `offset`, as on the device.
-  std::vector<uint8_t> disk_stream(uint32_t offset) {
-    return read_device(builder_.dir_byte_offset(builder_.root(), offset + 32), 32);
-  }
-
-  ImageBuilder builder_;
-  size_t image_bytes_ = 0;
   int fillers_ = 0;
-  vfs_context_t ctx_ = nullptr;
-  vnode_t root_vp_ = NULLVP;
-  struct exfat_node* root_ = nullptr;
-  std::vector<struct exfat_node*> held_;
 };
 
 class ChainGrowthTest : public ChainTest {
@@ -324,7 +230,8 @@ TEST_F(ChainTest, FragmentedGrowthTakesTheLongestRunsFirst) {
 
 // An all-or-nothing request one cluster larger than the free space fails
 // before anything changes; without all-or-nothing the file takes what there
-// is and keeps it, sized in whole clusters.
+// is and keeps it, sized in whole clusters. Without memory for its
+// free-run table an extension fails with ENOMEM and takes no cluster.
 TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
   uint32_t f = empty_file(u"f");
   mount_built();
@@ -344,23 +251,6 @@ TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
   EXPECT_EQ(flags, node->x_flags);
   EXPECT_EQ(free_clusters, xm->xm_free_clusters);
 
-  EXPECT_EQ(ENOSPC, truncate(node, uint64_t(free_clusters + 1) * kCluster + 7));
-  EXPECT_EQ(uint64_t(free_clusters) * kCluster, node->x_size);
-  EXPECT_EQ(0u, xm->xm_free_clusters);
-  EXPECT_TRUE(node->x_flags & X_STREAM_DIRTY);
-
-  update(node);
-  unmount_and_check();
-}
-
-// Without its free-run table an extension fails with ENOMEM and takes no
-// cluster.
-TEST_F(ChainTest, ExtensionWithoutMemoryTakesNothing) {
-  uint32_t f = empty_file(u"f");
-  mount_built();
-  struct exfat_node* node = get(f);
-  ASSERT_NE(nullptr, node);
-  const uint32_t free_clusters = xm->xm_free_clusters;
   exfat_node_lock(node);
   lck_mtx_lock(xm->xm_bitmap_lock);
   host_malloc_fail_nth(1);
@@ -371,6 +261,14 @@ TEST_F(ChainTest, ExtensionWithoutMemoryTakesNothing) {
   EXPECT_EQ(0u, node->x_size);
   EXPECT_EQ(0u, node->x_start_cluster);
   EXPECT_EQ(free_clusters, xm->xm_free_clusters);
+
+  EXPECT_EQ(ENOSPC, truncate(node, uint64_t(free_clusters + 1) * kCluster + 7));
+  EXPECT_EQ(uint64_t(free_clusters) * kCluster, node->x_size);
+  EXPECT_EQ(0u, xm->xm_free_clusters);
+  EXPECT_TRUE(node->x_flags & X_STREAM_DIRTY);
+
+  update(node);
+  unmount_and_check();
 }
 
 // Cutting a chained file to 0 frees every run, forgets the allocation, and
@@ -529,43 +427,35 @@ TEST_F(ChainTest, GrowingADirectoryZeroFillsItsNewClusters) {
 
 // Freeing a chain releases it run by run and stops at its end (a bad-cluster
 // mark included), without touching the clusters that follow a run on disk.
+// A chain that links back into itself is reported as corrupt instead of
+// being freed for ever.
 TEST_F(ChainTest, ChainFreeFollowsTheChainOnly) {
-  for (uint32_t c : {40u, 41u, 42u, 43u, 60u, 61u, 62u})
+  for (uint32_t c : {40u, 41u, 42u, 43u, 60u, 61u, 62u, 90u, 91u})
     builder_.set_allocated(c, true);
   builder_.set_fat(40, 41).set_fat(41, 42).set_fat(42, 60).set_fat(60, 61).set_fat(61, EXFAT_FAT_BAD);
   builder_.set_fat(43, 44).set_fat(62, 63);
+  builder_.set_fat(90, 91).set_fat(91, 90);
   mount_built();
   uint32_t free_before = xm->xm_free_clusters;
+  KernLogCapture log;
 
   lck_mtx_lock(xm->xm_bitmap_lock);
   lck_mtx_lock(xm->xm_fat_lock);
   EXPECT_EQ(0, exfat_chain_free(xm, 40));
   EXPECT_EQ(0, exfat_chain_free(xm, 1)) << "no chain";
+  EXPECT_EQ(free_before + 5, xm->xm_free_clusters);
+  EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
+  EXPECT_EQ(EIO, exfat_chain_free(xm, 90));
   lck_mtx_assert(xm->xm_fat_lock, LCK_MTX_ASSERT_OWNED);
   lck_mtx_unlock(xm->xm_fat_lock);
   lck_mtx_unlock(xm->xm_bitmap_lock);
 
-  EXPECT_EQ(free_before + 5, xm->xm_free_clusters);
+  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+  EXPECT_EQ(1u, log.count("exfat_chain_free: corrupt cluster chain detected"));
   for (uint32_t c : {40u, 41u, 42u, 60u, 61u})
     EXPECT_FALSE(used(c)) << c;
   EXPECT_TRUE(used(43));
   EXPECT_TRUE(used(62));
-}
-
-// A chain that links back into itself is reported as corrupt instead of
-// being freed for ever.
-TEST_F(ChainTest, ChainFreeStopsAtALoop) {
-  builder_.set_allocated(90, true).set_allocated(91, true);
-  builder_.set_fat(90, 91).set_fat(91, 90);
-  mount_built();
-  KernLogCapture log;
-  lck_mtx_lock(xm->xm_bitmap_lock);
-  lck_mtx_lock(xm->xm_fat_lock);
-  EXPECT_EQ(EIO, exfat_chain_free(xm, 90));
-  lck_mtx_unlock(xm->xm_fat_lock);
-  lck_mtx_unlock(xm->xm_bitmap_lock);
-  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
-  EXPECT_EQ(1u, log.count("exfat_chain_free: corrupt cluster chain detected"));
 }
 
 // Writing a chain links the clusters one after another and ends it; a

@@ -27,11 +27,11 @@ uint16_t attributes_of(const std::vector<uint8_t>& set) {
 TEST_F(CreateTest, CreateWritesAnEmptyFileSet) {
   mount_built();
   Vref file;
-  ASSERT_EQ(0, create(root_.vp, "Hello.txt", &file));
+  ASSERT_EQ(0, create(root_vp_, "Hello.txt", &file));
   ASSERT_EQ(VREG, vnode_vtype(file.vp));
-  EXPECT_EQ(root_.node(), file.node()->x_parent);
+  EXPECT_EQ(root_, file.node()->x_parent);
 
-  std::vector<uint8_t> set = set_of(root_.vp, file.node());
+  std::vector<uint8_t> set = set_of(root_vp_, file.node());
   EXPECT_EQ(EXFAT_ENTRY_FILE, set[0]);
   EXPECT_EQ(2, set[1]);
   EXPECT_EQ(0x20, attributes_of(set));
@@ -46,7 +46,7 @@ TEST_F(CreateTest, CreateWritesAnEmptyFileSet) {
   EXPECT_EQ(file.vp, again.vp);
   file.reset();
   again.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // Names compare through the up-case table: "A" can't be made beside "a"
@@ -59,12 +59,12 @@ TEST_F(CreateTest, NameDifferingOnlyInCaseExists) {
   VATTR_INIT(&va);
   vnode_t vp = NULLVP;
   Component upper("A", CREATE);
-  EXPECT_EQ(EEXIST, VNOP_CREATE(root_.vp, &vp, &upper.cn, &va, ctx_));
-  EXPECT_EQ(EEXIST, VNOP_MKDIR(root_.vp, &vp, &upper.cn, &va, ctx_));
+  EXPECT_EQ(EEXIST, VNOP_CREATE(root_vp_, &vp, &upper.cn, &va, ctx_));
+  EXPECT_EQ(EEXIST, VNOP_MKDIR(root_vp_, &vp, &upper.cn, &va, ctx_));
   char target[] = "t";
-  EXPECT_EQ(EEXIST, VNOP_SYMLINK(root_.vp, &vp, &upper.cn, &va, target, ctx_));
+  EXPECT_EQ(EEXIST, VNOP_SYMLINK(root_vp_, &vp, &upper.cn, &va, target, ctx_));
   EXPECT_EQ(NULLVP, vp);
-  EXPECT_EQ(0u, root_.node()->x_lock_count);
+  EXPECT_EQ(0u, root_->x_lock_count);
 }
 
 // A name of 255 UTF-16 units fits (17 name entries, SecondaryCount 18),
@@ -72,25 +72,25 @@ TEST_F(CreateTest, NameDifferingOnlyInCaseExists) {
 TEST_F(CreateTest, NameLimitIs255Units) {
   mount_built();
   Vref longest, accented;
-  ASSERT_EQ(0, create(root_.vp, std::string(255, 'n'), &longest));
-  std::vector<uint8_t> set = set_of(root_.vp, longest.node());
+  ASSERT_EQ(0, create(root_vp_, std::string(255, 'n'), &longest));
+  std::vector<uint8_t> set = set_of(root_vp_, longest.node());
   EXPECT_EQ(18, set[1]);
   EXPECT_EQ(255, set[32 + 3]);
 
   std::string e_acute;
   for (int i = 0; i < 255; i++)
     e_acute += "\xc3\xa9";
-  ASSERT_EQ(0, create(root_.vp, e_acute, &accented));
+  ASSERT_EQ(0, create(root_vp_, e_acute, &accented));
 
   Component too_long(std::string(256, 'm'), CREATE);
   struct vnode_attr va;
   VATTR_INIT(&va);
   vnode_t vp = NULLVP;
-  EXPECT_EQ(ENAMETOOLONG, VNOP_CREATE(root_.vp, &vp, &too_long.cn, &va, ctx_));
-  EXPECT_EQ(ENAMETOOLONG, VNOP_MKDIR(root_.vp, &vp, &too_long.cn, &va, ctx_));
+  EXPECT_EQ(ENAMETOOLONG, VNOP_CREATE(root_vp_, &vp, &too_long.cn, &va, ctx_));
+  EXPECT_EQ(ENAMETOOLONG, VNOP_MKDIR(root_vp_, &vp, &too_long.cn, &va, ctx_));
   longest.reset();
   accented.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // A leading dot makes the entry Hidden, for files and directories alike; a
@@ -98,12 +98,12 @@ TEST_F(CreateTest, NameLimitIs255Units) {
 TEST_F(CreateTest, LeadingDotSetsHidden) {
   mount_built();
   Vref hidden, plain, dir;
-  ASSERT_EQ(0, create(root_.vp, ".profile", &hidden));
-  ASSERT_EQ(0, create(root_.vp, "a.b", &plain));
-  ASSERT_EQ(0, mkdir(root_.vp, ".cache", &dir));
-  EXPECT_EQ(0x22, attributes_of(set_of(root_.vp, hidden.node())));
-  EXPECT_EQ(0x20, attributes_of(set_of(root_.vp, plain.node())));
-  EXPECT_EQ(0x12, attributes_of(set_of(root_.vp, dir.node())));
+  ASSERT_EQ(0, create(root_vp_, ".profile", &hidden));
+  ASSERT_EQ(0, create(root_vp_, "a.b", &plain));
+  ASSERT_EQ(0, mkdir(root_vp_, ".cache", &dir));
+  EXPECT_EQ(0x22, attributes_of(set_of(root_vp_, hidden.node())));
+  EXPECT_EQ(0x20, attributes_of(set_of(root_vp_, plain.node())));
+  EXPECT_EQ(0x12, attributes_of(set_of(root_vp_, dir.node())));
   EXPECT_EQ(0x12, dir.node()->x_attributes);
 }
 
@@ -121,12 +121,12 @@ TEST_F(CreateTest, ImmutableFlagSetsReadOnly) {
   VATTR_SET(&neither, va_flags, UF_NODUMP);
 
   Vref f, d, g;
-  ASSERT_EQ(0, create(root_.vp, "locked", &f, &user));
-  ASSERT_EQ(0, mkdir(root_.vp, "frozen", &d, &system));
-  ASSERT_EQ(0, create(root_.vp, "free", &g, &neither));
-  EXPECT_EQ(0x21, attributes_of(set_of(root_.vp, f.node())));
-  EXPECT_EQ(0x11, attributes_of(set_of(root_.vp, d.node())));
-  EXPECT_EQ(0x20, attributes_of(set_of(root_.vp, g.node())));
+  ASSERT_EQ(0, create(root_vp_, "locked", &f, &user));
+  ASSERT_EQ(0, mkdir(root_vp_, "frozen", &d, &system));
+  ASSERT_EQ(0, create(root_vp_, "free", &g, &neither));
+  EXPECT_EQ(0x21, attributes_of(set_of(root_vp_, f.node())));
+  EXPECT_EQ(0x11, attributes_of(set_of(root_vp_, d.node())));
+  EXPECT_EQ(0x20, attributes_of(set_of(root_vp_, g.node())));
   EXPECT_TRUE(VATTR_IS_SUPPORTED(&user, va_flags));
   EXPECT_TRUE(VATTR_IS_SUPPORTED(&system, va_flags));
   EXPECT_FALSE(VATTR_IS_SUPPORTED(&neither, va_flags));
@@ -146,7 +146,7 @@ TEST_F(CreateTest, MkdirAllocatesOneZeroedCluster) {
   uint32_t free_before = free_clusters();
 
   Vref dir;
-  ASSERT_EQ(0, mkdir(root_.vp, "docs", &dir));
+  ASSERT_EQ(0, mkdir(root_vp_, "docs", &dir));
   ASSERT_EQ(VDIR, vnode_vtype(dir.vp));
   struct exfat_node* node = dir.node();
   EXPECT_EQ(512u, node->x_size);
@@ -163,7 +163,7 @@ TEST_F(CreateTest, MkdirAllocatesOneZeroedCluster) {
   uint32_t cluster = node->x_start_cluster;
   uint32_t offset = node->x_dir_offset;
   dir.reset();
-  unmount_and_fsck();
+  unmount_and_check();
   std::vector<uint8_t> stream =
       read_device(builder_.dir_byte_offset(builder_.root(), offset) + 32, 32);
   EXPECT_EQ(cluster, le32dec(&stream[20]));
@@ -179,17 +179,17 @@ TEST_F(CreateTest, MkdirOnAFullVolumeLeavesNothing) {
   uint32_t next_slot = builder_.root().next_offset;
 
   Vref dir;
-  EXPECT_EQ(ENOSPC, mkdir(root_.vp, "nope", &dir));
+  EXPECT_EQ(ENOSPC, mkdir(root_vp_, "nope", &dir));
   EXPECT_EQ(NULLVP, dir.vp);
   Vref gone;
   EXPECT_EQ(ENOENT, lookup("nope", &gone));
-  std::vector<uint8_t> slots = dir_bytes(root_.vp, next_slot, 96);
+  std::vector<uint8_t> slots = dir_bytes(root_vp_, next_slot, 96);
   EXPECT_EQ(0x05, slots[0]);
   EXPECT_EQ(0x40, slots[32]);
   EXPECT_EQ(0x41, slots[64]);
   EXPECT_EQ(0u, free_clusters());
   EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 TEST_F(CreateTest, MknodIsRefused) {
@@ -198,7 +198,7 @@ TEST_F(CreateTest, MknodIsRefused) {
   struct vnode_attr va;
   VATTR_INIT(&va);
   vnode_t vp = NULLVP;
-  EXPECT_EQ(EINVAL, VNOP_MKNOD(root_.vp, &vp, &c.cn, &va, ctx_));
+  EXPECT_EQ(EINVAL, VNOP_MKNOD(root_vp_, &vp, &c.cn, &va, ctx_));
   EXPECT_EQ(NULLVP, vp);
   Vref none;
   EXPECT_EQ(ENOENT, lookup("dev", &none));
@@ -213,7 +213,7 @@ TEST_F(CreateTest, ParentRemovedBeforeCreateRestarts) {
   Vref dir;
   ASSERT_EQ(0, lookup("tmp", &dir));
   ASSERT_EQ(0, lookup_free(dir.vp, "late"));
-  ASSERT_EQ(0, rmdir(root_.vp, "tmp"));
+  ASSERT_EQ(0, rmdir(root_vp_, "tmp"));
 
   Component c("late", CREATE);
   struct vnode_attr va;
@@ -226,7 +226,7 @@ TEST_F(CreateTest, ParentRemovedBeforeCreateRestarts) {
   EXPECT_EQ(NULLVP, vp);
   EXPECT_EQ(0u, dir.node()->x_lock_count);
   dir.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // A directory whose slots are all taken grows by a cluster for the next
@@ -234,7 +234,7 @@ TEST_F(CreateTest, ParentRemovedBeforeCreateRestarts) {
 TEST_F(CreateTest, CreateGrowsAFullDirectory) {
   mount_built();
   Vref dir;
-  ASSERT_EQ(0, mkdir(root_.vp, "full", &dir));
+  ASSERT_EQ(0, mkdir(root_vp_, "full", &dir));
   for (int i = 0; i < 5; i++) {  // 5 sets of 3 entries: 15 of 16 slots
     Vref f;
     ASSERT_EQ(0, create(dir.vp, "f" + std::to_string(i), &f));
@@ -245,7 +245,7 @@ TEST_F(CreateTest, CreateGrowsAFullDirectory) {
   EXPECT_EQ(480u, last.node()->x_dir_offset);  // the one free slot is kept
   last.reset();
   dir.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 class CreateConcurrency : public NamespaceTest {};
@@ -256,7 +256,7 @@ class CreateConcurrency : public NamespaceTest {};
 TEST_F(CreateConcurrency, CreatesAndRemovesInOneDirectory) {
   mount_built();
   Vref dir;
-  ASSERT_EQ(0, mkdir(root_.vp, "shared", &dir));
+  ASSERT_EQ(0, mkdir(root_vp_, "shared", &dir));
   constexpr int kPerThread = 12;
   std::vector<int> failures(3, 0);
   auto worker = [&](int t) {
@@ -286,7 +286,7 @@ TEST_F(CreateConcurrency, CreatesAndRemovesInOneDirectory) {
     }
   }
   dir.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 }  // namespace

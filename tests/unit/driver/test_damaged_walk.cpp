@@ -109,7 +109,7 @@ struct Region {
 class DamagedWalk : public NamespaceTest {
  protected:
   DamagedWalk() {
-    Geometry g = namespace_geometry();
+    Geometry g = small_cluster_geometry();
     g.cluster_count = 200;
     g.root_clusters = 2;
     builder_ = ImageBuilder(g);
@@ -137,10 +137,10 @@ class DamagedWalk : public NamespaceTest {
   void make_base() {
     mount_built();
     Vref link;
-    ASSERT_EQ(0, symlink(root_.vp, "link", "dir/b.txt", &link));
+    ASSERT_EQ(0, symlink(root_vp_, "link", "dir/b.txt", &link));
     link_cluster_ = link.node()->x_start_cluster;
     link.reset();
-    root_.reset();
+    release_nodes();
     ASSERT_EQ(0, unmount());
     base_ = read_device(0, image_bytes_);
     ASSERT_NE(0u, link_cluster_);
@@ -184,33 +184,33 @@ class DamagedWalk : public NamespaceTest {
   // A few changes, each attempted whatever the previous ones gave.
   void change() {
     Vref file, dir, made;
-    if (call([&] { return create(root_.vp, "new", &file); }) == 0) {
+    if (call([&] { return create(root_vp_, "new", &file); }) == 0) {
       call([&] { return vn_write_at(file.vp, 0, std::vector<uint8_t>(3000, 'n')); });
       call([&] { return VNOP_FSYNC(file.vp, MNT_WAIT, ctx_); });
       file.reset();
     }
-    if (call([&] { return lookup(root_.vp, "dir", LOOKUP, &dir); }) == 0 && vnode_isdir(dir.vp)) {
+    if (call([&] { return lookup(root_vp_, "dir", LOOKUP, &dir); }) == 0 && vnode_isdir(dir.vp)) {
       Vref inner;
       if (call([&] { return create(dir.vp, "inner", &inner); }) == 0)
         call([&] { return vn_write_at(inner.vp, 0, std::vector<uint8_t>(700, 'i')); });
       inner.reset();
       call([&] { return remove(dir.vp, "b.txt"); });
     }
-    call([&] { return remove(root_.vp, "chain.bin"); });
+    call([&] { return remove(root_vp_, "chain.bin"); });
     Vref growing;
-    if (call([&] { return lookup(root_.vp, "contig.bin", LOOKUP, &growing); }) == 0 &&
+    if (call([&] { return lookup(root_vp_, "contig.bin", LOOKUP, &growing); }) == 0 &&
         vnode_isreg(growing.vp))
       call([&] { return vn_write_at(growing.vp, 900, std::vector<uint8_t>(2000, 'g')); });
     growing.reset();
-    call([&] { return mkdir(root_.vp, "made", &made); });
+    call([&] { return mkdir(root_vp_, "made", &made); });
     made.reset();
-    call([&] { return rename(root_.vp, "empty", root_.vp, "renamed"); });
+    call([&] { return rename(root_vp_, "empty", root_vp_, "renamed"); });
     call([&] { return host_sync(mp, MNT_WAIT); });
   }
 
   // Unmounts, forced if need be; then nothing of the driver may be left.
   void unmount_all() {
-    root_.reset();
+    release_nodes();
     int error = unmount();
     EXPECT_GE(error, 0);
     if (error != 0) {
@@ -261,8 +261,8 @@ TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
   ASSERT_EQ(0, load(base_));
   ASSERT_EQ(0, mount(MNT_RDONLY));
   ctx_ = vfs_context_kernel();
-  ASSERT_EQ(0, VFS_ROOT(mp, &root_.vp, ctx_));
-  walk(root_.vp, 0);
+  ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
+  walk(root_vp_, 0);
   EXPECT_EQ(9, visited_) << "the walk misses names";
   unmount_all();
   release();
@@ -289,8 +289,8 @@ TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
     } else {
       mounted++;
       ctx_ = vfs_context_kernel();
-      if (call([&] { return VFS_ROOT(mp, &root_.vp, ctx_); }) == 0) {
-        walk(root_.vp, 0);
+      if (call([&] { return VFS_ROOT(mp, &root_vp_, ctx_); }) == 0) {
+        walk(root_vp_, 0);
         if (writable)
           change();
       }

@@ -101,6 +101,9 @@ struct exfat_node chained_node(struct exfat_mount* xm, uint32_t start, uint64_t 
   return n;
 }
 
+// Get or set on cluster 0, 1 or past the heap is EIO and marks the volume
+// corrupt; the highest cluster works; op 3 returns the previous entry and
+// stores the new one in one call.
 TEST_F(FatTest, GetSetRefusesClustersOutsideTheHeap) {
   mount_volume(two_block_fat());
   const uint32_t max = xm->xm_max_cluster;
@@ -122,10 +125,7 @@ TEST_F(FatTest, GetSetRefusesClustersOutsideTheHeap) {
   set(max, 0xFFFFFFFF);
   EXPECT_EQ(0xFFFFFFFFu, get(max));
   EXPECT_FALSE(xm->xm_flags & XM_CORRUPT);
-}
 
-TEST_F(FatTest, OpThreeReturnsThePreviousEntryAndStoresTheNewOne) {
-  mount_volume(two_block_fat());
   set(40, 41);
   uint32_t old = 0;
   ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET | EXFAT_FAT_SET, xm, 40, &old, 0xFFFFFFFF));
@@ -133,6 +133,8 @@ TEST_F(FatTest, OpThreeReturnsThePreviousEntryAndStoresTheNewOne) {
   EXPECT_EQ(0xFFFFFFFFu, get(40));
 }
 
+// Moving the one-block cache writes the dirty block back first, so the
+// change survives; entries are stored little-endian.
 TEST_F(FatTest, CacheWritesBackADirtyBlockBeforeMovingAndEntriesAreLittleEndian) {
   mount_volume(two_block_fat());
   set(40, 0x01020304);  // block 0
@@ -159,6 +161,8 @@ TEST_F(FatTest, CacheWritesBackADirtyBlockBeforeMovingAndEntriesAreLittleEndian)
             read_device(fat_byte_offset_ + 40 * 4, 4));
 }
 
+// The last FAT block is shorter than 4096 bytes: only the FAT's bytes are
+// written, and the FAT vnode does not grow.
 TEST_F(FatTest, ShortLastBlockIsWrittenWithoutTouchingWhatFollowsTheFat) {
   Geometry g = two_block_fat();
   ImageBuilder b(g);
@@ -181,8 +185,11 @@ TEST_F(FatTest, ShortLastBlockIsWrittenWithoutTouchingWhatFollowsTheFat) {
   EXPECT_EQ(off_t(5120), ubc_getsize(xm->xm_fat_vp)) << "the FAT vnode must not grow";
 }
 
-TEST_F(FatTest, FailedWriteBackEmptiesTheCacheAndTheNextAccessRereads) {
-  mount_volume(two_block_fat());
+// A move of the cache whose write-back or read fails leaves the cache
+// empty, so that the next access reads the block again: a failed
+// write-back drops the change with the block.
+TEST_F(FatTest, FailedCacheMovesEmptyTheCacheAndTheNextAccessRereads) {
+  mount_volume(two_block_fat(), [](ImageBuilder& b) { b.set_fat(1100, 0xFFFFFFFF); });
   set(40, 0xFFFFFFFF);
   fsync_fat();
   set(40, 41);  // dirty, never written
@@ -200,31 +207,30 @@ TEST_F(FatTest, FailedWriteBackEmptiesTheCacheAndTheNextAccessRereads) {
 
   // The change is dropped with the block; the entry is read again.
   EXPECT_EQ(0xFFFFFFFFu, get(40));
-}
 
-TEST_F(FatTest, FailedReadEmptiesTheCacheAndTheNextAccessRereads) {
-  mount_volume(two_block_fat(), [](ImageBuilder& b) { b.set_fat(1100, 0xFFFFFFFF); });
   drop_fat_caches();
-
   host_memdev_faults faults;
   faults.fail_read_bytes = {fat_byte_offset_ + 4096};
   host_memdev_set_faults(devvp, faults);
-  int error = 0;
   lck_mtx_lock(xm->xm_fat_lock);
   EXPECT_EQ(nullptr, exfat_fat_map(xm, 1100, &error));
   EXPECT_NE(0, error);
   EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset);
   lck_mtx_unlock(xm->xm_fat_lock);
-
   host_memdev_set_faults(devvp, host_memdev_faults{});
   EXPECT_EQ(0xFFFFFFFFu, get(1100));
 }
 
+// The last cluster and allocation of a chain end at any end mark (the
+// bad-cluster mark included); an empty file has neither; a walk resumes
+// after the cached extent (the entry of cluster 40 is garbage: a walk from
+// the start would fail).
 TEST_F(FatTest, FindLastClusterFollowsTheChainToAnyEndMark) {
   mount_volume(two_block_fat(), [](ImageBuilder& b) {
     b.set_fat(10, 11).set_fat(11, 12).set_fat(12, 0xFFFFFFF7);  // bad-cluster mark
     b.set_fat(20, 21).set_fat(21, 0xFFFFFFFF);
     b.set_fat(30, 0xFFFFFFF8);
+    b.set_fat(40, 0).set_fat(42, 43).set_fat(43, 0xFFFFFFFF);
   });
   const uint64_t bpc = xm->xm_bytes_per_cluster;
 
@@ -252,25 +258,19 @@ TEST_F(FatTest, FindLastClusterFollowsTheChainToAnyEndMark) {
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&empty, &last, &bytes));
   EXPECT_EQ(0u, last);
   EXPECT_EQ(0u, bytes);
-}
 
-TEST_F(FatTest, FindLastClusterResumesAfterTheCachedExtent) {
-  // The entry of cluster 10 is garbage: a walk from the start would fail.
-  mount_volume(two_block_fat(), [](ImageBuilder& b) {
-    b.set_fat(10, 0).set_fat(12, 13).set_fat(13, 0xFFFFFFFF);
-  });
-  struct exfat_node n = chained_node(xm, 10, 0);
-  n.x_extent_cluster = 10;
-  n.x_extent_index = 0;
-  n.x_extent_length = 3;  // 10, 11, 12
-  uint32_t last = 0;
-  uint64_t bytes = 0;
-  ASSERT_EQ(0, exfat_fat_find_last_cluster(&n, &last, &bytes));
-  EXPECT_EQ(13u, last);
-  EXPECT_EQ(4ull * xm->xm_bytes_per_cluster, bytes);
+  struct exfat_node resumed = chained_node(xm, 40, 0);
+  resumed.x_extent_cluster = 40;
+  resumed.x_extent_index = 0;
+  resumed.x_extent_length = 3;  // 40, 41, 42
+  ASSERT_EQ(0, exfat_fat_find_last_cluster(&resumed, &last, &bytes));
+  EXPECT_EQ(43u, last);
+  EXPECT_EQ(4 * bpc, bytes);
   EXPECT_FALSE(xm->xm_flags & XM_CORRUPT);
 }
 
+// Loops, free entries and clusters past the heap in a chain are reported
+// once each, mark the volume corrupt, and leave the outputs alone.
 TEST_F(FatTest, FindLastClusterReportsCorruptChains) {
   mount_volume(two_block_fat(), [](ImageBuilder& b) {
     b.set_fat(10, 11).set_fat(11, 12).set_fat(12, 10);  // a loop
@@ -300,6 +300,7 @@ TEST_F(FatTest, FindLastClusterReportsCorruptChains) {
   }
 }
 
+// A FAT read error during the walk is reported with its error.
 TEST_F(FatTest, FindLastClusterReportsFatReadErrors) {
   mount_volume(two_block_fat(), [](ImageBuilder& b) {
     b.set_fat(1100, 1101).set_fat(1101, 0xFFFFFFFF);
@@ -318,6 +319,8 @@ TEST_F(FatTest, FindLastClusterReportsFatReadErrors) {
   host_memdev_set_faults(devvp, host_memdev_faults{});
 }
 
+// A contiguous file's last cluster and allocation come from its size
+// alone, without any FAT access.
 TEST_F(FatTest, ContiguousFilesAreAnsweredWithoutTheFat) {
   Geometry g;
   g.sector_shift = 9;
@@ -375,6 +378,8 @@ class FatVnodeTest : public FatTest {
   void release_fat_vnode(vnode_t vp) { vnode_put(vp); }
 };
 
+// A page-in of the FAT's last page reads zeros past the FAT; pages past
+// the FAT are refused.
 TEST_F(FatVnodeTest, PageinZeroFillsPastTheEndOfTheFatAndRefusesPagesPastIt) {
   mount_volume(two_block_fat());
   // Device bytes from the FAT's start (an unused part of the heap): a
@@ -403,6 +408,8 @@ TEST_F(FatVnodeTest, PageinZeroFillsPastTheEndOfTheFatAndRefusesPagesPastIt) {
   release_fat_vnode(vp);
 }
 
+// FAT offsets map to sectors by arithmetic; a run past the FAT is cut at
+// its end.
 TEST_F(FatVnodeTest, BlockmapIsArithmeticAndStopsAtTheEndOfTheFat) {
   mount_volume(two_block_fat());
   vnode_t vp = make_fat_vnode(2048, 10000);
@@ -431,6 +438,9 @@ TEST_F(FatVnodeTest, BlockmapIsArithmeticAndStopsAtTheEndOfTheFat) {
   release_fat_vnode(vp);
 }
 
+// Fsync writes the FAT cache, then pushes the pages; with a clean cache it
+// only pushes the pages; a failed write-back is reported and leaves the
+// block dirty.
 TEST_F(FatVnodeTest, FsyncWritesTheCacheThenPushesThePages) {
   mount_volume(two_block_fat());
   set(50, 51);
@@ -453,11 +463,8 @@ TEST_F(FatVnodeTest, FsyncWritesTheCacheThenPushesThePages) {
   fsync_fat();
   EXPECT_EQ(61u, disk_entry(60));
   EXPECT_EQ(0u, host_ubc_vnode_dirty_pages(xm->xm_fat_vp));
-}
 
-TEST_F(FatVnodeTest, FsyncReportsAFailedCacheWriteBack) {
-  mount_volume(two_block_fat());
-  set(50, 51);
+  set(50, 52);
   host_memdev_faults faults;
   faults.fail_write_bytes = {fat_byte_offset_};
   host_memdev_set_faults(devvp, faults);
@@ -465,7 +472,7 @@ TEST_F(FatVnodeTest, FsyncReportsAFailedCacheWriteBack) {
   EXPECT_TRUE(xm->xm_fat_cache_dirty) << "a failed write-back leaves the block dirty";
   host_memdev_set_faults(devvp, host_memdev_faults{});
   fsync_fat();
-  EXPECT_EQ(51u, disk_entry(50));
+  EXPECT_EQ(52u, disk_entry(50));
 }
 
 using FatVnodeDeathTest = FatVnodeTest;

@@ -18,9 +18,8 @@
 #include "host/mount.h"
 #include "host/uio.h"
 #include "host/vfs.h"
-#include "tests/support/fsck.h"
-#include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/support/vnode_io.h"
+#include "tests/unit/driver/volume_fixture.h"
 
 using namespace exvol::test;
 
@@ -28,104 +27,26 @@ namespace {
 
 constexpr uint32_t kCluster = 4096;
 
-std::vector<uint8_t> pattern_bytes(size_t length, uint8_t seed) {
-  std::vector<uint8_t> v(length);
-  for (size_t i = 0; i < length; i++)
-    v[i] = static_cast<uint8_t>((i + seed) % 251 + 1);
-  return v;
+int write_at(vnode_t vp, off_t offset, const std::vector<uint8_t>& data) {
+  return vn_write(vp, offset, data).error;
 }
 
-int vn_write(vnode_t vp, off_t offset, const std::vector<uint8_t>& data, int ioflag = 0) {
-  uio_t uio = uio_create(1, offset, UIO_SYSSPACE, UIO_WRITE);
-  uio_addiov(uio, reinterpret_cast<user_addr_t>(data.data()), data.size());
-  int error = VNOP_WRITE(vp, uio, ioflag, vfs_context_kernel());
-  uio_free(uio);
-  return error;
-}
-
-class LifeCycleTest : public MountTest {
+class LifeCycleTest : public VolumeTest {
  protected:
-  LifeCycleTest() {
-    builder_.add_bitmap_entry().add_upcase_entry();
-  }
-
   void TearDown() override {
-    release_nodes();
-    host_memdev_set_faults(devvp, host_memdev_faults{});
-    MountTest::TearDown();
+    if (devvp != nullptr)
+      host_memdev_set_faults(devvp, host_memdev_faults{});
+    VolumeTest::TearDown();
   }
 
   // A chained file of `clusters` clusters filled with a pattern; returns the
   // offset of its set in the root.
   uint32_t file(const std::u16string& name, uint32_t clusters) {
-    std::vector<uint8_t> data = pattern_bytes(uint64_t(clusters) * kCluster, 9);
-    return builder_.add_file(builder_.root(), name, data).offset;
+    return builder_.add_file(builder_.root(), name, pattern_bytes(9, uint64_t(clusters) * kCluster))
+        .offset;
   }
 
-  void mount_built(uint64_t flags = MNT_ASYNC) {
-    image_ = builder_.build();
-    ASSERT_EQ(0, load(image_));
-    ASSERT_EQ(0, mount(flags));
-    ctx_ = vfs_context_kernel();
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
-    root_ = node_of(root_vp_);
-  }
-
-  vnode_t get(uint32_t offset) {
-    struct exfat_node* node = nullptr;
-    exfat_node_lock(root_);  // exfat_node_get drops this level
-    EXPECT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, offset, VNON, 0, &node, ctx_));
-    if (node == nullptr)
-      return NULLVP;
-    held_.push_back(node->x_vnode);
-    return node->x_vnode;
-  }
-
-  static struct exfat_node* node_of(vnode_t vp) {
-    return static_cast<struct exfat_node*>(vnode_fsnode(vp));
-  }
-
-  // Writes every cache and dirty buffer of the volume, then forgets the
-  // device's counters: what is written afterwards is the test's doing.
-  void settle() {
-    exfat_meta_flush_internal(xm, 1);
-    host_blkdev_reset_stats(devvp);
-  }
-
-  host_devstats stats() {
-    host_devstats s{};
-    host_blkdev_stats(devvp, &s);
-    return s;
-  }
-
-  void release_nodes() {
-    for (vnode_t vp : held_)
-      vnode_put(vp);
-    held_.clear();
-    if (root_vp_ != NULLVP)
-      vnode_put(root_vp_);
-    root_vp_ = NULLVP;
-  }
-
-  void unmount_and_check() {
-    release_nodes();
-    ASSERT_EQ(0, unmount());
-    if (fsck_program().empty())
-      return;  // the checker is an optional oracle
-    FsckResult r = run_fsck(read_device(0, image_.size()));
-    EXPECT_EQ(0, r.status) << r.output;
-  }
-
-  std::vector<uint8_t> disk_stream(uint32_t offset) {
-    return read_device(builder_.dir_byte_offset(builder_.root(), offset + 32), 32);
-  }
-
-  ImageBuilder builder_;
-  std::vector<uint8_t> image_;
-  vfs_context_t ctx_ = nullptr;
-  vnode_t root_vp_ = NULLVP;
-  struct exfat_node* root_ = nullptr;
-  std::vector<vnode_t> held_;
+  void mount_built(uint64_t flags = MNT_ASYNC) { VolumeTest::mount_built(flags); }
 };
 
 // Close writes a written file's File and Stream entries back and leaves the
@@ -145,7 +66,7 @@ TEST_F(LifeCycleTest, CloseWritesAChangedEntryOnceAndAnUnchangedOneNever) {
   EXPECT_EQ(0u, stats().writes) << "closing an unchanged file";
 
   ASSERT_EQ(0, VNOP_OPEN(vp, FREAD | FWRITE, ctx_));
-  ASSERT_EQ(0, vn_write(vp, 0, pattern_bytes(5000, 1)));
+  ASSERT_EQ(0, write_at(vp, 0, pattern_bytes(1, 5000)));
   ASSERT_EQ(0, VNOP_CLOSE(vp, FREAD | FWRITE, ctx_));
   EXPECT_EQ(0u, node_of(vp)->x_flags & (X_DIRTY | X_STREAM_DIRTY | X_MODIFIED));
   exfat_meta_flush_internal(xm, 1);
@@ -167,23 +88,13 @@ TEST_F(LifeCycleTest, RemovedOpenFileIsReleasedAtLastClose) {
   mount_built(0);
   vnode_t vp = get(f);
   held_.clear();  // the test manages this vnode's references itself
-  struct exfat_node* node = node_of(vp);
   ASSERT_EQ(0, VNOP_OPEN(vp, FREAD, ctx_));
   ASSERT_EQ(0, vnode_ref(vp));
   vnode_put(vp);
   uint32_t free_before = xm->xm_free_clusters;
   uint32_t vid = vnode_vid(vp);
 
-  exfat_lock_two(root_, node);
-  ASSERT_EQ(0, exfat_delete_dirents(root_, node->x_dir_offset, node->x_secondary_count + 1u, 1,
-                                    ctx_));
-  node->x_flags |= X_DELETED;
-  node->x_parent = nullptr;
-  lck_mtx_lock(exfat_hash_lock);
-  node->x_hash_flags |= X_HASH_STALE;
-  lck_mtx_unlock(exfat_hash_lock);
-  exfat_node_unlock(node);
-  exfat_node_unlock(root_);
+  remove_entry(vp);
   EXPECT_EQ(free_before, xm->xm_free_clusters) << "still open: nothing freed yet";
 
   ASSERT_EQ(0, vnode_get(vp));
@@ -201,8 +112,8 @@ TEST_F(LifeCycleTest, FsyncWritesTheEntryAndDropsTheDirtyBits) {
   uint32_t f = file(u"f", 1);
   mount_built();
   vnode_t vp = get(f);
-  std::vector<uint8_t> data = pattern_bytes(3 * kCluster, 4);
-  ASSERT_EQ(0, vn_write(vp, 0, data));
+  std::vector<uint8_t> data = pattern_bytes(4, 3 * kCluster);
+  ASSERT_EQ(0, write_at(vp, 0, data));
   ASSERT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
   EXPECT_EQ(0u, node_of(vp)->x_flags & (X_DIRTY | X_STREAM_DIRTY));
   exfat_meta_flush_internal(xm, 1);
@@ -218,7 +129,8 @@ TEST_F(LifeCycleTest, FsyncWritesTheEntryAndDropsTheDirtyBits) {
 
 // F_FULLFSYNC writes the data, then asks the device to flush its cache:
 // after a power cut the data is there. A plain fsync leaves it in the
-// device's volatile cache, where the power cut loses it.
+// device's volatile cache, where the power cut loses it. No other ioctl
+// exists for files and directories.
 TEST_F(LifeCycleTest, FullFsyncFlushesTheDeviceCacheAfterTheData) {
   uint32_t f = file(u"f", 2);
   uint32_t g = file(u"g", 2);
@@ -233,25 +145,18 @@ TEST_F(LifeCycleTest, FullFsyncFlushesTheDeviceCacheAfterTheData) {
   uint32_t other_first = node_of(other)->x_start_cluster;
 
   std::vector<uint8_t> data(2 * kCluster, 0x3C);
-  ASSERT_EQ(0, vn_write(vp, 0, data));
+  ASSERT_EQ(0, write_at(vp, 0, data));
   ASSERT_EQ(0, VNOP_IOCTL(vp, 51, nullptr, 0, ctx_));
   EXPECT_EQ(1u, stats().flushes);
+  EXPECT_EQ(ENOTTY, VNOP_IOCTL(vp, 52, nullptr, 0, ctx_));
+  EXPECT_EQ(ENOTTY, VNOP_IOCTL(root_vp_, 0x20006416u, nullptr, 0, ctx_));
 
-  ASSERT_EQ(0, vn_write(other, 0, data));
+  ASSERT_EQ(0, write_at(other, 0, data));
   ASSERT_EQ(0, VNOP_FSYNC(other, MNT_WAIT, ctx_));
   host_memdev_power_cut(devvp);
   EXPECT_EQ(data, read_device(builder_.cluster_byte_offset(first), data.size()));
   EXPECT_NE(data, read_device(builder_.cluster_byte_offset(other_first), data.size()))
       << "without the cache flush the power cut should have lost these writes";
-}
-
-// Only the full-sync request is an ioctl of files and directories.
-TEST_F(LifeCycleTest, OtherIoctlsAreNotSupported) {
-  uint32_t f = file(u"f", 1);
-  mount_built();
-  vnode_t vp = get(f);
-  EXPECT_EQ(ENOTTY, VNOP_IOCTL(vp, 52, nullptr, 0, ctx_));
-  EXPECT_EQ(ENOTTY, VNOP_IOCTL(root_vp_, 0x20006416u, nullptr, 0, ctx_));
 }
 
 // A read-only volume is never written, even for a node that claims to be

@@ -33,13 +33,6 @@ using namespace exvol::test;
 
 namespace {
 
-std::vector<uint8_t> pattern(size_t length, uint8_t seed) {
-  std::vector<uint8_t> v(length);
-  for (size_t i = 0; i < length; i++)
-    v[i] = static_cast<uint8_t>((i * 3 + seed) % 251 + 1);
-  return v;
-}
-
 struct Region {
   const char* name;
   uint64_t byte;  // a byte of the device inside the region
@@ -56,16 +49,16 @@ class IoFaults : public NamespaceTest {
     // 2048 clusters make a FAT of several pages; the first 1100 go to a
     // filler, so that the chained file's FAT entries are in a page that
     // mounting never reads.
-    Geometry g = namespace_geometry();
+    Geometry g = small_cluster_geometry();
     g.cluster_count = 2048;
     builder_ = ImageBuilder(g);
     builder_.add_bitmap_entry().add_upcase_entry();
     builder_.add_file(builder_.root(), u"filler", std::vector<uint8_t>(1100 * 512, 'f'));
     sub_ = builder_.mkdir(builder_.root(), u"d");
-    builder_.add_file(sub_, u"a", pattern(700, 1));
-    builder_.add_file(sub_, u"a file with a name longer than fifteen", pattern(100, 2));
-    chain_ = builder_.add_file(builder_.root(), u"chain", pattern(3 * 512, 3));
-    contig_ = builder_.add_file(builder_.root(), u"contig", pattern(2 * 512, 4), Alloc::Contiguous);
+    builder_.add_file(sub_, u"a", pattern_bytes(0, 700, 1));
+    builder_.add_file(sub_, u"a file with a name longer than fifteen", pattern_bytes(0, 100, 2));
+    chain_ = builder_.add_file(builder_.root(), u"chain", pattern_bytes(0, 3 * 512, 3));
+    contig_ = builder_.add_file(builder_.root(), u"contig", pattern_bytes(0, 2 * 512, 4), Alloc::Contiguous);
     image_ = builder_.build();
     image_bytes_ = image_.size();
   }
@@ -101,7 +94,7 @@ class IoFaults : public NamespaceTest {
       return error;
     }
     ctx_ = vfs_context_kernel();
-    error = VFS_ROOT(mp, &root_.vp, ctx_);
+    error = VFS_ROOT(mp, &root_vp_, ctx_);
     EXPECT_GE(error, 0);
     return error;
   }
@@ -140,31 +133,31 @@ class IoFaults : public NamespaceTest {
   // Everything a writer does, each step whatever the previous ones gave.
   void write_everything() {
     Vref dir, file, chained;
-    if (call("lookup d", [&] { return lookup(root_.vp, "d", LOOKUP, &dir); }) == 0) {
+    if (call("lookup d", [&] { return lookup(root_vp_, "d", LOOKUP, &dir); }) == 0) {
       if (call("create", [&] { return create(dir.vp, "new", &file); }) == 0) {
-        call("write", [&] { return vn_write_at(file.vp, 0, pattern(2000, 5)); });
+        call("write", [&] { return vn_write_at(file.vp, 0, pattern_bytes(0, 2000, 5)); });
         call("fsync", [&] { return VNOP_FSYNC(file.vp, MNT_WAIT, ctx_); });
         call("close", [&] { return VNOP_CLOSE(file.vp, FWRITE, ctx_); });
         file.reset();
       }
       call("remove", [&] { return remove(dir.vp, "a"); });
     }
-    if (call("lookup chain", [&] { return lookup(root_.vp, "chain", LOOKUP, &chained); }) == 0) {
-      call("write", [&] { return vn_write_at(chained.vp, 600, pattern(3000, 6)); });
+    if (call("lookup chain", [&] { return lookup(root_vp_, "chain", LOOKUP, &chained); }) == 0) {
+      call("write", [&] { return vn_write_at(chained.vp, 600, pattern_bytes(0, 3000, 6)); });
       call("F_FULLFSYNC", [&] { return VNOP_IOCTL(chained.vp, F_FULLFSYNC, nullptr, 0, ctx_); });
       call("truncate", [&] { return vn_set_size(chained.vp, 100); });
     }
     Vref made;
-    call("mkdir", [&] { return mkdir(root_.vp, "nd", &made); });
+    call("mkdir", [&] { return mkdir(root_vp_, "nd", &made); });
     made.reset();
-    call("rename", [&] { return rename(root_.vp, "contig", root_.vp, "moved"); });
+    call("rename", [&] { return rename(root_vp_, "contig", root_vp_, "moved"); });
     call("sync", [&] { return host_sync(mp, MNT_WAIT); });
   }
 
   // Unmounts: unforced if the driver can, forced otherwise; then nothing of
   // the driver may be left and the device must mount again without faults.
   void unmount_and_remount() {
-    root_.reset();
+    release_nodes();
     int error = unmount();
     EXPECT_GE(error, 0);
     if (error != 0) {
@@ -192,7 +185,7 @@ TEST_F(IoFaults, ReadErrorsAnywhereAreReturnedNeverFatal) {
       KernLogCapture quiet;
       if (mount_faulty(faults, flags) != 0)
         continue;
-      read_everything(root_.vp);
+      read_everything(root_vp_);
       if (flags == 0)
         write_everything();
       unmount_and_remount();
@@ -209,7 +202,7 @@ TEST_F(IoFaults, WriteErrorsAnywhereAreReturnedNeverFatal) {
     KernLogCapture quiet;
     ASSERT_EQ(0, mount_faulty(faults, 0)) << "only reads decide whether a volume mounts";
     write_everything();
-    read_everything(root_.vp);
+    read_everything(root_vp_);
     unmount_and_remount();
   }
 }
@@ -222,7 +215,7 @@ TEST_F(IoFaults, UnreadableDirectoryIsNotEmpty) {
   KernLogCapture quiet;
   ASSERT_EQ(0, mount_faulty(faults, 0));
   Vref dir;
-  ASSERT_EQ(0, lookup(root_.vp, "d", LOOKUP, &dir));
+  ASSERT_EQ(0, lookup(root_vp_, "d", LOOKUP, &dir));
   std::vector<DirRecord> records;
   EXPECT_EQ(EIO, vn_list(dir.vp, &records));
   Vref found;
@@ -242,12 +235,12 @@ TEST_F(IoFaults, UnreadableDataBlockFailsTheReadOnly) {
   KernLogCapture quiet;
   ASSERT_EQ(0, mount_faulty(faults, MNT_RDONLY));
   Vref chained, contiguous;
-  ASSERT_EQ(0, lookup(root_.vp, "chain", LOOKUP, &chained));
-  ASSERT_EQ(0, lookup(root_.vp, "contig", LOOKUP, &contiguous));
+  ASSERT_EQ(0, lookup(root_vp_, "chain", LOOKUP, &chained));
+  ASSERT_EQ(0, lookup(root_vp_, "contig", LOOKUP, &contiguous));
   std::vector<uint8_t> data;
   EXPECT_EQ(EIO, vn_read_all(chained.vp, &data, 1u << 20, 4096));
   EXPECT_EQ(0, vn_read_all(contiguous.vp, &data));
-  EXPECT_EQ(pattern(2 * 512, 4), data);
+  EXPECT_EQ(pattern_bytes(0, 2 * 512, 4), data);
   chained.reset();
   contiguous.reset();
   unmount_and_remount();
@@ -261,7 +254,7 @@ TEST_F(IoFaults, UnreadableFatBlockFailsTheChainedRead) {
   KernLogCapture quiet;
   ASSERT_EQ(0, mount_faulty(faults, MNT_RDONLY));
   Vref chained;
-  ASSERT_EQ(0, lookup(root_.vp, "chain", LOOKUP, &chained));
+  ASSERT_EQ(0, lookup(root_vp_, "chain", LOOKUP, &chained));
   std::vector<uint8_t> data;
   EXPECT_EQ(EIO, vn_read_all(chained.vp, &data, 1u << 20, 4096));
   chained.reset();
@@ -276,9 +269,9 @@ TEST_F(IoFaults, UnwritableDataBlockIsReportedToWhoeverWaits) {
   KernLogCapture quiet;
   ASSERT_EQ(0, mount_faulty(faults, 0));
   Vref contiguous;
-  ASSERT_EQ(0, lookup(root_.vp, "contig", LOOKUP, &contiguous));
-  EXPECT_EQ(EIO, vn_write_at(contiguous.vp, 0, pattern(512, 7), IO_SYNC));
-  ASSERT_EQ(0, vn_write_at(contiguous.vp, 0, pattern(512, 8)));
+  ASSERT_EQ(0, lookup(root_vp_, "contig", LOOKUP, &contiguous));
+  EXPECT_EQ(EIO, vn_write_at(contiguous.vp, 0, pattern_bytes(0, 512, 7), IO_SYNC));
+  ASSERT_EQ(0, vn_write_at(contiguous.vp, 0, pattern_bytes(0, 512, 8)));
   EXPECT_EQ(EIO, VNOP_FSYNC(contiguous.vp, MNT_WAIT, ctx_));
   contiguous.reset();
   unmount_and_remount();

@@ -12,21 +12,12 @@
 #include "exfat_proto.h"
 #include "host/buf.h"
 #include "host/mount.h"
-#include "tests/support/fsck.h"
-#include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/volume_fixture.h"
+
+using namespace exvol::test;
 
 namespace {
 
-using exvol::test::Entry;
-using exvol::test::FileSpec;
-using exvol::test::FsckResult;
-using exvol::test::fsck_program;
-using exvol::test::Geometry;
-using exvol::test::ImageBuilder;
-using exvol::test::label_entry;
-using exvol::test::Placed;
-using exvol::test::run_fsck;
 
 constexpr uint32_t kCluster = 4096;  // default geometry
 constexpr uint32_t kSystemEntriesEnd = 64;  // after the bitmap and up-case entries
@@ -44,19 +35,8 @@ std::string uuid_string(const uint8_t* u) {
   return s;
 }
 
-class LabelTest : public exvol::test::MountTest {
+class LabelTest : public VolumeTest {
  protected:
-  explicit LabelTest(Geometry g = {}) : builder_(g) {
-    builder_.add_bitmap_entry().add_upcase_entry();
-  }
-
-  void mount_built() {
-    std::vector<uint8_t> image = builder_.build();
-    image_bytes_ = image.size();
-    ASSERT_EQ(0, load(image));
-    ASSERT_EQ(0, mount());
-  }
-
   // Renames the volume; *supported tells whether the name was marked set.
   int set_label(const char* name, bool* supported = nullptr) {
     struct vfs_attr va;
@@ -97,23 +77,13 @@ class LabelTest : public exvol::test::MountTest {
     return n;
   }
 
-  void unmount_and_check() {
-    ASSERT_EQ(0, unmount());
-    if (fsck_program().empty())
-      return;  // the checker is an optional oracle
-    FsckResult r = run_fsck(read_device(0, image_bytes_));
-    EXPECT_EQ(0, r.status) << r.output;
-  }
-
-  ImageBuilder builder_;
-  size_t image_bytes_ = 0;
 };
 
 // A volume without a label entry gets one in the first free slot; the
 // next rename rewrites that slot, clearing what the longer name left.
 // Another mount finds the name.
 TEST_F(LabelTest, FirstRenameTakesASlotLaterOnesRewriteIt) {
-  Placed f = builder_.add_file(builder_.root(), u"a", exvol::test::bytes("x"));
+  Placed f = builder_.add_file(builder_.root(), u"a", bytes("x"));
   uint32_t slot = f.offset + 32 * f.entries;
   mount_built();
   ASSERT_EQ(EXFAT_NO_LABEL_OFFSET, xm->xm_label_offset);
@@ -138,19 +108,34 @@ TEST_F(LabelTest, FirstRenameTakesASlotLaterOnesRewriteIt) {
 }
 
 // A label entry found at mount is rewritten where it is; the entries
-// around it stay untouched.
+// around it stay untouched. A request that doesn't name the volume changes
+// nothing; an empty name is a label entry with no characters.
 TEST_F(LabelTest, ExistingLabelEntryIsRewrittenInPlace) {
   builder_.add_label(u"OLD");
-  Placed f = builder_.add_file(builder_.root(), u"after", exvol::test::bytes("x"));
+  Placed f = builder_.add_file(builder_.root(), u"after", bytes("x"));
   mount_built();
   ASSERT_EQ(kSystemEntriesEnd, xm->xm_label_offset);
   std::vector<uint8_t> file_set = root_bytes(f.offset, 96);
+
+  std::vector<uint8_t> root = root_bytes(0, kCluster);
+  struct vfs_attr va;
+  VFSATTR_INIT(&va);
+  char name[] = "IGNORED";
+  va.f_vol_name = name;
+  EXPECT_EQ(0, VFS_SETATTR(mp, &va, vfs_context_kernel()));
+  EXPECT_EQ(0u, va.f_supported);
+  EXPECT_EQ("OLD", reported_label());
+  EXPECT_EQ(root, root_bytes(0, kCluster));
 
   ASSERT_EQ(0, set_label("NEW"));
   EXPECT_EQ(kSystemEntriesEnd, xm->xm_label_offset);
   EXPECT_EQ(entry_bytes(label_entry(u"NEW")), root_bytes(kSystemEntriesEnd, 32));
   EXPECT_EQ(file_set, root_bytes(f.offset, 96));
   EXPECT_EQ(1, label_entries());
+
+  ASSERT_EQ(0, set_label(""));
+  EXPECT_EQ(entry_bytes(label_entry(u"")), root_bytes(kSystemEntriesEnd, 32));
+  EXPECT_EQ("", reported_label());
   unmount_and_check();
 }
 
@@ -187,9 +172,18 @@ TEST_F(LabelTest, FullRootGrowsForTheLabel) {
 }
 
 // Eleven UTF-16 units fit, whatever their UTF-8 length; twelve fail with
-// nothing written and the old name kept.
+// nothing written and the old name kept. On a volume without a label, a
+// name that fails before anything is written takes no slot.
 TEST_F(LabelTest, ElevenUnitsFitTwelveDoNot) {
   mount_built();
+  std::vector<uint8_t> root = root_bytes(0, kCluster);
+  EXPECT_EQ(ENAMETOOLONG, set_label("TWELVE CHARS"));
+  EXPECT_EQ(EINVAL, set_label("BAD\xFF"));
+  EXPECT_EQ(EINVAL, set_label("\xC3"));  // cut in the middle of a character
+  EXPECT_EQ(EXFAT_NO_LABEL_OFFSET, xm->xm_label_offset);
+  EXPECT_EQ(root, root_bytes(0, kCluster));
+  EXPECT_EQ("", reported_label());
+
   const char* eleven = "\xC3\x80\xC3\x81\xC3\x82\xC3\x83\xC3\x84\xC3\x85"  // ÀÁÂÃÄÅ
                        "\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E\xE2\x82\xAC"    // 日本語€
                        "Z";
@@ -221,19 +215,6 @@ TEST_F(LabelTest, ElevenUnitsFitTwelveDoNot) {
   unmount_and_check();
 }
 
-// A name that fails before anything is written leaves a volume without a
-// label as it was: no slot taken, nothing on disk.
-TEST_F(LabelTest, RefusedNamesWriteNothing) {
-  mount_built();
-  std::vector<uint8_t> root = root_bytes(0, kCluster);
-  EXPECT_EQ(ENAMETOOLONG, set_label("TWELVE CHARS"));
-  EXPECT_EQ(EINVAL, set_label("BAD\xFF"));
-  EXPECT_EQ(EINVAL, set_label("\xC3"));  // cut in the middle of a character
-  EXPECT_EQ(EXFAT_NO_LABEL_OFFSET, xm->xm_label_offset);
-  EXPECT_EQ(root, root_bytes(0, kCluster));
-  EXPECT_EQ("", reported_label());
-}
-
 // "e" + combining acute is stored as the one unit U+00E9 and reported back
 // decomposed, the form the kernel uses for names; a later mount reads it
 // the same way.
@@ -250,16 +231,6 @@ TEST_F(LabelTest, DecomposedNameIsStoredPrecomposed) {
   EXPECT_STREQ("e\xCC\x81te\xCC\x81", xm->xm_label);
 }
 
-// An empty name is a label entry with no characters.
-TEST_F(LabelTest, EmptyNameWritesAnEmptyEntry) {
-  builder_.add_label(u"NAME");
-  mount_built();
-  ASSERT_EQ(0, set_label(""));
-  EXPECT_EQ(entry_bytes(label_entry(u"")), root_bytes(kSystemEntriesEnd, 32));
-  EXPECT_EQ("", reported_label());
-  unmount_and_check();
-}
-
 // A name whose decomposed UTF-8 form needs more than xm_label holds: the
 // entry on disk has the new name, the name in memory stays the old one.
 TEST_F(LabelTest, NameTooLongToReportKeepsTheOldOne) {
@@ -273,21 +244,6 @@ TEST_F(LabelTest, NameTooLongToReportKeepsTheOldOne) {
   EXPECT_EQ(11, entry[1]);
   EXPECT_EQ(0xAC00, le16dec(&entry[2]));
   EXPECT_EQ("OLD", reported_label());
-}
-
-// A request that doesn't name the volume changes nothing.
-TEST_F(LabelTest, RequestWithoutANameDoesNothing) {
-  builder_.add_label(u"KEEP");
-  mount_built();
-  std::vector<uint8_t> root = root_bytes(0, kCluster);
-  struct vfs_attr va;
-  VFSATTR_INIT(&va);
-  char name[] = "IGNORED";
-  va.f_vol_name = name;
-  EXPECT_EQ(0, VFS_SETATTR(mp, &va, vfs_context_kernel()));
-  EXPECT_EQ(0u, va.f_supported);
-  EXPECT_EQ("KEEP", reported_label());
-  EXPECT_EQ(root, root_bytes(0, kCluster));
 }
 
 // The UUID reported is the Volume GUID entry's when there is a valid one,

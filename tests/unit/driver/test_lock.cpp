@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <array>
 #include <cstring>
@@ -15,14 +14,11 @@
 #include "host/kern.h"
 #include "host/locks.h"
 #include "host/mount.h"
-#include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/volume_fixture.h"
+
+using namespace exvol::test;
 
 namespace {
-
-using exvol::test::bytes;
-using exvol::test::ImageBuilder;
-using exvol::test::Placed;
 
 // Nodes that exist only for their locks and links, at ascending addresses
 // (n[0] < n[1] < ...), so that tests can choose which is lower.
@@ -46,44 +42,17 @@ thread_t owner_of(struct exfat_node* node) {
   return std::atomic_ref<thread_t>(node->x_lock_owner).load(std::memory_order_relaxed);
 }
 
-template <typename Pred>
-bool wait_for(Pred pred) {
-  for (int i = 0; i < 10000; i++) {
-    if (pred())
-      return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
-}
-
-class LockTest : public exvol::test::MountTest {
+class LockTest : public VolumeTest {
  protected:
-  void TearDown() override {
-    if (file_vp_ != NULLVP)
-      vnode_put(file_vp_);
-    if (root_vp_ != NULLVP)
-      vnode_put(root_vp_);
-    MountTest::TearDown();
-  }
-
   // Mounts a volume with one file and fetches the root and the file.
   void mount_with_file() {
-    ImageBuilder b;
-    b.add_bitmap_entry().add_upcase_entry();
-    Placed f = b.add_file(b.root(), u"f", bytes("data"));
-    ASSERT_EQ(0, load(b.build()));
-    ASSERT_EQ(0, mount());
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, vfs_context_kernel()));
-    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
-    exfat_node_lock(root_);
-    ASSERT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, f.offset, VNON, 0, &file_,
-                                vfs_context_kernel()));
-    file_vp_ = file_->x_vnode;
+    uint32_t offset = builder_.add_file(builder_.root(), u"f", bytes("data")).offset;
+    mount_built();
+    file_vp_ = get(offset);
+    file_ = node_of(file_vp_);
   }
 
-  vnode_t root_vp_ = NULLVP;
   vnode_t file_vp_ = NULLVP;
-  struct exfat_node* root_ = nullptr;
   struct exfat_node* file_ = nullptr;
 };
 
@@ -153,8 +122,8 @@ TEST_F(LockTest, NodeLockIsRecursivePerThread) {
 }
 
 // Nodes without an entry set of their own need no parent: no lock, no
-// reference.
-TEST_F(LockTest, LockParentOfRootDeletedAndSystemNodes) {
+// reference. A file's parent is locked and referenced for the caller.
+TEST_F(LockTest, LockParentOfEachKindOfNode) {
   mount_with_file();
   int root_refs = host_vnode_iocount(root_vp_);
   struct exfat_node* parent = reinterpret_cast<struct exfat_node*>(1);
@@ -175,13 +144,7 @@ TEST_F(LockTest, LockParentOfRootDeletedAndSystemNodes) {
   }
   EXPECT_EQ(root_refs, host_vnode_iocount(root_vp_));
   EXPECT_EQ(nullptr, owner_of(root_));
-}
 
-// A file's parent is locked and referenced for the caller.
-TEST_F(LockTest, LockParentLocksAndReferencesTheParent) {
-  mount_with_file();
-  int root_refs = host_vnode_iocount(root_vp_);
-  struct exfat_node* parent = nullptr;
   exfat_node_lock(file_);
   ASSERT_EQ(0, exfat_lock_parent(file_, &parent));
   EXPECT_EQ(root_, parent);

@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,90 +16,36 @@
 #include "host/mount.h"
 #include "host/namecache.h"
 #include "host/vfs.h"
-#include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/support/vnode_io.h"
+#include "tests/unit/driver/volume_fixture.h"
 
 namespace {
 
-using exvol::test::bytes;
-using exvol::test::Dir;
-using exvol::test::FileSpec;
-using exvol::test::ImageBuilder;
-using exvol::test::Placed;
-using exvol::test::raw_entry;
+using namespace exvol::test;
 
 constexpr uint32_t kLastLookup = ISLASTCN | MAKEENTRY;
 
-// Waits (briefly sleeping) until pred holds; false after about 10 seconds.
-template <typename Pred>
-bool wait_for(Pred pred) {
-  for (int i = 0; i < 10000; i++) {
-    if (pred())
-      return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
-}
-
-// An I/O reference returned by a lookup, released at scope exit.
-struct VnodeRef {
-  vnode_t vp = NULLVP;
-  VnodeRef() = default;
-  VnodeRef(const VnodeRef&) = delete;
-  VnodeRef& operator=(const VnodeRef&) = delete;
-  ~VnodeRef() { reset(); }
-  void reset() {
-    if (vp != NULLVP)
-      vnode_put(vp);
-    vp = NULLVP;
-  }
-  struct exfat_node* node() const { return static_cast<struct exfat_node*>(vnode_fsnode(vp)); }
-};
-
-class LookupTest : public exvol::test::MountTest {
+class LookupTest : public VolumeTest {
  protected:
-  LookupTest() { builder_.add_bitmap_entry().add_upcase_entry(); }
-
-  void TearDown() override {
-    root_.reset();
-    MountTest::TearDown();
-  }
-
-  void mount_built() {
-    ASSERT_EQ(0, load(builder_.build()));
-    ASSERT_EQ(0, mount());
-    ctx_ = vfs_context_kernel();
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_.vp, ctx_));
-  }
-
   // VNOP_LOOKUP of one UTF-8 component, as path resolution calls it. The
   // directory's node lock must be free again afterwards, whatever the
   // outcome.
-  int lookup(vnode_t dvp, const std::string& name, uint32_t nameiop, uint32_t flags,
-             VnodeRef* out) {
-    std::string copy = name;
-    struct componentname cn = {};
-    cn.cn_nameiop = nameiop;
-    cn.cn_flags = flags;
-    cn.cn_nameptr = copy.data();
-    cn.cn_namelen = static_cast<int>(copy.size());
-    cn.cn_pnbuf = copy.data();
-    cn.cn_pnlen = static_cast<int>(copy.size());
+  int lookup(vnode_t dvp, const std::string& name, uint32_t nameiop, uint32_t flags, Vref* out) {
+    Component c(name, nameiop, flags);
     vnode_t vp = NULLVP;
-    int error = VNOP_LOOKUP(dvp, &vp, &cn, ctx_);
+    int error = VNOP_LOOKUP(dvp, &vp, &c.cn, ctx_);
     if (error == 0) {
       out->vp = vp;
     } else {
       EXPECT_EQ(NULLVP, vp) << "a failed lookup must not return a vnode";
     }
-    auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
-    EXPECT_EQ(0u, dir->x_lock_count) << "lookup of " << name << " left the directory locked";
+    EXPECT_EQ(0u, node_of(dvp)->x_lock_count) << "lookup of " << name << " left the directory locked";
     return error;
   }
 
-  int lookup(const std::string& name, VnodeRef* out, uint32_t nameiop = LOOKUP,
+  int lookup(const std::string& name, Vref* out, uint32_t nameiop = LOOKUP,
              uint32_t flags = kLastLookup) {
-    return lookup(root_.vp, name, nameiop, flags, out);
+    return lookup(root_vp_, name, nameiop, flags, out);
   }
 
   // Drops the device's cached blocks and zeroes its counters, so that the
@@ -110,48 +55,47 @@ class LookupTest : public exvol::test::MountTest {
     host_blkdev_reset_stats(devvp);
   }
 
-  uint64_t device_reads() {
-    host_devstats s = {};
-    host_blkdev_stats(devvp, &s);
-    return s.reads;
-  }
-
-  ImageBuilder builder_;
-  vfs_context_t ctx_ = nullptr;
-  VnodeRef root_;
+  uint64_t device_reads() { return stats().reads; }
 };
 
 // A name given in other case finds the set; the stored name keeps its own
 // case on disk; the first of two sets that differ only in case wins; the
-// search reports the set's offset and entry count.
+// search reports the set's offset and entry count, and the search on a
+// UTF-16 name without out-pointers only answers whether it is there.
 TEST_F(LookupTest, CaseInsensitiveMatchKeepsTheStoredCase) {
   Placed readme = builder_.add_file(builder_.root(), u"ReadMe.txt", bytes("hello"));
   Placed first = builder_.add_file(builder_.root(), u"twins", bytes("1"));
   builder_.add_file(builder_.root(), u"TWINS", bytes("2"));
   mount_built();
 
-  VnodeRef upper, lower;
+  Vref upper, lower;
   ASSERT_EQ(0, lookup("README.TXT", &upper));
   EXPECT_EQ(readme.offset, upper.node()->x_dir_offset);
   EXPECT_EQ(5u, upper.node()->x_size);
   ASSERT_EQ(0, lookup("readme.txt", &lower));
   EXPECT_EQ(upper.vp, lower.vp);
 
-  VnodeRef twin;
+  Vref twin;
   ASSERT_EQ(0, lookup("TwInS", &twin));
   EXPECT_EQ(first.offset, twin.node()->x_dir_offset);
 
-  auto* root = root_.node();
-  std::string name = "README.TXT";
-  struct componentname cn = {};
-  cn.cn_nameptr = name.data();
-  cn.cn_namelen = static_cast<int>(name.size());
+  auto* root = root_;
+  Component c("README.TXT", LOOKUP);
   uint32_t offset = 0, count = 0;
   exfat_node_lock(root);
-  EXPECT_EQ(0, exfat_lookup_componentname(root, &cn, &offset, &count, ctx_));
+  EXPECT_EQ(0, exfat_lookup_componentname(root, &c.cn, &offset, &count, ctx_));
   exfat_node_unlock(root);
   EXPECT_EQ(readme.offset, offset);
   EXPECT_EQ(3u, count);  // File, Stream Extension, one name entry
+
+  const std::u16string sought = u"TWINS";
+  const uint16_t* units = reinterpret_cast<const uint16_t*>(sought.data());
+  exfat_node_lock(root);
+  EXPECT_EQ(0, exfat_lookup_name(root, units, 5, exfat_name_hash(xm->xm_upcase, 5, units),
+                                 xm->xm_upcase, nullptr, nullptr, ctx_));
+  EXPECT_EQ(ENOENT, exfat_lookup_name(root, units, 4, exfat_name_hash(xm->xm_upcase, 4, units),
+                                      xm->xm_upcase, &offset, &count, ctx_));
+  exfat_node_unlock(root);
 
   buf_flushdirtyblks(devvp, 1, 0, "test");
   std::vector<uint8_t> stored = read_device(
@@ -168,13 +112,13 @@ TEST_F(LookupTest, ComponentsArePrecomposedAndSfmMapped) {
   Placed colon = builder_.add_file(builder_.root(), u"a\uf022b", bytes("y"));
   mount_built();
 
-  VnodeRef decomposed, sfm;
+  Vref decomposed, sfm;
   ASSERT_EQ(0, lookup("cafe\xcc\x81", &decomposed));  // e + COMBINING ACUTE
   EXPECT_EQ(accent.offset, decomposed.node()->x_dir_offset);
   ASSERT_EQ(0, lookup("A:B", &sfm));
   EXPECT_EQ(colon.offset, sfm.node()->x_dir_offset);
 
-  VnodeRef none;
+  Vref none;
   EXPECT_EQ(EINVAL, lookup("bad\xff", &none));
 }
 
@@ -186,15 +130,15 @@ TEST_F(LookupTest, DotAndDotDot) {
   builder_.mkdir(sub, u"inner");
   mount_built();
 
-  int before = host_vnode_iocount(root_.vp);
-  VnodeRef dot, dotdot;
+  int before = host_vnode_iocount(root_vp_);
+  Vref dot, dotdot;
   ASSERT_EQ(0, lookup(".", &dot));
-  EXPECT_EQ(root_.vp, dot.vp);
+  EXPECT_EQ(root_vp_, dot.vp);
   ASSERT_EQ(0, lookup("..", &dotdot, LOOKUP, kLastLookup | ISDOTDOT));
-  EXPECT_EQ(root_.vp, dotdot.vp);
-  EXPECT_EQ(before + 2, host_vnode_iocount(root_.vp));
+  EXPECT_EQ(root_vp_, dotdot.vp);
+  EXPECT_EQ(before + 2, host_vnode_iocount(root_vp_));
 
-  VnodeRef subv, inner, sub_dot, inner_up, sub_up;
+  Vref subv, inner, sub_dot, inner_up, sub_up;
   ASSERT_EQ(0, lookup("sub", &subv));
   ASSERT_EQ(VDIR, vnode_vtype(subv.vp));
   ASSERT_EQ(0, lookup(subv.vp, "inner", LOOKUP, kLastLookup, &inner));
@@ -203,7 +147,7 @@ TEST_F(LookupTest, DotAndDotDot) {
   ASSERT_EQ(0, lookup(inner.vp, "..", LOOKUP, kLastLookup | ISDOTDOT, &inner_up));
   EXPECT_EQ(subv.vp, inner_up.vp);
   ASSERT_EQ(0, lookup(subv.vp, "..", LOOKUP, kLastLookup | ISDOTDOT, &sub_up));
-  EXPECT_EQ(root_.vp, sub_up.vp);
+  EXPECT_EQ(root_vp_, sub_up.vp);
 }
 
 // A missing last component that a create or rename is about to use is
@@ -211,11 +155,12 @@ TEST_F(LookupTest, DotAndDotDot) {
 // MAKEENTRY leave one, so that the next lookup is answered by the name
 // cache without reading the directory; a missing component that is not
 // the last, even for CREATE, is ENOENT without a negative entry, and so is
-// any miss without MAKEENTRY.
-TEST_F(LookupTest, MissesAndNegativeEntries) {
+// any miss without MAKEENTRY. A found name is entered too: its second
+// lookup returns the same vnode without reading the directory.
+TEST_F(LookupTest, NameCacheEntriesOfHitsAndMisses) {
   builder_.add_file(builder_.root(), u"present", bytes("p"));
   mount_built();
-  VnodeRef none;
+  Vref none;
 
   size_t entries = host_namecache_count();
   EXPECT_EQ(EJUSTRETURN, lookup("new", &none, CREATE));
@@ -227,31 +172,20 @@ TEST_F(LookupTest, MissesAndNegativeEntries) {
   EXPECT_EQ(ENOENT, lookup("ghost", &none, LOOKUP));
   EXPECT_EQ(ENOENT, lookup("victim", &none, DELETE));
   EXPECT_EQ(entries + 2, host_namecache_count());
+  Vref first, second;
+  ASSERT_EQ(0, lookup("present", &first));
 
   forget_device_blocks();
+  ASSERT_EQ(0, lookup("present", &second));
+  EXPECT_EQ(first.vp, second.vp);
   EXPECT_EQ(ENOENT, lookup("ghost", &none, LOOKUP));
   EXPECT_EQ(ENOENT, lookup("victim", &none, DELETE));
-  EXPECT_EQ(0u, device_reads()) << "negative entries must answer without reading the directory";
+  EXPECT_EQ(0u, device_reads()) << "cache entries must answer without reading the directory";
   EXPECT_EQ(ENOENT, lookup("other", &none, LOOKUP));
   EXPECT_LT(0u, device_reads()) << "a miss not in the cache reads the directory";
 
   // A name cached negatively for LOOKUP is still free to create.
   EXPECT_EQ(EJUSTRETURN, lookup("ghost", &none, CREATE));
-}
-
-// A found name is entered in the name cache: the second lookup returns the
-// same vnode without reading the directory.
-TEST_F(LookupTest, FoundNamesAreAnsweredByTheNameCache) {
-  builder_.add_file(builder_.root(), u"cached", bytes("c"));
-  mount_built();
-
-  VnodeRef first;
-  ASSERT_EQ(0, lookup("cached", &first));
-  forget_device_blocks();
-  VnodeRef second;
-  ASSERT_EQ(0, lookup("cached", &second));
-  EXPECT_EQ(first.vp, second.vp);
-  EXPECT_EQ(0u, device_reads());
 }
 
 // 255 units is the longest name: found case-insensitively. 256 units fail
@@ -260,12 +194,12 @@ TEST_F(LookupTest, NameLengthLimit) {
   Placed longest = builder_.add_file(builder_.root(), std::u16string(255, u'n'), bytes("l"));
   mount_built();
 
-  VnodeRef found;
+  Vref found;
   ASSERT_EQ(0, lookup(std::string(255, 'N'), &found));
   EXPECT_EQ(longest.offset, found.node()->x_dir_offset);
 
   forget_device_blocks();
-  VnodeRef none;
+  Vref none;
   size_t entries = host_namecache_count();
   EXPECT_EQ(ENAMETOOLONG, lookup(std::string(256, 'n'), &none));
   EXPECT_EQ(0u, device_reads());
@@ -277,13 +211,12 @@ TEST_F(LookupTest, NameLengthLimit) {
 TEST_F(LookupTest, EqualHashAndLengthDoNotMakeAMatch) {
   const std::u16string stored = u"A0";
   const std::u16string other = u"A\u012e";  // LATIN CAPITAL LETTER I WITH OGONEK
-  ASSERT_EQ(exvol::test::name_hash(stored, builder_.upcase()),
-            exvol::test::name_hash(other, builder_.upcase()))
+  ASSERT_EQ(name_hash(stored, builder_.upcase()), name_hash(other, builder_.upcase()))
       << "the test needs two names with one hash";
   Placed a0 = builder_.add_file(builder_.root(), stored, bytes("0"));
   mount_built();
 
-  VnodeRef none, found;
+  Vref none, found;
   EXPECT_EQ(ENOENT, lookup("A\xc4\xae", &none));
   ASSERT_EQ(0, lookup("a0", &found));
   EXPECT_EQ(a0.offset, found.node()->x_dir_offset);
@@ -296,14 +229,14 @@ TEST_F(LookupTest, RemovedDirectoryFindsNothing) {
   builder_.add_file(gone, u"left", bytes("x"));
   mount_built();
 
-  VnodeRef dir;
+  Vref dir;
   ASSERT_EQ(0, lookup("gone", &dir));
   struct exfat_node* node = dir.node();
   exfat_node_lock(node);
   node->x_flags |= X_DELETED;
   exfat_node_unlock(node);
 
-  VnodeRef none;
+  Vref none;
   EXPECT_EQ(ENOENT, lookup(dir.vp, "left", LOOKUP, kLastLookup, &none));
   EXPECT_EQ(ENOENT, lookup(dir.vp, ".", LOOKUP, kLastLookup, &none));
   EXPECT_EQ(ENOENT, lookup(dir.vp, "..", LOOKUP, kLastLookup | ISDOTDOT, &none));
@@ -322,31 +255,10 @@ TEST_F(LookupTest, CorruptDirectoryIsEIO) {
   mount_built();
 
   size_t entries = host_namecache_count();
-  VnodeRef none;
+  Vref none;
   EXPECT_EQ(EIO, lookup("after", &none));
   EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
   EXPECT_EQ(entries, host_namecache_count());
-}
-
-// exfat_lookup_name searches for a name already in UTF-16 form; without
-// out-pointers it only answers whether the name is there.
-TEST_F(LookupTest, LookupNameWithoutOuts) {
-  Placed f = builder_.add_file(builder_.root(), u"Mixed", bytes("m"));
-  mount_built();
-
-  auto* root = root_.node();
-  const std::u16string sought = u"MIXED";
-  const uint16_t* units = reinterpret_cast<const uint16_t*>(sought.data());
-  uint16_t hash = exfat_name_hash(xm->xm_upcase, 5, units);
-  uint32_t offset = 0xFFFF, count = 0;
-  exfat_node_lock(root);
-  EXPECT_EQ(0, exfat_lookup_name(root, units, 5, hash, xm->xm_upcase, nullptr, nullptr, ctx_));
-  EXPECT_EQ(0, exfat_lookup_name(root, units, 5, hash, xm->xm_upcase, &offset, &count, ctx_));
-  EXPECT_EQ(ENOENT, exfat_lookup_name(root, units, 4, exfat_name_hash(xm->xm_upcase, 4, units),
-                                      xm->xm_upcase, &offset, &count, ctx_));
-  exfat_node_unlock(root);
-  EXPECT_EQ(f.offset, offset);
-  EXPECT_EQ(3u, count);
 }
 
 // --- Threads ---------------------------------------------------------------------------
@@ -365,7 +277,7 @@ TEST_F(LookupConcurrency, LookupRestartsWhenTheVnodeIsBeingReclaimed) {
   Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
   mount_built();
 
-  VnodeRef first;
+  Vref first;
   ASSERT_EQ(0, lookup("a", &first, LOOKUP, ISLASTCN));  // no name-cache entry
   vnode_t vp = first.vp;
   struct exfat_node* node = first.node();
@@ -380,17 +292,12 @@ TEST_F(LookupConcurrency, LookupRestartsWhenTheVnodeIsBeingReclaimed) {
   int error = -1;
   vnode_t found = NULLVP;
   std::thread looker([&] {
-    std::string name = "a";
-    struct componentname cn = {};
-    cn.cn_nameiop = LOOKUP;
-    cn.cn_flags = ISLASTCN;
-    cn.cn_nameptr = name.data();
-    cn.cn_namelen = 1;
-    error = VNOP_LOOKUP(root_.vp, &found, &cn, ctx_);
+    Component c("a", LOOKUP, ISLASTCN);
+    error = VNOP_LOOKUP(root_vp_, &found, &c.cn, ctx_);
   });
   // The lookup reads the directory under the directory's lock and drops
   // that lock only to wait for the vnode.
-  struct exfat_node* root = root_.node();
+  struct exfat_node* root = root_;
   EXPECT_TRUE(wait_for([&] { return device_reads() > 0; }));
   EXPECT_TRUE(wait_for([&] {
     if (!exfat_node_try_lock(root))
@@ -404,8 +311,8 @@ TEST_F(LookupConcurrency, LookupRestartsWhenTheVnodeIsBeingReclaimed) {
 
   ASSERT_EQ(0, error);
   ASSERT_NE(NULLVP, found);
-  EXPECT_EQ(f.offset, static_cast<struct exfat_node*>(vnode_fsnode(found))->x_dir_offset);
-  EXPECT_EQ(4u, static_cast<struct exfat_node*>(vnode_fsnode(found))->x_size);
+  EXPECT_EQ(f.offset, node_of(found)->x_dir_offset);
+  EXPECT_EQ(4u, node_of(found)->x_size);
   vnode_put(found);
 }
 

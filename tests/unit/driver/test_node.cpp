@@ -21,107 +21,35 @@
 #include "host/malloc.h"
 #include "host/mount.h"
 #include "host/time.h"
-#include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/volume_fixture.h"
+
+using namespace exvol::test;
 
 namespace {
-
-using exvol::test::Alloc;
-using exvol::test::bytes;
-using exvol::test::FileSpec;
-using exvol::test::Geometry;
-using exvol::test::ImageBuilder;
-using exvol::test::Placed;
 
 constexpr uint32_t kCluster = 4096;  // default geometry: 512-byte sectors, 8 per cluster
 constexpr int64_t k2024 = 1704067200;  // 2024-01-01 00:00:00 UTC, the builder's default stamp
 
-// The contents of a symbolic-link file for `target`.
-std::vector<uint8_t> link_contents(const std::string& target, bool upper_digest = false) {
-  char digest[33];
-  exfat_md5_digest(target.data(), target.size(), digest);
-  if (upper_digest) {
-    for (char& c : digest)
-      c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-  }
-  char length[6];
-  snprintf(length, sizeof(length), "%04d\n", static_cast<int>(target.size()));
-  std::string s = std::string("XSym\n") + length + digest + "\n" + target;
-  if (target.size() < 1024)
-    s += "\n";
-  s.append(1067 - s.size(), ' ');
-  return bytes(s);
-}
-
-// Waits (briefly sleeping) until pred holds; false after about 10 seconds.
-template <typename Pred>
-bool wait_for(Pred pred) {
-  for (int i = 0; i < 10000; i++) {
-    if (pred())
-      return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
-}
-
-class NodeTest : public exvol::test::MountTest {
+class NodeTest : public VolumeTest {
  protected:
-  explicit NodeTest(Geometry g = {}) : builder_(g) {
-    builder_.add_bitmap_entry().add_upcase_entry();
-  }
+  explicit NodeTest(Geometry g = {}) : VolumeTest(g) {}
 
   void TearDown() override {
-    if (root_vp_ != NULLVP)
-      vnode_put(root_vp_);
-    root_vp_ = NULLVP;
     host_set_nanotime(nullptr);
-    MountTest::TearDown();
+    VolumeTest::TearDown();
   }
 
-  void mount_built() {
-    ASSERT_EQ(0, load(builder_.build()));
-    ASSERT_EQ(0, mount());
-    ctx_ = vfs_context_kernel();
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
-    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
-  }
-
-  // exfat_node_get for an entry set of the root, as lookup calls it.
   int get(uint32_t offset, struct exfat_node** node, enum vtype type = VNON) {
-    exfat_node_lock(root_);
-    return exfat_node_get(xm, root_vp_, nullptr, offset, type, 0, node, ctx_);
+    return node_get(offset, node, type);
   }
-
-  // The entry set bytes of the root at `offset` as they are on the device,
-  // after the delayed directory writes were flushed. Entry by entry: the
-  // root's clusters need not be adjacent.
   std::vector<uint8_t> disk_set(uint32_t offset, uint32_t entries) {
-    buf_flushdirtyblks(xm->xm_devvp, 1, 0, "test");
-    std::vector<uint8_t> set;
-    for (uint32_t i = 0; i < entries; i++) {
-      std::vector<uint8_t> entry =
-          read_device(builder_.dir_byte_offset(builder_.root(), offset + 32 * i), 32);
-      set.insert(set.end(), entry.begin(), entry.end());
-    }
-    return set;
-  }
-
-  void update(struct exfat_node* node, int expected = 0) {
-    exfat_lock_two(node, root_);
-    EXPECT_EQ(expected, exfat_node_update(node, root_, ctx_));
-    exfat_node_unlock(root_);
-    exfat_node_unlock(node);
+    return root_set(offset, entries);
   }
 
   static void set_clock(int64_t seconds, long nanoseconds = 0) {
     struct timespec ts = {static_cast<time_t>(seconds), nanoseconds};
     host_set_nanotime(&ts);
   }
-
-  ImageBuilder builder_;
-  vfs_context_t ctx_ = nullptr;
-  vnode_t root_vp_ = NULLVP;
-  struct exfat_node* root_ = nullptr;
 };
 
 class RootNodeTest : public NodeTest {
@@ -155,9 +83,12 @@ TEST_F(RootNodeTest, RootComesFromItsChain) {
 }
 
 // A file's node carries its entry set's fields; a second get of the same
-// key finds the same node through the hash.
+// key finds the same node through the hash. A NoFatChain file gets
+// X_CONTIGUOUS, an extent cache over the whole run and its last cluster.
 TEST_F(NodeTest, FileNodeFromItsEntrySet) {
   Placed f = builder_.add_file(builder_.root(), u"hello.txt", bytes("hello"));
+  Placed run = builder_.add_file(builder_.root(), u"run",
+                                 std::vector<uint8_t>(2 * kCluster + 100, 7), Alloc::Contiguous);
   mount_built();
 
   struct exfat_node* node = nullptr;
@@ -188,22 +119,13 @@ TEST_F(NodeTest, FileNodeFromItsEntrySet) {
   EXPECT_EQ(2, host_vnode_iocount(node->x_vnode));
   vnode_put(again->x_vnode);
   vnode_put(node->x_vnode);
-}
 
-// A NoFatChain file gets X_CONTIGUOUS, an extent cache over the whole run
-// and its last cluster.
-TEST_F(NodeTest, ContiguousFileGetsAFullExtentCache) {
-  Placed f = builder_.add_file(builder_.root(), u"run", std::vector<uint8_t>(2 * kCluster + 100, 7),
-                               Alloc::Contiguous);
-  mount_built();
-
-  struct exfat_node* node = nullptr;
-  ASSERT_EQ(0, get(f.offset, &node));
+  ASSERT_EQ(0, get(run.offset, &node));
   EXPECT_NE(0u, node->x_flags & X_CONTIGUOUS);
-  EXPECT_EQ(f.first_cluster, node->x_extent_cluster);
+  EXPECT_EQ(run.first_cluster, node->x_extent_cluster);
   EXPECT_EQ(0u, node->x_extent_index);
   EXPECT_EQ(3u, node->x_extent_length);
-  EXPECT_EQ(f.first_cluster + 2, node->x_last_cluster);
+  EXPECT_EQ(run.first_cluster + 2, node->x_last_cluster);
   vnode_put(node->x_vnode);
 }
 
@@ -249,10 +171,6 @@ TEST_F(NodeTest, SizeLimits) {
 // The vnode type: a directory is VDIR whatever was asked; a regular file
 // whose contents are a valid link is VLNK; damaged links stay VREG.
 TEST_F(NodeTest, VnodeTypesAndLinkRecognition) {
-  char empty_digest[33];
-  exfat_md5_digest("", 0, empty_digest);
-  EXPECT_STREQ("d41d8cd98f00b204e9800998ecf8427e", empty_digest);
-
   uint32_t dir_offset = builder_.root().next_offset;
   builder_.mkdir(builder_.root(), u"sub");
   Placed good = builder_.add_file(builder_.root(), u"link", link_contents("../some/target"));

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -19,20 +20,13 @@
 #include "host/mount.h"
 #include "host/ubc.h"
 #include "host/vfs.h"
-#include "tests/support/fsck.h"
-#include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/volume_fixture.h"
 
 using namespace exvol::test;
 
 namespace {
 
 constexpr uint32_t kCluster = 4096;
-constexpr uint8_t kJunk = 0xEE;
-
-uint8_t pattern(uint64_t offset) {
-  return static_cast<uint8_t>(offset % 251 + 1);
-}
 
 bool holds_pattern(const uint8_t* p, uint64_t offset, size_t length) {
   for (size_t i = 0; i < length; i++)
@@ -42,69 +36,13 @@ bool holds_pattern(const uint8_t* p, uint64_t offset, size_t length) {
 }
 
 bool all_zero(const uint8_t* p, size_t length) {
-  for (size_t i = 0; i < length; i++)
-    if (p[i] != 0)
-      return false;
-  return true;
+  return std::all_of(p, p + length, [](uint8_t b) { return b == 0; });
 }
 
-class PagingTest : public MountTest {
+class PagingTest : public VolumeTest {
  protected:
-  PagingTest() {
-    builder_.add_bitmap_entry().add_upcase_entry();
-  }
-
-  void TearDown() override {
-    release_nodes();
-    MountTest::TearDown();
-  }
-
-  struct File {
-    uint32_t offset = 0;
-    uint32_t first_cluster = 0;
-  };
-
-  // A contiguous file of `size` bytes: the pattern up to `valid`, junk in
-  // the rest of its clusters.
   File file(const std::u16string& name, uint64_t size, uint64_t valid) {
-    File f;
-    uint32_t clusters = static_cast<uint32_t>((size + kCluster - 1) / kCluster);
-    f.first_cluster = builder_.allocate(clusters, Alloc::Contiguous);
-    std::vector<uint8_t> data(uint64_t(clusters) * kCluster, kJunk);
-    for (uint64_t i = 0; i < valid; i++)
-      data[i] = pattern(i);
-    builder_.write_data(f.first_cluster, Alloc::Contiguous, data);
-    FileSpec spec;
-    spec.name = name;
-    spec.first_cluster = f.first_cluster;
-    spec.data_length = size;
-    spec.valid_length = valid;
-    spec.no_fat_chain = true;
-    f.offset = builder_.add_set(builder_.root(), spec).offset;
-    return f;
-  }
-
-  void mount_built(uint64_t flags = 0) {
-    image_ = builder_.build();
-    ASSERT_EQ(0, load(image_));
-    ASSERT_EQ(0, mount(flags));
-    ctx_ = vfs_context_kernel();
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
-    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
-  }
-
-  vnode_t get(uint32_t offset) {
-    struct exfat_node* node = nullptr;
-    exfat_node_lock(root_);  // exfat_node_get drops this level
-    EXPECT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, offset, VNON, 0, &node, ctx_));
-    if (node == nullptr)
-      return NULLVP;
-    held_.push_back(node->x_vnode);
-    return node->x_vnode;
-  }
-
-  static struct exfat_node* node_of(vnode_t vp) {
-    return static_cast<struct exfat_node*>(vnode_fsnode(vp));
+    return junk_file(name, size, valid);
   }
 
   // A copy of the page at `offset` as mapped access sees it.
@@ -129,38 +67,6 @@ class PagingTest : public MountTest {
     ubc_page_dirty(vp, offset);
     ubc_page_unpin(vp, offset);
   }
-
-  void release_nodes() {
-    for (vnode_t vp : held_)
-      vnode_put(vp);
-    held_.clear();
-    if (root_vp_ != NULLVP)
-      vnode_put(root_vp_);
-    root_vp_ = NULLVP;
-  }
-
-  void unmount_and_check() {
-    release_nodes();
-    ASSERT_EQ(0, unmount());
-    if (fsck_program().empty())
-      return;  // the checker is an optional oracle
-    FsckResult r = run_fsck(read_device(0, image_.size()));
-    EXPECT_EQ(0, r.status) << r.output;
-  }
-
-  std::vector<uint8_t> disk_data(uint32_t first_cluster, uint64_t offset, size_t length) {
-    return read_device(builder_.cluster_byte_offset(first_cluster) + offset, length);
-  }
-  std::vector<uint8_t> disk_stream(uint32_t offset) {
-    return read_device(builder_.dir_byte_offset(builder_.root(), offset + 32), 32);
-  }
-
-  ImageBuilder builder_;
-  std::vector<uint8_t> image_;
-  vfs_context_t ctx_ = nullptr;
-  vnode_t root_vp_ = NULLVP;
-  struct exfat_node* root_ = nullptr;
-  std::vector<vnode_t> held_;
 };
 
 // Valid length 5,000, inside the second page: that page maps with zeros
@@ -261,9 +167,7 @@ TEST_F(PagingTest, PageoutWithNothingDirtyWritesNothing) {
   EXPECT_EQ(0, VNOP_PAGEOUT(vp, nullptr, 0, 0, 2 * kCluster, 0, ctx_));
   EXPECT_EQ(EINVAL, VNOP_PAGEOUT(vp, nullptr, 0, 2 * kCluster, PAGE_SIZE, 0, ctx_));
   EXPECT_EQ(EINVAL, VNOP_PAGEOUT(vp, nullptr, 0, 0, 100, 0, ctx_));
-  host_devstats stats{};
-  host_blkdev_stats(devvp, &stats);
-  EXPECT_EQ(0u, stats.writes);
+  EXPECT_EQ(0u, stats().writes);
   EXPECT_EQ(flags, node_of(vp)->x_flags);
   EXPECT_EQ(2u * kCluster, node_of(vp)->x_valid_size);
 }
@@ -288,20 +192,15 @@ TEST_F(PagingTest, UnmappingPushesDirtyPages) {
 
 // A page-in notes the access, except on a volume mounted without access
 // times.
-TEST_F(PagingTest, PageinNotesTheAccess) {
+TEST_F(PagingTest, PageinNotesTheAccessUnlessTheMountSaysNot) {
   File f = file(u"f", kCluster, kCluster);
   mount_built();
   vnode_t vp = get(f.offset);
   fault(vp, 0);
   EXPECT_NE(0u, node_of(vp)->x_flags & X_ACCESSED);
-}
 
-class PagingNoAtimeTest : public PagingTest {};
-
-TEST_F(PagingNoAtimeTest, PageinLeavesTheAccessTimeAlone) {
-  File f = file(u"f", kCluster, kCluster);
-  mount_built(MNT_NOATIME);
-  vnode_t vp = get(f.offset);
+  remount(MNT_NOATIME);
+  vp = get(f.offset);
   fault(vp, 0);
   EXPECT_EQ(0u, node_of(vp)->x_flags & X_ACCESSED);
 }

@@ -84,13 +84,6 @@ using namespace exvol::test;
 
 namespace {
 
-std::vector<uint8_t> pattern(size_t length, uint8_t seed) {
-  std::vector<uint8_t> v(length);
-  for (size_t i = 0; i < length; i++)
-    v[i] = static_cast<uint8_t>((i * 7 + seed * 13) % 251 + 1);
-  return v;
-}
-
 uint32_t env_or(const char* name, uint32_t fallback) {
   const char* s = getenv(name);
   return s != nullptr ? static_cast<uint32_t>(strtoul(s, nullptr, 0)) : fallback;
@@ -189,10 +182,10 @@ class PowerCut : public NamespaceTest {
   // The volume before the workload: files and directories that the
   // workload renames or removes, and one it never touches.
   std::vector<uint8_t> base_image() {
-    builder_.add_file(builder_.root(), u"keep", pattern(1500, 90));
+    builder_.add_file(builder_.root(), u"keep", pattern_bytes(0, 1500, 90));
     Dir old = builder_.mkdir(builder_.root(), u"old");
-    builder_.add_file(old, u"x", pattern(700, 91));
-    builder_.add_file(old, u"y", pattern(2000, 92), Alloc::Contiguous);
+    builder_.add_file(old, u"x", pattern_bytes(0, 700, 91));
+    builder_.add_file(old, u"y", pattern_bytes(0, 2000, 92), Alloc::Contiguous);
     builder_.mkdir(builder_.root(), u"d3");
     std::vector<uint8_t> image = builder_.build();
     image_bytes_ = image.size();
@@ -203,7 +196,7 @@ class PowerCut : public NamespaceTest {
     ASSERT_EQ(0, load(image));
     ASSERT_EQ(0, mount(flags));
     ctx_ = vfs_context_kernel();
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_.vp, ctx_));
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
   }
 
   host_devstats stats() {
@@ -253,7 +246,7 @@ class PowerCut : public NamespaceTest {
 
   // Resolves a path of the tree ("d1/alpha") one component at a time.
   int resolve(const std::string& path, Vref* out) {
-    vnode_t dvp = root_.vp;
+    vnode_t dvp = root_vp_;
     vnode_get(dvp);
     std::string rest = path;
     for (;;) {
@@ -282,8 +275,8 @@ class PowerCut : public NamespaceTest {
   }
   int resolve_dir(const std::string& path, Vref* out) {
     if (path.empty()) {
-      vnode_get(root_.vp);
-      out->vp = root_.vp;
+      vnode_get(root_vp_);
+      out->vp = root_vp_;
       return 0;
     }
     return resolve(path, out);
@@ -407,28 +400,28 @@ class PowerCut : public NamespaceTest {
   void workload() {
     op_mkdir("d1");
     op_mkdir("d2");
-    op_write("d1/alpha", 0, pattern(3000, 1), 1);
-    op_write("d1/A long name that needs several name entries.txt", 0, pattern(700, 2));
-    op_write("beta", 0, pattern(5000, 3), 2);
+    op_write("d1/alpha", 0, pattern_bytes(0, 3000, 1), 1);
+    op_write("d1/A long name that needs several name entries.txt", 0, pattern_bytes(0, 700, 2));
+    op_write("beta", 0, pattern_bytes(0, 5000, 3), 2);
     op_rename("old/x", "d2/x-moved");
-    op_write("d1/A long name that needs several name entries.txt", 700, pattern(4000, 4));
+    op_write("d1/A long name that needs several name entries.txt", 700, pattern_bytes(0, 4000, 4));
     op_remove("old/y");
     op_remove("old", true);
-    op_write("d2/gamma", 0, pattern(8192, 5), 1);
+    op_write("d2/gamma", 0, pattern_bytes(0, 8192, 5), 1);
     op_symlink("d2/link", "../beta");
     op_truncate("d1/A long name that needs several name entries.txt", 100);
     for (int i = 0; i < 12; i++)
-      op_write("d3/f" + std::to_string(i), 0, pattern(600 + 97 * i, static_cast<uint8_t>(i)));
+      op_write("d3/f" + std::to_string(i), 0, pattern_bytes(0, 600 + 97 * i, static_cast<uint8_t>(i)));
     op_sync();
     for (int i = 0; i < 12; i += 2)
       op_remove("d3/f" + std::to_string(i));
     op_rename("d3/f1", "d1/f1-renamed");
-    op_write("d3/f3", 600 + 97 * 3, pattern(3000, 6), 2);
+    op_write("d3/f3", 600 + 97 * 3, pattern_bytes(0, 3000, 6), 2);
     op_rename("d2/gamma", "d2/gamma2");
     op_mkdir("d5");
     op_rename("d5", "d2/d5");
-    op_write("d2/delta", 0, pattern(1200, 7), 1);
-    op_write("d1/alpha-next", 0, pattern(2500, 8), 2);
+    op_write("d2/delta", 0, pattern_bytes(0, 1200, 7), 1);
+    op_write("d1/alpha-next", 0, pattern_bytes(0, 2500, 8), 2);
   }
 
   // One run: mount, arm the cut, run the workload, cut, drop the caches.
@@ -441,7 +434,7 @@ class PowerCut : public NamespaceTest {
     links_.clear();
     promises_.clear();
     renamed_.clear();
-    promises_["keep"] = Promise{false, pattern(1500, 90), "", 0, 0, false};
+    promises_["keep"] = Promise{false, pattern_bytes(0, 1500, 90), "", 0, 0, false};
     mount_image(base, 0);
     if (HasFatalFailure())
       return 0;
@@ -461,7 +454,7 @@ class PowerCut : public NamespaceTest {
       dead.fail_writes_after = 0;
       dead.power_cut_mode = true;
       host_memdev_set_faults(devvp, dead);
-      root_.reset();
+      release_nodes();
       EXPECT_EQ(0, unmount(MNT_FORCE)) << "the forced unmount after the cut";
       EXPECT_EQ(baseline_memory_, driver_memory()) << "driver memory left after the cut";
       host_memdev_set_faults(devvp, host_memdev_faults{});
@@ -523,8 +516,8 @@ class PowerCut : public NamespaceTest {
         EXPECT_TRUE(data == p.data) << "size " << data.size() << ", owed " << p.data.size();
       }
     }
-    walk(root_.vp, 0);
-    root_.reset();
+    walk(root_vp_, 0);
+    release_nodes();
     ASSERT_EQ(0, unmount());
 
     // Read-write, filling the volume: on a volume the checker calls clean,
@@ -535,13 +528,13 @@ class PowerCut : public NamespaceTest {
     if (HasFatalFailure())
       return;
     Vref file;
-    if (create(root_.vp, "after-the-cut", &file) == 0) {
-      std::vector<uint8_t> chunk = pattern(16384, 77);
+    if (create(root_vp_, "after-the-cut", &file) == 0) {
+      std::vector<uint8_t> chunk = pattern_bytes(0, 16384, 77);
       for (off_t at = 0; vn_write_at(file.vp, at, chunk) == 0; at += chunk.size()) {
       }
       file.reset();
     }
-    root_.reset();
+    release_nodes();
     ASSERT_EQ(0, unmount());
     if (checker_clean) {
       FsckResult r = run_fsck(read_device(0, image_bytes_));

@@ -63,15 +63,15 @@ TEST_F(RemoveTest, OpenFileKeepsItsClustersUntilLastReference) {
   std::string contents(3 * 512, 'q');
   Placed placed = builder_.add_file(builder_.root(), u"data", bytes(contents));
   mount_built();
-  std::vector<uint8_t> before = dir_bytes(root_.vp, placed.offset, 96);
+  std::vector<uint8_t> before = dir_bytes(root_vp_, placed.offset, 96);
   uint32_t free_before = free_clusters();
 
   Vref file;
   ASSERT_EQ(0, lookup("data", &file));
   ASSERT_EQ(0, vnode_ref(file.vp));  // as an open descriptor holds it
-  ASSERT_EQ(0, remove(root_.vp, "data"));
+  ASSERT_EQ(0, remove(root_vp_, "data"));
 
-  std::vector<uint8_t> after = dir_bytes(root_.vp, placed.offset, 96);
+  std::vector<uint8_t> after = dir_bytes(root_vp_, placed.offset, 96);
   std::vector<uint8_t> expect = before;
   expect[0] &= 0x7F;
   expect[32] &= 0x7F;
@@ -92,7 +92,7 @@ TEST_F(RemoveTest, OpenFileKeepsItsClustersUntilLastReference) {
   file.reset();
   EXPECT_FALSE(used(placed.first_cluster));
   EXPECT_EQ(free_before + 3, free_clusters());
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // With VNODE_REMOVE_NODELETEBUSY a file in use is refused with EBUSY and
@@ -104,14 +104,14 @@ TEST_F(RemoveTest, NoDeleteBusyRefusesAFileInUse) {
   Vref file;
   ASSERT_EQ(0, lookup("busy", &file));
   ASSERT_EQ(0, vnode_ref(file.vp));
-  EXPECT_EQ(EBUSY, remove(root_.vp, "busy", VNODE_REMOVE_NODELETEBUSY));
+  EXPECT_EQ(EBUSY, remove(root_vp_, "busy", VNODE_REMOVE_NODELETEBUSY));
   EXPECT_EQ(0u, file.node()->x_flags & X_DELETED);
-  EXPECT_EQ(EXFAT_ENTRY_FILE, dir_bytes(root_.vp, placed.offset, 32)[0]);
-  EXPECT_EQ(0, remove(root_.vp, "idle", VNODE_REMOVE_NODELETEBUSY));
-  EXPECT_EQ(0, remove(root_.vp, "busy"));
+  EXPECT_EQ(EXFAT_ENTRY_FILE, dir_bytes(root_vp_, placed.offset, 32)[0]);
+  EXPECT_EQ(0, remove(root_vp_, "idle", VNODE_REMOVE_NODELETEBUSY));
+  EXPECT_EQ(0, remove(root_vp_, "busy"));
   vnode_rele(file.vp);
   file.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // A remove whose name has moved to another file, or whose victim was
@@ -121,23 +121,23 @@ TEST_F(RemoveTest, NameThatMovedRestarts) {
   builder_.add_file(builder_.root(), u"other", bytes("2"));
   mount_built();
   Vref victim;
-  ASSERT_EQ(0, lookup(root_.vp, "old", DELETE, &victim));
+  ASSERT_EQ(0, lookup(root_vp_, "old", DELETE, &victim));
   // Meanwhile the file is renamed away and another one takes its name.
-  ASSERT_EQ(0, rename(root_.vp, "old", root_.vp, "moved"));
-  ASSERT_EQ(0, rename(root_.vp, "other", root_.vp, "old"));
+  ASSERT_EQ(0, rename(root_vp_, "old", root_vp_, "moved"));
+  ASSERT_EQ(0, rename(root_vp_, "other", root_vp_, "old"));
 
   Component c("old", DELETE);
-  EXPECT_EQ(ERESTART, VNOP_REMOVE(root_.vp, victim.vp, &c.cn, 0, ctx_));
+  EXPECT_EQ(ERESTART, VNOP_REMOVE(root_vp_, victim.vp, &c.cn, 0, ctx_));
   Vref now;
   ASSERT_EQ(0, lookup("old", &now));
   EXPECT_NE(victim.vp, now.vp);
   EXPECT_EQ(0u, victim.node()->x_flags & X_DELETED);
 
   Vref replaced;
-  ASSERT_EQ(0, lookup(root_.vp, "old", DELETE, &replaced));
-  ASSERT_EQ(0, remove(root_.vp, "old"));
-  EXPECT_EQ(ERESTART, VNOP_REMOVE(root_.vp, replaced.vp, &c.cn, 0, ctx_));
-  EXPECT_EQ(0u, root_.node()->x_lock_count);
+  ASSERT_EQ(0, lookup(root_vp_, "old", DELETE, &replaced));
+  ASSERT_EQ(0, remove(root_vp_, "old"));
+  EXPECT_EQ(ERESTART, VNOP_REMOVE(root_vp_, replaced.vp, &c.cn, 0, ctx_));
+  EXPECT_EQ(0u, root_->x_lock_count);
   EXPECT_EQ(0u, replaced.node()->x_lock_count);
 }
 
@@ -151,12 +151,12 @@ TEST_F(RemoveTest, RmdirEmptinessCountsFilesOnly) {
   mount_built();
   uint32_t free_before = free_clusters();
 
-  EXPECT_EQ(ENOTEMPTY, rmdir(root_.vp, "full"));
+  EXPECT_EQ(ENOTEMPTY, rmdir(root_vp_, "full"));
   Vref still, inside;
   ASSERT_EQ(0, lookup("full", &still));
   EXPECT_EQ(0, lookup(still.vp, "f", LOOKUP, &inside));
 
-  ASSERT_EQ(0, rmdir(root_.vp, "guid"));
+  ASSERT_EQ(0, rmdir(root_vp_, "guid"));
   Vref gone;
   EXPECT_EQ(ENOENT, lookup("guid", &gone));
   EXPECT_FALSE(used(guid.first_cluster));
@@ -176,12 +176,12 @@ TEST_F(RemoveTest, RmdirFreesBenignAllocationsAndItsOwnClusters) {
   for (uint32_t c : held)
     ASSERT_TRUE(used(c)) << c;
 
-  ASSERT_EQ(0, rmdir(root_.vp, "vendor"));
+  ASSERT_EQ(0, rmdir(root_vp_, "vendor"));
   for (uint32_t c : held)
     EXPECT_FALSE(used(c)) << c;
   EXPECT_FALSE(used(own));
   EXPECT_EQ(free_before + held.size() + 1, free_clusters());
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // A benign allocation that lies outside the heap is refused (EIO, the
@@ -198,7 +198,7 @@ TEST_F(RemoveTest, RmdirRefusesAnAllocationOutsideTheHeap) {
   mount_built();
   uint32_t free_before = free_clusters();
 
-  EXPECT_EQ(EIO, rmdir(root_.vp, "bad"));
+  EXPECT_EQ(EIO, rmdir(root_vp_, "bad"));
   EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
   Vref still;
   EXPECT_EQ(0, lookup("bad", &still));
@@ -232,10 +232,10 @@ TEST_F(RemoveTest, RmdirDiscardsTheDirectorysDirtyBlocks) {
   ASSERT_EQ(0, remove(d.vp, "f"));
   EXPECT_EQ(0x05, dir_bytes(d.vp, 0, 1)[0]);  // the deletion, in the cache
   d.reset();
-  ASSERT_EQ(0, rmdir(root_.vp, "d"));
+  ASSERT_EQ(0, rmdir(root_vp_, "d"));
   buf_flushdirtyblks(devvp, 1, 0, "test");
   EXPECT_EQ(EXFAT_ENTRY_FILE, read_device(block, 1)[0]);
-  unmount_and_fsck();
+  unmount_and_check();
   EXPECT_EQ(EXFAT_ENTRY_FILE, read_device(block, 1)[0]);
 }
 
@@ -246,7 +246,7 @@ TEST_F(RemoveTest, RmdirMarksTheNodeDeleted) {
   mount_built();
   Vref d;
   ASSERT_EQ(0, lookup("d", &d));
-  ASSERT_EQ(0, rmdir(root_.vp, "d"));
+  ASSERT_EQ(0, rmdir(root_vp_, "d"));
   EXPECT_TRUE(d.node()->x_flags & X_DELETED);
   EXPECT_TRUE(d.node()->x_hash_flags & X_HASH_STALE);
   EXPECT_EQ(nullptr, d.node()->x_parent);
@@ -254,7 +254,7 @@ TEST_F(RemoveTest, RmdirMarksTheNodeDeleted) {
   Vref f;
   EXPECT_EQ(ENOENT, lookup(d.vp, "f", CREATE, &f));
   d.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 }  // namespace

@@ -43,16 +43,16 @@ TEST_F(RenameTest, CaseOnlyRenameMovesTheSet) {
   mount_built();
   Vref file;
   ASSERT_EQ(0, lookup("abc", &file));
-  ASSERT_EQ(0, rename(root_.vp, "abc", root_.vp, "ABC"));
+  ASSERT_EQ(0, rename(root_vp_, "abc", root_vp_, "ABC"));
 
   struct exfat_node* node = file.node();
   EXPECT_NE(placed.offset, node->x_dir_offset);
   EXPECT_EQ(0u, node->x_flags & X_DELETED);
-  std::vector<uint8_t> old_slots = dir_bytes(root_.vp, placed.offset, 96);
+  std::vector<uint8_t> old_slots = dir_bytes(root_vp_, placed.offset, 96);
   EXPECT_EQ(0x05, old_slots[0]);
   EXPECT_EQ(0x40, old_slots[32]);
   EXPECT_EQ(0x41, old_slots[64]);
-  std::vector<uint8_t> set = set_of(root_.vp, node);
+  std::vector<uint8_t> set = set_of(root_vp_, node);
   EXPECT_EQ(u"ABC", NamespaceTest::set_name(set));
   EXPECT_EQ(placed.first_cluster, le32dec(&set[32 + 20]));
   EXPECT_EQ(le16dec(&set[2]), exfat_checksum_file_set(set.data()));
@@ -63,7 +63,7 @@ TEST_F(RenameTest, CaseOnlyRenameMovesTheSet) {
   EXPECT_EQ(file.vp, again.vp);
   file.reset();
   again.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // A name beginning with a dot makes the file Hidden, on disk and in the
@@ -73,14 +73,14 @@ TEST_F(RenameTest, HiddenFollowsTheLeadingDot) {
   mount_built();
   Vref file;
   ASSERT_EQ(0, lookup("conf", &file));
-  ASSERT_EQ(0, rename(root_.vp, "conf", root_.vp, ".conf"));
-  EXPECT_EQ(0x22, le16dec(&set_of(root_.vp, file.node())[4]));
+  ASSERT_EQ(0, rename(root_vp_, "conf", root_vp_, ".conf"));
+  EXPECT_EQ(0x22, le16dec(&set_of(root_vp_, file.node())[4]));
   EXPECT_EQ(0x22, file.node()->x_attributes);
-  ASSERT_EQ(0, rename(root_.vp, ".conf", root_.vp, "conf.d"));
-  EXPECT_EQ(0x20, le16dec(&set_of(root_.vp, file.node())[4]));
+  ASSERT_EQ(0, rename(root_vp_, ".conf", root_vp_, "conf.d"));
+  EXPECT_EQ(0x20, le16dec(&set_of(root_vp_, file.node())[4]));
   EXPECT_EQ(0x20, file.node()->x_attributes);
   file.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // A file moved to another directory: its set leaves the old directory and
@@ -98,20 +98,20 @@ TEST_F(RenameTest, CrossDirectoryMoveReparents) {
   ASSERT_EQ(0, lookup("dest", &dest));
   ASSERT_EQ(0, lookup("sub", &sub));
 
-  ASSERT_EQ(0, rename(root_.vp, "f", dest.vp, "g"));
+  ASSERT_EQ(0, rename(root_vp_, "f", dest.vp, "g"));
   EXPECT_EQ(dest.node(), file.node()->x_parent);
   EXPECT_EQ(dest.node()->x_start_cluster, file.node()->x_dir_cluster);
   vnode_t parent = vnode_getparent(file.vp);
   EXPECT_EQ(dest.vp, parent);
   if (parent != NULLVP)
     vnode_put(parent);
-  EXPECT_EQ(0x05, dir_bytes(root_.vp, placed.offset, 1)[0]);
+  EXPECT_EQ(0x05, dir_bytes(root_vp_, placed.offset, 1)[0]);
   Vref g, none;
   ASSERT_EQ(0, lookup(dest.vp, "g", LOOKUP, &g));
   EXPECT_EQ(file.vp, g.vp);
   EXPECT_EQ(ENOENT, lookup("f", &none));
 
-  ASSERT_EQ(0, rename(root_.vp, "sub", dest.vp, "sub2"));
+  ASSERT_EQ(0, rename(root_vp_, "sub", dest.vp, "sub2"));
   parent = vnode_getparent(sub.vp);
   EXPECT_EQ(dest.vp, parent);
   if (parent != NULLVP)
@@ -124,7 +124,7 @@ TEST_F(RenameTest, CrossDirectoryMoveReparents) {
   inner.reset();
   sub.reset();
   dest.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // A directory can't move into itself or anywhere below itself.
@@ -137,13 +137,13 @@ TEST_F(RenameTest, DirectoryIntoItsOwnSubtreeIsRefused) {
   ASSERT_EQ(0, lookup("top", &topv));
   ASSERT_EQ(0, lookup(topv.vp, "mid", LOOKUP, &midv));
   ASSERT_EQ(0, lookup(midv.vp, "low", LOOKUP, &lowv));
-  EXPECT_EQ(EINVAL, rename(root_.vp, "top", topv.vp, "self"));
-  EXPECT_EQ(EINVAL, rename(root_.vp, "top", lowv.vp, "deep"));
+  EXPECT_EQ(EINVAL, rename(root_vp_, "top", topv.vp, "self"));
+  EXPECT_EQ(EINVAL, rename(root_vp_, "top", lowv.vp, "deep"));
   EXPECT_EQ(EINVAL, rename(topv.vp, "mid", lowv.vp, "child"));
   Vref still;
   EXPECT_EQ(0, lookup("top", &still));
   // Moving up is fine.
-  EXPECT_EQ(0, rename(midv.vp, "low", root_.vp, "low"));
+  EXPECT_EQ(0, rename(midv.vp, "low", root_vp_, "low"));
 }
 
 // A directory replaces an empty directory, whose cluster is freed once its
@@ -157,15 +157,15 @@ TEST_F(RenameTest, ReplacingChecksTypesAndEmptiness) {
   builder_.add_file(builder_.root(), u"file", bytes("f"));
   mount_built();
 
-  EXPECT_EQ(ENOTEMPTY, rename(root_.vp, "src", root_.vp, "full"));
-  EXPECT_EQ(EISDIR, rename(root_.vp, "file", root_.vp, "empty"));
-  EXPECT_EQ(ENOTDIR, rename(root_.vp, "src", root_.vp, "file"));
+  EXPECT_EQ(ENOTEMPTY, rename(root_vp_, "src", root_vp_, "full"));
+  EXPECT_EQ(EISDIR, rename(root_vp_, "file", root_vp_, "empty"));
+  EXPECT_EQ(ENOTDIR, rename(root_vp_, "src", root_vp_, "file"));
   EXPECT_TRUE(used(empty.first_cluster));
 
   Vref src, victim;
   ASSERT_EQ(0, lookup("src", &src));
   ASSERT_EQ(0, lookup("empty", &victim));
-  ASSERT_EQ(0, rename(root_.vp, "src", root_.vp, "empty"));
+  ASSERT_EQ(0, rename(root_vp_, "src", root_vp_, "empty"));
   EXPECT_TRUE(victim.node()->x_flags & X_DELETED);
   EXPECT_TRUE(used(empty.first_cluster));  // still referenced
   victim.reset();
@@ -175,7 +175,7 @@ TEST_F(RenameTest, ReplacingChecksTypesAndEmptiness) {
   EXPECT_EQ(src.vp, now.vp);
   src.reset();
   now.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // A directory replaced by a rename loses its clusters when its vnode goes;
@@ -194,12 +194,12 @@ TEST_F(RenameTest, ReplacedDirectoryLeavesNoDelayedWriteBehind) {
     ASSERT_EQ(0, create(victim.vp, "t", &file));
     file.reset();
     ASSERT_EQ(0, remove(victim.vp, "t"));  // the block now holds a deleted set, unwritten
-    ASSERT_EQ(0, rename(root_.vp, "src", root_.vp, "victim"));
+    ASSERT_EQ(0, rename(root_vp_, "src", root_vp_, "victim"));
   }
   EXPECT_FALSE(used(victim_dir.first_cluster));
   ASSERT_EQ(0, host_sync(mp, MNT_WAIT));
   EXPECT_EQ(before, read_device(at, 4096));
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // A file replaced while open stays readable through its vnode; its
@@ -211,7 +211,7 @@ TEST_F(RenameTest, ReplacedOpenFileStaysReadable) {
   Vref victim;
   ASSERT_EQ(0, lookup("old", &victim));
   ASSERT_EQ(0, vnode_ref(victim.vp));
-  ASSERT_EQ(0, rename(root_.vp, "new", root_.vp, "old"));
+  ASSERT_EQ(0, rename(root_vp_, "new", root_vp_, "old"));
 
   EXPECT_EQ("old contents", read_file(victim.vp, 64));
   Vref now;
@@ -222,7 +222,7 @@ TEST_F(RenameTest, ReplacedOpenFileStaysReadable) {
   victim.reset();
   EXPECT_FALSE(used(old.first_cluster));
   now.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // With the directory full and no cluster to grow it, a rename fails with
@@ -242,7 +242,7 @@ TEST_F(RenameTest, NoRoomOnAFullVolumeChangesNothing) {
 
   Vref file;
   ASSERT_EQ(0, lookup("x", &file));
-  EXPECT_EQ(ENOSPC, rename(root_.vp, "x", root_.vp, ".y"));
+  EXPECT_EQ(ENOSPC, rename(root_vp_, "x", root_vp_, ".y"));
   EXPECT_EQ(0x20, file.node()->x_attributes);
   exfat_meta_flush(xm, IO_SYNC);
   EXPECT_TRUE(before == device_image()) << "the failed rename changed the device";
@@ -250,7 +250,7 @@ TEST_F(RenameTest, NoRoomOnAFullVolumeChangesNothing) {
   EXPECT_EQ(0, lookup("x", &same));
   file.reset();
   same.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // A node whose entry is still pending in memory when it is renamed gets
@@ -259,17 +259,17 @@ TEST_F(RenameTest, NoRoomOnAFullVolumeChangesNothing) {
 TEST_F(RenameTest, PendingEntryIsWrittenAtTheNewPlace) {
   mount_built();
   Vref dir, target;
-  ASSERT_EQ(0, mkdir(root_.vp, "made", &dir));
-  ASSERT_EQ(0, mkdir(root_.vp, "there", &target));
+  ASSERT_EQ(0, mkdir(root_vp_, "made", &dir));
+  ASSERT_EQ(0, mkdir(root_vp_, "there", &target));
   uint32_t cluster = dir.node()->x_start_cluster;
-  ASSERT_EQ(0, rename(root_.vp, "made", target.vp, "moved"));
+  ASSERT_EQ(0, rename(root_vp_, "made", target.vp, "moved"));
   uint32_t offset = dir.node()->x_dir_offset;
   dir.reset();
   std::vector<uint8_t> set = dir_bytes(target.vp, offset, 96);
   EXPECT_EQ(cluster, le32dec(&set[32 + 20]));
   EXPECT_EQ(512u, le64dec(&set[32 + 24]));
   target.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 // Names that changed between the kernel's lookups and the rename: a
@@ -281,23 +281,23 @@ TEST_F(RenameTest, ChangedNamesRestartOrExist) {
   builder_.add_file(builder_.root(), u"c", bytes("3"));
   mount_built();
   Vref a, b;
-  ASSERT_EQ(0, lookup(root_.vp, "a", DELETE, &a));
-  ASSERT_EQ(0, lookup(root_.vp, "b", RENAME, &b));
+  ASSERT_EQ(0, lookup(root_vp_, "a", DELETE, &a));
+  ASSERT_EQ(0, lookup(root_vp_, "b", RENAME, &b));
   Component fa("a", DELETE), tb("b", RENAME), tc("c", RENAME);
 
   // "c" exists, but the kernel's lookup did not see it.
-  EXPECT_EQ(EEXIST, VNOP_RENAME(root_.vp, a.vp, &fa.cn, root_.vp, NULLVP, &tc.cn, ctx_));
+  EXPECT_EQ(EEXIST, VNOP_RENAME(root_vp_, a.vp, &fa.cn, root_vp_, NULLVP, &tc.cn, ctx_));
   // "b" now names another file.
-  ASSERT_EQ(0, rename(root_.vp, "b", root_.vp, "b2"));
-  ASSERT_EQ(0, rename(root_.vp, "c", root_.vp, "b"));
-  EXPECT_EQ(ERESTART, VNOP_RENAME(root_.vp, a.vp, &fa.cn, root_.vp, b.vp, &tb.cn, ctx_));
+  ASSERT_EQ(0, rename(root_vp_, "b", root_vp_, "b2"));
+  ASSERT_EQ(0, rename(root_vp_, "c", root_vp_, "b"));
+  EXPECT_EQ(ERESTART, VNOP_RENAME(root_vp_, a.vp, &fa.cn, root_vp_, b.vp, &tb.cn, ctx_));
   // "a" is gone.
-  ASSERT_EQ(0, remove(root_.vp, "a"));
-  EXPECT_EQ(ERESTART, VNOP_RENAME(root_.vp, a.vp, &fa.cn, root_.vp, NULLVP, &tc.cn, ctx_));
-  EXPECT_EQ(0u, root_.node()->x_lock_count);
+  ASSERT_EQ(0, remove(root_vp_, "a"));
+  EXPECT_EQ(ERESTART, VNOP_RENAME(root_vp_, a.vp, &fa.cn, root_vp_, NULLVP, &tc.cn, ctx_));
+  EXPECT_EQ(0u, root_->x_lock_count);
   a.reset();
   b.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 class RenameConcurrency : public NamespaceTest {};
@@ -309,8 +309,8 @@ class RenameConcurrency : public NamespaceTest {};
 TEST_F(RenameConcurrency, OppositeMovesBetweenTwoDirectories) {
   mount_built();
   Vref left, right;
-  ASSERT_EQ(0, mkdir(root_.vp, "left", &left));
-  ASSERT_EQ(0, mkdir(root_.vp, "right", &right));
+  ASSERT_EQ(0, mkdir(root_vp_, "left", &left));
+  ASSERT_EQ(0, mkdir(root_vp_, "right", &right));
   constexpr int kFiles = 4;
   for (int i = 0; i < kFiles; i++) {
     Vref l, r;
@@ -348,7 +348,7 @@ TEST_F(RenameConcurrency, OppositeMovesBetweenTwoDirectories) {
   }
   left.reset();
   right.reset();
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 }  // namespace

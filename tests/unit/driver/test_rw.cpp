@@ -22,209 +22,23 @@
 #include "host/mount.h"
 #include "host/uio.h"
 #include "host/vfs.h"
-#include "tests/support/fsck.h"
-#include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/support/vnode_io.h"
+#include "tests/unit/driver/volume_fixture.h"
 
 using namespace exvol::test;
 
 namespace {
 
 constexpr uint32_t kCluster = 4096;  // 512-byte sectors, 8 per cluster
-constexpr uint8_t kJunk = 0xEE;      // what the disk holds past a valid length
 
-// File bytes as written by the builder and by the tests: never zero, so
-// that a zero is always a byte the driver produced.
-uint8_t pattern(uint64_t offset, uint8_t seed = 0) {
-  return static_cast<uint8_t>((offset + seed) % 251 + 1);
-}
-
-std::vector<uint8_t> pattern_bytes(uint64_t offset, size_t length, uint8_t seed = 0) {
-  std::vector<uint8_t> v(length);
-  for (size_t i = 0; i < length; i++)
-    v[i] = pattern(offset + i, seed);
-  return v;
-}
-
-bool all_zero(const std::vector<uint8_t>& v, size_t from = 0, size_t to = SIZE_MAX) {
-  for (size_t i = from; i < std::min(to, v.size()); i++)
-    if (v[i] != 0)
-      return false;
-  return true;
-}
-
-// Transfers through the vnode operations, the way the library drives them.
-struct Transfer {
-  int error = 0;
-  std::vector<uint8_t> data;  // read: the bytes that came back
-  off_t offset = 0;           // the uio's offset afterwards
-  user_ssize_t resid = 0;     // the uio's residual count afterwards
-};
-
-Transfer vn_read(vnode_t vp, off_t offset, size_t length, int ioflag = 0) {
-  Transfer t;
-  std::vector<uint8_t> buffer(length, 0xA5);
-  uio_t uio = uio_create(1, offset, UIO_SYSSPACE, UIO_READ);
-  uio_addiov(uio, reinterpret_cast<user_addr_t>(buffer.data()), length);
-  t.error = VNOP_READ(vp, uio, ioflag, vfs_context_kernel());
-  t.offset = uio_offset(uio);
-  t.resid = uio_resid(uio);
-  buffer.resize(length - static_cast<size_t>(t.resid));
-  t.data = std::move(buffer);
-  uio_free(uio);
-  return t;
-}
-
-Transfer vn_write(vnode_t vp, off_t offset, const std::vector<uint8_t>& data, int ioflag = 0) {
-  Transfer t;
-  uio_t uio = uio_create(1, offset, UIO_SYSSPACE, UIO_WRITE);
-  uio_addiov(uio, reinterpret_cast<user_addr_t>(data.data()), data.size());
-  t.error = VNOP_WRITE(vp, uio, ioflag, vfs_context_kernel());
-  t.offset = uio_offset(uio);
-  t.resid = uio_resid(uio);
-  uio_free(uio);
-  return t;
-}
-
-class RwTest : public MountTest {
+class RwTest : public VolumeTest {
  protected:
-  explicit RwTest(uint32_t cluster_count = 256) : builder_(geometry(cluster_count)) {
-    builder_.add_bitmap_entry().add_upcase_entry();
-  }
+  explicit RwTest(uint32_t cluster_count = 256) : VolumeTest(geometry_with_clusters(cluster_count)) {}
 
-  static Geometry geometry(uint32_t cluster_count) {
-    Geometry g;
-    g.cluster_count = cluster_count;
-    return g;
-  }
-
-  void TearDown() override {
-    release_nodes();
-    MountTest::TearDown();
-  }
-
-  struct File {
-    uint32_t offset = 0;         // of its set in the root
-    uint32_t first_cluster = 0;  // of its (contiguous) data
-  };
-
-  // A contiguous file of `size` bytes whose first `valid` bytes hold the
-  // pattern and whose clusters hold junk after that.
   File file(const std::u16string& name, uint64_t size, uint64_t valid) {
-    File f;
-    uint32_t clusters = static_cast<uint32_t>((size + kCluster - 1) / kCluster);
-    if (clusters != 0) {
-      f.first_cluster = builder_.allocate(clusters, Alloc::Contiguous);
-      std::vector<uint8_t> data(uint64_t(clusters) * kCluster, kJunk);
-      for (uint64_t i = 0; i < valid; i++)
-        data[i] = pattern(i);
-      builder_.write_data(f.first_cluster, Alloc::Contiguous, data);
-    }
-    FileSpec spec;
-    spec.name = name;
-    spec.first_cluster = f.first_cluster;
-    spec.data_length = size;
-    spec.valid_length = valid;
-    spec.no_fat_chain = clusters != 0;
-    f.offset = builder_.add_set(builder_.root(), spec).offset;
-    return f;
+    return junk_file(name, size, valid);
   }
 
-  // Leaves exactly `free` clusters of the volume unallocated by giving the
-  // others to a filler file.
-  void leave_free(uint32_t free) {
-    uint32_t count = builder_.geometry().cluster_count;
-    uint32_t unallocated = 0;
-    for (uint32_t c = 2; c < count + 2; c++)
-      unallocated += builder_.allocated(c) ? 0 : 1;
-    ASSERT_GE(unallocated, free);
-    uint32_t take = unallocated - free;
-    FileSpec spec;
-    spec.name = u"filler";
-    spec.first_cluster = builder_.allocate(take, Alloc::Chain);
-    spec.data_length = uint64_t(take) * kCluster;
-    builder_.add_set(builder_.root(), spec);
-  }
-
-  void mount_built(uint64_t flags = 0) {
-    image_ = builder_.build();
-    ASSERT_EQ(0, load(image_));
-    ASSERT_EQ(0, mount(flags));
-    ctx_ = vfs_context_kernel();
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
-    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
-  }
-
-  // The vnode of the set at `offset` in the root, held until the test ends
-  // (or until put()).
-  vnode_t get(uint32_t offset, enum vtype type = VNON) {
-    struct exfat_node* node = nullptr;
-    exfat_node_lock(root_);  // exfat_node_get drops this level
-    EXPECT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, offset, type, 0, &node, ctx_));
-    if (node == nullptr)
-      return NULLVP;
-    held_.push_back(node->x_vnode);
-    return node->x_vnode;
-  }
-
-  static struct exfat_node* node_of(vnode_t vp) {
-    return static_cast<struct exfat_node*>(vnode_fsnode(vp));
-  }
-
-  // Drops the test's reference: the vnode goes inactive.
-  void put(vnode_t vp) {
-    held_.erase(std::find(held_.begin(), held_.end(), vp));
-    vnode_put(vp);
-  }
-
-  // Removes a file's entry set from the root while its vnode stays in use,
-  // as remove does.
-  void remove_entry(vnode_t vp) {
-    struct exfat_node* node = node_of(vp);
-    exfat_lock_two(root_, node);
-    ASSERT_EQ(0, exfat_delete_dirents(root_, node->x_dir_offset, node->x_secondary_count + 1u, 1,
-                                      ctx_));
-    node->x_flags |= X_DELETED;
-    node->x_parent = nullptr;
-    lck_mtx_lock(exfat_hash_lock);
-    node->x_hash_flags |= X_HASH_STALE;
-    lck_mtx_unlock(exfat_hash_lock);
-    exfat_node_unlock(node);
-    exfat_node_unlock(root_);
-  }
-
-  void release_nodes() {
-    for (vnode_t vp : held_)
-      vnode_put(vp);
-    held_.clear();
-    if (root_vp_ != NULLVP)
-      vnode_put(root_vp_);
-    root_vp_ = NULLVP;
-  }
-
-  void unmount_and_check() {
-    release_nodes();
-    ASSERT_EQ(0, unmount());
-    if (fsck_program().empty())
-      return;  // the checker is an optional oracle
-    FsckResult r = run_fsck(read_device(0, image_.size()));
-    EXPECT_EQ(0, r.status) << r.output;
-  }
-
-  // The stream extension of the root's set at `offset`, as on the device.
-  std::vector<uint8_t> disk_stream(uint32_t offset) {
-    return read_device(builder_.dir_byte_offset(builder_.root(), offset + 32), 32);
-  }
-  std::vector<uint8_t> disk_data(uint32_t first_cluster, uint64_t offset, size_t length) {
-    return read_device(builder_.cluster_byte_offset(first_cluster) + offset, length);
-  }
-
-  ImageBuilder builder_;
-  std::vector<uint8_t> image_;
-  vfs_context_t ctx_ = nullptr;
-  vnode_t root_vp_ = NULLVP;
-  struct exfat_node* root_ = nullptr;
-  std::vector<vnode_t> held_;
 };
 
 // --- Reading ----------------------------------------------------------------
@@ -294,14 +108,9 @@ TEST_F(RwTest, ReadNotesTheAccessUnlessTheMountSaysNot) {
   EXPECT_EQ(0u, node_of(vp)->x_flags & X_ACCESSED);
   ASSERT_EQ(0, vn_read(vp, 0, 10).error);
   EXPECT_NE(0u, node_of(vp)->x_flags & X_ACCESSED);
-}
 
-class RwNoAtimeTest : public RwTest {};
-
-TEST_F(RwNoAtimeTest, ReadLeavesTheAccessTimeAlone) {
-  File f = file(u"f", 100, 100);
-  mount_built(MNT_NOATIME);
-  vnode_t vp = get(f.offset);
+  remount(MNT_NOATIME);
+  vp = get(f.offset);
   ASSERT_EQ(0, vn_read(vp, 0, 10).error);
   EXPECT_EQ(0u, node_of(vp)->x_flags & X_ACCESSED);
 }
@@ -381,7 +190,8 @@ TEST_F(RwTest, GapPagesAlreadyReadStillReachTheDisk) {
 }
 
 // A write that ends inside the last allocated cluster changes only x_size:
-// no cluster is taken.
+// no cluster is taken. IO_APPEND writes at x_size whatever the uio's
+// offset says.
 TEST_F(RwTest, WriteInsideTheLastClusterOnlyMovesTheSize) {
   File f = file(u"f", 100, 100);
   mount_built();
@@ -396,24 +206,12 @@ TEST_F(RwTest, WriteInsideTheLastClusterOnlyMovesTheSize) {
   EXPECT_EQ(f.first_cluster, node->x_start_cluster);
   EXPECT_EQ(0u, xm->xm_bitmap_cache_dirty);
 
-  ASSERT_EQ(0, vn_write(vp, 3100, pattern_bytes(3100, 2000)).error);
+  Transfer t = vn_write(vp, 10, pattern_bytes(3100, 2000), IO_APPEND);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(5100, t.offset);
   EXPECT_EQ(5100u, node->x_size);
   EXPECT_EQ(free_before - 1, xm->xm_free_clusters) << "the second cluster";
   EXPECT_EQ(pattern_bytes(0, 5100), vn_read(vp, 0, 8192).data);
-  unmount_and_check();
-}
-
-// IO_APPEND writes at x_size whatever the uio's offset says.
-TEST_F(RwTest, AppendWritesAtTheEnd) {
-  File f = file(u"f", 1000, 1000);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  std::vector<uint8_t> data = pattern_bytes(1000, 500);
-  Transfer t = vn_write(vp, 10, data, IO_APPEND);
-  ASSERT_EQ(0, t.error);
-  EXPECT_EQ(1500, t.offset);
-  EXPECT_EQ(1500u, node_of(vp)->x_size);
-  EXPECT_EQ(pattern_bytes(0, 1500), vn_read(vp, 0, 4096).data);
   unmount_and_check();
 }
 
@@ -423,8 +221,10 @@ class RwFullTest : public RwTest {
 };
 
 // IO_UNIT with more clusters asked for than are free: ENOSPC before
-// anything changes; the uio is as it was.
-TEST_F(RwFullTest, AllOrNothingWriteWithoutSpaceChangesNothing) {
+// anything changes; the uio is as it was. Without IO_UNIT the same write
+// fills the free clusters and succeeds with the rest left in the uio; with
+// nothing free at all it fails.
+TEST_F(RwFullTest, WritesOnAFullVolume) {
   File f = file(u"f", 100, 100);
   leave_free(3);
   mount_built();
@@ -432,7 +232,8 @@ TEST_F(RwFullTest, AllOrNothingWriteWithoutSpaceChangesNothing) {
   struct exfat_node* node = node_of(vp);
   ASSERT_EQ(3u, xm->xm_free_clusters);
 
-  Transfer t = vn_write(vp, 0, pattern_bytes(0, 5 * kCluster), IO_UNIT);
+  std::vector<uint8_t> data = pattern_bytes(0, 5 * kCluster);
+  Transfer t = vn_write(vp, 0, data, IO_UNIT);
   EXPECT_EQ(ENOSPC, t.error);
   EXPECT_EQ(0, t.offset);
   EXPECT_EQ(5 * kCluster, t.resid);
@@ -440,20 +241,8 @@ TEST_F(RwFullTest, AllOrNothingWriteWithoutSpaceChangesNothing) {
   EXPECT_EQ(100u, node->x_valid_size);
   EXPECT_EQ(3u, xm->xm_free_clusters);
   EXPECT_EQ(pattern_bytes(0, 100), vn_read(vp, 0, 4096).data);
-  unmount_and_check();
-}
 
-// Without IO_UNIT the same write fills the free clusters and succeeds with
-// the rest left in the uio; with nothing free at all it fails.
-TEST_F(RwFullTest, WriteOnAFullVolumeIsShort) {
-  File f = file(u"f", 100, 100);
-  leave_free(3);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  struct exfat_node* node = node_of(vp);
-
-  std::vector<uint8_t> data = pattern_bytes(0, 5 * kCluster);
-  Transfer t = vn_write(vp, 0, data);
+  t = vn_write(vp, 0, data);
   ASSERT_EQ(0, t.error);
   EXPECT_EQ(4 * kCluster, t.offset);
   EXPECT_EQ(kCluster, t.resid);

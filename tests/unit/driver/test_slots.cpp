@@ -12,36 +12,20 @@
 #include "host/kern.h"
 #include "host/malloc.h"
 #include "host/vfs.h"
-#include "tests/support/fsck.h"
-#include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/volume_fixture.h"
 
 using namespace exvol::test;
 
 namespace {
 
-constexpr uint32_t kCluster = 512;
+constexpr uint32_t kCluster = 512;  // small_cluster_geometry
 constexpr uint32_t kSlots = kCluster / EXFAT_ENTRY_SIZE;
 
-Geometry small_clusters() {
-  Geometry g;
-  g.sector_shift = 9;
-  g.cluster_shift = 0;
-  g.cluster_count = 512;
-  return g;
-}
-
-class SlotTest : public MountTest {
+class SlotTest : public VolumeTest {
  protected:
-  SlotTest() : builder_(small_clusters()) {
-    builder_.add_bitmap_entry().add_upcase_entry();
+  SlotTest() : VolumeTest(small_cluster_geometry()) {
     dir_offset_ = builder_.root().next_offset;
     dir_ = builder_.mkdir(builder_.root(), u"d", 1);
-  }
-
-  void TearDown() override {
-    release_nodes();
-    MountTest::TearDown();
   }
 
   // Appends a set of `entries` entries (3 or 4) for an empty file to the
@@ -56,14 +40,9 @@ class SlotTest : public MountTest {
   }
 
   void mount_and_open() {
-    image_bytes_ = builder_.build().size();
-    ASSERT_EQ(0, load(builder_.build()));
-    ASSERT_EQ(0, mount());
-    ctx_ = vfs_context_kernel();
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
-    root_ = static_cast<struct exfat_node*>(vnode_fsnode(root_vp_));
-    exfat_node_lock(root_);  // exfat_node_get drops this level
-    ASSERT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, dir_offset_, VNON, 0, &dir_node_, ctx_));
+    mount_built();
+    dir_node_ = get_node(dir_offset_);
+    ASSERT_NE(nullptr, dir_node_);
     ASSERT_EQ(VDIR, vnode_vtype(dir_node_->x_vnode));
   }
 
@@ -89,17 +68,6 @@ class SlotTest : public MountTest {
     return data;
   }
 
-  bool used(uint32_t cluster) {
-    lck_mtx_lock(xm->xm_bitmap_lock);
-    int error = 0;
-    uint32_t bit = cluster - 2;
-    uint32_t* word = exfat_bitmap_map(xm, bit, nullptr, &error);
-    bool value = word != nullptr && ((le32dec(word) >> (bit % 32)) & 1) != 0;
-    lck_mtx_unlock(xm->xm_bitmap_lock);
-    EXPECT_EQ(0, error);
-    return value;
-  }
-
   // Marks every free cluster but `keep` used, as if other files had taken
   // them.
   void fill_volume(uint32_t keep) {
@@ -115,40 +83,11 @@ class SlotTest : public MountTest {
     lck_mtx_unlock(xm->xm_bitmap_lock);
   }
 
-  // Writes the directory's stream fields back into its set in the root.
-  void update_dir() {
-    exfat_lock_two(dir_node_, root_);
-    EXPECT_EQ(0, exfat_node_update(dir_node_, root_, ctx_));
-    exfat_node_unlock(root_);
-    exfat_node_unlock(dir_node_);
-  }
+  void update_dir() { update(dir_node_); }
 
-  void release_nodes() {
-    if (dir_node_ != nullptr)
-      vnode_put(dir_node_->x_vnode);
-    dir_node_ = nullptr;
-    if (root_vp_ != NULLVP)
-      vnode_put(root_vp_);
-    root_vp_ = NULLVP;
-  }
-
-  void unmount_and_check() {
-    release_nodes();
-    ASSERT_EQ(0, unmount());
-    if (fsck_program().empty())
-      return;  // the checker is an optional oracle
-    FsckResult r = run_fsck(read_device(0, image_bytes_));
-    EXPECT_EQ(0, r.status) << r.output;
-  }
-
-  ImageBuilder builder_;
   Dir dir_;
   uint32_t dir_offset_ = 0;
   int names_ = 0;
-  size_t image_bytes_ = 0;
-  vfs_context_t ctx_ = nullptr;
-  vnode_t root_vp_ = NULLVP;
-  struct exfat_node* root_ = nullptr;
   struct exfat_node* dir_node_ = nullptr;
 };
 
@@ -261,7 +200,8 @@ TEST_F(SlotTest, GrowthWithoutSpaceChangesNothing) {
 }
 
 // Deleting a set clears bit 7 of each entry's type and changes no other
-// byte, neither of the set nor of its neighbours.
+// byte, neither of the set nor of its neighbours. Without its work buffer
+// a deletion changes nothing.
 TEST_F(SlotTest, DeletionClearsOnlyTheInUseBits) {
   add(3);
   uint32_t b = add(3);
@@ -269,6 +209,10 @@ TEST_F(SlotTest, DeletionClearsOnlyTheInUseBits) {
   mount_and_open();
   std::vector<uint8_t> before = contents(0, kCluster);
   ASSERT_EQ(EXFAT_ENTRY_FILE, before[b]);
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(ENOMEM, remove(b, 3, 1));
+  host_malloc_fail_nth(0);
+  EXPECT_EQ(before, contents(0, kCluster));
 
   ASSERT_EQ(0, remove(b, 3, 1));
   std::vector<uint8_t> after = contents(0, kCluster);
@@ -336,9 +280,14 @@ TEST_F(SlotTest, FreeFlagReleasesOnlyExtraSecondaries) {
     EXPECT_EQ(types[i], entries[i * EXFAT_ENTRY_SIZE]) << i;
 }
 
-// A secondary whose clusters cannot be released is reported and deleted
+// Entries that belong in the root alone are reported when a releasing
+// deletion meets them, and still freed; a plain deletion says nothing. A
+// secondary whose clusters cannot be released is reported and deleted
 // anyway; the deletion succeeds.
-TEST_F(SlotTest, FailedReleaseIsLoggedAndIgnored) {
+TEST_F(SlotTest, ReleasingDeletionsReportWhatTheyCannotHandle) {
+  uint32_t guid = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_GUID)).offset;
+  builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_LABEL));
+  uint32_t quiet = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_BITMAP)).offset;
   FileSpec spec;
   spec.extra_secondaries = {raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x03, 0, kCluster)};
   uint32_t s = add(3, spec);
@@ -348,16 +297,7 @@ TEST_F(SlotTest, FailedReleaseIsLoggedAndIgnored) {
   EXPECT_EQ(1u, log.count("exfat_delete_dirents: error " + std::to_string(EIO) +
                           " freeing secondary stream of type 0xE1"));
   EXPECT_EQ(0x61, contents(s + 3 * EXFAT_ENTRY_SIZE, EXFAT_ENTRY_SIZE)[0]);
-}
-
-// Entries that belong in the root alone are reported when a releasing
-// deletion meets them, and still freed; a plain deletion says nothing.
-TEST_F(SlotTest, RootOnlyTypesAreReportedAndFreed) {
-  uint32_t guid = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_GUID)).offset;
-  builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_LABEL));
-  uint32_t quiet = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_BITMAP)).offset;
-  mount_and_open();
-  KernLogCapture log;
+  log.clear();
 
   ASSERT_EQ(0, remove(guid, 2, 1));
   EXPECT_EQ((std::vector<std::string>{"exfat_delete_dirents: Unexpected entry of type 0xA0",
@@ -371,16 +311,6 @@ TEST_F(SlotTest, RootOnlyTypesAreReportedAndFreed) {
   ASSERT_EQ(0, remove(quiet, 1, 0));
   EXPECT_TRUE(log.lines().empty());
   EXPECT_EQ(0x01, contents(quiet, EXFAT_ENTRY_SIZE)[0]);
-}
-
-// Without its work buffer a deletion changes nothing.
-TEST_F(SlotTest, DeletionWithoutMemoryChangesNothing) {
-  uint32_t s = add(3);
-  mount_and_open();
-  host_malloc_fail_nth(1);
-  EXPECT_EQ(ENOMEM, remove(s, 3, 1));
-  host_malloc_fail_nth(0);
-  EXPECT_EQ(EXFAT_ENTRY_FILE, contents(s, EXFAT_ENTRY_SIZE)[0]);
 }
 
 }  // namespace

@@ -20,20 +20,6 @@ namespace {
 
 constexpr size_t kLinkSize = 1067;
 
-// The link file a target must give, written out independently of the
-// driver.
-std::string link_contents(const std::string& target) {
-  char digest[33];
-  MD5Data(reinterpret_cast<const unsigned char*>(target.data()), target.size(), digest);
-  char length[6];
-  snprintf(length, sizeof(length), "%04zu", target.size());
-  std::string out = std::string("XSym\n") + length + "\n" + digest + "\n" + target;
-  if (target.size() < 1024)
-    out += "\n";
-  out.resize(kLinkSize, ' ');
-  return out;
-}
-
 std::string target_of_length(size_t n) {
   std::string t;
   for (size_t i = 0; i < n; i++)
@@ -44,10 +30,10 @@ std::string target_of_length(size_t n) {
 class SymlinkTest : public NamespaceTest {
  protected:
   void remount() {
-    root_.reset();
+    release_nodes();
     ASSERT_EQ(0, unmount());
     ASSERT_EQ(0, mount());
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_.vp, ctx_));
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
   }
 
   // The first `length` bytes of a file's clusters as on the device,
@@ -85,7 +71,7 @@ class SymlinkTest : public NamespaceTest {
 // exactly its target.
 TEST_F(SymlinkTest, LinkFilesAreLaidOutExactly) {
   EXPECT_EQ("XSym\n0000\nd41d8cd98f00b204e9800998ecf8427e\n\n" + std::string(1023, ' '),
-            link_contents(""));
+            link_file(""));
   mount_built();
   struct Made {
     size_t length;
@@ -96,7 +82,7 @@ TEST_F(SymlinkTest, LinkFilesAreLaidOutExactly) {
   for (size_t length : {0, 1, 1023, 1024}) {
     std::string target = target_of_length(length);
     Vref link;
-    ASSERT_EQ(0, symlink(root_.vp, "l" + std::to_string(length), target, &link));
+    ASSERT_EQ(0, symlink(root_vp_, "l" + std::to_string(length), target, &link));
     ASSERT_EQ(VLNK, vnode_vtype(link.vp));
     EXPECT_EQ(kLinkSize, link.node()->x_size);
     EXPECT_EQ(kLinkSize, link.node()->x_valid_size);
@@ -110,10 +96,10 @@ TEST_F(SymlinkTest, LinkFilesAreLaidOutExactly) {
     made.push_back({length, link.node()->x_start_cluster,
                     (link.node()->x_flags & X_CONTIGUOUS) != 0});
   }
-  unmount_and_fsck();
+  unmount_and_check();
   for (const Made& m : made) {
     std::vector<uint8_t> bytes = file_on_device(m.first, m.contiguous, 3 * 512);
-    std::string expect = link_contents(target_of_length(m.length));
+    std::string expect = link_file(target_of_length(m.length));
     EXPECT_EQ(expect, std::string(bytes.begin(), bytes.begin() + kLinkSize)) << m.length;
     EXPECT_TRUE(std::all_of(bytes.begin() + kLinkSize, bytes.end(), [](uint8_t b) { return b == 0; }))
         << m.length;
@@ -125,7 +111,7 @@ TEST_F(SymlinkTest, TargetOver1024BytesIsRefused) {
   mount_built();
   uint32_t free_before = free_clusters();
   Vref link;
-  EXPECT_EQ(ENAMETOOLONG, symlink(root_.vp, "long", target_of_length(1025), &link));
+  EXPECT_EQ(ENAMETOOLONG, symlink(root_vp_, "long", target_of_length(1025), &link));
   Vref none;
   EXPECT_EQ(ENOENT, lookup("long", &none));
   EXPECT_EQ(free_before, free_clusters());
@@ -141,8 +127,8 @@ TEST_F(SymlinkTest, ReadlinkRefusesFilesAndRemovedLinks) {
   std::string out;
   size_t moved = 0;
   EXPECT_EQ(EINVAL, readlink(plain.vp, 64, &out, &moved));
-  ASSERT_EQ(0, symlink(root_.vp, "ln", "plain", &link));
-  ASSERT_EQ(0, remove(root_.vp, "ln"));
+  ASSERT_EQ(0, symlink(root_vp_, "ln", "plain", &link));
+  ASSERT_EQ(0, remove(root_vp_, "ln"));
   EXPECT_EQ(EAGAIN, readlink(link.vp, 64, &out, &moved));
   EXPECT_EQ(0u, moved);
 }
@@ -153,7 +139,7 @@ TEST_F(SymlinkTest, ReadlinkRefusesFilesAndRemovedLinks) {
 // files of 1067 bytes: a valid one is a link, one with its digest in
 // uppercase or without the magic is a regular file.
 TEST_F(SymlinkTest, RecognitionChecksMagicAndDigest) {
-  std::string good = link_contents("some/where");
+  std::string good = link_file("some/where");
   std::string upper = good;
   std::transform(upper.begin() + 10, upper.begin() + 42, upper.begin() + 10,
                  [](char c) { return static_cast<char>(toupper(c)); });
@@ -166,8 +152,8 @@ TEST_F(SymlinkTest, RecognitionChecksMagicAndDigest) {
   mount_built();
 
   Vref made, link;
-  ASSERT_EQ(0, symlink(root_.vp, "made", "target/path", &made));
-  ASSERT_EQ(0, symlink(root_.vp, "damaged", "target/path", &link));
+  ASSERT_EQ(0, symlink(root_vp_, "made", "target/path", &made));
+  ASSERT_EQ(0, symlink(root_vp_, "damaged", "target/path", &link));
   uint32_t damaged = link.node()->x_start_cluster;
   made.reset();
   link.reset();
@@ -183,14 +169,14 @@ TEST_F(SymlinkTest, RecognitionChecksMagicAndDigest) {
 
   // One byte of the target changes on disk; the next instantiation sees a
   // regular file.
-  root_.reset();
+  release_nodes();
   ASSERT_EQ(0, unmount());
   uint64_t at = builder_.cluster_byte_offset(damaged) + 43;
   ASSERT_EQ('t', read_device(at, 1)[0]);
   uint8_t changed = 'T';
   ASSERT_EQ(0, host_memdev_load(devvp, &changed, 1, at));
   ASSERT_EQ(0, mount());
-  ASSERT_EQ(0, VFS_ROOT(mp, &root_.vp, ctx_));
+  ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
   Vref v;
   ASSERT_EQ(0, lookup("damaged", &v));
   EXPECT_EQ(VREG, vnode_vtype(v.vp));
@@ -203,12 +189,12 @@ TEST_F(SymlinkTest, FullVolumeLeavesNoLink) {
   fill_volume_with_file(u"filler");
   mount_built();
   Vref link;
-  EXPECT_EQ(ENOSPC, symlink(root_.vp, "nowhere", "t", &link));
+  EXPECT_EQ(ENOSPC, symlink(root_vp_, "nowhere", "t", &link));
   EXPECT_EQ(NULLVP, link.vp);
   Vref none;
   EXPECT_EQ(ENOENT, lookup("nowhere", &none));
   EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
-  unmount_and_fsck();
+  unmount_and_check();
 }
 
 }  // namespace
