@@ -167,15 +167,31 @@ int rename_check_subtree(struct rename_state* rs) {
 }
 
 // Step 7: allocates the work buffer and reads the source's whole entry set
-// into it. The caller holds the source directory's lock. Returns 0, ENOMEM
-// or the read error.
+// into it. The caller holds the source directory's lock. Returns 0, ENOMEM,
+// the read error, or EIO (XM_CORRUPT set) when what was read is not the
+// valid File set of old_count entries that the lookup reported.
+//
+// The set is checked again because the lookup may have trusted it without a
+// check (it lay before the directory's checked-end mark), and the directory
+// block it reads may since have come back from the device with other
+// contents (a device that lost writes). Reshaping a set whose counts do not
+// agree would move entries outside the buffer.
 int rename_read_set(struct rename_state* rs) {
   lck_mtx_assert(rs->fdir->x_lock, LCK_MTX_ASSERT_OWNED);
   rs->buffer = static_cast<uint8_t*>(OSMalloc(EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag));
   if (rs->buffer == nullptr)
     return ENOMEM;
-  return exfat_dir_read(rs->fdir, nullptr, rs->buffer, rs->old_offset,
-                        rs->old_count * EXFAT_ENTRY_SIZE, rs->context);
+  int error = exfat_dir_read(rs->fdir, nullptr, rs->buffer, rs->old_offset,
+                             rs->old_count * EXFAT_ENTRY_SIZE, rs->context);
+  if (error)
+    return error;
+  if (rs->buffer[0] != EXFAT_ENTRY_FILE || rs->buffer[1] + 1u != rs->old_count ||
+      !exfat_valid_entry_set(rs->buffer)) {
+    kprintf("exfat_vnop_rename: entry set at offset %u is not valid\n", rs->old_offset);
+    rs->mount->xm_flags |= XM_CORRUPT;
+    return EIO;
+  }
+  return 0;
 }
 
 // Steps 8 and 9: a name beginning with a dot is Hidden, any other is not;

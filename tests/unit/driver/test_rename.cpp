@@ -272,6 +272,29 @@ TEST_F(RenameTest, PendingEntryIsWrittenAtTheNewPlace) {
   unmount_and_check();
 }
 
+// A set that was checked once is trusted by later walks of its directory;
+// when its block comes back from the device with other contents (a device
+// that lost writes, or was changed behind the driver's back), rename must
+// refuse the set instead of reshaping entries that are not there.
+TEST_F(RenameTest, SetThatChangedOnTheDeviceIsRefused) {
+  Placed placed = builder_.add_file(builder_.root(), u"a", bytes("data"));
+  mount_built();
+  {
+    Vref file;
+    ASSERT_EQ(0, lookup("a", &file));  // checked, and trusted from now on
+  }
+  // SecondaryCount 1 counts the name entry only; the checksum is left as it
+  // was. Growing the name to two name entries would then move -1 entries.
+  uint64_t at = builder_.dir_byte_offset(builder_.root(), placed.offset);
+  uint8_t one = 1;
+  ASSERT_EQ(0, host_memdev_load(devvp, &one, 1, at + 1));
+  ASSERT_EQ(0, buf_invalidateblks(devvp, 0, 0, 0));
+  KernLogCapture log;
+  EXPECT_EQ(EIO, rename(root_vp_, "a", root_vp_, "a-name-of-twenty-units"));
+  EXPECT_EQ(1u, log.count_prefix("exfat_vnop_rename: entry set at offset"));
+  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+}
+
 // Names that changed between the kernel's lookups and the rename: a
 // source removed meanwhile restarts; a target that appeared meanwhile is
 // EEXIST; a target vnode whose name now leads elsewhere restarts.
