@@ -179,6 +179,7 @@ int exfat_fat_reclaim(struct vnop_reclaim_args* ap);
 
 uint16_t exfat_checksum_file_set(const uint8_t* set);
 int exfat_valid_entry_set(const uint8_t* set);
+int exfat_entry_set_shape_ok(const uint8_t* set);
 uint16_t exfat_name_hash(const uint16_t* upcase, uint8_t name_length, const uint16_t* name);
 uint16_t exfat_file_set_init(uint8_t* set, const uint16_t* name, long name_length,
                              uint16_t name_hash, uint16_t attributes);

@@ -81,7 +81,13 @@ int walk_set_complete(struct dir_walk* walk, uint32_t offset, uint32_t position)
     walk->gather_fill += position + EXFAT_ENTRY_SIZE;
   }
   walk->set_open = false;
-  if (offset >= dir->x_checked_end && !exfat_valid_entry_set(walk->set_start)) {
+  // Sets before the checked-end mark passed the full check on an earlier
+  // walk and skip the checksum; their shape is still checked, because the
+  // name readers index name entries by it and a block re-read from a device
+  // that lost writes may hold something else now.
+  bool valid = offset >= dir->x_checked_end ? exfat_valid_entry_set(walk->set_start)
+                                            : exfat_entry_set_shape_ok(walk->set_start);
+  if (!valid) {
     dir->x_flags |= X_BAD_SET;
     return 0;
   }

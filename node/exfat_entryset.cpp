@@ -56,6 +56,14 @@ uint16_t exfat_checksum_file_set(const uint8_t* set) {
 int exfat_valid_entry_set(const uint8_t* set) {
   if (le16dec(set + 2) != exfat_checksum_file_set(set))
     return 0;
+  return exfat_entry_set_shape_ok(set);
+}
+
+// The structural part of the validity rules, without the checksum: a File
+// set has a stream entry and room for, and the types of, the name entries
+// its NameLength implies. Every reader of a name relies on this; an unknown
+// benign primary passes.
+int exfat_entry_set_shape_ok(const uint8_t* set) {
   if (set[0] != EXFAT_ENTRY_FILE)
     return 1;  // an unknown benign primary: the checksum is all we know
   uint32_t secondaries = set[1];

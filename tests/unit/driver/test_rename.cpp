@@ -272,27 +272,34 @@ TEST_F(RenameTest, PendingEntryIsWrittenAtTheNewPlace) {
   unmount_and_check();
 }
 
-// A set that was checked once is trusted by later walks of its directory;
-// when its block comes back from the device with other contents (a device
-// that lost writes, or was changed behind the driver's back), rename must
-// refuse the set instead of reshaping entries that are not there.
+// A set that was checked once is trusted by later walks of its directory
+// (its checksum is not computed again); when its block comes back from the
+// device with other contents (a device that lost writes, or a change behind
+// the driver's back), rename must not reshape it: a set whose checksum no
+// longer holds is refused with EIO, and one whose counts no longer agree is
+// not even found (the walk checks every set's shape), instead of having
+// entries moved outside the work buffer.
 TEST_F(RenameTest, SetThatChangedOnTheDeviceIsRefused) {
-  Placed placed = builder_.add_file(builder_.root(), u"a", bytes("data"));
+  Placed a = builder_.add_file(builder_.root(), u"a", bytes("data"));
+  Placed b = builder_.add_file(builder_.root(), u"b", bytes("data"));
   mount_built();
   {
     Vref file;
-    ASSERT_EQ(0, lookup("a", &file));  // checked, and trusted from now on
+    ASSERT_EQ(0, lookup("a", &file));  // walks and checks both sets
   }
-  // SecondaryCount 1 counts the name entry only; the checksum is left as it
-  // was. Growing the name to two name entries would then move -1 entries.
-  uint64_t at = builder_.dir_byte_offset(builder_.root(), placed.offset);
-  uint8_t one = 1;
-  ASSERT_EQ(0, host_memdev_load(devvp, &one, 1, at + 1));
+  auto poke = [&](const Placed& p, uint32_t at, uint8_t value) {
+    uint64_t where = builder_.dir_byte_offset(builder_.root(), p.offset) + at;
+    ASSERT_EQ(0, host_memdev_load(devvp, &value, 1, where));
+  };
+  poke(a, 8, 0x5A);  // a timestamp byte: the shape holds, the checksum does not
+  poke(b, 1, 1);     // SecondaryCount 1: the name entry leaves no room for the stream
   ASSERT_EQ(0, buf_invalidateblks(devvp, 0, 0, 0));
   KernLogCapture log;
   EXPECT_EQ(EIO, rename(root_vp_, "a", root_vp_, "a-name-of-twenty-units"));
   EXPECT_EQ(1u, log.count_prefix("exfat_vnop_rename: entry set at offset"));
   EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+  int error = rename(root_vp_, "b", root_vp_, "b-name-of-twenty-units");
+  EXPECT_TRUE(error == ENOENT || error == ERESTART) << error;
 }
 
 // Names that changed between the kernel's lookups and the rename: a
