@@ -116,12 +116,12 @@ uint32_t upcase_checksum(const std::vector<uint8_t>& data) {
   return c;
 }
 
-std::vector<uint8_t> make_file_set(const FileSpec& spec, const std::vector<uint16_t>& upcase) {
-  size_t len = spec.name.size();
+std::vector<uint8_t> make_file_set(const FileDesc& desc, const std::vector<uint16_t>& upcase) {
+  size_t len = desc.name.size();
   if (len > 255)
     fail("make_file_set: name longer than 255 units");
   size_t names = (len + 14) / 15;
-  size_t secondaries = 1 + names + spec.extra_secondaries.size();
+  size_t secondaries = 1 + names + desc.extra_secondaries.size();
   if (secondaries > 255)
     fail("make_file_set: more than 255 secondaries");
   std::vector<uint8_t> set((secondaries + 1) * 32, 0);
@@ -129,28 +129,28 @@ std::vector<uint8_t> make_file_set(const FileSpec& spec, const std::vector<uint1
   uint8_t* fe = set.data();
   fe[0] = 0x85;
   fe[1] = static_cast<uint8_t>(secondaries);
-  put16(fe + 4, spec.attributes);
-  put32(fe + 8, spec.timestamp);
-  put32(fe + 12, spec.timestamp);
-  put32(fe + 16, spec.timestamp);
-  fe[22] = fe[23] = fe[24] = spec.utc_offset;
+  put16(fe + 4, desc.attributes);
+  put32(fe + 8, desc.timestamp);
+  put32(fe + 12, desc.timestamp);
+  put32(fe + 16, desc.timestamp);
+  fe[22] = fe[23] = fe[24] = desc.utc_offset;
 
   uint8_t* st = set.data() + 32;
   st[0] = 0xC0;
-  st[1] = static_cast<uint8_t>(0x01 | (spec.no_fat_chain ? 0x02 : 0));
-  st[3] = spec.name_length.value_or(static_cast<uint8_t>(len));
-  put16(st + 4, spec.name_hash.value_or(name_hash(spec.name, upcase)));
-  put64(st + 8, spec.valid_length.value_or(spec.data_length));
-  put32(st + 20, spec.first_cluster);
-  put64(st + 24, spec.data_length);
+  st[1] = static_cast<uint8_t>(0x01 | (desc.no_fat_chain ? 0x02 : 0));
+  st[3] = desc.name_length.value_or(static_cast<uint8_t>(len));
+  put16(st + 4, desc.name_hash.value_or(name_hash(desc.name, upcase)));
+  put64(st + 8, desc.valid_length.value_or(desc.data_length));
+  put32(st + 20, desc.first_cluster);
+  put64(st + 24, desc.data_length);
 
   for (size_t i = 0; i < len; i++) {
     uint8_t* ne = set.data() + 64 + 32 * (i / 15);
     ne[0] = 0xC1;
-    put16(ne + 2 + 2 * (i % 15), spec.name[i]);
+    put16(ne + 2 + 2 * (i % 15), desc.name[i]);
   }
-  for (size_t i = 0; i < spec.extra_secondaries.size(); i++)
-    memcpy(set.data() + 64 + 32 * (names + i), spec.extra_secondaries[i].data(), 32);
+  for (size_t i = 0; i < desc.extra_secondaries.size(); i++)
+    memcpy(set.data() + 64 + 32 * (names + i), desc.extra_secondaries[i].data(), 32);
 
   fix_set_checksum(set);
   return set;
@@ -435,11 +435,11 @@ ImageBuilder& ImageBuilder::skip_to(Dir& dir, uint32_t offset) {
   return *this;
 }
 
-Placed ImageBuilder::add_set(Dir& dir, const FileSpec& spec) {
-  Placed placed = add_entries(dir, make_file_set(spec, upcase_table_));
-  placed.first_cluster = spec.first_cluster;
+Placed ImageBuilder::add_set(Dir& dir, const FileDesc& desc) {
+  Placed placed = add_entries(dir, make_file_set(desc, upcase_table_));
+  placed.first_cluster = desc.first_cluster;
   uint32_t bpc = bytes_per_cluster();
-  placed.clusters = static_cast<uint32_t>((spec.data_length + bpc - 1) / bpc);
+  placed.clusters = static_cast<uint32_t>((desc.data_length + bpc - 1) / bpc);
   return placed;
 }
 
@@ -448,16 +448,16 @@ Placed ImageBuilder::add_file(Dir& dir, const std::u16string& name,
                               uint16_t attributes) {
   uint32_t bpc = bytes_per_cluster();
   uint32_t clusters = static_cast<uint32_t>((data.size() + bpc - 1) / bpc);
-  FileSpec spec;
-  spec.name = name;
-  spec.attributes = attributes;
-  spec.data_length = data.size();
+  FileDesc desc;
+  desc.name = name;
+  desc.attributes = attributes;
+  desc.data_length = data.size();
   if (clusters > 0) {
-    spec.first_cluster = allocate(clusters, alloc);
-    spec.no_fat_chain = alloc == Alloc::Contiguous;
-    write_data(spec.first_cluster, alloc, data);
+    desc.first_cluster = allocate(clusters, alloc);
+    desc.no_fat_chain = alloc == Alloc::Contiguous;
+    write_data(desc.first_cluster, alloc, data);
   }
-  return add_set(dir, spec);
+  return add_set(dir, desc);
 }
 
 Dir ImageBuilder::mkdir(Dir& parent, const std::u16string& name, uint32_t clusters,
@@ -469,13 +469,13 @@ Dir ImageBuilder::mkdir(Dir& parent, const std::u16string& name, uint32_t cluste
     dir.clusters.push_back(c);
     c = alloc == Alloc::Contiguous ? c + 1 : fat(c);
   }
-  FileSpec spec;
-  spec.name = name;
-  spec.attributes = 0x10;
-  spec.first_cluster = dir.first_cluster;
-  spec.data_length = static_cast<uint64_t>(clusters) * bytes_per_cluster();
-  spec.no_fat_chain = alloc == Alloc::Contiguous;
-  add_set(parent, spec);
+  FileDesc desc;
+  desc.name = name;
+  desc.attributes = 0x10;
+  desc.first_cluster = dir.first_cluster;
+  desc.data_length = static_cast<uint64_t>(clusters) * bytes_per_cluster();
+  desc.no_fat_chain = alloc == Alloc::Contiguous;
+  add_set(parent, desc);
   return dir;
 }
 

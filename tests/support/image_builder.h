@@ -73,7 +73,7 @@ struct Placed {
 };
 
 // Describes a File entry set. Fields left alone give a valid set.
-struct FileSpec {
+struct FileDesc {
   std::u16string name;
   uint16_t attributes = 0x20;  // archive
   uint32_t first_cluster = 0;
@@ -101,8 +101,8 @@ std::vector<uint16_t> ascii_upcase_table();
 std::vector<uint8_t> compress_upcase(const std::vector<uint16_t>& table, bool use_runs = true);
 std::vector<uint8_t> upcase_items(const std::vector<uint16_t>& items);  // raw items
 uint32_t upcase_checksum(const std::vector<uint8_t>& data);
-// A File set for spec, hashed through upcase, checksum correct.
-std::vector<uint8_t> make_file_set(const FileSpec& spec, const std::vector<uint16_t>& upcase);
+// A File set for desc, hashed through upcase, checksum correct.
+std::vector<uint8_t> make_file_set(const FileDesc& desc, const std::vector<uint16_t>& upcase);
 // Entries for the root directory.
 Entry bitmap_entry(uint8_t flags, uint32_t first_cluster, uint64_t length);
 Entry upcase_entry(uint32_t checksum, uint32_t first_cluster, uint64_t length);
@@ -171,8 +171,8 @@ class ImageBuilder {
   // Fills slots with deleted entries up to `offset` (a multiple of 32), so
   // that the next set starts exactly there (e.g. across a block boundary).
   ImageBuilder& skip_to(Dir& dir, uint32_t offset);
-  // Appends a File set for spec. Returns its placement.
-  Placed add_set(Dir& dir, const FileSpec& spec);
+  // Appends a File set for desc. Returns its placement.
+  Placed add_set(Dir& dir, const FileDesc& desc);
   // Allocates data clusters, writes data and appends a File set for it.
   Placed add_file(Dir& dir, const std::u16string& name, const std::vector<uint8_t>& data,
                   Alloc alloc = Alloc::Chain, uint16_t attributes = 0x20);

@@ -31,14 +31,14 @@ constexpr uint64_t kAllAttributes =
     VNODE_ATTR_va_modify_time | VNODE_ATTR_va_change_time | VNODE_ATTR_va_fileid |
     VNODE_ATTR_va_parentid | VNODE_ATTR_va_fsid | VNODE_ATTR_va_gen;
 
-// A File set spec for a directory of one (zeroed) cluster.
-FileSpec dir_spec(ImageBuilder& b, const std::u16string& name, uint16_t attributes) {
-  FileSpec spec;
-  spec.name = name;
-  spec.attributes = attributes;
-  spec.first_cluster = b.allocate(1, Alloc::Chain);
-  spec.data_length = b.bytes_per_cluster();
-  return spec;
+// A File set desc for a directory of one (zeroed) cluster.
+FileDesc dir_spec(ImageBuilder& b, const std::u16string& name, uint16_t attributes) {
+  FileDesc desc;
+  desc.name = name;
+  desc.attributes = attributes;
+  desc.first_cluster = b.allocate(1, Alloc::Chain);
+  desc.data_length = b.bytes_per_cluster();
+  return desc;
 }
 
 class AttrTest : public VolumeTest {
@@ -190,10 +190,10 @@ TEST_F(AttrTest, AttributeBitsAsFlags) {
   };
   std::vector<uint32_t> offsets;
   for (const Case& c : files) {
-    FileSpec spec;
-    spec.name = c.name;
-    spec.attributes = c.attributes;
-    offsets.push_back(builder_.add_set(builder_.root(), spec).offset);
+    FileDesc desc;
+    desc.name = c.name;
+    desc.attributes = c.attributes;
+    offsets.push_back(builder_.add_set(builder_.root(), desc).offset);
   }
   for (const Case& c : dirs)
     offsets.push_back(builder_.add_set(builder_.root(), dir_spec(builder_, c.name, c.attributes))
@@ -234,10 +234,10 @@ TEST_F(AttrTest, MaskUpdateChangesTheModeAtOnce) {
 // hidden cleared; System stays. The entry on disk follows with a valid
 // checksum.
 TEST_F(AttrTest, ClearingFlagsOfAFile) {
-  FileSpec spec;
-  spec.name = u"f";
-  spec.attributes = 0x07;  // ReadOnly | Hidden | System, Archive clear
-  Placed f = builder_.add_set(builder_.root(), spec);
+  FileDesc desc;
+  desc.name = u"f";
+  desc.attributes = 0x07;  // ReadOnly | Hidden | System, Archive clear
+  Placed f = builder_.add_set(builder_.root(), desc);
   mount_built();
   vnode_t vp = open_at(f.offset);
 
@@ -326,10 +326,10 @@ TEST_F(AttrTest, UnknownFlagIsRefused) {
 // Archive, of a directory too, even when only its access time is set. The
 // change time is not settable.
 TEST_F(AttrTest, SettingTimes) {
-  FileSpec spec;
-  spec.name = u"f";
-  spec.attributes = 0x00;
-  Placed f = builder_.add_set(builder_.root(), spec);
+  FileDesc desc;
+  desc.name = u"f";
+  desc.attributes = 0x00;
+  Placed f = builder_.add_set(builder_.root(), desc);
   uint32_t d = builder_.add_set(builder_.root(), dir_spec(builder_, u"d", 0x10)).offset;
   mount_built();
   vnode_t vp = open_at(f.offset);

@@ -231,7 +231,7 @@ TEST_F(BlockmapTest, ReadsPastTheValidDataAreHolesAndWritesAreNot) {
   TwoFiles f;
   mount_volume([&](ImageBuilder& b) {
     f.contig_cluster = b.allocate(2, Alloc::Contiguous);
-    FileSpec s;
+    FileDesc s;
     s.name = u"valid1000";
     s.first_cluster = f.contig_cluster;
     s.data_length = 2 * kClusterSize;
@@ -285,7 +285,7 @@ TEST_F(BlockmapTest, RunsEndWhereTheChainLeavesConsecutiveClusters) {
     for (uint32_t c : {100u, 101u, 300u})
       b.set_allocated(c, true);
     b.set_fat(100, 101).set_fat(101, 300).set_fat(300, 0xFFFFFFFF);
-    FileSpec s;
+    FileDesc s;
     s.name = u"chained";
     s.first_cluster = 100;
     s.data_length = 3 * kClusterSize;

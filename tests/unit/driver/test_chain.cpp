@@ -51,12 +51,12 @@ class ChainTest : public VolumeTest {
       uint32_t start = c;
       while (c <= last && !builder_.allocated(c))
         builder_.set_allocated(c++, true);
-      FileSpec spec;
-      spec.name = u"fill" + std::u16string(1, static_cast<char16_t>(u'A' + fillers_++));
-      spec.first_cluster = start;
-      spec.data_length = uint64_t(c - start) * kCluster;
-      spec.no_fat_chain = true;
-      builder_.add_set(builder_.root(), spec);
+      FileDesc desc;
+      desc.name = u"fill" + std::u16string(1, static_cast<char16_t>(u'A' + fillers_++));
+      desc.first_cluster = start;
+      desc.data_length = uint64_t(c - start) * kCluster;
+      desc.no_fat_chain = true;
+      builder_.add_set(builder_.root(), desc);
     }
   }
 
@@ -67,11 +67,11 @@ class ChainTest : public VolumeTest {
       builder_.set_allocated(chain[i], true);
       builder_.set_fat(chain[i], i + 1 < chain.size() ? chain[i + 1] : EXFAT_FAT_EOC);
     }
-    FileSpec spec;
-    spec.name = name;
-    spec.first_cluster = chain[0];
-    spec.data_length = size;
-    return builder_.add_set(builder_.root(), spec).offset;
+    FileDesc desc;
+    desc.name = name;
+    desc.first_cluster = chain[0];
+    desc.data_length = size;
+    return builder_.add_set(builder_.root(), desc).offset;
   }
 
   struct exfat_node* get(uint32_t offset) { return get_node(offset); }

@@ -21,7 +21,7 @@ namespace {
 
 using exvol::test::bytes;
 using exvol::test::Dir;
-using exvol::test::FileSpec;
+using exvol::test::FileDesc;
 using exvol::test::Geometry;
 using exvol::test::ImageBuilder;
 using exvol::test::make_file_set;
@@ -77,10 +77,10 @@ std::vector<uint32_t> offsets(const Recorder& r) {
   return v;
 }
 
-FileSpec named(const std::u16string& name) {
-  FileSpec spec;
-  spec.name = name;
-  return spec;
+FileDesc named(const std::u16string& name) {
+  FileDesc desc;
+  desc.name = name;
+  return desc;
 }
 
 class DirTest : public exvol::test::MountTest {
@@ -150,7 +150,7 @@ TEST_F(DirTest, SetsStraddlingBlocksArriveAsOneCopy) {
   std::vector<uint8_t> small = make_file_set(named(u"straddle"), builder_.upcase());
   builder_.add_entries(d, small);
 
-  FileSpec big = named(u"big");
+  FileDesc big = named(u"big");
   for (int i = 0; i < 253; i++)
     big.extra_secondaries.push_back(raw_entry(0xE0, 0, 0, 0));
   std::vector<uint8_t> big_set = make_file_set(big, builder_.upcase());

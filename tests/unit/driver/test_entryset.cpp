@@ -9,7 +9,7 @@
 #include "host/time.h"
 #include "tests/support/image_builder.h"
 
-using exvol::test::FileSpec;
+using exvol::test::FileDesc;
 using exvol::test::make_file_set;
 
 namespace {
@@ -27,9 +27,9 @@ std::vector<uint8_t> buffer(const std::vector<uint8_t>& set, uint8_t fill = 0xEE
 }
 
 std::vector<uint8_t> file_set(const std::u16string& name, std::vector<exvol::test::Entry> extra = {}) {
-  FileSpec spec{.name = name, .first_cluster = 7, .data_length = 100};
-  spec.extra_secondaries = std::move(extra);
-  return make_file_set(spec, exvol::test::ascii_upcase_table());
+  FileDesc desc{.name = name, .first_cluster = 7, .data_length = 100};
+  desc.extra_secondaries = std::move(extra);
+  return make_file_set(desc, exvol::test::ascii_upcase_table());
 }
 
 void restamp(std::vector<uint8_t>& set) {

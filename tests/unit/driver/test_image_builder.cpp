@@ -87,8 +87,8 @@ TEST(ImageBuilderFsck, DeliberateDamageIsSeenByTheChecker) {
   {
     SCOPED_TRACE("entry set with a bad checksum");
     ImageBuilder b = standard();
-    FileSpec spec{.name = u"bad"};
-    std::vector<uint8_t> set = make_file_set(spec, b.upcase());
+    FileDesc desc{.name = u"bad"};
+    std::vector<uint8_t> set = make_file_set(desc, b.upcase());
     set[2] ^= 0xFF;
     b.add_entries(b.root(), set);
     expect_fsck_finds_damage(b.build());
@@ -175,9 +175,9 @@ TEST(ImageBuilderLayout, FileSetsAreValidForTheDriver) {
   ImageBuilder b = standard();
   std::vector<uint16_t> upcase = b.upcase();
   for (size_t len : {1, 15, 16, 30, 31, 255}) {
-    FileSpec spec{.name = std::u16string(len, u'q'), .first_cluster = 9, .data_length = 5,
+    FileDesc desc{.name = std::u16string(len, u'q'), .first_cluster = 9, .data_length = 5,
                   .no_fat_chain = true};
-    std::vector<uint8_t> set = make_file_set(spec, upcase);
+    std::vector<uint8_t> set = make_file_set(desc, upcase);
     set.resize(EXFAT_SET_BUFFER_SIZE);
     SCOPED_TRACE(len);
     EXPECT_EQ(set[1], 1 + (len + 14) / 15);
@@ -186,7 +186,7 @@ TEST(ImageBuilderLayout, FileSetsAreValidForTheDriver) {
     EXPECT_EQ(st->NameLength, len);
     EXPECT_EQ(le16dec(st->NameHash),
               exfat_name_hash(upcase.data(), static_cast<uint8_t>(len),
-                              reinterpret_cast<const uint16_t*>(spec.name.data())));
+                              reinterpret_cast<const uint16_t*>(desc.name.data())));
     EXPECT_EQ(st->GeneralSecondaryFlags, EXFAT_SECONDARY_ALLOCATION_POSSIBLE |
                                              EXFAT_SECONDARY_NO_FAT_CHAIN);
     EXPECT_EQ(le32dec(st->FirstCluster), 9u);

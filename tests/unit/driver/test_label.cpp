@@ -144,9 +144,9 @@ TEST_F(LabelTest, ExistingLabelEntryIsRewrittenInPlace) {
 // f_blocks and f_ffree is f_bfree.
 TEST_F(LabelTest, FullRootGrowsForTheLabel) {
   for (int i = 0; i < 42; i++) {  // 42 sets of 3 fill the 126 slots left
-    FileSpec spec;
-    spec.name = u"file" + std::u16string(1, u'A' + i / 10) + std::u16string(1, u'0' + i % 10);
-    builder_.add_set(builder_.root(), spec);
+    FileDesc desc;
+    desc.name = u"file" + std::u16string(1, u'A' + i / 10) + std::u16string(1, u'0' + i % 10);
+    builder_.add_set(builder_.root(), desc);
   }
   ASSERT_EQ(kCluster, builder_.root().next_offset);
   mount_built();

@@ -133,13 +133,13 @@ TEST_F(NodeTest, FileNodeFromItsEntrySet) {
 // entry leaves no node behind and still drops the parent's lock level.
 TEST_F(NodeTest, SizeLimits) {
   uint32_t cluster = builder_.allocate(1, Alloc::Chain);
-  FileSpec dir_spec;
+  FileDesc dir_spec;
   dir_spec.name = u"hugedir";
   dir_spec.attributes = EXFAT_ATTR_DIRECTORY;
   dir_spec.first_cluster = cluster;
   dir_spec.data_length = 0x100000000ull;
   Placed huge_dir = builder_.add_set(builder_.root(), dir_spec);
-  FileSpec file_spec = dir_spec;
+  FileDesc file_spec = dir_spec;
   file_spec.name = u"hugefile";
   file_spec.attributes = EXFAT_ATTR_ARCHIVE;
   Placed huge_file = builder_.add_set(builder_.root(), file_spec);

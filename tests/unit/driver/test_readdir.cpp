@@ -245,7 +245,7 @@ TEST_F(ReaddirTest, TypesAndFileNumbers) {
   Placed almost = builder_.add_file(builder_.root(), u"almost", std::vector<uint8_t>(1066, 'x'));
   Dir dir = builder_.mkdir(builder_.root(), u"dir");
   builder_.add_file(builder_.root(), u"empty", {});
-  FileSpec huge;  // a 4 GiB file: its DataLength's low 32 bits are not 1067
+  FileDesc huge;  // a 4 GiB file: its DataLength's low 32 bits are not 1067
   huge.name = u"huge";
   huge.data_length = (1ull << 32) + 1067;
   huge.first_cluster = link.first_cluster;

@@ -30,13 +30,13 @@ class SlotTest : public VolumeTest {
 
   // Appends a set of `entries` entries (3 or 4) for an empty file to the
   // directory under test; returns its offset.
-  uint32_t add(uint32_t entries, const FileSpec& base = {}) {
-    FileSpec spec = base;
+  uint32_t add(uint32_t entries, const FileDesc& base = {}) {
+    FileDesc desc = base;
     std::u16string name = u"n" + std::u16string(1, static_cast<char16_t>(u'A' + names_++));
     if (entries == 4)
       name.resize(16, u'x');
-    spec.name = name;
-    return builder_.add_set(dir_, spec).offset;
+    desc.name = name;
+    return builder_.add_set(dir_, desc).offset;
   }
 
   void mount_and_open() {
@@ -239,15 +239,15 @@ TEST_F(SlotTest, FreeFlagReleasesOnlyExtraSecondaries) {
     *run = builder_.allocate(2, Alloc::Contiguous);
     *chain = builder_.allocate(2, Alloc::Chain);
     *inert = builder_.allocate(1, Alloc::Contiguous);
-    FileSpec spec;
-    spec.first_cluster = *data;
-    spec.data_length = kCluster;
-    spec.extra_secondaries = {
+    FileDesc desc;
+    desc.first_cluster = *data;
+    desc.data_length = kCluster;
+    desc.extra_secondaries = {
         raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x03, *run, 2 * kCluster),
         raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x01, *chain, 2 * kCluster),
         raw_entry(EXFAT_ENTRY_VENDOR_EXT, 0x02, *inert, kCluster),
     };
-    return add(3, spec);
+    return add(3, desc);
   };
   uint32_t data0, run0, chain0, inert0, data1, run1, chain1, inert1;
   uint32_t keep = set_with_extras(&data0, &run0, &chain0, &inert0);
@@ -288,9 +288,9 @@ TEST_F(SlotTest, ReleasingDeletionsReportWhatTheyCannotHandle) {
   uint32_t guid = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_GUID)).offset;
   builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_LABEL));
   uint32_t quiet = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_BITMAP)).offset;
-  FileSpec spec;
-  spec.extra_secondaries = {raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x03, 0, kCluster)};
-  uint32_t s = add(3, spec);
+  FileDesc desc;
+  desc.extra_secondaries = {raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x03, 0, kCluster)};
+  uint32_t s = add(3, desc);
   mount_and_open();
   KernLogCapture log;
   ASSERT_EQ(0, remove(s, 4, 1));

@@ -311,18 +311,18 @@ class VolumeTest : public MountTest {
     uint32_t take = unallocated - free;
     if (take == 0)
       return;
-    FileSpec spec;
-    spec.name = name;
-    spec.first_cluster = builder_.allocate(take, Alloc::Chain);
-    spec.data_length = uint64_t(take) * builder_.bytes_per_cluster();
-    builder_.add_set(builder_.root(), spec);
+    FileDesc desc;
+    desc.name = name;
+    desc.first_cluster = builder_.allocate(take, Alloc::Chain);
+    desc.data_length = uint64_t(take) * builder_.bytes_per_cluster();
+    builder_.add_set(builder_.root(), desc);
   }
 
   // An empty regular file in the root; returns its set's offset.
   uint32_t empty_file(const std::u16string& name) {
-    FileSpec spec;
-    spec.name = name;
-    return builder_.add_set(builder_.root(), spec).offset;
+    FileDesc desc;
+    desc.name = name;
+    return builder_.add_set(builder_.root(), desc).offset;
   }
 
   struct File {
@@ -342,13 +342,13 @@ class VolumeTest : public MountTest {
         data[i] = pattern(i);
       builder_.write_data(f.first_cluster, Alloc::Contiguous, data);
     }
-    FileSpec spec;
-    spec.name = name;
-    spec.first_cluster = f.first_cluster;
-    spec.data_length = size;
-    spec.valid_length = valid;
-    spec.no_fat_chain = clusters != 0;
-    f.offset = builder_.add_set(builder_.root(), spec).offset;
+    FileDesc desc;
+    desc.name = name;
+    desc.first_cluster = f.first_cluster;
+    desc.data_length = size;
+    desc.valid_length = valid;
+    desc.no_fat_chain = clusters != 0;
+    f.offset = builder_.add_set(builder_.root(), desc).offset;
     return f;
   }
 
