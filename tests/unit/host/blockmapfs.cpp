@@ -222,7 +222,7 @@ void bmfs_register() {
 
 }  // namespace
 
-BlockMapFs::BlockMapFs(uint64_t dev_bytes) : dev_bytes_(dev_bytes) {
+BlockMapFs::BlockMapFs(uint64_t dev_bytes) {
   bmfs_register();
   EXPECT_EQ(host_memdev_create(dev_bytes, kSector, kBlock, &devvp_), 0);
   EXPECT_EQ(host_mount("blockmapfs", devvp_, 0, nullptr, 0, &mp_), 0);
@@ -333,8 +333,46 @@ void BlockMapFs::poke_device(bmfs_file* f, off_t off, const void* data, size_t l
   }
 }
 
-void BlockMapFs::fill_device(uint8_t byte) {
-  std::vector<char> chunk(1 << 20, char(byte));
-  for (uint64_t off = 0; off < dev_bytes_; off += chunk.size())
-    ASSERT_EQ(host_memdev_load(devvp_, chunk.data(), std::min<size_t>(chunk.size(), dev_bytes_ - off), off), 0);
+void BlockMapFs::fill(bmfs_file* f, char byte) {
+  std::lock_guard<std::mutex> g(f->lock);
+  std::vector<char> block(kBlock, byte);
+  for (int64_t d : f->blocks)
+    if (d != -1) {
+      ASSERT_EQ(host_memdev_load(devvp_, block.data(), kBlock, uint64_t(d) * kBlock), 0);
+    }
+}
+
+int BlockMapFs::set_size(bmfs_file* f, off_t size) {
+  {
+    std::lock_guard<std::mutex> g(f->lock);
+    f->size = size;
+  }
+  return ubc_setsize(f->vp, size);
+}
+
+std::string BlockMapFs::random_op(bmfs_file* f, std::vector<char>& model, std::mt19937& rng, size_t max_len,
+                                  unsigned write_percent) {
+  off_t off = off_t(rng() % uint32_t(model.size()));
+  size_t len = 1 + (rng() % 8 == 0 ? rng() % 20 : rng() % max_len);
+  len = std::min(len, model.size() - size_t(off));
+  bool write = rng() % 100 < write_percent;
+  std::string what = std::string(write ? "write" : "read") + " of " + std::to_string(len) + " at " +
+                     std::to_string(off);
+  if (write) {
+    std::vector<char> d = random_bytes(len, uint32_t(rng()));
+    if (int e = this->write(f, off, d.data(), len); e != 0) return what + ": error " + std::to_string(e);
+    memcpy(model.data() + off, d.data(), len);
+  } else {
+    std::vector<char> got(len);
+    if (int e = read(f, off, got.data(), len); e != 0) return what + ": error " + std::to_string(e);
+    if (memcmp(got.data(), model.data() + off, len) != 0) return what + ": differs from the model";
+  }
+  return "";
+}
+
+std::vector<char> random_bytes(size_t n, uint32_t seed) {
+  std::vector<char> v(n);
+  std::mt19937 rng(seed);
+  for (auto& c : v) c = char(rng());
+  return v;
 }
