@@ -98,12 +98,16 @@ int walk_runs(upl_page_info_t* pl, int npages, bool dirty, F call) {
   return error;
 }
 
-int bm_pagein(void* v) {
-  auto* ap = static_cast<struct vnop_pagein_args*>(v);
+// Pagein and pageout: under the file's I/O lock, a page list of the absent
+// (in) or dirty (out) pages of the range, handed to the cluster layer run by
+// run. A range that is unaligned or past the end is refused; for a pagein
+// its pages, entered busy by the list, are released first.
+template <bool kOut, class Args>
+int bm_page(Args* ap) {
   EXPECT_EQ(ap->a_pl, nullptr);
   bmfs_file* f = file_of(ap->a_vp);
   std::lock_guard<std::mutex> io(f->io_lock);
-  f->pageins++;
+  (kOut ? f->pageouts : f->pageins)++;
   off_t size;
   {
     std::lock_guard<std::mutex> g(f->lock);
@@ -111,19 +115,24 @@ int bm_pagein(void* v) {
   }
   upl_t upl;
   upl_page_info_t* pl;
-  int flags = UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT;
+  int flags = !kOut ? UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT
+                    : ((ap->a_flags & UPL_MSYNC) ? UPL_UBC_MSYNC : UPL_UBC_PAGEOUT) | UPL_RET_ONLY_DIRTY;
   bool bad = ap->a_f_offset < 0 || (ap->a_f_offset & PAGE_MASK) || (ap->a_size & PAGE_MASK) ||
              ap->a_f_offset >= size;
   if (bad) {
-    if (ubc_create_upl(ap->a_vp, ap->a_f_offset, int(ap->a_size), &upl, &pl, flags) == 0)
+    if (!kOut && ubc_create_upl(ap->a_vp, ap->a_f_offset, int(ap->a_size), &upl, &pl, flags) == 0)
       ubc_upl_abort(upl, UPL_ABORT_FREE_ON_EMPTY);
     return EINVAL;
   }
   if (ubc_create_upl(ap->a_vp, ap->a_f_offset, int(ap->a_size), &upl, &pl, flags) != 0) return EINVAL;
   int npages = int(ap->a_size / PAGE_SIZE);
-  int error = walk_runs(pl, npages, false, [&](int i, int n) {
-    return cluster_pagein(ap->a_vp, upl, upl_offset_t(i * PAGE_SIZE), ap->a_f_offset + off_t(i) * PAGE_SIZE,
-                          n * PAGE_SIZE, size, ap->a_flags);
+  int error = walk_runs(pl, npages, kOut, [&](int i, int n) {
+    upl_offset_t at = upl_offset_t(i * PAGE_SIZE);
+    off_t foff = ap->a_f_offset + off_t(i) * PAGE_SIZE;
+    if (!kOut) return cluster_pagein(ap->a_vp, upl, at, foff, n * PAGE_SIZE, size, ap->a_flags);
+    for (int k = i; k < i + n; k++) EXPECT_TRUE(upl_dirty_page(pl, k)) << "clean page in a page-out list";
+    f->pageout_pages += n;
+    return cluster_pageout(ap->a_vp, upl, at, foff, n * PAGE_SIZE, size, ap->a_flags);
   });
   if (error == -1) {
     ubc_upl_abort_range(upl, 0, upl_size_t(ap->a_size), UPL_ABORT_FREE_ON_EMPTY);
@@ -132,36 +141,8 @@ int bm_pagein(void* v) {
   return error;
 }
 
-int bm_pageout(void* v) {
-  auto* ap = static_cast<struct vnop_pageout_args*>(v);
-  EXPECT_EQ(ap->a_pl, nullptr);
-  bmfs_file* f = file_of(ap->a_vp);
-  std::lock_guard<std::mutex> io(f->io_lock);
-  f->pageouts++;
-  off_t size;
-  {
-    std::lock_guard<std::mutex> g(f->lock);
-    size = f->size;
-  }
-  upl_t upl;
-  upl_page_info_t* pl;
-  int flags = ((ap->a_flags & UPL_MSYNC) ? UPL_UBC_MSYNC : UPL_UBC_PAGEOUT) | UPL_RET_ONLY_DIRTY;
-  if (ap->a_f_offset < 0 || (ap->a_f_offset & PAGE_MASK) || (ap->a_size & PAGE_MASK) || ap->a_f_offset >= size)
-    return EINVAL;
-  if (ubc_create_upl(ap->a_vp, ap->a_f_offset, int(ap->a_size), &upl, &pl, flags) != 0) return EINVAL;
-  int npages = int(ap->a_size / PAGE_SIZE);
-  int error = walk_runs(pl, npages, true, [&](int i, int n) {
-    for (int k = i; k < i + n; k++) EXPECT_TRUE(upl_dirty_page(pl, k)) << "clean page in a page-out list";
-    f->pageout_pages += n;
-    return cluster_pageout(ap->a_vp, upl, upl_offset_t(i * PAGE_SIZE), ap->a_f_offset + off_t(i) * PAGE_SIZE,
-                           n * PAGE_SIZE, size, ap->a_flags);
-  });
-  if (error == -1) {
-    ubc_upl_abort_range(upl, 0, upl_size_t(ap->a_size), UPL_ABORT_FREE_ON_EMPTY);
-    return 0;
-  }
-  return error;
-}
+int bm_pagein(void* v) { return bm_page<false>(static_cast<struct vnop_pagein_args*>(v)); }
+int bm_pageout(void* v) { return bm_page<true>(static_cast<struct vnop_pageout_args*>(v)); }
 
 int bm_reclaim(void* v) {
   auto* ap = static_cast<struct vnop_reclaim_args*>(v);
@@ -222,7 +203,7 @@ void bmfs_register() {
 
 }  // namespace
 
-BlockMapFs::BlockMapFs(uint64_t dev_bytes) : dev_bytes_(dev_bytes) {
+BlockMapFs::BlockMapFs(uint64_t dev_bytes) {
   bmfs_register();
   EXPECT_EQ(host_memdev_create(dev_bytes, kSector, kBlock, &devvp_), 0);
   EXPECT_EQ(host_mount("blockmapfs", devvp_, 0, nullptr, 0, &mp_), 0);
@@ -333,8 +314,46 @@ void BlockMapFs::poke_device(bmfs_file* f, off_t off, const void* data, size_t l
   }
 }
 
-void BlockMapFs::fill_device(uint8_t byte) {
-  std::vector<char> chunk(1 << 20, char(byte));
-  for (uint64_t off = 0; off < dev_bytes_; off += chunk.size())
-    ASSERT_EQ(host_memdev_load(devvp_, chunk.data(), std::min<size_t>(chunk.size(), dev_bytes_ - off), off), 0);
+void BlockMapFs::fill(bmfs_file* f, char byte) {
+  std::lock_guard<std::mutex> g(f->lock);
+  std::vector<char> block(kBlock, byte);
+  for (int64_t d : f->blocks)
+    if (d != -1) {
+      ASSERT_EQ(host_memdev_load(devvp_, block.data(), kBlock, uint64_t(d) * kBlock), 0);
+    }
+}
+
+int BlockMapFs::set_size(bmfs_file* f, off_t size) {
+  {
+    std::lock_guard<std::mutex> g(f->lock);
+    f->size = size;
+  }
+  return ubc_setsize(f->vp, size);
+}
+
+std::string BlockMapFs::random_op(bmfs_file* f, std::vector<char>& model, std::mt19937& rng, size_t max_len,
+                                  unsigned write_percent) {
+  off_t off = off_t(rng() % uint32_t(model.size()));
+  size_t len = 1 + (rng() % 8 == 0 ? rng() % 20 : rng() % max_len);
+  len = std::min(len, model.size() - size_t(off));
+  bool write = rng() % 100 < write_percent;
+  std::string what = std::string(write ? "write" : "read") + " of " + std::to_string(len) + " at " +
+                     std::to_string(off);
+  if (write) {
+    std::vector<char> d = random_bytes(len, uint32_t(rng()));
+    if (int e = this->write(f, off, d.data(), len); e != 0) return what + ": error " + std::to_string(e);
+    memcpy(model.data() + off, d.data(), len);
+  } else {
+    std::vector<char> got(len);
+    if (int e = read(f, off, got.data(), len); e != 0) return what + ": error " + std::to_string(e);
+    if (memcmp(got.data(), model.data() + off, len) != 0) return what + ": differs from the model";
+  }
+  return "";
+}
+
+std::vector<char> random_bytes(size_t n, uint32_t seed) {
+  std::vector<char> v(n);
+  std::mt19937 rng(seed);
+  for (auto& c : v) c = char(rng());
+  return v;
 }

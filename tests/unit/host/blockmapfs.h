@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cstdint>
 #include <mutex>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,9 @@
 #include "host/types.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
+
+// n bytes from a seeded generator: different at every offset and per seed.
+std::vector<char> random_bytes(size_t n, uint32_t seed);
 
 struct bmfs_run {
   int64_t dev_block;  // first 4 KiB device block, or -1 for a hole
@@ -67,11 +71,20 @@ class BlockMapFs {
   // Writes raw bytes of the device under file offset `off` (its mapped
   // blocks must exist), bypassing the cache.
   void poke_device(bmfs_file* f, off_t off, const void* data, size_t len);
-  // Fills the whole device with a byte, bypassing any cache.
-  void fill_device(uint8_t byte);
+  // Fills every mapped block of the file on the device with `byte`.
+  void fill(bmfs_file* f, char byte);
+  // Changes the file's size as a truncate that writes nothing does; returns
+  // ubc_setsize's result.
+  int set_size(bmfs_file* f, off_t size);
+
+  // One read or write (write_percent in a hundred) of 1..max_len bytes,
+  // sometimes only a few, at a random offset within the file, mirrored in
+  // `model`; a read must match the model. Returns a description of the
+  // first fault, or an empty string. Safe for one thread per file.
+  std::string random_op(bmfs_file* f, std::vector<char>& model, std::mt19937& rng, size_t max_len,
+                        unsigned write_percent);
 
  private:
-  uint64_t dev_bytes_;
   vnode_t devvp_ = nullptr;
   mount_t mp_ = nullptr;
   std::vector<bmfs_file*> files_;

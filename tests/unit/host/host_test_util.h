@@ -1,15 +1,19 @@
 #pragma once
 // Small helpers shared by the host's tests: waiting for other threads,
-// restoring bounds a test lowered, making bare vnodes and reading device
-// counters.
+// restoring bounds a test lowered, making bare vnodes, and in-memory devices
+// with known contents, raw transfers and counters.
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "host/blkdev.h"
+#include "host/buf.h"
 #include "host/ubc.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
@@ -81,6 +85,60 @@ inline host_devstats devstats(vnode_t dev) {
   host_devstats s;
   host_blkdev_stats(dev, &s);
   return s;
+}
+
+// The byte a pattern device holds at `off`: differs between neighbouring
+// bytes and between 512-byte blocks, so a transfer from the wrong place or
+// of the wrong length shows.
+inline uint8_t pattern(uint64_t off) { return static_cast<uint8_t>(off * 7 + off / 512); }
+
+// An in-memory device of `bytes` filled with pattern(), counters at zero.
+inline vnode_t pattern_memdev(uint64_t bytes, uint32_t lbsize = 512, uint32_t pbsize = 512) {
+  vnode_t dev = nullptr;
+  EXPECT_EQ(host_memdev_create(bytes, lbsize, pbsize, &dev), 0);
+  std::vector<uint8_t> img(bytes);
+  for (uint64_t i = 0; i < bytes; i++) img[i] = pattern(i);
+  EXPECT_EQ(host_memdev_load(dev, img.data(), img.size(), 0), 0);
+  host_blkdev_reset_stats(dev);
+  return dev;
+}
+
+// What an in-memory device holds, read past any cache.
+inline std::vector<uint8_t> device_bytes(vnode_t dev, uint64_t off, size_t len) {
+  std::vector<uint8_t> v(len);
+  EXPECT_EQ(host_memdev_read(dev, v.data(), len, off), 0);
+  return v;
+}
+inline uint8_t device_byte(vnode_t dev, uint64_t off) { return device_bytes(dev, off, 1)[0]; }
+
+// One transfer of `len` bytes at device block `blk` through a buffer the
+// caller describes (never cached); returns the transfer's error.
+inline int dev_io(vnode_t dev, bool write, daddr64_t blk, void* data, uint32_t len) {
+  buf_t bp = buf_alloc(dev);
+  buf_setdataptr(bp, reinterpret_cast<uintptr_t>(data));
+  buf_setcount(bp, len);
+  buf_setblkno(bp, blk);
+  if (!write) buf_setflags(bp, B_READ);
+  VNOP_STRATEGY(bp);  // the outcome is buf_biowait's
+  int error = buf_biowait(bp);
+  if (error == 0) {
+    EXPECT_EQ(buf_resid(bp), 0u);
+  }
+  buf_free(bp);
+  return error;
+}
+
+inline int write_fill(vnode_t dev, daddr64_t blk, uint32_t len, uint8_t byte) {
+  std::vector<uint8_t> v(len, byte);
+  return dev_io(dev, true, blk, v.data(), len);
+}
+
+inline int set_blocksize(vnode_t dev, uint32_t size) {
+  return VNOP_IOCTL(dev, DKIOCSETBLOCKSIZE, reinterpret_cast<caddr_t>(&size), FWRITE, nullptr);
+}
+
+inline int cache_flush(vnode_t dev) {
+  return VNOP_IOCTL(dev, DKIOCSYNCHRONIZECACHE, nullptr, FWRITE, nullptr);
 }
 
 }  // namespace host_test

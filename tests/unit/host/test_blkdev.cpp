@@ -15,54 +15,33 @@
 #include "host/buf.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
+#include "host_test_util.h"
 
 namespace {
 
-// One transfer of `len` bytes at device block `blk`, outside the cache.
-int dev_io(vnode_t dev, bool write, daddr64_t blk, void* data, uint32_t len) {
-  buf_t bp = buf_alloc(dev);
-  buf_setdataptr(bp, reinterpret_cast<uintptr_t>(data));
-  buf_setcount(bp, len);
-  buf_setblkno(bp, blk);
-  if (!write) buf_setflags(bp, B_READ);
-  VNOP_STRATEGY(bp);
-  int error = buf_biowait(bp);
-  buf_free(bp);
-  return error;
-}
-
-int write_fill(vnode_t dev, daddr64_t blk, uint32_t len, uint8_t byte) {
-  std::vector<uint8_t> v(len, byte);
-  return dev_io(dev, true, blk, v.data(), len);
-}
-
-uint8_t byte_at(vnode_t dev, uint64_t off) {
-  uint8_t b = 0;
-  EXPECT_EQ(host_memdev_read(dev, &b, 1, off), 0);
-  return b;
-}
+using host_test::cache_flush;
+using host_test::dev_io;
+using host_test::device_byte;
+using host_test::set_blocksize;
+using host_test::write_fill;
 
 template <typename T>
 int ioctl_get(vnode_t dev, u_long cmd, T* out) {
   return VNOP_IOCTL(dev, cmd, reinterpret_cast<caddr_t>(out), 0, nullptr);
 }
 
-int set_blocksize(vnode_t dev, uint32_t size) {
-  return VNOP_IOCTL(dev, DKIOCSETBLOCKSIZE, reinterpret_cast<caddr_t>(&size), FWRITE, nullptr);
-}
-
 class MemdevTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(host_memdev_create(1 << 20, 512, 4096, &dev_), 0); }
   void TearDown() override { host_blkdev_close(dev_); }
-  host_devstats stats() {
-    host_devstats s;
-    host_blkdev_stats(dev_, &s);
-    return s;
-  }
+  host_devstats stats() { return host_test::devstats(dev_); }
+  uint8_t byte_at(uint64_t off) { return device_byte(dev_, off); }
   vnode_t dev_ = nullptr;
 };
 
+// Catches sizes or counts reported wrong, block numbers that keep counting
+// old-size blocks after a change, bad sizes accepted, a refused change that
+// changes anything, and unknown ioctls that succeed.
 TEST_F(MemdevTest, IoctlsReportAndChangeTheBlockSizes) {
   uint32_t bsize = 0, phys = 0;
   uint64_t count = 0;
@@ -88,12 +67,10 @@ TEST_F(MemdevTest, IoctlsReportAndChangeTheBlockSizes) {
 
   // Block numbers now count 4096-byte blocks.
   ASSERT_EQ(write_fill(dev_, 2, 4096, 0x42), 0);
-  EXPECT_EQ(byte_at(dev_, 2 * 4096), 0x42);
-  EXPECT_EQ(byte_at(dev_, 2 * 4096 - 1), 0);
+  EXPECT_EQ(byte_at(2 * 4096), 0x42);
+  EXPECT_EQ(byte_at(2 * 4096 - 1), 0);
 
-  EXPECT_EQ(set_blocksize(dev_, 1000), EINVAL);
-  EXPECT_EQ(set_blocksize(dev_, 256), EINVAL);
-  EXPECT_EQ(set_blocksize(dev_, 131072), EINVAL);
+  for (uint32_t bad : {1000u, 256u, 131072u}) EXPECT_EQ(set_blocksize(dev_, bad), EINVAL) << bad;
   host_memdev_refuse_setblocksize(dev_, ENOTSUP);
   EXPECT_EQ(set_blocksize(dev_, 512), ENOTSUP);
   ASSERT_EQ(ioctl_get(dev_, DKIOCGETBLOCKSIZE, &bsize), 0);
@@ -102,10 +79,12 @@ TEST_F(MemdevTest, IoctlsReportAndChangeTheBlockSizes) {
   EXPECT_EQ(set_blocksize(dev_, 512), 0);
 
   EXPECT_EQ(VNOP_IOCTL(dev_, 0x1234, nullptr, 0, nullptr), ENOTTY);
-  EXPECT_EQ(VNOP_IOCTL(dev_, DKIOCSYNCHRONIZECACHE, nullptr, FWRITE, nullptr), 0);
+  EXPECT_EQ(cache_flush(dev_), 0);
   EXPECT_EQ(stats().flushes, 1u);
 }
 
+// Catches devices that share a device number (their buffers would mix) and
+// a sector size that is not a power of two accepted.
 TEST_F(MemdevTest, EveryDeviceHasItsOwnNumber) {
   vnode_t other = nullptr;
   ASSERT_EQ(host_memdev_create(4096, 512, 512, &other), 0);
@@ -114,6 +93,7 @@ TEST_F(MemdevTest, EveryDeviceHasItsOwnNumber) {
   EXPECT_EQ(host_memdev_create(4096, 500, 512, &other), EINVAL);
 }
 
+// Catches off-by-one bounds checks at the device's end.
 TEST_F(MemdevTest, TransfersOutsideTheDeviceFail) {
   std::vector<uint8_t> v(1024);
   EXPECT_EQ(dev_io(dev_, false, 2047, v.data(), 512), 0);
@@ -124,6 +104,8 @@ TEST_F(MemdevTest, TransfersOutsideTheDeviceFail) {
   EXPECT_EQ(host_memdev_read(dev_, big.data(), 1, 1 << 20), EINVAL);
 }
 
+// Catches faults that hit the wrong requests, failed writes that still
+// change the medium, and failed requests missing from the counts.
 TEST_F(MemdevTest, InjectedReadAndWriteFaultsHitOnlyTheChosenBytes) {
   host_memdev_faults f;
   f.fail_read_bytes = {10 * 512};
@@ -134,13 +116,15 @@ TEST_F(MemdevTest, InjectedReadAndWriteFaultsHitOnlyTheChosenBytes) {
   EXPECT_EQ(dev_io(dev_, false, 11, v.data(), 1024), 0);
   EXPECT_EQ(dev_io(dev_, false, 9, v.data(), 512), 0);
   EXPECT_EQ(write_fill(dev_, 20, 512, 1), EIO);
-  EXPECT_EQ(byte_at(dev_, 20 * 512), 0);  // a failed write changes nothing
+  EXPECT_EQ(byte_at(20 * 512), 0);  // a failed write changes nothing
   EXPECT_EQ(write_fill(dev_, 21, 512, 1), 0);
   EXPECT_EQ(dev_io(dev_, false, 20, v.data(), 512), 0);  // reads of it still work
   EXPECT_EQ(stats().reads, 4u);  // failed requests count too
   EXPECT_EQ(stats().writes, 2u);
 }
 
+// Catches an off-by-one in the write budget, reads failed by it, and a
+// budget that is not restarted by new faults.
 TEST_F(MemdevTest, WritesFailAfterTheChosenNumber) {
   host_memdev_faults f;
   f.fail_writes_after = 2;
@@ -149,7 +133,7 @@ TEST_F(MemdevTest, WritesFailAfterTheChosenNumber) {
   EXPECT_EQ(write_fill(dev_, 1, 512, 1), 0);
   EXPECT_EQ(write_fill(dev_, 2, 512, 1), EIO);
   EXPECT_EQ(write_fill(dev_, 3, 512, 1), EIO);
-  EXPECT_EQ(byte_at(dev_, 2 * 512), 0);
+  EXPECT_EQ(byte_at(2 * 512), 0);
   std::vector<uint8_t> v(512);
   EXPECT_EQ(dev_io(dev_, false, 0, v.data(), 512), 0);
 
@@ -160,6 +144,9 @@ TEST_F(MemdevTest, WritesFailAfterTheChosenNumber) {
   for (int i = 0; i < 10; i++) EXPECT_EQ(write_fill(dev_, 4 + i, 512, 1), 0);
 }
 
+// Catches a power cut that keeps unflushed writes, loses flushed ones,
+// restores overlapping writes in the wrong order, or treats a fsync that
+// does not wait as a flush.
 TEST_F(MemdevTest, PowerCutDropsWritesSinceTheLastCacheFlush) {
   ASSERT_EQ(write_fill(dev_, 0, 512, 0x01), 0);  // before power-cut mode: durable
   host_memdev_faults f;
@@ -167,18 +154,18 @@ TEST_F(MemdevTest, PowerCutDropsWritesSinceTheLastCacheFlush) {
   host_memdev_set_faults(dev_, f);
 
   ASSERT_EQ(write_fill(dev_, 1, 512, 0x11), 0);
-  ASSERT_EQ(VNOP_IOCTL(dev_, DKIOCSYNCHRONIZECACHE, nullptr, FWRITE, nullptr), 0);
+  ASSERT_EQ(cache_flush(dev_), 0);
   // Overlapping unflushed writes: the cut must restore the flushed bytes.
   ASSERT_EQ(write_fill(dev_, 1, 1024, 0x22), 0);
   ASSERT_EQ(write_fill(dev_, 0, 1024, 0x33), 0);
   ASSERT_EQ(write_fill(dev_, 5, 512, 0x44), 0);
-  EXPECT_EQ(byte_at(dev_, 512), 0x33);  // reads see the volatile data before the cut
+  EXPECT_EQ(byte_at(512), 0x33);  // reads see the volatile data before the cut
 
   host_memdev_power_cut(dev_);
-  EXPECT_EQ(byte_at(dev_, 0), 0x01);
-  EXPECT_EQ(byte_at(dev_, 512), 0x11);
-  EXPECT_EQ(byte_at(dev_, 1024), 0);
-  EXPECT_EQ(byte_at(dev_, 5 * 512), 0);
+  EXPECT_EQ(byte_at(0), 0x01);
+  EXPECT_EQ(byte_at(512), 0x11);
+  EXPECT_EQ(byte_at(1024), 0);
+  EXPECT_EQ(byte_at(5 * 512), 0);
 
   // A device fsync that waits is a flush too; one that doesn't wait isn't.
   ASSERT_EQ(write_fill(dev_, 6, 512, 0x55), 0);
@@ -186,30 +173,33 @@ TEST_F(MemdevTest, PowerCutDropsWritesSinceTheLastCacheFlush) {
   ASSERT_EQ(write_fill(dev_, 7, 512, 0x66), 0);
   ASSERT_EQ(VNOP_FSYNC(dev_, MNT_NOWAIT, nullptr), 0);
   host_memdev_power_cut(dev_);
-  EXPECT_EQ(byte_at(dev_, 6 * 512), 0x55);
-  EXPECT_EQ(byte_at(dev_, 7 * 512), 0);
+  EXPECT_EQ(byte_at(6 * 512), 0x55);
+  EXPECT_EQ(byte_at(7 * 512), 0);
 }
 
+// The usual power-loss test: the device dies after N writes; what was
+// flushed before survives, the rest is gone. Catches the two fault modes
+// interfering with each other.
 TEST_F(MemdevTest, PowerCutAfterFailingWritesKeepsTheFlushedState) {
-  // The usual power-loss test: the device dies after N writes; what was
-  // flushed before survives, the rest is gone.
   host_memdev_faults f;
   f.power_cut_mode = true;
   f.fail_writes_after = 3;
   host_memdev_set_faults(dev_, f);
   ASSERT_EQ(write_fill(dev_, 0, 512, 0xA0), 0);
-  ASSERT_EQ(VNOP_IOCTL(dev_, DKIOCSYNCHRONIZECACHE, nullptr, FWRITE, nullptr), 0);
+  ASSERT_EQ(cache_flush(dev_), 0);
   ASSERT_EQ(write_fill(dev_, 1, 512, 0xA1), 0);
   ASSERT_EQ(write_fill(dev_, 2, 512, 0xA2), 0);
   EXPECT_EQ(write_fill(dev_, 3, 512, 0xA3), EIO);
   host_memdev_power_cut(dev_);
   host_memdev_set_faults(dev_, host_memdev_faults{});
-  EXPECT_EQ(byte_at(dev_, 0), 0xA0);
-  EXPECT_EQ(byte_at(dev_, 512), 0);
-  EXPECT_EQ(byte_at(dev_, 1024), 0);
-  EXPECT_EQ(byte_at(dev_, 1536), 0);
+  EXPECT_EQ(byte_at(0), 0xA0);
+  EXPECT_EQ(byte_at(512), 0);
+  EXPECT_EQ(byte_at(1024), 0);
+  EXPECT_EQ(byte_at(1536), 0);
 }
 
+// Catches counters that count pages instead of requests (the large-I/O
+// tests rely on them) or that reset incompletely.
 TEST_F(MemdevTest, StatisticsCountRequestsAndBytes) {
   std::vector<uint8_t> v(8192);
   ASSERT_EQ(dev_io(dev_, false, 0, v.data(), 8192), 0);
@@ -230,6 +220,7 @@ TEST_F(MemdevTest, StatisticsCountRequestsAndBytes) {
 
 class FiledevTest : public ::testing::Test {
  protected:
+  // A 256 KiB file whose every byte holds the number of its 512-byte block.
   void SetUp() override {
     std::string tmpl = ::testing::TempDir() + "exvol-blkdev-XXXXXX";
     int fd = mkstemp(tmpl.data());
@@ -241,9 +232,20 @@ class FiledevTest : public ::testing::Test {
     close(fd);
   }
   void TearDown() override { unlink(path_.c_str()); }
+  // The file's bytes, read past the device.
+  std::vector<uint8_t> file_bytes(off_t off, size_t len) {
+    std::vector<uint8_t> v(len);
+    int fd = open(path_.c_str(), O_RDONLY);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(pread(fd, v.data(), len, off), static_cast<ssize_t>(len));
+    close(fd);
+    return v;
+  }
   std::string path_;
 };
 
+// Catches a file device that sizes itself wrong, splits a large transfer
+// into several requests, or writes at the wrong offset.
 TEST_F(FiledevTest, ReadsAndWritesTheFileInOneRequestEach) {
   vnode_t dev = nullptr;
   ASSERT_EQ(host_blkdev_open(path_.c_str(), 0, &dev), 0);
@@ -260,22 +262,15 @@ TEST_F(FiledevTest, ReadsAndWritesTheFileInOneRequestEach) {
   for (int i = 0; i < 65536; i++) ASSERT_EQ(d[i], static_cast<uint8_t>(8 + i / 512)) << i;
   memset(d + 512, 0xEE, 512);
   ASSERT_EQ(buf_bwrite(bp), 0);
-  host_devstats s;
-  host_blkdev_stats(dev, &s);
+  host_devstats s = host_test::devstats(dev);
   EXPECT_EQ(s.reads, 1u);
   EXPECT_EQ(s.writes, 1u);
-  ASSERT_EQ(VNOP_IOCTL(dev, DKIOCSYNCHRONIZECACHE, nullptr, FWRITE, nullptr), 0);
+  ASSERT_EQ(cache_flush(dev), 0);
   host_blkdev_close(dev);
-
-  int fd = open(path_.c_str(), O_RDONLY);
-  ASSERT_GE(fd, 0);
-  uint8_t b[2] = {};
-  ASSERT_EQ(pread(fd, b, 2, 9 * 512 - 1), 2);
-  EXPECT_EQ(b[0], 8);
-  EXPECT_EQ(b[1], 0xEE);
-  close(fd);
+  EXPECT_EQ(file_bytes(9 * 512 - 1, 2), (std::vector<uint8_t>{8, 0xEE}));
 }
 
+// Catches a close that loses delayed writes.
 TEST_F(FiledevTest, ClosingWritesDelayedWrites) {
   vnode_t dev = nullptr;
   ASSERT_EQ(host_blkdev_open(path_.c_str(), 0, &dev), 0);
@@ -283,14 +278,11 @@ TEST_F(FiledevTest, ClosingWritesDelayedWrites) {
   memset(reinterpret_cast<void*>(buf_dataptr(bp)), 0x7E, 512);
   buf_bdwrite(bp);
   host_blkdev_close(dev);
-  int fd = open(path_.c_str(), O_RDONLY);
-  ASSERT_GE(fd, 0);
-  uint8_t b = 0;
-  ASSERT_EQ(pread(fd, &b, 1, 3 * 512 + 100), 1);
-  EXPECT_EQ(b, 0x7E);
-  close(fd);
+  EXPECT_EQ(file_bytes(3 * 512 + 100, 1)[0], 0x7E);
 }
 
+// Catches writes accepted on a read-only device and open errors reported
+// with the wrong code.
 TEST_F(FiledevTest, ReadOnlyDevicesRefuseWritesAndMissingFilesFailToOpen) {
   vnode_t dev = nullptr;
   ASSERT_EQ(host_blkdev_open(path_.c_str(), 1, &dev), 0);

@@ -14,50 +14,58 @@
 #include "host/vfs.h"
 #include "host/vnode.h"
 #include "host/vnode_internal.h"
+#include "host_test_util.h"
 
 namespace {
 
-constexpr uint64_t kDevBytes = 1 << 20;
+using host_test::device_byte;
+using host_test::device_bytes;
+using host_test::pattern;
 
-// The byte a freshly made device holds at `off`: differs between
-// neighbouring bytes and between blocks.
-uint8_t pattern(uint64_t off) { return static_cast<uint8_t>(off * 7 + off / 512); }
+constexpr uint64_t kDevBytes = 1 << 20;
 
 class BufTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ASSERT_EQ(host_memdev_create(kDevBytes, 512, 512, &dev_), 0);
-    std::vector<uint8_t> img(kDevBytes);
-    for (uint64_t i = 0; i < kDevBytes; i++) img[i] = pattern(i);
-    ASSERT_EQ(host_memdev_load(dev_, img.data(), img.size(), 0), 0);
-    host_blkdev_reset_stats(dev_);
-  }
+  void SetUp() override { dev_ = host_test::pattern_memdev(kDevBytes); }
   void TearDown() override {
     host_bufcache_set_limit(0);
     host_blkdev_close(dev_);
   }
 
-  host_devstats stats() {
-    host_devstats s;
-    host_blkdev_stats(dev_, &s);
-    return s;
-  }
-  std::vector<uint8_t> device_bytes(uint64_t off, size_t len) {
-    std::vector<uint8_t> v(len);
-    EXPECT_EQ(host_memdev_read(dev_, v.data(), len, off), 0);
-    return v;
-  }
+  host_devstats stats() { return host_test::devstats(dev_); }
+  std::vector<uint8_t> dev_bytes(uint64_t off, size_t len) { return device_bytes(dev_, off, len); }
+  uint8_t dev_byte(uint64_t off) { return device_byte(dev_, off); }
   static uint8_t* data(buf_t bp) { return reinterpret_cast<uint8_t*>(buf_dataptr(bp)); }
   static bool holds_pattern(buf_t bp, uint64_t dev_off) {
     for (uint32_t i = 0; i < buf_count(bp); i++)
       if (data(bp)[i] != pattern(dev_off + i)) return false;
     return true;
   }
+  // A block of `size` bytes filled with `byte` and left as a delayed write.
+  static void delayed_write(vnode_t vp, daddr64_t blk, int size, uint8_t byte, int flags = BLK_META) {
+    buf_t bp = buf_getblk(vp, blk, size, 0, 0, flags);
+    memset(data(bp), byte, size);
+    EXPECT_EQ(buf_bdwrite(bp), 0);
+  }
+  // Whether the block is cached at that size; never reads.
+  static bool cached(vnode_t vp, daddr64_t blk, int size) {
+    buf_t bp = buf_getblk(vp, blk, size, 0, 0, BLK_META | BLK_ONLYVALID);
+    if (bp != nullptr) buf_brelse(bp);
+    return bp != nullptr;
+  }
+  void read_release(daddr64_t blk, int size = 512) {
+    buf_t bp = nullptr;
+    ASSERT_EQ(buf_meta_bread(dev_, blk, size, NOCRED, &bp), 0);
+    buf_brelse(bp);
+  }
 
   vnode_t dev_ = nullptr;
 };
 
-TEST_F(BufTest, ReadIsCachedAndServedWithoutDeviceIO) {
+// Catches a cache that reads again on a hit, mixes up sizes of one block
+// number, or fills the accessors from the wrong fields.
+TEST_F(BufTest, ReadIsCachedByBlockAndSize) {
+  EXPECT_FALSE(cached(dev_, 8, 4096));
   buf_t bp = nullptr;
   ASSERT_EQ(buf_meta_bread(dev_, 8, 4096, NOCRED, &bp), 0);
   EXPECT_TRUE(holds_pattern(bp, 8 * 512));
@@ -75,33 +83,28 @@ TEST_F(BufTest, ReadIsCachedAndServedWithoutDeviceIO) {
   ASSERT_EQ(buf_bread(dev_, 8, 4096, NOCRED, &bp), 0);
   EXPECT_TRUE(holds_pattern(bp, 8 * 512));
   buf_brelse(bp);
+  bp = buf_getblk(dev_, 8, 4096, 0, 0, BLK_META | BLK_ONLYVALID);
+  ASSERT_NE(bp, nullptr);
+  EXPECT_TRUE(holds_pattern(bp, 8 * 512));
+  EXPECT_FALSE(buf_flags(bp) & B_DELWRI);
+  buf_brelse(bp);
+  // A cached block of another size is not the one asked for.
+  EXPECT_FALSE(cached(dev_, 8, 1024));
   EXPECT_EQ(stats().reads, 1u);
   EXPECT_EQ(host_buf_count(dev_), 1);
   EXPECT_EQ(host_bufcache_bytes(), 4096u);
 }
 
-TEST_F(BufTest, OnlyValidFindsCachedBlocksWithoutReading) {
-  EXPECT_EQ(buf_getblk(dev_, 3, 512, 0, 0, BLK_META | BLK_ONLYVALID), nullptr);
-  buf_t bp = nullptr;
-  ASSERT_EQ(buf_meta_bread(dev_, 3, 512, NOCRED, &bp), 0);
-  buf_brelse(bp);
-  bp = buf_getblk(dev_, 3, 512, 0, 0, BLK_META | BLK_ONLYVALID);
-  ASSERT_NE(bp, nullptr);
-  EXPECT_TRUE(holds_pattern(bp, 3 * 512));
-  EXPECT_FALSE(buf_flags(bp) & B_DELWRI);
-  buf_brelse(bp);
-  // A cached block of another size is not the one asked for.
-  EXPECT_EQ(buf_getblk(dev_, 3, 1024, 0, 0, BLK_META | BLK_ONLYVALID), nullptr);
-  EXPECT_EQ(stats().reads, 1u);
-}
-
+// Catches a delayed write that reaches the device early, is lost from the
+// dirty list by an unchanged release, is written twice, or is not written
+// by a device fsync (which must also flush the device's cache).
 TEST_F(BufTest, DelayedWriteStaysCachedUntilFlushed) {
   buf_t bp = buf_getblk(dev_, 10, 1024, 0, 0, BLK_META);
   buf_clear(bp);
   memcpy(data(bp), "delayed", 7);
   EXPECT_EQ(buf_bdwrite(bp), 0);
   EXPECT_EQ(stats().writes, 0u);
-  EXPECT_EQ(device_bytes(10 * 512, 1)[0], pattern(10 * 512));
+  EXPECT_EQ(dev_byte(10 * 512), pattern(10 * 512));
 
   bp = buf_getblk(dev_, 10, 1024, 0, 0, BLK_META | BLK_ONLYVALID);
   ASSERT_NE(bp, nullptr);
@@ -111,7 +114,7 @@ TEST_F(BufTest, DelayedWriteStaysCachedUntilFlushed) {
 
   buf_flushdirtyblks(dev_, 1, 0, "test");
   EXPECT_EQ(stats().writes, 1u);
-  std::vector<uint8_t> disk = device_bytes(10 * 512, 1024);
+  std::vector<uint8_t> disk = dev_bytes(10 * 512, 1024);
   EXPECT_EQ(memcmp(disk.data(), "delayed", 7), 0);
   EXPECT_EQ(disk[1023], 0);
 
@@ -121,42 +124,41 @@ TEST_F(BufTest, DelayedWriteStaysCachedUntilFlushed) {
   buf_brelse(bp);
   buf_flushdirtyblks(dev_, 1, 0, "test");
   EXPECT_EQ(stats().writes, 1u);  // nothing left to write
+
+  delayed_write(dev_, 60, 512, 0x66);
+  EXPECT_EQ(VNOP_FSYNC(dev_, MNT_WAIT, nullptr), 0);
+  EXPECT_EQ(dev_byte(60 * 512), 0x66);
+  EXPECT_EQ(stats().flushes, 1u);
 }
 
+// Catches synchronous or asynchronous writes that do not reach the device,
+// a written buffer dropped from the cache, and a delayed write that stays on
+// the dirty list after being written (it would be written again).
 TEST_F(BufTest, SynchronousAndAsynchronousWritesReachTheDevice) {
-  buf_t bp = nullptr;
-  ASSERT_EQ(buf_meta_bread(dev_, 20, 512, NOCRED, &bp), 0);
+  delayed_write(dev_, 20, 512, 0x33);
+  buf_t bp = buf_getblk(dev_, 20, 512, 0, 0, BLK_META | BLK_ONLYVALID);
+  ASSERT_NE(bp, nullptr);
+  ASSERT_TRUE(buf_flags(bp) & B_DELWRI);
   data(bp)[0] = 0x11;
   EXPECT_EQ(buf_bwrite(bp), 0);
-  EXPECT_EQ(device_bytes(20 * 512, 1)[0], 0x11);
+  EXPECT_EQ(dev_byte(20 * 512), 0x11);
 
   ASSERT_EQ(buf_meta_bread(dev_, 20, 512, NOCRED, &bp), 0);
   EXPECT_EQ(data(bp)[0], 0x11);
   data(bp)[1] = 0x22;
   EXPECT_EQ(buf_bawrite(bp), 0);
-  EXPECT_EQ(device_bytes(20 * 512 + 1, 1)[0], 0x22);
-  EXPECT_EQ(stats().reads, 1u);
+  EXPECT_EQ(dev_byte(20 * 512 + 1), 0x22);
+  buf_flushdirtyblks(dev_, 1, 0, "test");
+  EXPECT_EQ(stats().reads, 0u);
   EXPECT_EQ(stats().writes, 2u);
   EXPECT_EQ(host_buf_count(dev_), 1);  // a written buffer stays cached
 }
 
-TEST_F(BufTest, WritingADelayedWriteTakesItOffTheDirtyList) {
-  buf_t bp = buf_getblk(dev_, 30, 512, 0, 0, BLK_META);
-  memset(data(bp), 0x33, 512);
-  buf_bdwrite(bp);
-  bp = buf_getblk(dev_, 30, 512, 0, 0, BLK_META | BLK_ONLYVALID);
-  ASSERT_NE(bp, nullptr);
-  ASSERT_TRUE(buf_flags(bp) & B_DELWRI);
-  EXPECT_EQ(buf_bwrite(bp), 0);
-  buf_flushdirtyblks(dev_, 1, 0, "test");
-  EXPECT_EQ(stats().writes, 1u);
-}
-
+// Catches a size change that loses a delayed write of the old size or
+// serves the old, shorter buffer.
 TEST_F(BufTest, AnotherSizeWritesTheDirtyBlockBackAndRereads) {
-  buf_t bp = buf_getblk(dev_, 0, 512, 0, 0, BLK_META);
-  memset(data(bp), 0x5A, 512);
-  buf_bdwrite(bp);
-
+  delayed_write(dev_, 0, 512, 0x5A);
+  buf_t bp = nullptr;
   ASSERT_EQ(buf_meta_bread(dev_, 0, 2048, NOCRED, &bp), 0);
   EXPECT_EQ(buf_count(bp), 2048u);
   EXPECT_EQ(data(bp)[0], 0x5A);
@@ -170,23 +172,22 @@ TEST_F(BufTest, AnotherSizeWritesTheDirtyBlockBackAndRereads) {
   EXPECT_EQ(host_bufcache_bytes(), 2048u);
 
   // A clean block of another size is simply read again.
-  ASSERT_EQ(buf_meta_bread(dev_, 0, 512, NOCRED, &bp), 0);
-  buf_brelse(bp);
+  read_release(0, 512);
   EXPECT_EQ(stats().writes, 1u);
   EXPECT_EQ(stats().reads, 2u);
 }
 
-TEST_F(BufTest, InvalidBuffersAndFailedOrUnfilledOnesAreNotKept) {
+// Catches invalid, failed-to-fill or never-filled buffers kept in the cache
+// (a later lookup would serve garbage) and an invalidated delayed write
+// written anyway.
+TEST_F(BufTest, InvalidBuffersAndUnfilledOnesAreNotKept) {
   buf_t bp = nullptr;
   ASSERT_EQ(buf_meta_bread(dev_, 40, 512, NOCRED, &bp), 0);
   buf_markinvalid(bp);
   buf_brelse(bp);
   EXPECT_EQ(host_buf_count(dev_), 0);
 
-  // A delayed write marked invalid is dropped without being written.
-  bp = buf_getblk(dev_, 41, 512, 0, 0, BLK_META);
-  buf_clear(bp);
-  buf_bdwrite(bp);
+  delayed_write(dev_, 41, 512, 0);
   bp = buf_getblk(dev_, 41, 512, 0, 0, BLK_META);
   buf_markinvalid(bp);
   buf_brelse(bp);
@@ -194,7 +195,6 @@ TEST_F(BufTest, InvalidBuffersAndFailedOrUnfilledOnesAreNotKept) {
   EXPECT_EQ(stats().writes, 0u);
   EXPECT_EQ(host_buf_count(dev_), 0);
 
-  // A buffer that was never filled holds nothing of the block.
   bp = buf_getblk(dev_, 42, 512, 0, 0, BLK_META);
   buf_clear(bp);
   buf_brelse(bp);
@@ -204,122 +204,94 @@ TEST_F(BufTest, InvalidBuffersAndFailedOrUnfilledOnesAreNotKept) {
   buf_brelse(bp);
 }
 
-TEST_F(BufTest, InvalidateblksWritesOrDiscardsDelayedWrites) {
-  for (int i = 0; i < 4; i++) {
-    buf_t bp = buf_getblk(dev_, 100 + i, 512, 0, 0, i % 2 ? BLK_META : BLK_READ);
-    memset(data(bp), 0x40 + i, 512);
-    buf_bdwrite(bp);
-  }
-  buf_t bp = nullptr;
-  ASSERT_EQ(buf_meta_bread(dev_, 200, 512, NOCRED, &bp), 0);
-  buf_brelse(bp);
-  ASSERT_EQ(host_buf_count(dev_), 5);
+// Catches dropping calls that write what they should discard, discard what
+// they should write, ignore BUF_SKIP_META, or drop more than one block.
+TEST_F(BufTest, DroppingBlocksWritesExactlyWhatItIsAskedTo) {
+  EXPECT_EQ(buf_invalblkno(dev_, 50, BUF_WAIT), 0);  // not cached: nothing to do
+  for (int i = 0; i < 4; i++) delayed_write(dev_, 100 + i, 512, 0x40 + i, i % 2 ? BLK_META : BLK_READ);
+  delayed_write(dev_, 50, 512, 0x77);
+  read_release(200);
+  ASSERT_EQ(host_buf_count(dev_), 6);
+
+  // One block and its delayed write go, unwritten.
+  EXPECT_EQ(buf_invalblkno(dev_, 50, BUF_WAIT), 0);
+  EXPECT_EQ(host_buf_count(dev_), 5);
+  EXPECT_EQ(dev_byte(50 * 512), pattern(50 * 512));
 
   // Metadata is left alone with BUF_SKIP_META; the rest is written and dropped.
   EXPECT_EQ(buf_invalidateblks(dev_, BUF_WRITE_DATA | BUF_SKIP_META, 0, 0), 0);
   EXPECT_EQ(host_buf_count(dev_), 3);
-  EXPECT_EQ(device_bytes(100 * 512, 1)[0], 0x40);
-  EXPECT_EQ(device_bytes(102 * 512, 1)[0], 0x42);
-  EXPECT_EQ(device_bytes(101 * 512, 1)[0], pattern(101 * 512));
+  EXPECT_EQ(dev_byte(100 * 512), 0x40);
+  EXPECT_EQ(dev_byte(102 * 512), 0x42);
+  EXPECT_EQ(dev_byte(101 * 512), pattern(101 * 512));
 
   // Without BUF_WRITE_DATA the delayed writes are lost.
   EXPECT_EQ(buf_invalidateblks(dev_, 0, 0, 0), 0);
   EXPECT_EQ(host_buf_count(dev_), 0);
   EXPECT_EQ(host_bufcache_bytes(), 0u);
-  EXPECT_EQ(device_bytes(101 * 512, 1)[0], pattern(101 * 512));
+  EXPECT_EQ(dev_byte(101 * 512), pattern(101 * 512));
+  EXPECT_EQ(dev_byte(50 * 512), pattern(50 * 512));
   EXPECT_EQ(stats().writes, 2u);
 }
 
-TEST_F(BufTest, InvalblknoDropsOneBlockAndItsDelayedWrite) {
-  EXPECT_EQ(buf_invalblkno(dev_, 50, BUF_WAIT), 0);  // not cached: nothing to do
-  for (int i = 0; i < 2; i++) {
-    buf_t bp = buf_getblk(dev_, 50 + i, 512, 0, 0, BLK_META);
-    memset(data(bp), 0x77, 512);
-    buf_bdwrite(bp);
-  }
-  EXPECT_EQ(buf_invalblkno(dev_, 50, BUF_WAIT), 0);
-  EXPECT_EQ(host_buf_count(dev_), 1);
-  buf_flushdirtyblks(dev_, 1, 0, "test");
-  EXPECT_EQ(stats().writes, 1u);
-  EXPECT_EQ(device_bytes(50 * 512, 1)[0], pattern(50 * 512));
-  EXPECT_EQ(device_bytes(51 * 512, 1)[0], 0x77);
-}
-
-TEST_F(BufTest, EvictionTakesCleanBuffersLeastRecentlyUsedFirst) {
+// Catches eviction in the wrong order (not LRU, aged buffers not first), a
+// cache over its bound, and eviction of a buffer someone holds.
+TEST_F(BufTest, EvictionTakesIdleBuffersLeastRecentlyUsedFirst) {
   host_bufcache_set_limit(4 * 512);
-  buf_t bp = nullptr;
-  for (int b = 0; b < 4; b++) {
-    ASSERT_EQ(buf_meta_bread(dev_, b, 512, NOCRED, &bp), 0);
-    buf_brelse(bp);
-  }
+  for (int b = 0; b < 4; b++) read_release(b);
   // Touch block 0 so that block 1 is the oldest, and age block 3.
-  ASSERT_EQ(buf_meta_bread(dev_, 0, 512, NOCRED, &bp), 0);
-  buf_brelse(bp);
+  read_release(0);
+  buf_t bp = nullptr;
   ASSERT_EQ(buf_meta_bread(dev_, 3, 512, NOCRED, &bp), 0);
   buf_markaged(bp);
   buf_brelse(bp);
   ASSERT_EQ(stats().reads, 4u);
 
-  ASSERT_EQ(buf_meta_bread(dev_, 10, 512, NOCRED, &bp), 0);  // evicts the aged block 3
-  buf_brelse(bp);
-  ASSERT_EQ(buf_meta_bread(dev_, 11, 512, NOCRED, &bp), 0);  // evicts block 1
-  buf_brelse(bp);
+  read_release(10);  // evicts the aged block 3
+  read_release(11);  // evicts block 1
   EXPECT_EQ(host_bufcache_bytes(), 4u * 512);
-  EXPECT_EQ(buf_getblk(dev_, 3, 512, 0, 0, BLK_ONLYVALID), nullptr);
-  EXPECT_EQ(buf_getblk(dev_, 1, 512, 0, 0, BLK_ONLYVALID), nullptr);
-  for (daddr64_t b : {0, 2}) {
-    bp = buf_getblk(dev_, b, 512, 0, 0, BLK_ONLYVALID);
-    ASSERT_NE(bp, nullptr) << "block " << b;
-    buf_brelse(bp);
-  }
+  EXPECT_FALSE(cached(dev_, 3, 512));
+  EXPECT_FALSE(cached(dev_, 1, 512));
+  EXPECT_TRUE(cached(dev_, 0, 512));
+  EXPECT_TRUE(cached(dev_, 2, 512));
+
+  // Held buffers stay, even when that leaves the cache over its bound.
+  buf_t held = nullptr, other = nullptr;
+  ASSERT_EQ(buf_meta_bread(dev_, 0, 512, NOCRED, &held), 0);
+  host_bufcache_set_limit(512);
+  EXPECT_EQ(host_bufcache_bytes(), 512u);
+  ASSERT_EQ(buf_meta_bread(dev_, 1, 512, NOCRED, &other), 0);
+  EXPECT_EQ(host_bufcache_bytes(), 1024u);
+  EXPECT_TRUE(holds_pattern(held, 0));
+  buf_brelse(other);
+  buf_brelse(held);
 }
 
+// Catches eviction that drops a delayed write unwritten, or that writes
+// delayed writes while clean buffers could go instead.
 TEST_F(BufTest, EvictingADelayedWriteWritesItFirst) {
   host_bufcache_set_limit(2 * 4096);
-  for (int b = 0; b < 2; b++) {
-    buf_t bp = buf_getblk(dev_, b * 8, 4096, 0, 0, BLK_META);
-    memset(data(bp), 0x60 + b, 4096);
-    buf_bdwrite(bp);
-  }
+  for (int b = 0; b < 2; b++) delayed_write(dev_, b * 8, 4096, 0x60 + b);
   buf_t bp = nullptr;
   ASSERT_EQ(buf_meta_bread(dev_, 100, 4096, NOCRED, &bp), 0);
   // Only dirty buffers were there: the oldest was written, then dropped.
-  EXPECT_EQ(device_bytes(0, 4096), std::vector<uint8_t>(4096, 0x60));
-  EXPECT_EQ(device_bytes(8 * 512, 1)[0], pattern(8 * 512));
+  EXPECT_EQ(dev_bytes(0, 4096), std::vector<uint8_t>(4096, 0x60));
+  EXPECT_EQ(dev_byte(8 * 512), pattern(8 * 512));
   EXPECT_EQ(host_buf_count(dev_), 2);
   buf_brelse(bp);
 
   // Lowering the bound evicts at once, clean buffers before delayed writes.
   host_bufcache_set_limit(4096);
   EXPECT_EQ(host_bufcache_bytes(), 4096u);
-  EXPECT_EQ(buf_getblk(dev_, 100, 4096, 0, 0, BLK_ONLYVALID), nullptr);
-  EXPECT_EQ(device_bytes(8 * 512, 1)[0], pattern(8 * 512));
+  EXPECT_FALSE(cached(dev_, 100, 4096));
+  EXPECT_EQ(dev_byte(8 * 512), pattern(8 * 512));
   host_bufcache_set_limit(1);
   EXPECT_EQ(host_bufcache_bytes(), 0u);
-  EXPECT_EQ(device_bytes(8 * 512, 1)[0], 0x61);
+  EXPECT_EQ(dev_byte(8 * 512), 0x61);
 }
 
-TEST_F(BufTest, AHeldBufferIsNeverEvicted) {
-  host_bufcache_set_limit(512);
-  buf_t held = nullptr;
-  ASSERT_EQ(buf_meta_bread(dev_, 0, 512, NOCRED, &held), 0);
-  buf_t other = nullptr;
-  ASSERT_EQ(buf_meta_bread(dev_, 1, 512, NOCRED, &other), 0);
-  EXPECT_EQ(host_bufcache_bytes(), 1024u);  // over the bound rather than evict a held buffer
-  EXPECT_TRUE(holds_pattern(held, 0));
-  buf_brelse(other);
-  buf_brelse(held);
-}
-
-TEST_F(BufTest, DeviceFsyncWritesDelayedWrites) {
-  buf_t bp = buf_getblk(dev_, 60, 512, 0, 0, BLK_META);
-  memset(data(bp), 0x66, 512);
-  buf_bdwrite(bp);
-  EXPECT_EQ(VNOP_FSYNC(dev_, MNT_WAIT, nullptr), 0);
-  EXPECT_EQ(device_bytes(60 * 512, 1)[0], 0x66);
-  EXPECT_EQ(stats().flushes, 1u);
-}
-
+// Catches a failed read that is cached (later hits would serve garbage) or
+// that poisons the block for a retry once the device recovers.
 TEST_F(BufTest, FailedReadReturnsEIOAndCachesNothing) {
   host_memdev_faults f;
   f.fail_read_bytes = {5 * 512 + 100};
@@ -330,7 +302,7 @@ TEST_F(BufTest, FailedReadReturnsEIOAndCachesNothing) {
   EXPECT_EQ(buf_error(bp), EIO);
   buf_brelse(bp);
   EXPECT_EQ(host_buf_count(dev_), 0);
-  EXPECT_EQ(buf_getblk(dev_, 4, 1024, 0, 0, BLK_ONLYVALID), nullptr);
+  EXPECT_FALSE(cached(dev_, 4, 1024));
 
   host_memdev_set_faults(dev_, host_memdev_faults{});
   ASSERT_EQ(buf_meta_bread(dev_, 4, 1024, NOCRED, &bp), 0);
@@ -338,6 +310,8 @@ TEST_F(BufTest, FailedReadReturnsEIOAndCachesNothing) {
   buf_brelse(bp);
 }
 
+// Catches write errors that are swallowed, failed delayed writes retried
+// forever, and a buf_invalidateblks that hides its write's error.
 TEST_F(BufTest, FailedWriteIsReportedAndTheDataDropped) {
   host_memdev_faults f;
   f.fail_write_bytes = {70 * 512};
@@ -348,28 +322,24 @@ TEST_F(BufTest, FailedWriteIsReportedAndTheDataDropped) {
   EXPECT_EQ(buf_bwrite(bp), EIO);
   EXPECT_EQ(host_buf_count(dev_), 0);
 
-  // A delayed write that fails when flushed is dropped too, not retried forever.
-  bp = buf_getblk(dev_, 70, 512, 0, 0, BLK_META);
-  buf_bdwrite(bp);
+  delayed_write(dev_, 70, 512, 0);
   buf_flushdirtyblks(dev_, 1, 0, "test");
   EXPECT_EQ(host_buf_count(dev_), 0);
-  EXPECT_EQ(device_bytes(70 * 512, 1)[0], pattern(70 * 512));
-  // And the error of a write made by buf_invalidateblks is its result.
-  bp = buf_getblk(dev_, 70, 512, 0, 0, BLK_META);
-  buf_bdwrite(bp);
+  EXPECT_EQ(dev_byte(70 * 512), pattern(70 * 512));
+  delayed_write(dev_, 70, 512, 0);
   EXPECT_EQ(buf_invalidateblks(dev_, BUF_WRITE_DATA, 0, 0), EIO);
 }
 
+// Catches a block-size change that writes delayed writes to the new
+// meaning of their block number, keeps idle buffers of the old size, or
+// waits for (or frees) a buffer its holder still uses.
 TEST_F(BufTest, BlockSizeChangeDropsIdleBuffersOfTheOldSize) {
-  buf_t bp = buf_getblk(dev_, 8, 512, 0, 0, BLK_META);
-  memset(data(bp), 0x88, 512);
-  buf_bdwrite(bp);
-  uint32_t size = 4096;
-  ASSERT_EQ(VNOP_IOCTL(dev_, DKIOCSETBLOCKSIZE, reinterpret_cast<caddr_t>(&size), FWRITE, nullptr),
-            0);
+  delayed_write(dev_, 8, 512, 0x88);
+  ASSERT_EQ(host_test::set_blocksize(dev_, 4096), 0);
   // The delayed write went to its old place; block 8 now means byte 32768.
-  EXPECT_EQ(device_bytes(8 * 512, 1)[0], 0x88);
+  EXPECT_EQ(dev_byte(8 * 512), 0x88);
   EXPECT_EQ(host_buf_count(dev_), 0);
+  buf_t bp = nullptr;
   ASSERT_EQ(buf_meta_bread(dev_, 8, 4096, NOCRED, &bp), 0);
   EXPECT_TRUE(holds_pattern(bp, 8 * 4096));
   buf_brelse(bp);
@@ -377,9 +347,7 @@ TEST_F(BufTest, BlockSizeChangeDropsIdleBuffersOfTheOldSize) {
   // The way a mount changes the size: with the boot buffer still held. The
   // held buffer is left alone (no wait for it), then dropped by its holder.
   ASSERT_EQ(buf_meta_bread(dev_, 0, 4096, NOCRED, &bp), 0);
-  size = 512;
-  ASSERT_EQ(VNOP_IOCTL(dev_, DKIOCSETBLOCKSIZE, reinterpret_cast<caddr_t>(&size), FWRITE, nullptr),
-            0);
+  ASSERT_EQ(host_test::set_blocksize(dev_, 512), 0);
   EXPECT_TRUE(holds_pattern(bp, 0));
   buf_markinvalid(bp);
   buf_brelse(bp);
@@ -388,21 +356,16 @@ TEST_F(BufTest, BlockSizeChangeDropsIdleBuffersOfTheOldSize) {
   buf_brelse(bp);
 }
 
+// Catches a caller-described transfer at the wrong place or cached.
 TEST_F(BufTest, CallerDescribedBuffersTransferAtTheirBlock) {
   std::vector<uint8_t> mem(1024);
-  buf_t bp = buf_alloc(dev_);
-  buf_setdataptr(bp, reinterpret_cast<uintptr_t>(mem.data()));
-  buf_setcount(bp, 1024);
-  buf_setblkno(bp, 6);
-  buf_setflags(bp, B_READ);
-  EXPECT_EQ(VNOP_STRATEGY(bp), 0);
-  EXPECT_EQ(buf_biowait(bp), 0);
-  EXPECT_EQ(buf_resid(bp), 0u);
+  ASSERT_EQ(host_test::dev_io(dev_, false, 6, mem.data(), 1024), 0);
   for (int i = 0; i < 1024; i++) ASSERT_EQ(mem[i], pattern(6 * 512 + i)) << i;
-  buf_free(bp);
-  EXPECT_EQ(host_buf_count(dev_), 0);  // such buffers are never cached
+  EXPECT_EQ(host_buf_count(dev_), 0);
 }
 
+// Catches misuse (unsupported flags, absurd sizes, a thread taking a
+// buffer it already holds) that would go on silently instead of panicking.
 TEST(BufDeathTest, MisuseOfTheCachePanics) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   vnode_t dev = nullptr;
@@ -490,24 +453,21 @@ class FileBufTest : public BufTest {
   void SetUp() override {
     BufTest::SetUp();
     tf_.devvp = dev_;
-    vnode_fsparam p{};
-    p.vnfs_vtype = VREG;
+    vnode_fsparam p = host_test::fsparam(VREG, tf_vnodeops(), 0);
     p.vnfs_str = "testfs";
     p.vnfs_fsnode = &tf_;
-    p.vnfs_vops = tf_vnodeops();
-    ASSERT_EQ(vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &vp_), 0);
+    ASSERT_EQ(host_test::create_vnode(p, &vp_), 0);
   }
   void TearDown() override {
-    if (vp_ != nullptr) {
-      vnode_recycle(vp_);
-      vnode_put(vp_);
-    }
+    if (vp_ != nullptr) host_test::discard(vp_);
     BufTest::TearDown();
   }
   TestFile tf_;
   vnode_t vp_ = nullptr;
 };
 
+// Catches a file buffer read as one request over discontiguous runs, a
+// hole read from the device, and file buffers filed under the device.
 TEST_F(FileBufTest, ReadMapsDiscontiguousRunsAndReadsHolesAsZeros) {
   // File block 1 = bytes [4096, 20480): 3 KiB at device block 100, a 1 KiB
   // hole, 12 KiB starting 256 bytes into device block 40.
@@ -529,6 +489,8 @@ TEST_F(FileBufTest, ReadMapsDiscontiguousRunsAndReadsHolesAsZeros) {
   EXPECT_EQ(host_buf_count(dev_), 0);  // file buffers are the file's, not the device's
 }
 
+// Catches a write through the read mapping (it would go nowhere for a
+// hole), and a contiguous buffer mapped again on every write.
 TEST_F(FileBufTest, WriteUsesTheWriteMappingAndAContiguousBufferStaysMapped) {
   tf_.read_map = {{0, 8192, -1}};  // beyond the valid length: all hole
   tf_.write_map = {{0, 8192, 300 * 512}};
@@ -541,7 +503,7 @@ TEST_F(FileBufTest, WriteUsesTheWriteMappingAndAContiguousBufferStaysMapped) {
   EXPECT_EQ(buf_bdwrite(bp), 0);
   int calls = tf_.blockmap_calls;
   buf_flushdirtyblks(vp_, 1, 0, "test");
-  EXPECT_EQ(device_bytes(300 * 512, 8192), std::vector<uint8_t>(8192, 0xAB));
+  EXPECT_EQ(dev_bytes(300 * 512, 8192), std::vector<uint8_t>(8192, 0xAB));
   EXPECT_EQ(stats().writes, 1u);
   EXPECT_GT(tf_.blockmap_calls, calls);
 
@@ -552,9 +514,11 @@ TEST_F(FileBufTest, WriteUsesTheWriteMappingAndAContiguousBufferStaysMapped) {
   calls = tf_.blockmap_calls;
   EXPECT_EQ(buf_bwrite(bp), 0);
   EXPECT_EQ(tf_.blockmap_calls, calls);
-  EXPECT_EQ(device_bytes(300 * 512, 1)[0], 0xCD);
+  EXPECT_EQ(dev_byte(300 * 512), 0xCD);
 }
 
+// Catches a write into a hole that "succeeds" and a failed mapping that
+// leaves a buffer cached.
 TEST_F(FileBufTest, WritingIntoAHoleOrAFailedMappingIsAnError) {
   tf_.write_map = {{0, 2048, 500 * 512}, {2048, 2048, -1}};
   buf_t bp = buf_getblk(vp_, 0, 4096, 0, 0, BLK_META);
@@ -568,19 +532,16 @@ TEST_F(FileBufTest, WritingIntoAHoleOrAFailedMappingIsAnError) {
   EXPECT_EQ(host_buf_count(vp_), 0);
 }
 
+// Writing a file buffer calls into its file system, which the evicting
+// thread may not be free to do: such buffers wait for their vnode's flush.
+// Catches eviction that calls blockmap (a lock-order hazard) or loses them.
 TEST_F(FileBufTest, EvictionLeavesFileDelayedWritesToTheirFlush) {
-  // Writing a file buffer calls into its file system, which the evicting
-  // thread may not be free to do: such buffers wait for their vnode's flush.
   tf_.read_map = tf_.write_map = {{0, 65536, 700 * 512}};
   host_bufcache_set_limit(4096);
-  buf_t bp = buf_getblk(vp_, 0, 4096, 0, 0, BLK_META);
-  memset(data(bp), 0x71, 4096);
-  buf_bdwrite(bp);
+  delayed_write(vp_, 0, 4096, 0x71);
   int calls = tf_.blockmap_calls;
-  ASSERT_EQ(buf_meta_bread(dev_, 0, 4096, NOCRED, &bp), 0);
-  buf_brelse(bp);
-  ASSERT_EQ(buf_meta_bread(dev_, 8, 4096, NOCRED, &bp), 0);  // evicts block 0, not the file's
-  buf_brelse(bp);
+  read_release(0, 4096);
+  read_release(8, 4096);  // evicts block 0, not the file's
   EXPECT_EQ(tf_.blockmap_calls, calls);
   EXPECT_EQ(host_buf_count(vp_), 1);
   EXPECT_EQ(host_buf_count(dev_), 1);
@@ -588,11 +549,13 @@ TEST_F(FileBufTest, EvictionLeavesFileDelayedWritesToTheirFlush) {
   host_bufcache_set_limit(1);
   EXPECT_EQ(host_bufcache_bytes(), 4096u);
   buf_flushdirtyblks(vp_, 1, 0, "test");
-  EXPECT_EQ(device_bytes(700 * 512, 4096), std::vector<uint8_t>(4096, 0x71));
+  EXPECT_EQ(dev_bytes(700 * 512, 4096), std::vector<uint8_t>(4096, 0x71));
   host_bufcache_set_limit(1);
   EXPECT_EQ(host_bufcache_bytes(), 0u);
 }
 
+// Catches page-list buffers copied page by page (more than one request) or
+// transferred at the wrong offset in the list.
 TEST_F(FileBufTest, PageListBuffersTransferStraightIntoThePages) {
   ubc_setsize(vp_, 3 * 4096);
   upl_t upl = nullptr;
@@ -600,8 +563,6 @@ TEST_F(FileBufTest, PageListBuffersTransferStraightIntoThePages) {
             0);
   buf_t bp = buf_alloc(dev_);
   buf_setupl(bp, upl, 1000);
-  EXPECT_EQ(buf_upl(bp), upl);
-  EXPECT_EQ(buf_uploffset(bp), 1000u);
   buf_setcount(bp, 8192);
   buf_setblkno(bp, 16);
   buf_setflags(bp, B_READ);
@@ -619,27 +580,26 @@ TEST_F(FileBufTest, PageListBuffersTransferStraightIntoThePages) {
   EXPECT_EQ(VNOP_STRATEGY(bp), 0);
   EXPECT_EQ(buf_biowait(bp), 0);
   EXPECT_EQ(stats().writes, 1u);
-  EXPECT_EQ(device_bytes(16 * 512, 8192), std::vector<uint8_t>(8192, 0x3C));
-  EXPECT_EQ(device_bytes(16 * 512 + 8192, 1)[0], pattern(16 * 512 + 8192));
+  EXPECT_EQ(dev_bytes(16 * 512, 8192), std::vector<uint8_t>(8192, 0x3C));
+  EXPECT_EQ(dev_byte(16 * 512 + 8192), pattern(16 * 512 + 8192));
   buf_free(bp);
   ubc_upl_abort(upl, UPL_ABORT_DUMP_PAGES);
 }
 
+// Catches a reclaim that loses a file's delayed writes or leaves its
+// buffers behind the dead vnode.
 TEST_F(FileBufTest, ReclaimWritesDirtyBuffersAndDropsThemAll) {
   tf_.read_map = tf_.write_map = {{0, 65536, 600 * 512}};
   buf_t bp = nullptr;
   ASSERT_EQ(buf_meta_bread(vp_, 0, 4096, NOCRED, &bp), 0);
   buf_brelse(bp);
-  bp = buf_getblk(vp_, 1, 4096, 0, 0, BLK_META);
-  memset(data(bp), 0x99, 4096);
-  buf_bdwrite(bp);
+  delayed_write(vp_, 1, 4096, 0x99);
   ASSERT_EQ(host_buf_count(vp_), 2);
-  vnode_recycle(vp_);
-  vnode_put(vp_);  // the last reference: reclaimed now
+  host_test::discard(vp_);  // the last reference: reclaimed now
   EXPECT_TRUE(host_vnode_isdead(vp_));
   EXPECT_EQ(host_buf_count(vp_), 0);
   vp_ = nullptr;
-  EXPECT_EQ(device_bytes(600 * 512 + 4096, 4096), std::vector<uint8_t>(4096, 0x99));
+  EXPECT_EQ(dev_bytes(600 * 512 + 4096, 4096), std::vector<uint8_t>(4096, 0x99));
   EXPECT_EQ(host_bufcache_bytes(), 0u);
 }
 

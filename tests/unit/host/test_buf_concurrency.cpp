@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -13,6 +12,7 @@
 #include "host/buf.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
+#include "host_test_util.h"
 
 namespace {
 
@@ -26,14 +26,9 @@ uint32_t load32(buf_t bp, size_t at) {
 
 void store32(buf_t bp, size_t at, uint32_t v) { memcpy(data(bp) + at, &v, 4); }
 
-// Sleeps in small steps until `n` threads wait for busy buffers; fails
-// after two seconds.
+// Waits until `n` threads sleep on busy buffers.
 bool await_waiters(int n) {
-  for (int i = 0; i < 2000; i++) {
-    if (host_buf_waiters() == n) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
+  return host_test::eventually([n] { return host_buf_waiters() == n; });
 }
 
 class BufConcurrency : public ::testing::Test {
@@ -51,6 +46,8 @@ class BufConcurrency : public ::testing::Test {
   vnode_t dev_ = nullptr;
 };
 
+// Catches a second holder let in early, and a waiter that wakes to a stale
+// copy instead of the first holder's delayed write.
 TEST_F(BufConcurrency, SecondGetblkOfAHeldBlockWaitsForItsRelease) {
   buf_t held = buf_getblk(dev_, 5, 512, 0, 0, BLK_META);
   buf_clear(held);
@@ -69,11 +66,12 @@ TEST_F(BufConcurrency, SecondGetblkOfAHeldBlockWaitsForItsRelease) {
   store32(held, 0, 0xC0FFEE);
   buf_bdwrite(held);
   t.join();
-  EXPECT_TRUE(got.load());
   EXPECT_EQ(seen, 0xC0FFEEu);
   EXPECT_TRUE(seen_delwri);
 }
 
+// Catches buf_invalblkno dropping a buffer from under its holder, or not
+// reporting EBUSY without BUF_WAIT.
 TEST_F(BufConcurrency, InvalblknoOfAHeldBlockWaitsOrReportsBusy) {
   buf_t held = nullptr;
   ASSERT_EQ(buf_meta_bread(dev_, 7, 512, NOCRED, &held), 0);
@@ -93,6 +91,7 @@ TEST_F(BufConcurrency, InvalblknoOfAHeldBlockWaitsOrReportsBusy) {
   EXPECT_EQ(device_word(7 * 512), 0u);
 }
 
+// Catches a flush that writes a held buffer mid-update or skips it.
 TEST_F(BufConcurrency, FlushWaitsForAHeldDelayedWrite) {
   buf_t bp = buf_getblk(dev_, 9, 512, 0, 0, BLK_META);
   buf_clear(bp);
@@ -106,6 +105,7 @@ TEST_F(BufConcurrency, FlushWaitsForAHeldDelayedWrite) {
   EXPECT_EQ(device_word(9 * 512), 0xABCDu);  // the flush wrote the holder's version
 }
 
+// Catches two holders of one block at once (lost increments).
 TEST_F(BufConcurrency, OneHolderAtATimeSerialisesUpdatesOfABlock) {
   constexpr int kThreads = 4, kRounds = 200;
   std::vector<std::thread> threads;
@@ -129,6 +129,9 @@ TEST_F(BufConcurrency, OneHolderAtATimeSerialisesUpdatesOfABlock) {
   EXPECT_EQ(device_word(512), static_cast<uint32_t>(kThreads * kRounds));
 }
 
+// Catches races between eviction (which writes dirty buffers) and their
+// users: lost updates, buffers read from a half-written device, a cache
+// over its bound.
 TEST_F(BufConcurrency, ReadersAndWritersOfDifferentBlocksUnderEviction) {
   // Room for 16 of the 4 x 8 blocks the writers use: eviction, with dirty
   // buffers written first, runs all the time.
@@ -166,6 +169,8 @@ TEST_F(BufConcurrency, ReadersAndWritersOfDifferentBlocksUnderEviction) {
   }
 }
 
+// Catches eviction that reuses a held buffer's memory, or drops the
+// delayed writes it evicts.
 TEST_F(BufConcurrency, EvictionLeavesHeldBuffersAlone) {
   host_bufcache_set_limit(8 * 512);
   std::vector<buf_t> held;

@@ -20,13 +20,6 @@
 
 namespace {
 
-std::vector<char> pattern(size_t n, uint32_t seed) {
-  std::vector<char> v(n);
-  std::mt19937 rng(seed);
-  for (auto& c : v) c = char(rng());
-  return v;
-}
-
 using host_test::PoolLimit;
 
 class ClusterTest : public ::testing::Test {
@@ -38,11 +31,13 @@ class ClusterTest : public ::testing::Test {
 // device block 500, 3 at 50 (going backwards), then holes.
 std::vector<bmfs_run> scattered() { return {{100, 10}, {-1, 5}, {500, 20}, {50, 3}}; }
 
+// Catches reads that treat runs as contiguous, read holes from the device,
+// or copy past the file size.
 TEST_F(ClusterTest, ReadsFollowDiscontiguousRunsAndHolesReadAsZeros) {
   off_t size = 40 * 4096 - 1000;  // ends mid-page, past the mapped runs
   bmfs_file* f = fs.create(size, scattered());
   std::vector<char> model(size_t(size), 0);
-  std::vector<char> data = pattern(size_t(size), 1);
+  std::vector<char> data = random_bytes(size_t(size), 1);
   for (off_t b = 0; b < 40; b++) {
     bool hole = (b >= 10 && b < 15) || b >= 38;
     size_t n = std::min<size_t>(4096, size_t(size - b * 4096));
@@ -65,51 +60,33 @@ TEST_F(ClusterTest, ReadsFollowDiscontiguousRunsAndHolesReadAsZeros) {
   EXPECT_EQ(got[size_t(size)], 'x') << "nothing is copied past the file size";
 }
 
+// Catches a last page cached with the device's bytes past the file size,
+// which a later growth without a write would expose.
 TEST_F(ClusterTest, BytesPastFilesizeInTheLastPageReadAsZerosAfterGrowth) {
   bmfs_file* f = fs.create(4096, {{10, 1}});
-  std::vector<char> junk(4096, char(0xAA));
-  fs.poke_device(f, 0, junk.data(), 4096);  // the device holds junk past byte 1000
-  {
-    std::lock_guard<std::mutex> g(f->lock);
-    f->size = 1000;
-  }
-  ubc_setsize(f->vp, 1000);
+  fs.fill(f, char(0xAA));  // the device holds junk past byte 1000
+  fs.set_size(f, 1000);
   char buf[4096];
   size_t resid = 0;
   ASSERT_EQ(fs.read(f, 0, buf, sizeof buf, &resid), 0);
   EXPECT_EQ(resid, 4096u - 1000u);
   // The file grows again without a write: the old tail is not file data.
-  {
-    std::lock_guard<std::mutex> g(f->lock);
-    f->size = 4096;
-  }
-  ubc_setsize(f->vp, 4096);
+  fs.set_size(f, 4096);
   ASSERT_EQ(fs.read(f, 0, buf, sizeof buf, &resid), 0);
   EXPECT_EQ(resid, 0u);
   for (int i = 1000; i < 4096; i++) ASSERT_EQ(buf[i], 0) << "byte " << i;
   EXPECT_EQ(buf[999], char(0xAA));
 }
 
+// Catches any misplaced, torn or lost byte in mixed reads and writes over
+// runs and holes, dirty pages left after a push, and an invalidate that
+// keeps pages.
 TEST_F(ClusterTest, RandomReadsAndWritesMatchAReferenceModel) {
   const off_t size = 3 << 20;
   bmfs_file* f = fs.create(size, {{0, 100}, {-1, 50}, {300, 200}, {200, 20}});
   std::vector<char> model = fs.on_device(f);
   std::mt19937 rng(7);
-  for (int op = 0; op < 400; op++) {
-    off_t off = off_t(rng() % uint32_t(size));
-    size_t len = 1 + rng() % 70000;
-    if (rng() % 8 == 0) len = 1 + rng() % 20;
-    if (off + off_t(len) > size) len = size_t(size - off);
-    if (rng() % 2) {
-      std::vector<char> d = pattern(len, uint32_t(op));
-      ASSERT_EQ(fs.write(f, off, d.data(), len), 0);
-      memcpy(model.data() + off, d.data(), len);
-    } else {
-      std::vector<char> got(len);
-      ASSERT_EQ(fs.read(f, off, got.data(), len), 0);
-      ASSERT_EQ(0, memcmp(got.data(), model.data() + off, len)) << "op " << op << " at " << off;
-    }
-  }
+  for (int op = 0; op < 400; op++) ASSERT_EQ(fs.random_op(f, model, rng, 70000, 50), "") << "op " << op;
   ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
   EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
   EXPECT_TRUE(fs.on_device(f) == model);
@@ -121,13 +98,14 @@ TEST_F(ClusterTest, RandomReadsAndWritesMatchAReferenceModel) {
   EXPECT_TRUE(all == model);
 }
 
+// Catches appends whose growth loses the previous tail page.
 TEST_F(ClusterTest, AppendingWritesGrowTheFileAndLandOnTheDevice) {
   bmfs_file* f = fs.create(0, {});
   std::vector<char> model;
   std::mt19937 rng(3);
   for (int i = 0; i < 60; i++) {
     size_t len = 1 + rng() % 50000;
-    std::vector<char> d = pattern(len, uint32_t(i));
+    std::vector<char> d = random_bytes(len, uint32_t(i));
     ASSERT_EQ(fs.write(f, off_t(model.size()), d.data(), len), 0);
     model.insert(model.end(), d.begin(), d.end());
   }
@@ -144,8 +122,7 @@ class ZeroFillTest : public ClusterTest {
   void SetUp() override { f = make_file(20); }
   bmfs_file* make_file(int64_t dev_block) {
     bmfs_file* nf = fs.create(4 * 4096, {{dev_block, 4}});
-    std::vector<char> ones(4 * 4096, 0x11);
-    fs.poke_device(nf, 0, ones.data(), ones.size());
+    fs.fill(nf, 0x11);
     char buf[8192];
     EXPECT_EQ(fs.read(nf, 0, buf, sizeof buf), 0);
     char two = 0x22;
@@ -173,6 +150,7 @@ class ZeroFillTest : public ClusterTest {
 // Head zero-fill zeroes every page of the range from `head` on, except
 // resident clean pages under IO_NOZEROVALID and dirty ones under
 // IO_NOZERODIRTY; the rest of the partly written page is read first.
+// Catches each flag ignored or applied to the other kind of page.
 TEST_F(ZeroFillTest, HeadZeroFillSparesWhatItsFlagsProtect) {
   const struct {
     int flags;
@@ -201,6 +179,7 @@ TEST_F(ZeroFillTest, HeadZeroFillSparesWhatItsFlagsProtect) {
   }
 }
 
+// Catches a tail zero-fill that runs past its end or fills the head.
 TEST_F(ZeroFillTest, TailZeroFillZeroesAfterTheWriteOnly) {
   ASSERT_EQ(write_page3(0, 3 * 4096 + 3000, IO_TAILZEROFILL), 0);
   std::vector<char> v = contents();
@@ -210,6 +189,8 @@ TEST_F(ZeroFillTest, TailZeroFillZeroesAfterTheWriteOnly) {
   EXPECT_EQ(v[0], 0x11) << "no head zero-fill without its flag";
 }
 
+// Catches a zero-fill without data that is not written with IO_SYNC or
+// zeroes a dirty page.
 TEST_F(ZeroFillTest, NullUioOnlyZeroFillsAndTheZerosReachTheDevice) {
   {
     std::lock_guard<std::mutex> io(f->io_lock);
@@ -223,15 +204,12 @@ TEST_F(ZeroFillTest, NullUioOnlyZeroFillsAndTheZerosReachTheDevice) {
   for (int i = 2 * 4096; i < 3 * 4096 + 5; i++) ASSERT_EQ(d[i], 0) << i;
 }
 
+// Catches a growing write that reads the device's stale bytes into the
+// gap between the old end and the write.
 TEST_F(ClusterTest, APartialPageAtOrPastTheOldEndIsNotReadFromTheDevice) {
   bmfs_file* f = fs.create(4096, {{30, 4}});
-  std::vector<char> junk(4 * 4096, char(0xEE));
-  fs.poke_device(f, 0, junk.data(), junk.size());
-  {
-    std::lock_guard<std::mutex> g(f->lock);
-    f->size = 100;
-  }
-  ubc_setsize(f->vp, 100);
+  fs.fill(f, char(0xEE));
+  fs.set_size(f, 100);
   // Grow to 2 pages with a write at 5000 (head zero-fill from the old end).
   char x = 'x';
   ASSERT_EQ(fs.write(f, 5000, &x, 1), 0);
@@ -244,9 +222,12 @@ TEST_F(ClusterTest, APartialPageAtOrPastTheOldEndIsNotReadFromTheDevice) {
 
 // --- Reaching the device ----------------------------------------------------------
 
+// Catches write-behind that starts before a push, a push that leaves pages
+// dirty, IO_SYNC that returns before the data is on the device, and a
+// writer's pages sent through pageout (which would take its I/O lock again).
 TEST_F(ClusterTest, DirtyDataReachesTheDeviceOnPushOrImmediatelyWithIoSync) {
   bmfs_file* f = fs.create(8 * 4096, {{40, 8}});
-  std::vector<char> d = pattern(3 * 4096, 9);
+  std::vector<char> d = random_bytes(3 * 4096, 9);
   ASSERT_EQ(fs.write(f, 0, d.data(), d.size()), 0);
   EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 3u);
   EXPECT_NE(0, memcmp(fs.on_device(f).data(), d.data(), d.size())) << "written behind too early";
@@ -254,29 +235,31 @@ TEST_F(ClusterTest, DirtyDataReachesTheDeviceOnPushOrImmediatelyWithIoSync) {
   EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
   EXPECT_EQ(0, memcmp(fs.on_device(f).data(), d.data(), d.size()));
 
-  std::vector<char> e = pattern(100, 10);
+  std::vector<char> e = random_bytes(100, 10);
   ASSERT_EQ(fs.write(f, 5 * 4096 + 7, e.data(), e.size(), IO_SYNC), 0);
   EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
   EXPECT_EQ(0, memcmp(fs.on_device(f).data() + 5 * 4096 + 7, e.data(), e.size()));
   EXPECT_EQ(f->pageouts.load(), 0) << "the writer's pages never go through pageout";
 }
 
+// Catches an asynchronous push whose completion is never delivered.
 TEST_F(ClusterTest, AnAsynchronousPushCompletesWithoutAnotherCall) {
   bmfs_file* f = fs.create(16 * 4096, {{60, 16}});
-  std::vector<char> d = pattern(16 * 4096, 11);
+  std::vector<char> d = random_bytes(16 * 4096, 11);
   ASSERT_EQ(fs.write(f, 0, d.data(), d.size()), 0);
   ASSERT_EQ(cluster_push(f->vp, 0), 0);
-  for (int i = 0; i < 500 && host_ubc_vnode_dirty_pages(f->vp) != 0; i++) usleep(2000);
-  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
+  EXPECT_TRUE(host_test::eventually([&] { return host_ubc_vnode_dirty_pages(f->vp) == 0; }));
   EXPECT_TRUE(fs.on_device(f) == d);
 }
 
+// Catches write errors swallowed, or pages marked clean although their
+// write failed (the data would be lost).
 TEST_F(ClusterTest, WriteErrorsAreReportedAndThePagesStayDirty) {
   bmfs_file* f = fs.create(4 * 4096, {{70, 4}});
   host_memdev_faults faults;
   faults.fail_write_bytes.push_back(71 * 4096 + 512);
   host_memdev_set_faults(fs.devvp(), faults);
-  std::vector<char> d = pattern(4 * 4096, 12);
+  std::vector<char> d = random_bytes(4 * 4096, 12);
   ASSERT_EQ(fs.write(f, 0, d.data(), d.size()), 0);
   EXPECT_EQ(cluster_push(f->vp, IO_SYNC), EIO);
   EXPECT_GT(host_ubc_vnode_dirty_pages(f->vp), 0u);
@@ -285,6 +268,7 @@ TEST_F(ClusterTest, WriteErrorsAreReportedAndThePagesStayDirty) {
   EXPECT_TRUE(fs.on_device(f) == d);
 }
 
+// Catches read errors swallowed, or pages of a failed read left valid.
 TEST_F(ClusterTest, ReadErrorsAreReportedAndLeaveNothingCached) {
   bmfs_file* f = fs.create(4 * 4096, {{80, 4}});
   host_memdev_faults faults;
@@ -299,17 +283,19 @@ TEST_F(ClusterTest, ReadErrorsAreReportedAndLeaveNothingCached) {
 
 // --- Request sizes -------------------------------------------------------------------
 
+// Catches I/O split per page: large reads, read-ahead of small sequential
+// reads and write-behind must each reach the device in few large requests,
+// and whole-page overwrites must not read first.
 TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
   const off_t size = 8 << 20;
   bmfs_file* f = fs.create(size, {{1000, uint32_t(size / 4096)}});
-  std::vector<char> d = pattern(size_t(size), 13);
+  std::vector<char> d = random_bytes(size_t(size), 13);
   fs.poke_device(f, 0, d.data(), d.size());
 
   host_blkdev_reset_stats(fs.devvp());
   std::vector<char> got(static_cast<size_t>(size));
   ASSERT_EQ(fs.read(f, 0, got.data(), got.size()), 0);
-  host_devstats st;
-  host_blkdev_stats(fs.devvp(), &st);
+  host_devstats st = host_test::devstats(fs.devvp());
   EXPECT_TRUE(got == d);
   EXPECT_LE(st.reads, 10u) << "one request per maximal transfer, not per page";
   EXPECT_EQ(st.bytes_read, uint64_t(size));
@@ -317,22 +303,24 @@ TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
   ASSERT_EQ(ubc_msync(f->vp, 0, size, nullptr, UBC_INVALIDATE), 0);
   host_blkdev_reset_stats(fs.devvp());
   for (off_t off = 0; off < size; off += 65536) ASSERT_EQ(fs.read(f, off, got.data() + off, 65536), 0);
-  host_blkdev_stats(fs.devvp(), &st);
+  st = host_test::devstats(fs.devvp());
   EXPECT_TRUE(got == d);
   EXPECT_LE(st.reads, 24u) << "small sequential reads are gathered by read-ahead";
 
-  std::vector<char> w = pattern(size_t(size), 14);
+  std::vector<char> w = random_bytes(size_t(size), 14);
   ASSERT_EQ(ubc_msync(f->vp, 0, size, nullptr, UBC_INVALIDATE), 0);
   host_blkdev_reset_stats(fs.devvp());
   for (off_t off = 0; off < size; off += 65536) ASSERT_EQ(fs.write(f, off, w.data() + off, 65536), 0);
   ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
-  host_blkdev_stats(fs.devvp(), &st);
+  st = host_test::devstats(fs.devvp());
   EXPECT_LE(st.writes, 12u);
   EXPECT_EQ(st.bytes_written, uint64_t(size));
   EXPECT_EQ(st.reads, 0u) << "whole pages are never read before being overwritten";
   EXPECT_TRUE(fs.on_device(f) == w);
 }
 
+// Catches an advisory read that does nothing, or whose pages a following
+// read fetches again.
 TEST_F(ClusterTest, AdvisoryReadFillsTheCacheAhead) {
   bmfs_file* f = fs.create(64 * 4096, {{2000, 64}});
   ASSERT_EQ(advisory_read(f->vp, 64 * 4096, 0, 64 * 4096), 0);
@@ -341,13 +329,13 @@ TEST_F(ClusterTest, AdvisoryReadFillsTheCacheAhead) {
   host_blkdev_reset_stats(fs.devvp());
   std::vector<char> buf(64 * 4096);
   ASSERT_EQ(fs.read(f, 0, buf.data(), buf.size()), 0);
-  host_devstats st;
-  host_blkdev_stats(fs.devvp(), &st);
-  EXPECT_EQ(st.reads, 0u);
+  EXPECT_EQ(host_test::devstats(fs.devvp()).reads, 0u);
 }
 
 // --- A tiny pool ------------------------------------------------------------------------
 
+// Catches eviction that loses dirty pages of one file while another is
+// written, and a pool that grows far past its bound.
 TEST_F(ClusterTest, ATinyPoolLosesNothingAcrossFiles) {
   PoolLimit limit(16 * 4096);
   const off_t size = 1 << 20;
@@ -355,21 +343,8 @@ TEST_F(ClusterTest, ATinyPoolLosesNothingAcrossFiles) {
   bmfs_file* b = fs.create(size, {{-1, 256}});
   std::vector<char> ma(size_t(size), 0), mb(size_t(size), 0);
   std::mt19937 rng(5);
-  for (int op = 0; op < 300; op++) {
-    bmfs_file* f = (op % 2) ? a : b;
-    std::vector<char>& m = (op % 2) ? ma : mb;
-    off_t off = off_t(rng() % uint32_t(size));
-    size_t len = std::min<size_t>(1 + rng() % 30000, size_t(size - off));
-    if (rng() % 3) {
-      std::vector<char> d = pattern(len, uint32_t(op));
-      ASSERT_EQ(fs.write(f, off, d.data(), len), 0);
-      memcpy(m.data() + off, d.data(), len);
-    } else {
-      std::vector<char> got(len);
-      ASSERT_EQ(fs.read(f, off, got.data(), len), 0);
-      ASSERT_EQ(0, memcmp(got.data(), m.data() + off, len)) << "op " << op;
-    }
-  }
+  for (int op = 0; op < 300; op++)
+    ASSERT_EQ(fs.random_op(op % 2 ? a : b, op % 2 ? ma : mb, rng, 30000, 67), "") << "op " << op;
   EXPECT_LE(host_ubc_resident_bytes(), size_t(64 * 4096)) << "the pool stays near its bound";
   ASSERT_EQ(cluster_push(a->vp, IO_SYNC), 0);
   ASSERT_EQ(cluster_push(b->vp, IO_SYNC), 0);
