@@ -1,15 +1,13 @@
-// cp and mv on images made by mkfs.exfat: trees copied in and out and
-// compared byte for byte, copies between images and within one, the
-// options (-r, -p, -n), the mistakes cp must refuse, and the progress
-// line. Every writing command must leave the image clean.
+// cp and mv: trees copied in, out, between images and within one, compared
+// byte for byte; the options (-r, -p, -n), the mistakes cp must refuse,
+// the progress line, and interruption. Writing commands leave images clean.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <sys/stat.h>
-
 #include <filesystem>
 #include <map>
 #include <string>
@@ -45,17 +43,14 @@ class CliCopy : public CliTest {
     image_ = make_image("vol.img");
   }
 
-  std::string cat(const std::string& path) { return exvol({"cat", addr(path)}).out; }
-
-  // A tree with nested directories, long and non-ASCII names, empty files
-  // and directories, a link, and a file of several MiB.
+  // Nested and empty directories, long and non-ASCII names, empty files,
+  // a link, and a file of several MiB.
   void make_tree(const std::string& root) {
     fs::create_directories(root + "/one/two/three");
     fs::create_directories(root + "/empty dir");
     write_file(root + "/one/two/three/deep.txt", "deep");
     write_file(root + "/one/small", "s");
     write_file(root + "/empty", "");
-    write_file(root + "/one/two/empty too", "");
     write_file(root + "/" + std::string(200, 'n') + ".long", "long name");
     write_file(root + "/caf\u00e9 \u65e5\u672c\u8a9e \u00dcml\u00e4ut", "utf-8");
     write_file(root + "/one/big.bin", pattern(6 * 1024 * 1024 + 123, 1));
@@ -63,58 +58,42 @@ class CliCopy : public CliTest {
   }
 };
 
-TEST_F(CliCopy, TreeGoesInAndComesOutTheSame) {
+TEST_F(CliCopy, TreesGoInComeOutAndCrossImagesTheSame) {
   make_tree(at("tree"));
   ok({"cp", "-r", at("tree"), addr("/")});
-  Result r = exvol({"ls", "-R", addr("/tree")});
-  EXPECT_EQ(0, r.status) << r.err;
-
-  ok({"cp", "-r", addr("/tree"), at("out")});
-  EXPECT_EQ(snapshot(at("tree")), snapshot(at("out")));
-  EXPECT_EQ(read_file(at("tree/one/big.bin")), cat("/tree/one/big.bin"));
   EXPECT_EQ("deep", cat("/tree/one/link")) << "the link resolves on the image";
+  std::string other = make_image("other.img", 32 << 20);
+  ok({"cp", "-r", addr("/tree"), other + ":/copy"});
+  expect_clean(other);
+  ok({"cp", "-r", addr("/tree"), addr("/second")});
+  ok({"cp", "-r", other + ":/copy", at("from-other")});
+  ok({"cp", "-r", addr("/second"), at("from-second")});
+  EXPECT_EQ(snapshot(at("tree")), snapshot(at("from-other")));
+  EXPECT_EQ(snapshot(at("tree")), snapshot(at("from-second")));
+
+  // The image root copies its contents.
+  ok({"cp", "-r", other + ":/", at("whole")});
+  EXPECT_EQ(snapshot(at("from-other")), snapshot(at("whole/copy")));
 }
 
-TEST_F(CliCopy, ImageRootCopiesItsContents) {
-  ok({"mkdir", addr("/d")});
-  ok({"touch", addr("/d/f"), addr("/g")});
-  ok({"cp", "-r", addr("/"), at("whole")});
-  std::map<std::string, std::string> expected{{"d", "D"}, {"d/f", "F:"}, {"g", "F:"}};
-  EXPECT_EQ(expected, snapshot(at("whole")));
-}
-
-TEST_F(CliCopy, SourcesGoIntoADirectoryUnderTheirNames) {
+TEST_F(CliCopy, TargetsAndFailures) {
   write_file(at("a"), "A");
   write_file(at("b"), "B");
   ok({"mkdir", addr("/dir")});
   ok({"cp", at("a"), at("b"), addr("/dir")});
-  EXPECT_EQ("A", cat("/dir/a"));
-  EXPECT_EQ("B", cat("/dir/b"));
-
-  // A new name for one file; the target must be a directory for several.
+  EXPECT_EQ("AB", cat("/dir/a") + cat("/dir/b"));
   ok({"cp", at("a"), addr("/renamed")});
   EXPECT_EQ("A", cat("/renamed"));
+  // The same source twice is fine.
+  ok({"cp", at("a"), at("a"), addr("/dir/")});
+
   fails({"cp", at("a"), at("b"), addr("/renamed")}, addr("/renamed"), "Not a directory");
   fails({"cp", at("a"), addr("/nodir/")}, addr("/nodir"), "No such file or directory");
-}
-
-TEST_F(CliCopy, FailuresNameTheOperandAndExitOne) {
   fails({"cp", at("absent"), addr("/")}, at("absent"), "No such file or directory");
-
-  write_file(at("a"), "A");
-  fails({"cp", at("a"), addr("/a/b")}, addr("/a/b"), "No such file or directory");
-
   fs::create_directory(at("d"));
   Result r = exvol({"cp", at("d"), addr("/")});
   EXPECT_EQ(1, r.status);
   EXPECT_EQ("exvol: cp: " + at("d") + ": is a directory (not copied; use -r)\n", r.err);
-
-  ok({"mkdir", addr("/taken")});
-  r = exvol({"cp", at("a"), at("a"), addr("/taken/")});
-  EXPECT_EQ(0, r.status) << "the same source twice is fine: " << r.err;
-  r = exvol({"cp", at("a"), addr("/TAKEN/a/")});
-  EXPECT_EQ(1, r.status);
-  expect_clean(image_);
 }
 
 TEST_F(CliCopy, NoClobberKeepsExistingFiles) {
@@ -164,19 +143,6 @@ TEST_F(CliCopy, PreserveKeepsTimesAndAttributes) {
   expect_clean(other);
 }
 
-TEST_F(CliCopy, BetweenImagesAndWithinOne) {
-  make_tree(at("tree"));
-  ok({"cp", "-r", at("tree"), addr("/")});
-  std::string other = make_image("other.img", 32 << 20);
-  ok({"cp", "-r", addr("/tree"), other + ":/copy"});
-  ok({"cp", "-r", addr("/tree"), addr("/second")});
-  expect_clean(other);
-  ok({"cp", "-r", other + ":/copy", at("from-other")});
-  ok({"cp", "-r", addr("/second"), at("from-second")});
-  EXPECT_EQ(snapshot(at("tree")), snapshot(at("from-other")));
-  EXPECT_EQ(snapshot(at("tree")), snapshot(at("from-second")));
-}
-
 TEST_F(CliCopy, RefusesToCopyOntoItself) {
   write_file(at("f"), "precious");
   ok({"cp", at("f"), addr("/f")});
@@ -187,74 +153,51 @@ TEST_F(CliCopy, RefusesToCopyOntoItself) {
   EXPECT_EQ("precious", cat("/f"));
 
   ok({"mkdir", "-p", addr("/a/b")});
-  ok({"cp", at("f"), addr("/a/b/f")});
   r = exvol({"cp", "-r", addr("/a"), addr("/a/b")});
   EXPECT_EQ(1, r.status);
   EXPECT_EQ("exvol: cp: cannot copy " + addr("/a") + " into itself, " + addr("/a/b/a") + "\n",
             r.err);
   EXPECT_EQ(1, exvol({"cp", "-r", addr("/A"), addr("/a/b/c")}).status);
   EXPECT_EQ("b\n", exvol({"ls", addr("/a")}).out);
-  EXPECT_EQ("f\n", exvol({"ls", addr("/a/b")}).out);
+  EXPECT_EQ("", exvol({"ls", addr("/a/b")}).out);
   expect_clean(image_);
 }
 
+// mv renames within an image (a change of case too: /DOCS is /docs itself,
+// not a directory to move into) and copies, then removes, across images
+// and to and from the host.
 TEST_F(CliCopy, MoveRenamesWithinAnImageAndCopiesAcross) {
   make_tree(at("tree"));
   ok({"cp", "-r", at("tree"), addr("/")});
   ok({"mkdir", addr("/into")});
   ok({"mv", addr("/tree/one"), addr("/into")});
   EXPECT_EQ("deep", cat("/into/one/two/three/deep.txt"));
-  EXPECT_EQ(1, exvol({"stat", addr("/tree/one")}).status);
-  ok({"mv", addr("/into/one"), addr("/moved")});
-  EXPECT_EQ("s", cat("/moved/small"));
+  ok({"mv", addr("/into"), addr("/INTO")});
+  EXPECT_EQ("INTO\ntree\n", exvol({"ls", addr("/")}).out);
 
-  // Across images and to the host, the source goes away after the copy.
   std::string other = make_image("other.img", 32 << 20);
-  ok({"mv", addr("/moved"), other + ":/"});
+  ok({"attrib", "+r", addr("/into/one/small")});
+  ok({"mv", addr("/into/one"), other + ":/"});
   expect_clean(other);
-  EXPECT_EQ(1, exvol({"stat", addr("/moved")}).status);
-  EXPECT_EQ(read_file(at("tree/one/big.bin")), exvol({"cat", other + ":/moved/big.bin"}).out);
-  ok({"mv", other + ":/moved", at("host-moved")});
+  EXPECT_EQ("", exvol({"ls", addr("/into")}).out);
+  EXPECT_EQ("R-A  " + other + ":/one/small\n", exvol({"attrib", other + ":/one/small"}).out)
+      << "attributes move along";
+  ok({"mv", other + ":/one", at("host-moved")});
   expect_clean(other);
   EXPECT_EQ("", exvol({"ls", other + ":"}).out);
-  std::map<std::string, std::string> moved = snapshot(at("host-moved"));
-  EXPECT_EQ(moved, snapshot(at("tree/one")));
+  EXPECT_EQ(snapshot(at("tree/one")), snapshot(at("host-moved")));
 
-  // And from the host in.
   ok({"mv", at("host-moved"), addr("/back")});
   EXPECT_FALSE(fs::exists(at("host-moved")));
   EXPECT_EQ("deep", cat("/back/two/three/deep.txt"));
-}
 
-TEST_F(CliCopy, MoveChangesTheCaseOfAName) {
-  ok({"mkdir", addr("/docs")});
-  ok({"touch", addr("/docs/a"), addr("/file")});
-  // /DOCS is an existing directory, but it is /docs itself: a rename, not
-  // a move into it.
-  ok({"mv", addr("/docs"), addr("/DOCS")});
-  ok({"mv", addr("/file"), addr("/File")});
-  EXPECT_EQ("DOCS\nFile\n", exvol({"ls", addr("/")}).out);
-  EXPECT_EQ("a\n", exvol({"ls", addr("/docs")}).out);
-}
-
-TEST_F(CliCopy, MoveNoClobberAndReadOnlyFiles) {
   write_file(at("a"), "A");
-  write_file(at("b"), "B");
-  ok({"cp", at("a"), at("b"), addr("/")});
-  ok({"mv", "-n", addr("/a"), addr("/b")});
+  ok({"cp", at("a"), addr("/a")});
+  ok({"mv", "-n", addr("/a"), addr("/back/two/three/deep.txt")});
   EXPECT_EQ("A", cat("/a"));
-  EXPECT_EQ("B", cat("/b"));
-  ok({"mv", addr("/a"), addr("/b")});
-  EXPECT_EQ("A", cat("/b"));
+  ok({"mv", addr("/a"), addr("/back/two/three/deep.txt")});
+  EXPECT_EQ("A", cat("/back/two/three/deep.txt"));
   EXPECT_EQ(1, exvol({"cat", addr("/a")}).status);
-
-  // A read-only file moves to another image with its attribute.
-  std::string other = make_image("other.img", 16 << 20);
-  ok({"attrib", "+r", addr("/b")});
-  ok({"mv", addr("/b"), other + ":/"});
-  EXPECT_EQ("R-A  " + other + ":/b\n", exvol({"attrib", other + ":/b"}).out);
-  EXPECT_EQ("", exvol({"ls", addr("/")}).out);
-  expect_clean(other);
 }
 
 TEST_F(CliCopy, FullVolumeFailsAndStaysConsistent) {
@@ -262,22 +205,16 @@ TEST_F(CliCopy, FullVolumeFailsAndStaysConsistent) {
   write_file(at("ten"), pattern(10 << 20, 4));
   fails({"cp", at("ten"), small + ":/"}, small + ":/ten", "No space left on device");
   expect_clean(small);
-  // What was written is there, and the space comes back with the file.
   EXPECT_EQ(read_file(at("ten")).substr(0, 1 << 20),
             exvol({"cat", small + ":/ten"}).out.substr(0, 1 << 20));
-  Result before = exvol({"df", small});
   ASSERT_EQ(0, exvol({"rm", small + ":/ten"}).status);
-  Result after = exvol({"df", small});
-  EXPECT_NE(before.out, after.out);
-  EXPECT_NE(std::string::npos, after.out.find("   1%\n")) << after.out;
+  EXPECT_NE(std::string::npos, exvol({"df", small}).out.find("   1%\n"));
   expect_clean(small);
 }
 
 TEST_F(CliCopy, ProgressOnlyOnATerminal) {
   write_file(at("big"), pattern(3 << 20, 3));
-  Result piped = exvol({"cp", at("big"), addr("/piped")});
-  EXPECT_EQ(0, piped.status);
-  EXPECT_EQ("", piped.err);
+  ok({"cp", at("big"), addr("/piped")});
 
   Result tty = exvol_on_terminal({"cp", at("big"), addr("/tty")});
   EXPECT_EQ(0, tty.status) << tty.out;

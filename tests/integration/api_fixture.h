@@ -1,9 +1,8 @@
 #pragma once
-// The fixture of the library's integration tests: a scratch image made by
-// mkfs.exfat (the test is skipped when the tool is missing) or by the test
-// image builder, mounted through libexvol, and helpers to write and read
-// whole files. Writing tests end with unmount_and_check(), which unmounts
-// and runs fsck.exfat -n over the image.
+// The library's integration tests: a scratch image made by mkfs.exfat (the
+// test is skipped when the tool is missing), mounted through libexvol, and
+// helpers for whole files. Writing tests end with unmount_and_check(),
+// which unmounts and runs fsck.exfat -n over the image.
 
 #include <gtest/gtest.h>
 
@@ -49,11 +48,7 @@ inline std::string slurp(const std::string& path) {
 inline Command run(const std::string& command) {
   TempFile out, err;
   int raw = std::system((command + " >'" + out.path() + "' 2>'" + err.path() + "'").c_str());
-  Command c;
-  c.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  c.out = slurp(out.path());
-  c.err = slurp(err.path());
-  return c;
+  return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out.path()), slurp(err.path())};
 }
 
 // Expects fsck.exfat -n to find the image clean (skipped without it).
@@ -65,8 +60,8 @@ inline void expect_fsck_clean(const std::string& image) {
   EXPECT_EQ(0, c.status) << "fsck.exfat finds the volume damaged:\n" << c.out << c.err;
 }
 
-// Deterministic bytes that differ at every offset of a file and between
-// files (seeded by `seed`), so that misplaced data shows.
+// Bytes that differ at every offset and between seeds, so misplaced data
+// shows.
 inline std::vector<uint8_t> pattern(size_t length, uint32_t seed) {
   std::vector<uint8_t> data(length);
   uint32_t x = seed * 2654435761u + 12345u;
@@ -77,26 +72,36 @@ inline std::vector<uint8_t> pattern(size_t length, uint32_t seed) {
   return data;
 }
 
+// The error an expression returned, as an errno (0 for success).
+inline int err(std::error_code ec) { return ec.value(); }
+
+// Every test starts on a fresh 32 MiB volume of 4 KiB clusters, mounted
+// read-write.
 class ApiTest : public ::testing::Test {
  protected:
+  void SetUp() override {
+    if (tool_path("mkfs.exfat").empty())
+      GTEST_SKIP() << "mkfs.exfat is not installed";
+    format();
+    ASSERT_FALSE(mount());
+  }
+
   void TearDown() override {
     if (volume_ && volume_->mounted())
       volume_->unmount(true);
   }
 
-  // Formats the scratch image with mkfs.exfat; false (and the test is
-  // skipped) when the tool is missing.
-  bool format(uint64_t bytes = 32u << 20, const std::string& options = "-c 4096") {
-    std::string mkfs = tool_path("mkfs.exfat");
-    if (mkfs.empty())
-      return false;
-    EXPECT_EQ(0, truncate(image_.path().c_str(), static_cast<off_t>(bytes)));
-    std::string command = mkfs + " " + options + " '" + image_.path() + "' >/dev/null 2>&1";
-    EXPECT_EQ(0, std::system(command.c_str())) << command;
-    return true;
+  // Formats the image afresh with mkfs.exfat (unmounting it first).
+  void format(uint64_t bytes = 32u << 20, const std::string& options = "-c 4096") {
+    if (volume_ && volume_->mounted()) {
+      ASSERT_FALSE(volume_->unmount());
+    }
+    ASSERT_EQ(0, truncate(image_.path().c_str(), 0));
+    ASSERT_EQ(0, truncate(image_.path().c_str(), static_cast<off_t>(bytes)));
+    std::string command = tool_path("mkfs.exfat") + " " + options + " '" + image_.path() + "'";
+    Command mkfs = run(command);
+    ASSERT_EQ(0, mkfs.status) << command << "\n" << mkfs.err;
   }
-
-  void build(ImageBuilder& builder) { builder.write_to(image_.path()); }
 
   std::error_code mount(MountOptions options = {}) {
     options.echo_kernel_log = false;
@@ -106,10 +111,14 @@ class ApiTest : public ::testing::Test {
     return ec;
   }
 
-  // Unmounts and checks the volume with fsck.exfat -n.
   void unmount_and_check() {
     ASSERT_FALSE(volume_->unmount());
     expect_fsck_clean(image_.path());
+  }
+
+  void remount(MountOptions options = {}) {
+    unmount_and_check();
+    ASSERT_FALSE(mount(options));
   }
 
   std::error_code write_file(const std::string& path, const std::vector<uint8_t>& data,
@@ -124,27 +133,22 @@ class ApiTest : public ::testing::Test {
     return f.close();
   }
 
-  std::vector<uint8_t> read_file(const std::string& path) {
+  std::vector<uint8_t> read_file(const std::string& path, Volume* volume = nullptr) {
     File f;
-    std::error_code ec = volume_->open(path, O_RDONLY, &f);
+    std::error_code ec = (volume ? volume : volume_.get())->open(path, O_RDONLY, &f);
     EXPECT_FALSE(ec) << path << ": " << ec.message();
-    std::vector<uint8_t> data;
-    std::vector<uint8_t> chunk(65536);
-    for (;;) {
-      size_t done = 0;
+    std::vector<uint8_t> data, chunk(65536);
+    for (size_t done = 1; !ec && done != 0;) {
       ec = f.read(chunk.data(), chunk.size(), &done);
       EXPECT_FALSE(ec) << ec.message();
-      if (ec || done == 0)
-        break;
-      data.insert(data.end(), chunk.begin(), chunk.begin() + static_cast<long>(done));
+      data.insert(data.end(), chunk.begin(), chunk.begin() + static_cast<long>(ec ? 0 : done));
     }
     return data;
   }
 
   std::vector<std::string> names(const std::string& dir) {
     std::vector<DirEntry> entries;
-    std::error_code ec = volume_->list(dir, &entries);
-    EXPECT_FALSE(ec) << ec.message();
+    EXPECT_FALSE(volume_->list(dir, &entries));
     std::vector<std::string> out;
     for (const DirEntry& e : entries)
       out.push_back(e.name);
@@ -161,14 +165,4 @@ class ApiTest : public ::testing::Test {
   std::unique_ptr<Volume> volume_;
 };
 
-// The error an expression returned, as an errno (0 for success).
-inline int err(std::error_code ec) { return ec.value(); }
-
 }  // namespace exvol::test
-
-// Formats the scratch image or skips the test.
-#define EXVOL_FORMAT_OR_SKIP(...)                    \
-  do {                                               \
-    if (!format(__VA_ARGS__))                        \
-      GTEST_SKIP() << "mkfs.exfat is not installed"; \
-  } while (0)

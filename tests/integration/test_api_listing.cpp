@@ -11,37 +11,36 @@
 namespace exvol::test {
 namespace {
 
-class ApiListing : public ApiTest {};
+using ApiListing = ApiTest;
 
-std::string numbered(int i) {
-  char name[32];
-  snprintf(name, sizeof(name), "entry-%04d.txt", i);
-  return name;
+// Lists `dir` from `cookie`, taking at most `limit` entries.
+std::vector<DirEntry> listing(Volume& v, const std::string& dir, uint64_t cookie, size_t limit,
+                              uint64_t* next = nullptr, bool* end = nullptr) {
+  std::vector<DirEntry> out;
+  EXPECT_FALSE(v.readdir(dir, cookie, [&](const DirEntry& e) {
+    if (out.size() == limit)
+      return false;
+    out.push_back(e);
+    return true;
+  }, next, end));
+  return out;
 }
 
 // A large directory listed whole and in pieces: every piece resumes where
 // the previous one stopped, by the cookie it returned and by the cookie of
 // the last entry taken.
 TEST_F(ApiListing, LargeDirectoryResumesByCookie) {
-  EXVOL_FORMAT_OR_SKIP();
-  ASSERT_FALSE(mount());
   ASSERT_FALSE(volume_->mkdir("/big"));
-  const int kFiles = 700;
-  std::set<std::string> expected;
-  for (int i = 0; i < kFiles; i++) {
-    ASSERT_FALSE(write_file("/big/" + numbered(i), {}));
-    expected.insert(numbered(i));
+  std::set<std::string> expected = {"subdir"};
+  for (int i = 0; i < 700; i++) {
+    expected.insert("entry-" + std::to_string(i) + ".txt");
+    ASSERT_FALSE(write_file("/big/entry-" + std::to_string(i) + ".txt", {}));
   }
   ASSERT_FALSE(volume_->mkdir("/big/subdir"));
-  expected.insert("subdir");
 
-  std::vector<DirEntry> all;
   uint64_t next = 0;
   bool end = false;
-  ASSERT_FALSE(volume_->readdir("/big", kDirStart, [&](const DirEntry& e) {
-    all.push_back(e);
-    return true;
-  }, &next, &end));
+  std::vector<DirEntry> all = listing(*volume_, "/big", kDirStart, SIZE_MAX, &next, &end);
   EXPECT_TRUE(end);
   ASSERT_EQ(expected.size() + 2, all.size());
   EXPECT_EQ(".", all[0].name);
@@ -57,59 +56,30 @@ TEST_F(ApiListing, LargeDirectoryResumesByCookie) {
   EXPECT_EQ(expected, seen);
   EXPECT_EQ(next, all.back().cookie);
 
-  // Pieces of 7 entries: the callback refuses the 8th, which the next
-  // piece must begin with.
+  // Pieces of 7 entries, each resuming at the cookie the last one returned.
   std::vector<std::string> pieced;
-  uint64_t cookie = kDirStart;
-  for (int rounds = 0; rounds < 1000; rounds++) {
-    int taken = 0;
-    end = false;
-    ASSERT_FALSE(volume_->readdir("/big", cookie, [&](const DirEntry& e) {
-      if (taken == 7)
-        return false;
-      taken++;
+  end = false;
+  for (uint64_t cookie = kDirStart; !end && pieced.size() <= all.size();)
+    for (const DirEntry& e : listing(*volume_, "/big", cookie, 7, &cookie, &end))
       pieced.push_back(e.name);
-      return true;
-    }, &cookie, &end));
-    if (end)
-      break;
-  }
-  ASSERT_TRUE(end);
   ASSERT_EQ(all.size(), pieced.size());
   for (size_t i = 0; i < all.size(); i++)
     EXPECT_EQ(all[i].name, pieced[i]);
 
   // Any entry's cookie continues right after it.
-  for (size_t i : {size_t{0}, size_t{1}, size_t{2}, size_t{350}, all.size() - 2}) {
-    std::string first;
-    ASSERT_FALSE(volume_->readdir("/big", all[i].cookie, [&](const DirEntry& e) {
-      first = e.name;
-      return false;
-    }));
-    EXPECT_EQ(all[i + 1].name, first);
-  }
-  std::string none;
-  ASSERT_FALSE(volume_->readdir("/big", all.back().cookie, [&](const DirEntry& e) {
-    none = e.name;
-    return true;
-  }, nullptr, &end));
+  for (size_t i : {size_t{0}, size_t{1}, size_t{2}, size_t{350}, all.size() - 2})
+    EXPECT_EQ(all[i + 1].name, listing(*volume_, "/big", all[i].cookie, 1).at(0).name);
+  EXPECT_TRUE(listing(*volume_, "/big", all.back().cookie, 10, nullptr, &end).empty());
   EXPECT_TRUE(end);
-  EXPECT_EQ("", none);
-  EXPECT_EQ(EINVAL, err(volume_->readdir("/big", 16, [](const DirEntry&) { return true; })));
-  EXPECT_EQ(ENOTDIR, err(volume_->readdir("/big/" + numbered(1), 0,
-                                          [](const DirEntry&) { return true; })));
-  EXPECT_EQ(ENOENT, err(volume_->readdir("/none", 0, [](const DirEntry&) { return true; })));
+  auto any = [](const DirEntry&) { return true; };
+  EXPECT_EQ(EINVAL, err(volume_->readdir("/big", 16, any)));
+  EXPECT_EQ(ENOTDIR, err(volume_->readdir("/big/" + all[5].name, 0, any)));
+  EXPECT_EQ(ENOENT, err(volume_->readdir("/none", 0, any)));
 
   // Removing entries between pieces: the listing goes on with what remains.
-  uint64_t half = all[352].cookie;
   for (size_t i = 353; i < 363; i++)
     ASSERT_FALSE(volume_->unlink("/big/" + all[i].name));
-  std::string after;
-  ASSERT_FALSE(volume_->readdir("/big", half, [&](const DirEntry& e) {
-    after = e.name;
-    return false;
-  }));
-  EXPECT_EQ(all[363].name, after);
+  EXPECT_EQ(all[363].name, listing(*volume_, "/big", all[352].cookie, 1).at(0).name);
   unmount_and_check();
 }
 
@@ -129,7 +99,8 @@ TEST_F(ApiListing, BuilderVolumeListsTypedEntries) {
   b.add_file(docs, u"fake-link", std::vector<uint8_t>(1067, 'x'));
   b.add_file(docs, u"contig.bin", pattern(9000, 22), Alloc::Contiguous);
   b.add_file(docs, std::u16string(255, u'L'), {1});
-  build(b);
+  ASSERT_FALSE(volume_->unmount());
+  b.write_to(image_.path());
   ASSERT_FALSE(mount());
   ASSERT_FALSE(volume_->symlink("readme.txt", "/docs/link"));
   std::map<std::string, FileType> types;
@@ -137,25 +108,22 @@ TEST_F(ApiListing, BuilderVolumeListsTypedEntries) {
   ASSERT_FALSE(volume_->list("/docs", &entries));
   for (const DirEntry& e : entries)
     types[e.name] = e.type;
-  EXPECT_EQ(5u, types.size());
-  EXPECT_EQ(FileType::Regular, types["readme.txt"]);
-  EXPECT_EQ(FileType::Regular, types["fake-link"]);
-  EXPECT_EQ(FileType::Regular, types["contig.bin"]);
-  EXPECT_EQ(FileType::Regular, types[std::string(255, 'L')]);
-  EXPECT_EQ(FileType::Symlink, types["link"]);
+  std::map<std::string, FileType> expected = {{"readme.txt", FileType::Regular},
+                                               {"fake-link", FileType::Regular},
+                                               {"contig.bin", FileType::Regular},
+                                               {std::string(255, 'L'), FileType::Regular},
+                                               {"link", FileType::Symlink}};
+  EXPECT_EQ(expected, types);
   EXPECT_EQ(text, read_file("/DOCS/README.TXT"));
   EXPECT_EQ(text, read_file("/docs/link"));
   EXPECT_EQ(pattern(9000, 22), read_file("/docs/contig.bin"));
-  std::vector<std::string> root = names("/");
-  EXPECT_EQ(std::vector<std::string>{"Docs"}, root) << "the stored case is listed";
+  EXPECT_EQ(std::vector<std::string>{"Docs"}, names("/")) << "the stored case is listed";
   unmount_and_check();
 }
 
-class ApiNodes : public ApiTest {};
+using ApiNodes = ApiTest;
 
 TEST_F(ApiNodes, ReferencesAndCalls) {
-  EXVOL_FORMAT_OR_SKIP();
-  ASSERT_FALSE(mount());
   NodeId dir{}, file{}, again{}, link{};
   Stat st;
   ASSERT_FALSE(volume_->mkdir(kRootNode, "dir", &dir, &st));

@@ -10,11 +10,9 @@
 namespace exvol::test {
 namespace {
 
-class ApiMapping : public ApiTest {};
+using ApiMapping = ApiTest;
 
 TEST_F(ApiMapping, ReadsAndWritesThroughThePageCache) {
-  EXVOL_FORMAT_OR_SKIP();
-  ASSERT_FALSE(mount());
   std::vector<uint8_t> data = pattern(5 * 4096 + 100, 31);
   ASSERT_FALSE(write_file("/m", data));
   File f;
@@ -43,8 +41,7 @@ TEST_F(ApiMapping, ReadsAndWritesThroughThePageCache) {
   EXPECT_EQ(EBUSY, err(volume_->unmount())) << "a mapping keeps the volume busy";
   ASSERT_FALSE(map.unmap());
   EXPECT_FALSE(map.is_mapped());
-  unmount_and_check();
-  ASSERT_FALSE(mount());
+  remount();
   EXPECT_EQ(data, read_file("/m"));
   unmount_and_check();
 }
@@ -53,8 +50,6 @@ TEST_F(ApiMapping, ReadsAndWritesThroughThePageCache) {
 // mapping reads zeros there, and a store beyond the valid length makes
 // the gap real zeros on disk.
 TEST_F(ApiMapping, StoresBeyondTheValidLength) {
-  EXVOL_FORMAT_OR_SKIP();
-  ASSERT_FALSE(mount());
   std::vector<uint8_t> data = pattern(1000, 32);
   ASSERT_FALSE(write_file("/v", data));
   ASSERT_FALSE(volume_->truncate("/v", 64 * 1024));
@@ -70,15 +65,12 @@ TEST_F(ApiMapping, StoresBeyondTheValidLength) {
   memcpy(&data[40000], "deep", 4);
   ASSERT_FALSE(map.unmap());
   ASSERT_FALSE(f.close());
-  unmount_and_check();
-  ASSERT_FALSE(mount());
+  remount();
   EXPECT_EQ(data, read_file("/v"));
   unmount_and_check();
 }
 
 TEST_F(ApiMapping, RefusedMappings) {
-  EXVOL_FORMAT_OR_SKIP();
-  ASSERT_FALSE(mount());
   ASSERT_FALSE(write_file("/r", pattern(100, 33)));
   ASSERT_FALSE(volume_->mkdir("/d"));
   File f, d, closed;
