@@ -116,6 +116,9 @@ TEST_F(FuseFiles, RenameFlagsAndChangesOfCase) {
   check();
   ASSERT_NO_FATAL_FAILURE(remount());
   check();
+  EXPECT_EQ(ENOTEMPTY, ERRNO_OF(rmdir(path("d").c_str())));
+  ASSERT_EQ(0, unlink(path("d/DST").c_str()));
+  ASSERT_EQ(0, rmdir(path("d").c_str()));
 }
 
 // The kernel holds the handle of a removed file: its data stays readable
