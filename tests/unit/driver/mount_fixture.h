@@ -1,36 +1,19 @@
 #pragma once
 // The shared mounted-volume fixture of the driver tests.
 //
-// A test gets an exFAT volume mounted through the host's mount machinery on
-// an in-memory device, exactly as the kernel would mount it, and reaches the
-// kernel mount (mp), the device vnode (devvp) and the driver's exfat_mount
-// record (xm). The image comes from the test image builder or from
-// mkfs.exfat; the fixture only needs its bytes.
-//
-//   class MyTest : public exvol::test::MountTest {};
-//   TEST_F(MyTest, Something) {
-//     ImageBuilder b;
-//     b.add_bitmap_entry().add_upcase_entry();
-//     ASSERT_EQ(0, load(b.build()));
-//     ASSERT_EQ(0, mount());
-//     ... xm->xm_free_clusters ...
-//   }
-//
-// TearDown unmounts (forced if an unforced unmount fails), closes the
-// device, and checks that nothing of the driver is left behind: no bytes
-// outstanding under the "exfat" and "exfat node" tags beyond what the
-// started module itself holds, and no vnode of the test's making.
+// A volume image on an in-memory device, mounted through the host's mount
+// machinery as the kernel would mount it; mp, devvp and xm reach the kernel
+// mount, the device vnode and the driver's mount record. TearDown unmounts,
+// closes the device and checks that no driver memory (under the "exfat" and
+// "exfat node" tags) and no vnode of the test's making is left.
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <mutex>
 #include <string>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <vector>
 
 #include "exfat_proto.h"
@@ -40,6 +23,7 @@
 #include "host/mount.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
+#include "tests/support/image_builder.h"
 
 namespace exvol::test {
 
@@ -78,63 +62,14 @@ inline std::array<uint8_t, 24> exfat_mount_args(uint16_t mask = 0755, int32_t se
   return a;
 }
 
-// Formats a scratch file of `bytes` bytes with mkfs.exfat and the given
-// options and returns the image. False, with the reason in *why, when the
-// tool is missing or refuses; callers skip then.
-inline bool mkfs_exfat_image(uint64_t bytes, const std::vector<std::string>& options,
-                             std::vector<uint8_t>* image, std::string* why) {
-  const char* candidates[] = {"/usr/sbin/mkfs.exfat", "/sbin/mkfs.exfat", "/usr/bin/mkfs.exfat"};
-  std::string tool;
-  for (const char* c : candidates) {
-    if (access(c, X_OK) == 0) {
-      tool = c;
-      break;
-    }
-  }
-  if (tool.empty()) {
-    *why = "mkfs.exfat is not installed";
-    return false;
-  }
-  char path[] = "/tmp/exvol-mkfs-XXXXXX";
-  int fd = mkstemp(path);
-  if (fd < 0) {
-    *why = "cannot make a scratch file";
-    return false;
-  }
-  bool ok = ftruncate(fd, static_cast<off_t>(bytes)) == 0;
-  std::string cmd = tool;
-  for (const std::string& o : options)
-    cmd += " '" + o + "'";
-  cmd += std::string(" '") + path + "' >/dev/null 2>&1";
-  if (ok && std::system(cmd.c_str()) != 0) {
-    *why = "mkfs.exfat failed: " + cmd;
-    ok = false;
-  }
-  if (ok) {
-    image->assign(bytes, 0);
-    size_t done = 0;
-    while (done < bytes) {
-      ssize_t n = pread(fd, image->data() + done, bytes - done, static_cast<off_t>(done));
-      if (n <= 0)
-        break;
-      done += static_cast<size_t>(n);
-    }
-    ok = done == bytes;
-    if (!ok)
-      *why = "cannot read the formatted image";
-  }
-  close(fd);
-  unlink(path);
-  return ok;
+// The volume UUID as the usual upper-case string.
+inline std::string uuid_string(const uint8_t* u) {
+  char s[37];
+  snprintf(s, sizeof(s), "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
+           u[0], u[1], u[2], u[3], u[4], u[5], u[6], u[7], u[8], u[9], u[10], u[11], u[12], u[13],
+           u[14], u[15]);
+  return s;
 }
-
-// Skips the test when mkfs.exfat can't make the image.
-#define EXVOL_MKFS_OR_SKIP(bytes, options, image)                         \
-  do {                                                                    \
-    std::string why_;                                                     \
-    if (!::exvol::test::mkfs_exfat_image((bytes), (options), (image), &why_)) \
-      GTEST_SKIP() << why_;                                               \
-  } while (0)
 
 // A device with an image and, while mounted, the mount of it.
 class MountedVolume {
@@ -210,6 +145,13 @@ class MountedVolume {
 };
 
 // The gtest fixture: a MountedVolume plus the module and leak checks.
+// A builder with the system entries every mountable volume needs.
+inline ImageBuilder mountable(Geometry g = {}) {
+  ImageBuilder b(g);
+  b.add_bitmap_entry().add_upcase_entry();
+  return b;
+}
+
 class MountTest : public ::testing::Test, public MountedVolume {
  protected:
   void SetUp() override {

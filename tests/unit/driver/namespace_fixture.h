@@ -1,11 +1,7 @@
 #pragma once
-// The fixture of the namespace-operation tests (create, remove, rename,
-// symbolic links): a mounted builder volume and helpers that drive the
-// operations as the kernel's path resolution does, a VNOP_LOOKUP of the
-// last component with the operation's nameiop and then the operation with
-// the vnodes the lookups returned.
-//
-// Geometry: 512-byte sectors and clusters (small_cluster_geometry).
+// The fixture of the namespace-operation tests: helpers that drive each
+// operation as path resolution does, a VNOP_LOOKUP of the last component
+// with the operation's nameiop, then the operation on the vnodes found.
 
 #include <gtest/gtest.h>
 
@@ -147,6 +143,13 @@ class NamespaceTest : public VolumeTest {
                       std::vector<uint8_t>(uint64_t(free) * builder_.bytes_per_cluster(), 'z'));
   }
 
+  // Up to `length` bytes of a file from offset 0.
+  std::string read_file(vnode_t vp, size_t length) {
+    std::vector<uint8_t> data;
+    EXPECT_EQ(0, vn_read_all(vp, &data, length));
+    return std::string(data.begin(), data.end());
+  }
+
   // The UTF-16 name stored in a set.
   static std::u16string set_name(const std::vector<uint8_t>& set) {
     std::u16string name;
@@ -156,7 +159,6 @@ class NamespaceTest : public VolumeTest {
           le16dec(&set[EXFAT_SET_NAME_OFFSET + (i / 15) * 32 + 2 + (i % 15) * 2])));
     return name;
   }
-
 };
 
 }  // namespace exvol::test

@@ -3,11 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
 #include "exfat_proto.h"
+#include "tests/unit/driver/mount_fixture.h"
+
+using exvol::test::uuid_string;
 
 namespace {
 
@@ -29,15 +31,6 @@ void fill_checksum_sector(std::vector<uint8_t>& region, uint32_t bps) {
   uint32_t sum = exfat_boot_checksum(region.data(), bps);
   for (uint32_t i = 0; i < bps; i += 4)
     le32enc(region.data() + 11 * bps + i, sum);
-}
-
-std::string uuid_string(const unsigned char* u) {
-  char s[37];
-  snprintf(s, sizeof s,
-           "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", u[0], u[1],
-           u[2], u[3], u[4], u[5], u[6], u[7], u[8], u[9], u[10], u[11], u[12], u[13], u[14],
-           u[15]);
-  return s;
 }
 
 }  // namespace

@@ -1,17 +1,11 @@
-// Damaged volumes walked from end to end.
+// A small populated volume damaged at random, a few bytes at a time in one
+// of its structures, then walked read-only (every directory listed, every
+// name looked up, stat'ed and read) and, for some variants, changed. Every
+// call must return a value or an errno: no crash, no sanitizer report, no
+// hang (a watchdog aborts a stuck variant), no driver memory left.
 //
-// A small populated volume (nested directories, long names, a chained and a
-// contiguous file, a symbolic link) is damaged at random, a few bytes at a
-// time, in one of its structures. Each variant that mounts is walked
-// read-only: every directory listed, every name looked up and stat'ed,
-// every file read, every link read. Some variants are also mounted
-// read-write and changed: files created, written, removed, a directory made
-// and a file renamed. Every call must come back with a value or an errno;
-// no crash, no sanitizer report, no hang (a watchdog aborts a variant that
-// stops making progress) and nothing of the driver left after the unmount.
-//
-// EXVOL_WALK_SEED picks the damage, EXVOL_WALK_VARIANTS how many variants
-// (default 2000); a crash or a hang prints the seed and variant to rerun.
+// EXVOL_WALK_SEED picks the damage, EXVOL_WALK_VARIANTS the number of
+// variants (default 2000); a crash or a hang prints the variant to rerun.
 
 #include <gtest/gtest.h>
 
@@ -57,8 +51,7 @@ void on_abort(int) {
   raise(SIGABRT);
 }
 
-// Aborts the process when the walk makes no progress for `limit`: a hang
-// in the driver must fail the test, not the CI job's time budget.
+// Aborts the process when the walk makes no progress for `limit`.
 class Watchdog {
  public:
   explicit Watchdog(std::chrono::seconds limit) : limit_(limit), thread_([this] { watch(); }) {}
@@ -132,8 +125,7 @@ class DamagedWalk : public NamespaceTest {
     NamespaceTest::TearDown();
   }
 
-  // The base image: the builder's volume plus a symbolic link the driver
-  // itself made, so that the link's layout is the driver's own.
+  // The builder's volume plus a symbolic link the driver itself made.
   void make_base() {
     mount_built();
     Vref link;
@@ -146,8 +138,7 @@ class DamagedWalk : public NamespaceTest {
     ASSERT_NE(0u, link_cluster_);
   }
 
-  // A call's result: a value or a positive errno. A restart request is
-  // retried as the kernel would, a few times at most.
+  // A value or a positive errno; a restart request is retried a few times.
   template <typename Op>
   int call(Op op) {
     watchdog_->progress();
@@ -208,7 +199,6 @@ class DamagedWalk : public NamespaceTest {
     call([&] { return host_sync(mp, MNT_WAIT); });
   }
 
-  // Unmounts, forced if need be; then nothing of the driver may be left.
   void unmount_all() {
     release_nodes();
     int error = unmount();
@@ -304,6 +294,6 @@ TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
   }
   watchdog_ = nullptr;
   signal(SIGABRT, SIG_DFL);
-  // Most damage must leave a volume that mounts, or the walk tests little.
+  // Most variants must mount, or the walk tests little.
   EXPECT_GT(mounted, variants / 2);
 }

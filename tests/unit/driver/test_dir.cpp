@@ -1,7 +1,5 @@
-// Directory iteration and directory block I/O on mounted builder images:
-// sets gathered across blocks, the checked-end mark and bad sets, corrupt
-// entries, the free-entry walk, callbacks that stop the walk, and reads and
-// writes of directory byte ranges.
+// Directory iteration and directory block I/O: sets across blocks, the
+// checked-end mark, bad and corrupt entries, the free-entry walk.
 
 #include <gtest/gtest.h>
 
@@ -141,9 +139,8 @@ class DirTest : public exvol::test::MountTest {
   vfs_context_t ctx_ = nullptr;
 };
 
-// A set whose File entry ends one block and whose other entries begin the
-// next is passed as one contiguous copy, with the File entry's offset; so is
-// a set of 256 entries that spans three blocks and two clusters.
+// A set whose File entry ends one block and whose other entries begin the next
+// is passed as one contiguous copy, with the File entry's offset.
 TEST_F(DirTest, SetsStraddlingBlocksArriveAsOneCopy) {
   Dir& d = make_dir(3);
   builder_.skip_to(d, kBlock - EXFAT_ENTRY_SIZE);
@@ -226,9 +223,7 @@ TEST_F(DirTest, WalkStartedOnASecondarySkipsToTheNextPrimary) {
   EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
 }
 
-// A deleted set is invisible to ITER_SETS; to ITER_FREE its entries are
-// three free entries, and the free walk goes on past the end marker to the
-// directory's length.
+// A deleted set is invisible to ITER_SETS.
 TEST_F(DirTest, DeletedSetAndFreeWalk) {
   Dir& d = make_dir();
   Placed gone = builder_.add_set(d, named(u"gone"));
@@ -296,9 +291,8 @@ TEST_F(DirTest, CallbackStopEndsTheWalkWithNothingHeld) {
   EXPECT_EQ(0xC0, entries[EXFAT_ENTRY_SIZE]);
 }
 
-// exfat_dir_read copies across block and cluster boundaries and reports a
-// range past the directory's end; exfat_dir_write at exactly the checked-end
-// mark with the advance flag moves the mark, and nowhere else does.
+// exfat_dir_read copies across block and cluster boundaries and reports a range
+// past the directory's end.
 TEST_F(DirTest, ReadAndWriteRanges) {
   Dir& d = make_dir(2);
   builder_.add_set(d, named(u"a"));
@@ -337,34 +331,6 @@ TEST_F(DirTest, ReadAndWriteRanges) {
   // The delayed writes reach the device with the next flush.
   buf_flushdirtyblks(xm->xm_devvp, 1, 0, "test");
   EXPECT_EQ(set, image_bytes(96, len));
-}
-
-// The debugging check accepts a block whose bytes after the end marker are
-// zero and stops the system on one that has data after it.
-TEST_F(DirTest, BufferCheck) {
-  Dir& d = make_dir();
-  builder_.add_set(d, named(u"a"));
-  builder_.skip_to(d, kBlock);
-  builder_.add_entry(d, raw_entry(0x00));
-  builder_.add_entry(d, raw_entry(0x85, 2));
-  mount_and_open();
-
-  uint64_t sector = 0;
-  ASSERT_EQ(0, exfat_blockmap(node_, 0, 1, &sector, nullptr, nullptr));
-  buf_t bp = nullptr;
-  ASSERT_EQ(0, buf_meta_bread(xm->xm_devvp, static_cast<daddr64_t>(sector), kBlock, NOCRED, &bp));
-  exfat_dir_buf_check(bp, xm);  // survives
-  buf_brelse(bp);
-
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  daddr64_t second = static_cast<daddr64_t>(sector + kBlock / xm->xm_bytes_per_sector);
-  EXPECT_DEATH(
-      {
-        buf_t b = nullptr;
-        buf_meta_bread(xm->xm_devvp, second, kBlock, NOCRED, &b);
-        exfat_dir_buf_check(b, xm);
-      },
-      "exfat_dir_buf_check: corrupt directory buffer");
 }
 
 }  // namespace

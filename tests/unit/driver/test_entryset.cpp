@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <vector>
 
 #include "exfat_proto.h"
@@ -11,6 +12,7 @@
 
 using exvol::test::FileDesc;
 using exvol::test::make_file_set;
+using exvol::test::raw_entry;
 
 namespace {
 
@@ -18,18 +20,15 @@ std::vector<uint16_t> units(const std::u16string& s) {
   return std::vector<uint16_t>(s.begin(), s.end());
 }
 
-// A whole-set buffer holding `set`, the rest filled with junk that the
-// functions must not depend on.
-std::vector<uint8_t> buffer(const std::vector<uint8_t>& set, uint8_t fill = 0xEE) {
-  std::vector<uint8_t> buf(EXFAT_SET_BUFFER_SIZE, fill);
-  memcpy(buf.data(), set.data(), set.size());
-  return buf;
-}
-
-std::vector<uint8_t> file_set(const std::u16string& name, std::vector<exvol::test::Entry> extra = {}) {
+// A whole-set buffer holding a File set for `name` (first cluster 7, 100
+// bytes), the rest junk that the functions must not depend on.
+std::vector<uint8_t> file_set(const std::u16string& name,
+                              std::vector<exvol::test::Entry> extra = {}) {
   FileDesc desc{.name = name, .first_cluster = 7, .data_length = 100};
   desc.extra_secondaries = std::move(extra);
-  return make_file_set(desc, exvol::test::ascii_upcase_table());
+  std::vector<uint8_t> set = make_file_set(desc, exvol::test::ascii_upcase_table());
+  set.resize(EXFAT_SET_BUFFER_SIZE, 0xEE);
+  return set;
 }
 
 void restamp(std::vector<uint8_t>& set) {
@@ -43,7 +42,7 @@ class EntrySet : public ::testing::Test {
 
 }  // namespace
 
-TEST(EntrySetChecksum, KnownValueAndSkippedField) {
+TEST(EntrySetChecksum, KnownValueSkippedFieldAndLength) {
   std::vector<uint8_t> set(EXFAT_SET_BUFFER_SIZE, 0);
   set[0] = EXFAT_ENTRY_FILE;
   set[4] = 0x10;
@@ -51,15 +50,11 @@ TEST(EntrySetChecksum, KnownValueAndSkippedField) {
   set[2] = 0x12;
   set[3] = 0x34;
   EXPECT_EQ(exfat_checksum_file_set(set.data()), 0x0628);
-  // Bytes past the set's length (SecondaryCount 0: one entry) don't count.
-  set[32] = 0xC0;
+  set[32] = 0xC0;  // past the one-entry set
   EXPECT_EQ(exfat_checksum_file_set(set.data()), 0x0628);
-  set[1] = 1;  // now they do
+  set[1] = 1;
   EXPECT_NE(exfat_checksum_file_set(set.data()), 0x0628);
-}
 
-TEST(EntrySetChecksum, AgreesWithAnIndependentImplementationUpTo256Entries) {
-  std::vector<uint8_t> set(EXFAT_SET_BUFFER_SIZE);
   for (size_t i = 0; i < set.size(); i++)
     set[i] = static_cast<uint8_t>(i * 37 + (i >> 8));
   for (int count : {0, 1, 2, 18, 255}) {
@@ -68,79 +63,51 @@ TEST(EntrySetChecksum, AgreesWithAnIndependentImplementationUpTo256Entries) {
   }
 }
 
-TEST(EntrySetValidity, ChecksumDecidesFirst) {
-  std::vector<uint8_t> set = buffer(file_set(u"hello.txt"));
-  EXPECT_TRUE(exfat_valid_entry_set(set.data()));
-  set[2] ^= 1;
-  EXPECT_FALSE(exfat_valid_entry_set(set.data()));
-
-  // An unknown benign primary passes on its checksum alone.
+// The checksum decides first; then a File set needs a stream entry and
+// enough name entries for its name length. Later secondaries, the stored
+// hash and the secondaries of an unknown benign primary are not examined.
+TEST(EntrySetValidity, ChecksumAndShape) {
   std::vector<uint8_t> benign(EXFAT_SET_BUFFER_SIZE, 0);
   benign[0] = 0xA5;
   benign[1] = 2;
-  benign[32] = 0x17;  // not a stream: not examined
-  restamp(benign);
-  EXPECT_TRUE(exfat_valid_entry_set(benign.data()));
-  benign[40] ^= 0xFF;
-  EXPECT_FALSE(exfat_valid_entry_set(benign.data()));
+  benign[32] = 0x17;
+  struct Case {
+    const char* what;
+    std::vector<uint8_t> set;
+    std::function<void(std::vector<uint8_t>&)> change;
+    bool valid;
+  } cases[] = {
+      {"valid", file_set(u"hello.txt"), [](auto&) {}, true},
+      {"bad checksum", file_set(u"hello.txt"), [](auto& s) { s[2] ^= 1; }, false},
+      {"no secondaries", file_set(u"hello.txt"), [](auto& s) { s[1] = 0; restamp(s); }, false},
+      {"no stream", file_set(u"hello.txt"),
+       [](auto& s) { s[32] = EXFAT_ENTRY_NAME; restamp(s); }, false},
+      {"unnamed, stream only", file_set(u"hello.txt"),
+       [](auto& s) { s[1] = 1; s[35] = 0; restamp(s); }, true},
+      {"too few name entries", file_set(std::u16string(16, u'x')),
+       [](auto& s) { s[1] = 2; restamp(s); }, false},
+      {"second name not a name", file_set(std::u16string(16, u'x')),
+       [](auto& s) { s[96] = 0xC2; restamp(s); }, false},
+      {"extra secondary, wrong hash", file_set(std::u16string(16, u'x'), {raw_entry(0xE0)}),
+       [](auto& s) { s[36] ^= 0xFF; restamp(s); }, true},
+      {"benign primary", benign, [](auto& s) { restamp(s); }, true},
+      {"benign primary, bad checksum", benign, [](auto& s) { restamp(s); s[40] ^= 0xFF; }, false},
+  };
+  for (Case& c : cases) {
+    c.change(c.set);
+    EXPECT_EQ(c.valid, exfat_valid_entry_set(c.set.data())) << c.what;
+  }
 }
 
-TEST(EntrySetValidity, FileSetShape) {
-  std::vector<uint8_t> set = buffer(file_set(u"hello.txt"));
-
-  std::vector<uint8_t> no_secondaries = set;
-  no_secondaries[1] = 0;
-  restamp(no_secondaries);
-  EXPECT_FALSE(exfat_valid_entry_set(no_secondaries.data()));
-
-  std::vector<uint8_t> no_stream = set;
-  no_stream[32] = EXFAT_ENTRY_NAME;
-  restamp(no_stream);
-  EXPECT_FALSE(exfat_valid_entry_set(no_stream.data()));
-
-  // NameLength 0 with only the stream entry.
-  std::vector<uint8_t> unnamed = set;
-  unnamed[1] = 1;
-  unnamed[35] = 0;
-  restamp(unnamed);
-  EXPECT_TRUE(exfat_valid_entry_set(unnamed.data()));
-}
-
-TEST(EntrySetValidity, EnoughNameEntriesForTheNameLength) {
-  std::vector<uint8_t> set = buffer(file_set(std::u16string(16, u'x')));  // 2 name entries
-  ASSERT_EQ(set[1], 3);
-  EXPECT_TRUE(exfat_valid_entry_set(set.data()));
-
-  std::vector<uint8_t> short_count = set;
-  short_count[1] = 2;
-  restamp(short_count);
-  EXPECT_FALSE(exfat_valid_entry_set(short_count.data()));
-
-  std::vector<uint8_t> second_not_name = set;
-  second_not_name[96] = 0xC2;
-  restamp(second_not_name);
-  EXPECT_FALSE(exfat_valid_entry_set(second_not_name.data()));
-
-  // Secondaries after the name entries are allowed and not examined, and
-  // neither is the stored name hash.
-  std::vector<uint8_t> extra = buffer(file_set(std::u16string(16, u'x'), {exvol::test::raw_entry(0xE0)}));
-  extra[36] ^= 0xFF;
-  restamp(extra);
-  EXPECT_TRUE(exfat_valid_entry_set(extra.data()));
-}
-
-TEST_F(EntrySet, NameHashFoldsCase) {
+TEST_F(EntrySet, NameHashFoldsCaseAndCoversAll255Units) {
   std::vector<uint16_t> a = units(u"a"), A = units(u"A");
   EXPECT_EQ(exfat_name_hash(upcase_.data(), 1, a.data()), exfat_name_hash(upcase_.data(), 1, A.data()));
   EXPECT_EQ(exfat_name_hash(upcase_.data(), 0, a.data()), 0);
-
   std::u16string mixed = u"Hello World \u00e9\u4e2d.Txt";
   std::vector<uint16_t> m = units(mixed);
   EXPECT_EQ(exfat_name_hash(upcase_.data(), static_cast<uint8_t>(m.size()), m.data()),
             exvol::test::name_hash(mixed, upcase_));
-}
 
-TEST_F(EntrySet, NameHashCoversAll255Units) {
   std::vector<uint16_t> name(255, u'k');
   uint16_t h = exfat_name_hash(upcase_.data(), 255, name.data());
   EXPECT_EQ(h, exvol::test::name_hash(std::u16string(255, u'k'), upcase_));
@@ -153,7 +120,6 @@ TEST_F(EntrySet, InitBuildsAValidSetStampedNow) {
   host_set_nanotime(&now);
   int32_t saved = exfat_secondsWest;
   exfat_secondsWest = 0;
-
   std::vector<uint8_t> set(EXFAT_SET_BUFFER_SIZE, 0xEE);
   std::vector<uint16_t> name = units(u"abcdefghijklmno");  // 15 units: one name entry
   uint16_t sum = exfat_file_set_init(set.data(), name.data(), 15, 0xBEEF, EXFAT_ATTR_DIRECTORY);
@@ -183,21 +149,15 @@ TEST_F(EntrySet, InitBuildsAValidSetStampedNow) {
   EXPECT_EQ(le32dec(st->FirstCluster), 0u);
   EXPECT_EQ(le64dec(st->DataLength), 0u);
   EXPECT_EQ(le64dec(st->ValidDataLength), 0u);
-
-  const auto* ne = reinterpret_cast<const struct exfat_name_entry*>(set.data() + 64);
-  EXPECT_EQ(ne->EntryType, EXFAT_ENTRY_NAME);
-  EXPECT_EQ(le16dec(ne->FileName + 28), u'o');  // the 15th unit, no padding
-  // Everything past the set is zero: the junk was cleared.
+  EXPECT_EQ(set[64], EXFAT_ENTRY_NAME);
+  EXPECT_EQ(le16dec(set.data() + 64 + 2 + 28), u'o');  // the 15th unit, no padding
   for (size_t i = 96; i < set.size(); i++)
     ASSERT_EQ(set[i], 0) << i;
-}
 
-TEST_F(EntrySet, InitPadsTheLastNameEntry) {
-  std::vector<uint8_t> set(EXFAT_SET_BUFFER_SIZE, 0xEE);
-  std::vector<uint16_t> name(16, u'x');
-  exfat_file_set_init(set.data(), name.data(), 16, 0, 0);
+  // 16 units: the second name entry is padded with zeros.
+  std::vector<uint16_t> sixteen(16, u'x');
+  exfat_file_set_init(set.data(), sixteen.data(), 16, 0, 0);
   EXPECT_EQ(set[1], 3);
-  EXPECT_EQ(set[96], EXFAT_ENTRY_NAME);
   EXPECT_EQ(le16dec(set.data() + 96 + 2), u'x');
   for (int unit = 1; unit < 15; unit++)
     EXPECT_EQ(le16dec(set.data() + 96 + 2 + 2 * unit), 0) << unit;
@@ -205,7 +165,7 @@ TEST_F(EntrySet, InitPadsTheLastNameEntry) {
 }
 
 TEST_F(EntrySet, CopyNameLeavesCountChecksumAndFlagsAlone) {
-  std::vector<uint8_t> set = buffer(file_set(std::u16string(20, u'y')));
+  std::vector<uint8_t> set = file_set(std::u16string(20, u'y'));
   set[64 + 1] = 0x5A;  // GeneralSecondaryFlags of the name entries
   set[96 + 1] = 0x5B;
   uint16_t stored = le16dec(set.data() + 2);
@@ -219,18 +179,18 @@ TEST_F(EntrySet, CopyNameLeavesCountChecksumAndFlagsAlone) {
   EXPECT_EQ(le16dec(set.data() + 64 + 2 + 8), u't');
   for (int unit = 5; unit < 15; unit++)
     EXPECT_EQ(le16dec(set.data() + 64 + 2 + 2 * unit), 0) << unit;
-  // The second name entry is no longer needed and is left as it was.
-  EXPECT_EQ(set[97], 0x5B);
+  EXPECT_EQ(set[97], 0x5B) << "the unneeded second name entry is left as it was";
   EXPECT_EQ(le16dec(set.data() + 98), u'y');
 }
 
+// Renaming moves trailing secondaries behind the new name entries, keeps the
+// stream fields and restamps the checksum.
 TEST_F(EntrySet, RenameMovesTrailingSecondaries) {
-  exvol::test::Entry vendor = exvol::test::raw_entry(0xE0, 0, 0, 0);
+  exvol::test::Entry vendor = raw_entry(0xE0, 0, 0, 0);
   vendor[5] = 0x77;
   std::u16string long_name(20, u'L');
-  std::vector<uint8_t> set = buffer(file_set(long_name, {vendor}));
+  std::vector<uint8_t> set = file_set(long_name, {vendor});
   ASSERT_EQ(set[1], 4);  // stream, 2 names, vendor
-  ASSERT_EQ(set[128], 0xE0);
   std::vector<uint8_t> stream_before(set.begin() + 32, set.begin() + 35);
 
   std::vector<uint16_t> shortname = units(u"tiny");
@@ -251,38 +211,24 @@ TEST_F(EntrySet, RenameMovesTrailingSecondaries) {
   EXPECT_EQ(set[128], 0xE0);
   EXPECT_EQ(set[128 + 5], 0x77);
   EXPECT_TRUE(exfat_valid_entry_set(set.data()));
-}
 
-TEST_F(EntrySet, RenameWithoutTrailingSecondaries) {
-  std::vector<uint8_t> set = buffer(file_set(u"ab"));
-  std::vector<uint16_t> name(40, u'n');  // 3 name entries
-  exfat_file_set_rename(set.data(), name.data(), 40, 5);
+  set = file_set(u"ab");
+  std::vector<uint16_t> forty(40, u'n');  // 3 name entries
+  exfat_file_set_rename(set.data(), forty.data(), 40, 5);
   EXPECT_EQ(set[1], 4);
   EXPECT_EQ(set[128], EXFAT_ENTRY_NAME);
   EXPECT_EQ(le16dec(set.data() + 128 + 2 + 2 * 9), u'n');  // unit 39
   EXPECT_EQ(le16dec(set.data() + 128 + 2 + 2 * 10), 0);
-  EXPECT_EQ(le32dec(set.data() + 32 + 20), 7u);  // stream fields kept
+  EXPECT_EQ(le32dec(set.data() + 32 + 20), 7u);
   EXPECT_TRUE(exfat_valid_entry_set(set.data()));
 }
 
 using EntrySetDeathTest = EntrySet;
 
-TEST_F(EntrySetDeathTest, CopyNameRejectsLengthsOutside1To255) {
-  std::vector<uint8_t> set = buffer(file_set(u"x"));
-  std::vector<uint16_t> name(256, u'a');
-  EXPECT_DEATH(exfat_file_set_copy_name(set.data(), name.data(), 0, 0),
-               "exfat_file_set_copy_name: invalid name length \\(0\\)");
-  EXPECT_DEATH(exfat_file_set_copy_name(set.data(), name.data(), 256, 0),
-               "exfat_file_set_copy_name: invalid name length \\(256\\)");
-  EXPECT_DEATH(exfat_file_set_init(set.data(), name.data(), 0, 0, 0),
-               "invalid name length \\(0\\)");
-}
-
+// A set of 254 vendor secondaries after one name entry has no room for a
+// second name entry: the rename must not write past the set buffer.
 TEST_F(EntrySetDeathTest, RenameRefusesToGrowPast255Secondaries) {
-  // A set read from disk with 254 vendor secondaries after one name entry
-  // has no room for a second name entry.
-  std::vector<exvol::test::Entry> vendors(253, exvol::test::raw_entry(0xE0));
-  std::vector<uint8_t> set = buffer(file_set(u"a", vendors));
+  std::vector<uint8_t> set = file_set(u"a", std::vector<exvol::test::Entry>(253, raw_entry(0xE0)));
   ASSERT_EQ(set[1], 255);
   std::vector<uint16_t> name(16, u'b');
   EXPECT_DEATH(exfat_file_set_rename(set.data(), name.data(), 16, 0),

@@ -1,13 +1,10 @@
-// FAT access on a mounted volume: the one-block FAT cache (range checks,
-// write-back when the cache moves, error handling, the short last block),
-// the walk to the last cluster of a file, and the FAT vnode's paging, block
-// mapping and fsync.
+// The one-block FAT cache, the walk to a file's last cluster, and the FAT
+// vnode's paging, block mapping and fsync, on a mounted volume.
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <functional>
-#include <thread>
 #include <vector>
 
 #include "exfat_proto.h"
@@ -25,10 +22,8 @@ using namespace exvol::test;
 
 namespace {
 
-// 1,200 clusters of 512 bytes: the FAT is 10 sectors (5,120 bytes), one full
-// 4 KiB block and a short block of 1,024 bytes. The heap is moved six
-// sectors past the FAT so that the sectors between them can hold a
-// sentinel.
+// 1,200 clusters of 512 bytes: a FAT of one 4 KiB block and a short one of
+// 1 KiB, followed by six spare sectors that can hold a sentinel.
 Geometry two_block_fat() {
   Geometry g;
   g.sector_shift = 9;
@@ -101,9 +96,8 @@ struct exfat_node chained_node(struct exfat_mount* xm, uint32_t start, uint64_t 
   return n;
 }
 
-// Get or set on cluster 0, 1 or past the heap is EIO and marks the volume
-// corrupt; the highest cluster works; op 3 returns the previous entry and
-// stores the new one in one call.
+// Clusters 0, 1 and past the heap are EIO and corruption; op 3 (get and set)
+// returns the old entry while storing the new one.
 TEST_F(FatTest, GetSetRefusesClustersOutsideTheHeap) {
   mount_volume(two_block_fat());
   const uint32_t max = xm->xm_max_cluster;
@@ -133,8 +127,7 @@ TEST_F(FatTest, GetSetRefusesClustersOutsideTheHeap) {
   EXPECT_EQ(0xFFFFFFFFu, get(40));
 }
 
-// Moving the one-block cache writes the dirty block back first, so the
-// change survives; entries are stored little-endian.
+// Moving the cache writes the dirty block back first; entries are little-endian.
 TEST_F(FatTest, CacheWritesBackADirtyBlockBeforeMovingAndEntriesAreLittleEndian) {
   mount_volume(two_block_fat());
   set(40, 0x01020304);  // block 0
@@ -161,8 +154,7 @@ TEST_F(FatTest, CacheWritesBackADirtyBlockBeforeMovingAndEntriesAreLittleEndian)
             read_device(fat_byte_offset_ + 40 * 4, 4));
 }
 
-// The last FAT block is shorter than 4096 bytes: only the FAT's bytes are
-// written, and the FAT vnode does not grow.
+// Only the short last block's FAT bytes are written; the FAT vnode doesn't grow.
 TEST_F(FatTest, ShortLastBlockIsWrittenWithoutTouchingWhatFollowsTheFat) {
   Geometry g = two_block_fat();
   ImageBuilder b(g);
@@ -185,9 +177,8 @@ TEST_F(FatTest, ShortLastBlockIsWrittenWithoutTouchingWhatFollowsTheFat) {
   EXPECT_EQ(off_t(5120), ubc_getsize(xm->xm_fat_vp)) << "the FAT vnode must not grow";
 }
 
-// A move of the cache whose write-back or read fails leaves the cache
-// empty, so that the next access reads the block again: a failed
-// write-back drops the change with the block.
+// A cache move whose write-back or read fails leaves the cache empty, so the
+// next access reads the block again.
 TEST_F(FatTest, FailedCacheMovesEmptyTheCacheAndTheNextAccessRereads) {
   mount_volume(two_block_fat(), [](ImageBuilder& b) { b.set_fat(1100, 0xFFFFFFFF); });
   set(40, 0xFFFFFFFF);
@@ -221,10 +212,8 @@ TEST_F(FatTest, FailedCacheMovesEmptyTheCacheAndTheNextAccessRereads) {
   EXPECT_EQ(0xFFFFFFFFu, get(1100));
 }
 
-// The last cluster and allocation of a chain end at any end mark (the
-// bad-cluster mark included); an empty file has neither; a walk resumes
-// after the cached extent (the entry of cluster 40 is garbage: a walk from
-// the start would fail).
+// A chain ends at any end mark (the bad-cluster mark too); a walk resumes
+// after the cached extent (cluster 40's entry is garbage).
 TEST_F(FatTest, FindLastClusterFollowsTheChainToAnyEndMark) {
   mount_volume(two_block_fat(), [](ImageBuilder& b) {
     b.set_fat(10, 11).set_fat(11, 12).set_fat(12, 0xFFFFFFF7);  // bad-cluster mark
@@ -269,8 +258,8 @@ TEST_F(FatTest, FindLastClusterFollowsTheChainToAnyEndMark) {
   EXPECT_FALSE(xm->xm_flags & XM_CORRUPT);
 }
 
-// Loops, free entries and clusters past the heap in a chain are reported
-// once each, mark the volume corrupt, and leave the outputs alone.
+// Loops, free entries and clusters past the heap are reported once each,
+// mark the volume corrupt and leave the outputs alone.
 TEST_F(FatTest, FindLastClusterReportsCorruptChains) {
   mount_volume(two_block_fat(), [](ImageBuilder& b) {
     b.set_fat(10, 11).set_fat(11, 12).set_fat(12, 10);  // a loop
@@ -319,8 +308,7 @@ TEST_F(FatTest, FindLastClusterReportsFatReadErrors) {
   host_memdev_set_faults(devvp, host_memdev_faults{});
 }
 
-// A contiguous file's last cluster and allocation come from its size
-// alone, without any FAT access.
+// A contiguous file is answered from its size, without FAT access.
 TEST_F(FatTest, ContiguousFilesAreAnsweredWithoutTheFat) {
   Geometry g;
   g.sector_shift = 9;
@@ -347,13 +335,10 @@ TEST_F(FatTest, ContiguousFilesAreAnsweredWithoutTheFat) {
   EXPECT_EQ(reads, device_reads());
 }
 
-// --- The FAT vnode ------------------------------------------------------------------
-
 class FatVnodeTest : public FatTest {
  protected:
-  // A second vnode with the FAT vnode's operations over a FAT of `size`
-  // bytes from sector `first_sector`: lets the paging rules be checked on a
-  // FAT length that no boot sector can give.
+  // A vnode with the FAT vnode's operations over `size` bytes from
+  // `first_sector`: a FAT length no boot sector can give.
   vnode_t make_fat_vnode(uint32_t first_sector, uint32_t size) {
     auto* fnode = static_cast<struct exfat_fat_node*>(
         OSMalloc(sizeof(struct exfat_fat_node), exfat_malloc_tag));
@@ -373,17 +358,11 @@ class FatVnodeTest : public FatTest {
     EXPECT_EQ(0, vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &p, &vp));
     return vp;
   }
-
-  // Inactive recycles it, and reclaim frees the node (the fixture checks).
-  void release_fat_vnode(vnode_t vp) { vnode_put(vp); }
 };
 
-// A page-in of the FAT's last page reads zeros past the FAT; pages past
-// the FAT are refused.
+// The FAT's last page reads zeros past the FAT; later pages are refused.
 TEST_F(FatVnodeTest, PageinZeroFillsPastTheEndOfTheFatAndRefusesPagesPastIt) {
   mount_volume(two_block_fat());
-  // Device bytes from the FAT's start (an unused part of the heap): a
-  // pattern over 12 KiB, past 10,000.
   const uint32_t first_sector = 600;
   std::vector<uint8_t> pattern(12288);
   for (size_t i = 0; i < pattern.size(); ++i)
@@ -405,11 +384,10 @@ TEST_F(FatVnodeTest, PageinZeroFillsPastTheEndOfTheFatAndRefusesPagesPastIt) {
   EXPECT_EQ(EINVAL, VNOP_PAGEOUT(vp, nullptr, 0, 12288, 4096, 0, vfs_context_kernel()));
   // A page already resident needs no I/O.
   EXPECT_EQ(0, VNOP_PAGEIN(vp, nullptr, 0, 8192, 4096, 0, vfs_context_kernel()));
-  release_fat_vnode(vp);
+  vnode_put(vp);  // reclaim frees the node
 }
 
-// FAT offsets map to sectors by arithmetic; a run past the FAT is cut at
-// its end.
+// FAT offsets map to sectors by arithmetic; runs are cut at the FAT's end.
 TEST_F(FatVnodeTest, BlockmapIsArithmeticAndStopsAtTheEndOfTheFat) {
   mount_volume(two_block_fat());
   vnode_t vp = make_fat_vnode(2048, 10000);
@@ -428,19 +406,11 @@ TEST_F(FatVnodeTest, BlockmapIsArithmeticAndStopsAtTheEndOfTheFat) {
   EXPECT_EQ(0, poff);
 
   EXPECT_EQ(0, VNOP_BLOCKMAP(vp, 0, 4096, nullptr, &run, &poff, VNODE_READ, vfs_context_kernel()));
-
-  off_t off = 0;
-  daddr64_t blk = 0;
-  EXPECT_EQ(0, VNOP_BLKTOOFF(vp, 3, &off));
-  EXPECT_EQ(12288, off);
-  EXPECT_EQ(0, VNOP_OFFTOBLK(vp, 12287, &blk));
-  EXPECT_EQ(2, blk);
-  release_fat_vnode(vp);
+  vnode_put(vp);
 }
 
-// Fsync writes the FAT cache, then pushes the pages; with a clean cache it
-// only pushes the pages; a failed write-back is reported and leaves the
-// block dirty.
+// Fsync writes the cache, then pushes the pages; a failed write-back is
+// reported and leaves the block dirty.
 TEST_F(FatVnodeTest, FsyncWritesTheCacheThenPushesThePages) {
   mount_volume(two_block_fat());
   set(50, 51);
@@ -473,54 +443,6 @@ TEST_F(FatVnodeTest, FsyncWritesTheCacheThenPushesThePages) {
   host_memdev_set_faults(devvp, host_memdev_faults{});
   fsync_fat();
   EXPECT_EQ(52u, disk_entry(50));
-}
-
-using FatVnodeDeathTest = FatVnodeTest;
-
-// The file system is registered so that paging requests come without a page
-// list; one that comes with a list is a caller error.
-TEST_F(FatVnodeDeathTest, PagingWithACallersPageListIsFatal) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  mount_volume(two_block_fat());
-  upl_t fake = reinterpret_cast<upl_t>(&fat_byte_offset_);
-  EXPECT_DEATH(VNOP_PAGEIN(xm->xm_fat_vp, fake, 0, 0, 4096, 0, vfs_context_kernel()),
-               "exfat_vnop_pagein: a_pl != NULL");
-  EXPECT_DEATH(VNOP_PAGEOUT(xm->xm_fat_vp, fake, 0, 0, 4096, 0, vfs_context_kernel()),
-               "exfat_vnop_pageout: a_pl != NULL");
-}
-
-// --- Concurrency -----------------------------------------------------------------------
-
-class FatConcurrency : public FatTest {};
-
-// Threads that read and write FAT entries in both blocks force the cache to
-// move back and forth; under xm_fat_lock no update may be lost.
-TEST_F(FatConcurrency, EntriesSurviveCacheMovesBetweenThreads) {
-  mount_volume(two_block_fat());
-  constexpr int kThreads = 4;
-  constexpr uint32_t kRounds = 200;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([this, t] {
-      // Each thread owns one cluster in each block.
-      const uint32_t low = 100 + t;
-      const uint32_t high = 1100 + t;
-      for (uint32_t r = 1; r <= kRounds; ++r) {
-        ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, low, nullptr, r));
-        ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, high, nullptr, r + 1000));
-        uint32_t v = 0;
-        ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET, xm, low, &v, 0));
-        ASSERT_EQ(r, v);
-      }
-    });
-  }
-  for (auto& th : threads)
-    th.join();
-  fsync_fat();
-  for (int t = 0; t < kThreads; ++t) {
-    EXPECT_EQ(kRounds, disk_entry(100 + t));
-    EXPECT_EQ(kRounds + 1000, disk_entry(1100 + t));
-  }
 }
 
 }  // namespace

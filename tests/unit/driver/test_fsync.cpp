@@ -1,10 +1,5 @@
-// The node life cycle on mounted builder images: close writes a changed
-// entry back once and an unchanged one never, removing an open file frees
-// its clusters when the last use ends and recycles the vnode, fsync writes
-// data and entry and drops the dirty bits, the full-sync ioctl has the
-// device flush its cache after the data (seen through a simulated power
-// cut), fsync writes nothing on a read-only volume, and a directory's fsync
-// writes its cached dirty blocks without reading any other.
+// The node life cycle: close and fsync write a changed entry back once,
+// removed open files are freed at last close, F_FULLFSYNC flushes the device.
 
 #include <gtest/gtest.h>
 
@@ -127,10 +122,7 @@ TEST_F(LifeCycleTest, FsyncWritesTheEntryAndDropsTheDirtyBits) {
   unmount_and_check();
 }
 
-// F_FULLFSYNC writes the data, then asks the device to flush its cache:
-// after a power cut the data is there. A plain fsync leaves it in the
-// device's volatile cache, where the power cut loses it. No other ioctl
-// exists for files and directories.
+// F_FULLFSYNC writes the data, then asks the device to flush its cache.
 TEST_F(LifeCycleTest, FullFsyncFlushesTheDeviceCacheAfterTheData) {
   uint32_t f = file(u"f", 2);
   uint32_t g = file(u"g", 2);

@@ -1,19 +1,9 @@
-// Device errors under a mounted volume.
-//
-// Reads and writes fail on chosen blocks: the boot sector, the FAT block of
-// a chained file, the bitmap, the up-case table, the root directory, a
-// subdirectory, a chained file's data and a contiguous file's data. With
-// each fault in place the volume is mounted (read-only and read-write) and
-// driven through lookup, listing, reads, writes, creates, removes, fsync,
-// sync and unmount. Every call returns 0 or a positive errno, never a
-// crash or a hang; after the unmount nothing of the driver is left, and the
-// device mounts again once the fault is gone.
-//
-// Beyond "no crash", the errors must be the right ones where it matters:
-// a directory that can't be read is not empty (lookup says EIO, not
-// ENOENT, and nothing is created in it), a file whose data can't be read
-// says EIO instead of returning zeros, and a write that can't reach the
-// disk is reported to whoever waits for it (a synchronous write, fsync).
+// Device errors on chosen blocks of a mounted volume (boot sector, FAT,
+// bitmap, up-case table, directories, file data): every operation returns 0
+// or a positive errno, nothing of the driver is left after the unmount, and
+// the volume mounts again once the fault is gone. Where it matters the error
+// must be the right one: an unreadable directory is not empty, unreadable
+// data is EIO and not zeros, and a lost write reaches whoever waits for it.
 
 #include <gtest/gtest.h>
 
@@ -42,13 +32,9 @@ struct Region {
 
 class IoFaults : public NamespaceTest {
  protected:
-  // The volume: a subdirectory with two files (one with a long name), a
-  // chained file whose FAT entries lie past the FAT's first block, and a
-  // contiguous file.
+  // A filler takes the first 1100 of 2048 clusters, so that the chained
+  // file's FAT entries lie in a FAT page that mounting never reads.
   IoFaults() {
-    // 2048 clusters make a FAT of several pages; the first 1100 go to a
-    // filler, so that the chained file's FAT entries are in a page that
-    // mounting never reads.
     Geometry g = small_cluster_geometry();
     g.cluster_count = 2048;
     builder_ = ImageBuilder(g);
@@ -82,8 +68,7 @@ class IoFaults : public NamespaceTest {
     };
   }
 
-  // Mounts the image with the faults in place. Returns the mount's error;
-  // a failed mount must have left nothing behind.
+  // Mounts with the faults in place; a failed mount must leave nothing.
   int mount_faulty(const host_memdev_faults& faults, uint64_t flags) {
     EXPECT_EQ(0, load(image_));
     host_memdev_set_faults(devvp, faults);
@@ -99,8 +84,7 @@ class IoFaults : public NamespaceTest {
     return error;
   }
 
-  // An operation's result: 0 or a positive errno; a restart request is
-  // retried as the kernel would, a few times at most.
+  // 0 or a positive errno; a restart request is retried a few times.
   template <typename Op>
   int call(const char* what, Op op) {
     int error = ERESTART;
@@ -154,8 +138,8 @@ class IoFaults : public NamespaceTest {
     call("sync", [&] { return host_sync(mp, MNT_WAIT); });
   }
 
-  // Unmounts: unforced if the driver can, forced otherwise; then nothing of
-  // the driver may be left and the device must mount again without faults.
+  // Unmounts (forced if need be); nothing may be left and the volume must
+  // mount again without the faults.
   void unmount_and_remount() {
     release_nodes();
     int error = unmount();
@@ -174,8 +158,6 @@ class IoFaults : public NamespaceTest {
   std::vector<uint8_t> image_;
 };
 
-// Each region unreadable, on read-only and read-write mounts, through
-// every operation.
 TEST_F(IoFaults, ReadErrorsAnywhereAreReturnedNeverFatal) {
   for (const Region& r : regions()) {
     for (uint64_t flags : {uint64_t{MNT_RDONLY}, uint64_t{0}}) {
@@ -193,7 +175,6 @@ TEST_F(IoFaults, ReadErrorsAnywhereAreReturnedNeverFatal) {
   }
 }
 
-// Each region unwritable on a read-write mount, through every operation.
 TEST_F(IoFaults, WriteErrorsAnywhereAreReturnedNeverFatal) {
   for (const Region& r : regions()) {
     SCOPED_TRACE(r.name);
@@ -207,8 +188,7 @@ TEST_F(IoFaults, WriteErrorsAnywhereAreReturnedNeverFatal) {
   }
 }
 
-// A directory that can't be read is not an empty directory: looking a name
-// up in it fails with EIO, and nothing can be created in it.
+// An unreadable directory is not empty: lookups are EIO, creates fail.
 TEST_F(IoFaults, UnreadableDirectoryIsNotEmpty) {
   host_memdev_faults faults;
   faults.fail_read_bytes = {builder_.cluster_byte_offset(sub_.first_cluster)};
@@ -227,42 +207,30 @@ TEST_F(IoFaults, UnreadableDirectoryIsNotEmpty) {
   unmount_and_remount();
 }
 
-// A data block that can't be read gives EIO, not zeros or old bytes; the
-// file's other blocks and the other files still read.
-TEST_F(IoFaults, UnreadableDataBlockFailsTheReadOnly) {
-  host_memdev_faults faults;
-  faults.fail_read_bytes = {builder_.cluster_byte_offset(chain_.first_cluster + 1)};
-  KernLogCapture quiet;
-  ASSERT_EQ(0, mount_faulty(faults, MNT_RDONLY));
-  Vref chained, contiguous;
-  ASSERT_EQ(0, lookup(root_vp_, "chain", LOOKUP, &chained));
-  ASSERT_EQ(0, lookup(root_vp_, "contig", LOOKUP, &contiguous));
-  std::vector<uint8_t> data;
-  EXPECT_EQ(EIO, vn_read_all(chained.vp, &data, 1u << 20, 4096));
-  EXPECT_EQ(0, vn_read_all(contiguous.vp, &data));
-  EXPECT_EQ(pattern_bytes(0, 2 * 512, 4), data);
-  chained.reset();
-  contiguous.reset();
-  unmount_and_remount();
+// An unreadable data block, or FAT block of a chain, fails the chained
+// file's read with EIO instead of giving zeros; other files still read.
+TEST_F(IoFaults, UnreadableDataOrFatBlockFailsTheRead) {
+  for (uint64_t byte : {builder_.cluster_byte_offset(chain_.first_cluster + 1),
+                        builder_.fat_byte_offset() + 4u * chain_.first_cluster}) {
+    SCOPED_TRACE(byte);
+    host_memdev_faults faults;
+    faults.fail_read_bytes = {byte};
+    KernLogCapture quiet;
+    ASSERT_EQ(0, mount_faulty(faults, MNT_RDONLY));
+    Vref chained, contiguous;
+    ASSERT_EQ(0, lookup(root_vp_, "chain", LOOKUP, &chained));
+    ASSERT_EQ(0, lookup(root_vp_, "contig", LOOKUP, &contiguous));
+    std::vector<uint8_t> data;
+    EXPECT_EQ(EIO, vn_read_all(chained.vp, &data, 1u << 20, 4096));
+    EXPECT_EQ(0, vn_read_all(contiguous.vp, &data));
+    EXPECT_EQ(pattern_bytes(0, 2 * 512, 4), data);
+    chained.reset();
+    contiguous.reset();
+    unmount_and_remount();
+  }
 }
 
-// A FAT block that can't be read stops the walk of a chain with EIO: the
-// chained file's later clusters can't be found, its first one still reads.
-TEST_F(IoFaults, UnreadableFatBlockFailsTheChainedRead) {
-  host_memdev_faults faults;
-  faults.fail_read_bytes = {builder_.fat_byte_offset() + 4u * chain_.first_cluster};
-  KernLogCapture quiet;
-  ASSERT_EQ(0, mount_faulty(faults, MNT_RDONLY));
-  Vref chained;
-  ASSERT_EQ(0, lookup(root_vp_, "chain", LOOKUP, &chained));
-  std::vector<uint8_t> data;
-  EXPECT_EQ(EIO, vn_read_all(chained.vp, &data, 1u << 20, 4096));
-  chained.reset();
-  unmount_and_remount();
-}
-
-// A data block that can't be written: a synchronous write says so, and so
-// does an fsync of a delayed one.
+// An unwritable block fails a synchronous write and the fsync of a delayed one.
 TEST_F(IoFaults, UnwritableDataBlockIsReportedToWhoeverWaits) {
   host_memdev_faults faults;
   faults.fail_write_bytes = {builder_.cluster_byte_offset(contig_.first_cluster)};

@@ -1,7 +1,5 @@
-// Renaming the volume through the file system's setattr entry: where the
-// label entry goes, what it holds, which names fit, how the name is
-// normalised on disk and in memory; and the volume figures and UUID that
-// getattr reports beside the name.
+// Renaming the volume through VFS_SETATTR: where the label entry goes, what
+// it holds, which names fit and how they are normalised.
 
 #include <gtest/gtest.h>
 
@@ -18,21 +16,11 @@ using namespace exvol::test;
 
 namespace {
 
-
 constexpr uint32_t kCluster = 4096;  // default geometry
 constexpr uint32_t kSystemEntriesEnd = 64;  // after the bitmap and up-case entries
 
 std::vector<uint8_t> entry_bytes(const Entry& e) {
   return std::vector<uint8_t>(e.begin(), e.end());
-}
-
-std::string uuid_string(const uint8_t* u) {
-  char s[37];
-  snprintf(s, sizeof(s),
-           "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X", u[0], u[1],
-           u[2], u[3], u[4], u[5], u[6], u[7], u[8], u[9], u[10], u[11], u[12], u[13], u[14],
-           u[15]);
-  return s;
 }
 
 class LabelTest : public VolumeTest {
@@ -79,9 +67,7 @@ class LabelTest : public VolumeTest {
 
 };
 
-// A volume without a label entry gets one in the first free slot; the
-// next rename rewrites that slot, clearing what the longer name left.
-// Another mount finds the name.
+// A volume without a label entry gets one in the first free slot.
 TEST_F(LabelTest, FirstRenameTakesASlotLaterOnesRewriteIt) {
   Placed f = builder_.add_file(builder_.root(), u"a", bytes("x"));
   uint32_t slot = f.offset + 32 * f.entries;
@@ -107,9 +93,7 @@ TEST_F(LabelTest, FirstRenameTakesASlotLaterOnesRewriteIt) {
   EXPECT_EQ(slot, xm->xm_label_offset);
 }
 
-// A label entry found at mount is rewritten where it is; the entries
-// around it stay untouched. A request that doesn't name the volume changes
-// nothing; an empty name is a label entry with no characters.
+// A label entry found at mount is rewritten where it is.
 TEST_F(LabelTest, ExistingLabelEntryIsRewrittenInPlace) {
   builder_.add_label(u"OLD");
   Placed f = builder_.add_file(builder_.root(), u"after", bytes("x"));
@@ -140,8 +124,7 @@ TEST_F(LabelTest, ExistingLabelEntryIsRewrittenInPlace) {
 }
 
 // With every slot of the root in use, the root grows by a cluster for the
-// label, which goes at the old end. The space figures follow: f_files is
-// f_blocks and f_ffree is f_bfree.
+// label, which goes at the old end.
 TEST_F(LabelTest, FullRootGrowsForTheLabel) {
   for (int i = 0; i < 42; i++) {  // 42 sets of 3 fill the 126 slots left
     FileDesc desc;
@@ -171,9 +154,7 @@ TEST_F(LabelTest, FullRootGrowsForTheLabel) {
   EXPECT_EQ(kCluster, xm->xm_label_offset);
 }
 
-// Eleven UTF-16 units fit, whatever their UTF-8 length; twelve fail with
-// nothing written and the old name kept. On a volume without a label, a
-// name that fails before anything is written takes no slot.
+// Eleven UTF-16 units fit, whatever their UTF-8 length.
 TEST_F(LabelTest, ElevenUnitsFitTwelveDoNot) {
   mount_built();
   std::vector<uint8_t> root = root_bytes(0, kCluster);
@@ -216,8 +197,7 @@ TEST_F(LabelTest, ElevenUnitsFitTwelveDoNot) {
 }
 
 // "e" + combining acute is stored as the one unit U+00E9 and reported back
-// decomposed, the form the kernel uses for names; a later mount reads it
-// the same way.
+// decomposed, the form the kernel uses for names.
 TEST_F(LabelTest, DecomposedNameIsStoredPrecomposed) {
   mount_built();
   ASSERT_EQ(0, set_label("Cafe\xCC\x81"));
@@ -244,32 +224,6 @@ TEST_F(LabelTest, NameTooLongToReportKeepsTheOldOne) {
   EXPECT_EQ(11, entry[1]);
   EXPECT_EQ(0xAC00, le16dec(&entry[2]));
   EXPECT_EQ("OLD", reported_label());
-}
-
-// The UUID reported is the Volume GUID entry's when there is a valid one,
-// otherwise the one made from the serial number.
-TEST_F(LabelTest, UuidFromTheGuidEntryOrTheSerial) {
-  const std::array<uint8_t, 16> guid = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
-                                        0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
-  for (bool with_guid : {true, false}) {
-    ImageBuilder b(Geometry{.serial = 0x12345678});
-    b.add_bitmap_entry().add_upcase_entry();
-    if (with_guid)
-      b.add_guid(guid);
-    ASSERT_EQ(0, load(b.build()));
-    ASSERT_EQ(0, mount());
-    ASSERT_EQ(0, set_label("RENAMED"));  // a rename leaves the identity alone
-
-    struct vfs_attr va;
-    VFSATTR_INIT(&va);
-    VFSATTR_WANTED(&va, f_uuid);
-    ASSERT_EQ(0, VFS_GETATTR(mp, &va, vfs_context_kernel()));
-    EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_uuid));
-    EXPECT_EQ(with_guid ? "33221100-5544-7766-8899-AABBCCDDEEFF"
-                        : "9246EF5C-39A0-3E38-8960-B3D469327E21",
-              uuid_string(va.f_uuid));
-    ASSERT_EQ(0, unmount());
-  }
 }
 
 }  // namespace

@@ -94,14 +94,6 @@ TEST_F(LockTest, LockFourLocksEachDistinctNodeOnce) {
   exfat_unlock_four(nullptr, nullptr, nullptr, nullptr);
 }
 
-TEST_F(LockTest, LockTwoRejectsBadArguments) {
-  FakeNodes f;
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(exfat_lock_two(nullptr, &f.n[0]), "exfat_lock_two: node1 == NULL");
-  EXPECT_DEATH(exfat_lock_two(&f.n[0], nullptr), "exfat_lock_two: node2 == NULL");
-  EXPECT_DEATH(exfat_lock_two(&f.n[1], &f.n[1]), "exfat_lock_two: node1 == node2");
-}
-
 // The node lock is recursive per thread, and a try-lock of a lock held by
 // another thread fails without waiting.
 TEST_F(LockTest, NodeLockIsRecursivePerThread) {
@@ -183,25 +175,6 @@ TEST_F(LockTest, LockParentWithoutAParentIsEIO) {
   exfat_node_unlock(orphan);
 }
 
-TEST_F(LockTest, LockParentDisagreementIsFatal) {
-  mount_with_file();
-  FakeNodes f;
-  struct exfat_node* child = &f.n[1];
-  child->x_vnode = file_vp_;
-  child->x_parent = &f.n[0];
-  f.n[0].x_vnode = file_vp_;  // not the file's parent vnode
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        struct exfat_node* parent;
-        exfat_node_lock(child);
-        exfat_lock_parent(child, &parent);
-      },
-      "exfat_lock_parent: vnode_getparent and x_parent disagree!");
-}
-
-// --- Threads ---------------------------------------------------------------------------
-
 class LockConcurrency : public LockTest {};
 
 // Whatever the argument order, the lower node is taken first: while the
@@ -230,9 +203,7 @@ TEST_F(LockConcurrency, LockTwoTakesTheLowerNodeFirst) {
   }
 }
 
-// A parent at a lower address held by another thread: the child is let go,
-// both are taken in order, and when a rename moved the child meanwhile the
-// call asks for a retry, with the child locked again and no reference kept.
+// A parent at a lower address held by another thread.
 TEST_F(LockConcurrency, LockParentRetriesAfterAMove) {
   mount_with_file();
   FakeNodes f;

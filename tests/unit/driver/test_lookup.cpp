@@ -1,7 +1,5 @@
-// Lookup on mounted builder images: case-insensitive matching that keeps
-// the stored case, name conversion, "." and "..", the name cache's positive
-// and negative entries and when a miss is EJUSTRETURN, names too long to
-// exist, hash collisions, removed and corrupt directories.
+// Lookup: case-insensitive matching, name conversion, "." and "..", the name
+// cache, name limits, hash collisions, removed and corrupt directories.
 
 #include <gtest/gtest.h>
 
@@ -58,10 +56,7 @@ class LookupTest : public VolumeTest {
   uint64_t device_reads() { return stats().reads; }
 };
 
-// A name given in other case finds the set; the stored name keeps its own
-// case on disk; the first of two sets that differ only in case wins; the
-// search reports the set's offset and entry count, and the search on a
-// UTF-16 name without out-pointers only answers whether it is there.
+// A name given in other case finds the set.
 TEST_F(LookupTest, CaseInsensitiveMatchKeepsTheStoredCase) {
   Placed readme = builder_.add_file(builder_.root(), u"ReadMe.txt", bytes("hello"));
   Placed first = builder_.add_file(builder_.root(), u"twins", bytes("1"));
@@ -122,9 +117,7 @@ TEST_F(LookupTest, ComponentsArePrecomposedAndSfmMapped) {
   EXPECT_EQ(EINVAL, lookup("bad\xff", &none));
 }
 
-// "." and ".." of the root are the root; "." of a subdirectory is itself and
-// its ".." is its parent, at every depth. Each answer carries its own I/O
-// reference.
+// "." and ".." of the root are the root.
 TEST_F(LookupTest, DotAndDotDot) {
   Dir sub = builder_.mkdir(builder_.root(), u"sub");
   builder_.mkdir(sub, u"inner");
@@ -151,12 +144,7 @@ TEST_F(LookupTest, DotAndDotDot) {
 }
 
 // A missing last component that a create or rename is about to use is
-// EJUSTRETURN and leaves no negative entry; LOOKUP and DELETE with
-// MAKEENTRY leave one, so that the next lookup is answered by the name
-// cache without reading the directory; a missing component that is not
-// the last, even for CREATE, is ENOENT without a negative entry, and so is
-// any miss without MAKEENTRY. A found name is entered too: its second
-// lookup returns the same vnode without reading the directory.
+// EJUSTRETURN and leaves no negative entry.
 TEST_F(LookupTest, NameCacheEntriesOfHitsAndMisses) {
   builder_.add_file(builder_.root(), u"present", bytes("p"));
   mount_built();
@@ -260,8 +248,6 @@ TEST_F(LookupTest, CorruptDirectoryIsEIO) {
   EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
   EXPECT_EQ(entries, host_namecache_count());
 }
-
-// --- Threads ---------------------------------------------------------------------------
 
 class LookupConcurrency : public LookupTest {};
 

@@ -1,7 +1,5 @@
-// Nodes on mounted builder images: what a node takes from its entry set (or,
-// for the root, from its chain), size limits, vnode types and link
-// recognition, writing a node back, inactive and reclaim, and the node
-// hash's protocol between threads.
+// Nodes: what a node takes from its entry set (the root from its chain),
+// size limits, link recognition, write-back, and the node hash between threads.
 
 #include <gtest/gtest.h>
 
@@ -82,9 +80,7 @@ TEST_F(RootNodeTest, RootComesFromItsChain) {
   EXPECT_TRUE(vnode_isvroot(root_vp_));
 }
 
-// A file's node carries its entry set's fields; a second get of the same
-// key finds the same node through the hash. A NoFatChain file gets
-// X_CONTIGUOUS, an extent cache over the whole run and its last cluster.
+// A file's node carries its entry set's fields.
 TEST_F(NodeTest, FileNodeFromItsEntrySet) {
   Placed f = builder_.add_file(builder_.root(), u"hello.txt", bytes("hello"));
   Placed run = builder_.add_file(builder_.root(), u"run",
@@ -168,43 +164,7 @@ TEST_F(NodeTest, SizeLimits) {
   vnode_put(node->x_vnode);
 }
 
-// The vnode type: a directory is VDIR whatever was asked; a regular file
-// whose contents are a valid link is VLNK; damaged links stay VREG.
-TEST_F(NodeTest, VnodeTypesAndLinkRecognition) {
-  uint32_t dir_offset = builder_.root().next_offset;
-  builder_.mkdir(builder_.root(), u"sub");
-  Placed good = builder_.add_file(builder_.root(), u"link", link_contents("../some/target"));
-  Placed upper = builder_.add_file(builder_.root(), u"upper", link_contents("t", true));
-  std::vector<uint8_t> damaged = link_contents("abc");
-  damaged[43] = 'x';
-  Placed bad = builder_.add_file(builder_.root(), u"damaged", damaged);
-  std::vector<uint8_t> plain = link_contents("abc");
-  plain[0] = 'x';
-  Placed nomagic = builder_.add_file(builder_.root(), u"plain", plain);
-  mount_built();
-
-  struct exfat_node* node = nullptr;
-  ASSERT_EQ(0, get(dir_offset, &node, VREG));
-  EXPECT_EQ(VDIR, vnode_vtype(node->x_vnode));
-  vnode_put(node->x_vnode);
-
-  ASSERT_EQ(0, get(good.offset, &node));
-  EXPECT_EQ(VLNK, vnode_vtype(node->x_vnode));
-  EXPECT_NE(0u, node->x_flags & X_SYMLINK);
-  EXPECT_EQ(14u, node->x_link_length);
-  vnode_put(node->x_vnode);
-
-  for (uint32_t offset : {upper.offset, bad.offset, nomagic.offset}) {
-    ASSERT_EQ(0, get(offset, &node));
-    EXPECT_EQ(VREG, vnode_vtype(node->x_vnode)) << "set at " << offset;
-    EXPECT_EQ(0u, node->x_flags & X_SYMLINK);
-    vnode_put(node->x_vnode);
-  }
-}
-
-// Pending time requests: an access time that doesn't change writes nothing;
-// one that does rewrites the File entry (with the attributes the node holds)
-// and keeps the set's checksum valid.
+// Pending time requests write only real changes, keeping the checksum valid.
 TEST_F(NodeTest, UpdateWritesOnlyRealChanges) {
   Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
   mount_built();
@@ -237,11 +197,7 @@ TEST_F(NodeTest, UpdateWritesOnlyRealChanges) {
   vnode_put(node->x_vnode);
 }
 
-// What is written back is exactly the entries that changed: with
-// X_STREAM_DIRTY the File and Stream entries (64 bytes), without it the
-// File entry alone. Each set is placed so that the first entry not to be
-// written starts a new block: a write of that block would wipe a marker
-// planted on the device behind the cache's back.
+// What is written back is exactly the entries that changed.
 TEST_F(NodeTest, UpdateWritesSixtyFourBytesForAStreamChange) {
   builder_.skip_to(builder_.root(), kCluster - 64);
   Placed f = builder_.add_file(builder_.root(), u"a twenty char name..", bytes("0123456789"));
@@ -291,22 +247,6 @@ TEST_F(NodeTest, UpdateWritesSixtyFourBytesForAStreamChange) {
   vnode_put(node->x_vnode);
 }
 
-TEST_F(NodeTest, UpdateWithoutParentIsFatal) {
-  Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
-  mount_built();
-  struct exfat_node* node = nullptr;
-  ASSERT_EQ(0, get(f.offset, &node));
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        exfat_node_lock(node);
-        node->x_flags |= X_DIRTY;
-        exfat_node_update(node, nullptr, ctx_);
-      },
-      "exfat_node_update: parent == NULL");
-  vnode_put(node->x_vnode);
-}
-
 // When the last reference goes, inactive stamps the pending modification
 // and rewrites the entry set in the parent.
 TEST_F(NodeTest, InactiveWritesADirtyEntryBack) {
@@ -326,29 +266,6 @@ TEST_F(NodeTest, InactiveWritesADirtyEntryBack) {
   EXPECT_EQ(jan2, le32dec(&set[12]));
   EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
 }
-
-// Every node is freed by reclaim: nothing is left under the node tag after
-// the unmount.
-TEST_F(NodeTest, UnmountReclaimsEveryNode) {
-  std::vector<Placed> files;
-  for (int i = 0; i < 6; i++)
-    files.push_back(builder_.add_file(builder_.root(), u"f" + std::u16string(1, u'0' + i),
-                                      bytes("x")));
-  uint64_t baseline = host_malloc_outstanding("exfat node");
-  mount_built();
-  for (const Placed& f : files) {
-    struct exfat_node* node = nullptr;
-    ASSERT_EQ(0, get(f.offset, &node));
-    vnode_put(node->x_vnode);
-  }
-  EXPECT_GE(host_malloc_outstanding("exfat node"), baseline + 7 * sizeof(struct exfat_node));
-  vnode_put(root_vp_);
-  root_vp_ = NULLVP;
-  ASSERT_EQ(0, unmount());
-  EXPECT_EQ(baseline, host_malloc_outstanding("exfat node"));
-}
-
-// --- Threads ---------------------------------------------------------------------------
 
 class NodeConcurrency : public NodeTest {};
 

@@ -1,11 +1,7 @@
-// Paging on mounted builder images, driven the way mapped access drives
-// it (ubc_page_fault, ubc_page_dirty, ubc_msync, VNOP_MNOMAP) and through
-// direct VNOP_PAGEIN/VNOP_PAGEOUT calls: zeros past the valid length in the
-// page that holds it and in every later page although the disk holds junk
-// there, a page-in that straddles the valid length, a store beyond the valid
-// length whose page-out zero-fills the gap on the device and advances the
-// valid length, refused requests, page-outs with nothing dirty, access-time
-// notes, and the fatal caller errors.
+// Paging on mounted builder images, through mapped access (faults, dirty
+// pages, msync, unmapping) and direct page-ins and page-outs: zeros past the
+// valid length although the disk holds junk, the zero fill of the gap before
+// a page stored beyond it, and refused requests.
 
 #include <gtest/gtest.h>
 
@@ -69,9 +65,7 @@ class PagingTest : public VolumeTest {
   }
 };
 
-// Valid length 5,000, inside the second page: that page maps with zeros
-// after byte 5,000, and every later page up to the size is zeros, while the
-// disk holds junk there.
+// Valid length 5,000, inside the second page.
 TEST_F(PagingTest, MappedPagesReadZerosPastTheValidLength) {
   File f = file(u"f", 4 * kCluster, 5000);
   mount_built();
@@ -108,10 +102,7 @@ TEST_F(PagingTest, PageinThatStraddlesTheValidLengthStopsAfterIt) {
   EXPECT_EQ(2u, host_ubc_vnode_pages(vp));
 }
 
-// A store through a mapping two pages beyond the valid length: its
-// page-out first zero-fills the gap (the zeros reach the device), then
-// writes the page, and the valid length ends at the page's end, or at the
-// size when that is smaller.
+// A store through a mapping two pages beyond the valid length.
 TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
   File f = file(u"f", 4 * kCluster, 1000);
   File g = file(u"g", 10000, 1000);
@@ -138,9 +129,9 @@ TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
   EXPECT_EQ(10000u, le64dec(&disk_stream(g.offset)[8]));
 }
 
-// Page-ins at or past the size, or not page-aligned, are refused and leave
-// no page behind; so is a fault there.
-TEST_F(PagingTest, MisplacedPageinIsRefused) {
+// Page-ins and page-outs at or past the size, or not page-aligned, are
+// refused; a page-out of clean pages writes nothing and leaves the node clean.
+TEST_F(PagingTest, MisplacedRequestsAndCleanPageouts) {
   File f = file(u"f", 2 * kCluster, 2 * kCluster);
   mount_built();
   vnode_t vp = get(f.offset);
@@ -152,18 +143,10 @@ TEST_F(PagingTest, MisplacedPageinIsRefused) {
   EXPECT_EQ(0u, host_ubc_vnode_pages(vp));
   uintptr_t addr = 0;
   EXPECT_EQ(EINVAL, ubc_page_fault(vp, 2 * kCluster, 0, &addr));
-}
 
-// A page-out over pages of which none is dirty writes nothing and leaves
-// the node clean; refused page-outs likewise.
-TEST_F(PagingTest, PageoutWithNothingDirtyWritesNothing) {
-  File f = file(u"f", 2 * kCluster, 2 * kCluster);
-  mount_built();
-  vnode_t vp = get(f.offset);
   fault(vp, 0);
   host_blkdev_reset_stats(devvp);
   uint32_t flags = node_of(vp)->x_flags;
-
   EXPECT_EQ(0, VNOP_PAGEOUT(vp, nullptr, 0, 0, 2 * kCluster, 0, ctx_));
   EXPECT_EQ(EINVAL, VNOP_PAGEOUT(vp, nullptr, 0, 2 * kCluster, PAGE_SIZE, 0, ctx_));
   EXPECT_EQ(EINVAL, VNOP_PAGEOUT(vp, nullptr, 0, 0, 100, 0, ctx_));

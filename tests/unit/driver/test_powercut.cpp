@@ -1,62 +1,17 @@
-// Power cuts in the middle of a workload.
+// Power cuts in the middle of a workload: the device's power is cut after N
+// writes, for a sample of N over the whole run, on a write-through device
+// (every accepted write is durable) and on one with a volatile write cache
+// (only what preceded the last cache flush is). The image the device kept
+// must then mount (read-only and read-write) and stay dirty; a walk of the
+// tree must not crash; the checker may find only the damage an interrupted
+// metadata flush can leave on entries no promise covers (kInFlightFindings);
+// a volume the checker calls clean must not cross-link files when filled.
+// Promises: fsync'd files (once their delayed flush ran, and on a cached
+// device after a later cache flush), F_FULLFSYNC data, everything at a
+// waiting sync, and the untouched file "keep" survive.
 //
-// A workload of namespace and data operations runs on an in-memory device
-// whose power is cut after N writes, for a sample of N over the whole run.
-// The caches are then dropped (forced unmount with the device refusing
-// every further write), and the image as the device kept it is checked and
-// mounted again.
-//
-// Two devices are modelled:
-//   write-through  every write the device accepted is durable, so the image
-//                  is exactly the first N writes;
-//   write-cache    accepted writes stay volatile until the device is told
-//                  to flush its cache (F_FULLFSYNC, a waiting sync, unmount),
-//                  so the image is the first N writes or only what preceded
-//                  the last flush before the cut.
-//
-// What the driver guarantees, and so what is checked after every cut:
-//   1. The volume mounts, read-only and read-write; VolumeDirty is set.
-//   2. Walking the whole tree and reading every file never crashes; the
-//      files the guarantees below cover read back without an error.
-//   3. The damage is confined to what the interrupted operations were
-//      changing, and the checker sees all of it. Each metadata flush writes
-//      the bitmap, then the FAT, then the directory blocks, and a new
-//      directory cluster is zeroed on disk before it is linked, so a cut may
-//      leave, on entries that none of the guarantees below covers:
-//        - clusters allocated beyond what an entry records (the allocation
-//          reached the disk, the entry not yet);
-//        - an entry that still records clusters the bitmap or the FAT
-//          already released (a remove or a shrink whose entry change had
-//          not reached the disk; the checker truncates or deletes it);
-//        - an entry set torn at a block boundary (a File entry with a wrong
-//          checksum, or orphaned Stream and Name entries);
-//        - a renamed file under both its names, sharing its clusters (the
-//          new entry set is written before the old one is deleted).
-//      Never: any other cluster owned twice, a cyclic chain, damage to the
-//      boot region, the bitmap or the up-case table, garbage read as
-//      entries, a finding on a file that a guarantee covers, or a volume
-//      marked clean.
-//      And on a volume the checker calls clean, writing until it is full
-//      must not hand out a cluster that something still owns.
-//   4. fsync writes a file's data before it returns and its entry, FAT and
-//      bitmap changes in the delayed metadata flush it requests. Once that
-//      flush has run, the file (name, size, contents) survives a cut on a
-//      write-through device; on a device with a write cache it survives once
-//      a cache flush followed (a later F_FULLFSYNC of any file, a waiting
-//      sync). F_FULLFSYNC is fsync followed by a cache flush: its own data
-//      is durable when it returns, its entry with the next cache flush
-//      after the delayed flush.
-//   5. A waiting sync (MNT_WAIT) writes every file's data and entry and
-//      then flushes the device cache: every file as it was at the sync
-//      survives, unless it was changed afterwards.
-//   6. A file that existed before the workload and that the workload never
-//      touches survives any cut.
-// The workload changes nothing it has been promised in these terms, except
-// where it drops the promise first (a rename, a remove).
-//
-// EXVOL_POWERCUT_SEED picks the sample of cut points; EXVOL_POWERCUT_CUTS
-// sets how many cuts each device model gets (default 100: every write of
-// the workload as it is).
+// EXVOL_POWERCUT_SEED picks the cut points, EXVOL_POWERCUT_CUTS their number
+// per device (default 100).
 
 #include <gtest/gtest.h>
 
@@ -105,8 +60,9 @@ struct Promise {
   bool needs_flush = false;   // owed only after a later cache flush
 };
 
-// Finding classes of the checker that an interrupted metadata flush may
-// leave on entries that no guarantee covers (see the top of the file).
+// Checker findings an interrupted metadata flush may leave on entries that
+// no promise covers: each flush writes the bitmap, the FAT, then directory
+// blocks, so allocations and releases can reach the disk before the entry.
 const char* const kInFlightFindings[] = {
     "more clusters are allocated",   // allocation on disk, entry not yet
     "less clusters are allocated",   // release on disk, shrunk entry not yet
@@ -119,16 +75,12 @@ const char* const kInFlightFindings[] = {
     "failed to get name dentry",
 };
 
-// A rename writes the new entry set before it deletes the old one, so that
-// a cut in between keeps the file under both names, sharing its clusters,
-// rather than under neither.
+// A rename writes the new set before deleting the old: a cut in between
+// leaves the file under both names, sharing its clusters.
 const char kRenameFinding[] = "cluster is already allocated for the other file";
 
-// The checker's report lines that no cut may cause: any finding on an owed
-// file, any finding outside the in-flight classes (clusters owned twice
-// except by the two names of a renamed file, cyclic chains, boot region,
-// bitmap or up-case damage), and any line that is not a per-entry finding
-// or the summary.
+// The report lines no cut may cause: any finding on an owed file, outside
+// the in-flight classes, or not a per-entry finding or the summary.
 std::vector<std::string> unacceptable_findings(const FsckResult& r,
                                                const std::set<std::string>& owed,
                                                const std::set<std::string>& renamed) {
@@ -167,9 +119,7 @@ class PowerCut : public NamespaceTest {
   void SetUp() override {
     NamespaceTest::SetUp();
     saved_delay_ = exfat_meta_delay;
-    // The delayed flush is what makes fsync's metadata durable; a short
-    // delay keeps the many runs fast without changing what happens.
-    exfat_meta_delay = 2;
+    exfat_meta_delay = 2;  // keeps the many runs fast
   }
 
   void TearDown() override {
@@ -179,8 +129,7 @@ class PowerCut : public NamespaceTest {
     NamespaceTest::TearDown();
   }
 
-  // The volume before the workload: files and directories that the
-  // workload renames or removes, and one it never touches.
+  // The volume before the workload; "keep" is never touched.
   std::vector<uint8_t> base_image() {
     builder_.add_file(builder_.root(), u"keep", pattern_bytes(0, 1500, 90));
     Dir old = builder_.mkdir(builder_.root(), u"old");
@@ -199,12 +148,6 @@ class PowerCut : public NamespaceTest {
     ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
   }
 
-  host_devstats stats() {
-    host_devstats s{};
-    host_blkdev_stats(devvp, &s);
-    return s;
-  }
-
   // Whether a write has failed: the power is gone.
   bool cut() { return cut_after_ >= 0 && stats().writes > static_cast<uint64_t>(cut_after_); }
 
@@ -221,8 +164,7 @@ class PowerCut : public NamespaceTest {
     ADD_FAILURE() << "the delayed metadata flush never ran";
   }
 
-  // An operation's result: before the cut everything must succeed; after
-  // it any errno will do. Returns whether it succeeded.
+  // Before the cut everything must succeed; after it any errno will do.
   bool ok(int error, const char* what) {
     if (error != 0 && !cut())
       ADD_FAILURE() << what << " failed with " << error << " before the power cut";
@@ -231,9 +173,7 @@ class PowerCut : public NamespaceTest {
     return error == 0;
   }
 
-  // Runs a namespace operation as the kernel does: a restart request
-  // (ERESTART) means "look the names up again and retry", which must
-  // settle within a few rounds.
+  // ERESTART means "look the names up again": it must settle in a few rounds.
   template <typename Op>
   int restarting(Op op) {
     int error = ERESTART;
@@ -281,8 +221,6 @@ class PowerCut : public NamespaceTest {
     }
     return resolve(path, out);
   }
-
-  // --- Operations of the workload, keeping the model of the tree ---
 
   void op_mkdir(const std::string& path) {
     Vref dir, made;
@@ -376,8 +314,7 @@ class PowerCut : public NamespaceTest {
       promise(path, true, false);
   }
 
-  // Records that `path` is owed as the model has it now, once the delayed
-  // flush that the fsync asked for has run.
+  // `path` is owed as the model has it now, once the delayed flush ran.
   void promise(const std::string& path, bool link, bool needs_flush = true) {
     wait_for_delayed_flush();
     if (cut())
@@ -424,8 +361,8 @@ class PowerCut : public NamespaceTest {
     op_write("d1/alpha-next", 0, pattern_bytes(0, 2500, 8), 2);
   }
 
-  // One run: mount, arm the cut, run the workload, cut, drop the caches.
-  // Returns the image the device kept and the device writes of the run.
+  // Mounts, arms the cut, runs the workload, cuts and drops the caches;
+  // returns the device writes of the run and the image the device kept.
   uint64_t run(const std::vector<uint8_t>& base, Device device, int64_t cut_after,
                std::vector<uint8_t>* image) {
     device_ = device;
@@ -449,8 +386,7 @@ class PowerCut : public NamespaceTest {
       uint64_t writes = stats().writes;
       final_flushes_ = stats().flushes;
       host_memdev_power_cut(devvp);
-      // The device is dead from here on: nothing the unmount writes lands.
-      host_memdev_faults dead;
+      host_memdev_faults dead;  // nothing the unmount writes lands
       dead.fail_writes_after = 0;
       dead.power_cut_mode = true;
       host_memdev_set_faults(devvp, dead);
@@ -470,8 +406,7 @@ class PowerCut : public NamespaceTest {
     return !p.needs_flush || final_flushes_ > p.flushes;
   }
 
-  // Mounts what the device kept and checks everything the run promised;
-  // walks the rest of the tree. `what` names the run in messages.
+  // Mounts what the device kept, checks the promises and walks the tree.
   void check_image(const std::vector<uint8_t>& image, const std::string& what) {
     SCOPED_TRACE(what);
     EXPECT_TRUE(le16dec(&image[EXFAT_BOOT_VOLUME_FLAGS_OFFSET]) & EXFAT_VOLUME_DIRTY)
@@ -520,10 +455,8 @@ class PowerCut : public NamespaceTest {
     release_nodes();
     ASSERT_EQ(0, unmount());
 
-    // Read-write, filling the volume: on a volume the checker calls clean,
-    // no new allocation may take a cluster that something still owns.
-    // (Where the checker found something, it has to repair the volume
-    // before it is written; then only the absence of a crash counts.)
+    // Filled read-write: on a clean volume no allocation may take an owned
+    // cluster (a damaged one must be repaired first: only "no crash" counts).
     mount_image(image, 0);
     if (HasFatalFailure())
       return;
@@ -543,8 +476,7 @@ class PowerCut : public NamespaceTest {
     }
   }
 
-  // Lists, looks up and reads everything; any errno is allowed here, the
-  // promises were checked already.
+  // Lists, looks up and reads everything; any errno is allowed here.
   void walk(vnode_t dvp, int depth) {
     std::vector<DirRecord> records;
     if (vn_list(dvp, &records) != 0 || depth > 8)

@@ -1,7 +1,5 @@
-// Directory listing on mounted builder images: the "." and ".." records,
-// listing positions and resuming, both record forms, record types and file
-// numbers, name conversion (decomposed, SFM, cut to fit, unconvertible),
-// removed and corrupt directories.
+// Directory listing: positions and resuming, both record forms, types and
+// file numbers, name conversion, removed and corrupt directories.
 
 #include <gtest/gtest.h>
 
@@ -145,9 +143,7 @@ class ReaddirTest : public VolumeTest {
   }
 };
 
-// An empty directory lists ".", ".." and ends, at x_size + 64. "." is the
-// directory's first cluster and ".." its parent's; the root's ".." is the
-// root itself. Listing again at the end gives nothing and end of file.
+// An empty directory lists ".", ".." and ends, at x_size + 64.
 TEST_F(ReaddirTest, EmptyDirectoryAndTheEnd) {
   Dir empty = builder_.mkdir(builder_.root(), u"empty", 2);
   mount_built();
@@ -179,9 +175,7 @@ TEST_F(ReaddirTest, EmptyDirectoryAndTheEnd) {
   EXPECT_EQ(xm->xm_root_cluster, root.records[1].ino);
 }
 
-// A buffer that holds exactly one record gets one record per call; each
-// call leaves the offset at the record that did not fit (for a set, the
-// set's offset + 64), and the last one reaches the end.
+// A buffer that holds exactly one record gets one record per call.
 TEST_F(ReaddirTest, OneRecordAtATime) {
   Placed a = builder_.add_file(builder_.root(), u"a", bytes("1"));
   Placed b = builder_.add_file(builder_.root(), u"b", bytes("2"));
@@ -236,9 +230,7 @@ TEST_F(ReaddirTest, RefusedRequests) {
   EXPECT_EQ(ENOTDIR, list(file, 0, 4096).error);
 }
 
-// Record types and file numbers: directories DT_DIR; a file of a link
-// file's size DT_UNKNOWN, one byte less DT_REG; an empty file has number 1,
-// others their first cluster. The extended form has d_seekoff 0.
+// Record types and file numbers.
 TEST_F(ReaddirTest, TypesAndFileNumbers) {
   Placed link = builder_.add_file(builder_.root(), u"maybe-link",
                                   std::vector<uint8_t>(1067, 'x'));
@@ -272,12 +264,8 @@ TEST_F(ReaddirTest, TypesAndFileNumbers) {
   }
 }
 
-// Listed names are decomposed and SFM private-use code points come back as
-// the characters they stand for. A 255-unit name whose UTF-8 form exceeds
-// 255 bytes is cut to what fits in the short form (at a character
-// boundary) and whole in the extended form; the listing goes on after it.
-// A name that can't be converted (an unpaired surrogate) is left out and
-// marks the volume corrupt.
+// Listed names are decomposed and SFM private-use code points come back as the
+// characters they stand for.
 TEST_F(ReaddirTest, NameConversion) {
   builder_.add_file(builder_.root(), u"caf\u00e9", bytes("x"));
   builder_.add_file(builder_.root(), u"a\uf022b\uf001", bytes("y"));
@@ -315,10 +303,8 @@ TEST_F(ReaddirTest, NameConversion) {
   EXPECT_EQ("last", extended.records[3].name);
 }
 
-// A large directory listed with small buffers, call after call, yields
-// every name once, in directory order, across blocks and clusters; deleted
-// sets and unknown benign sets are not listed, and a cookie that points at
-// a free entry resumes at the next set.
+// A large directory listed with small buffers, call after call, yields every
+// name once, in directory order, across blocks and clusters.
 TEST_F(ReaddirTest, ResumedListingSeesEverySetOnce) {
   Dir big = builder_.mkdir(builder_.root(), u"big", 4);
   std::vector<std::string> expect = {".", ".."};

@@ -1,7 +1,5 @@
-// Remove and rmdir driven as the kernel drives them: which bytes a removal
-// changes, when a removed file's clusters go, busy files, names that moved
-// under the operation, what makes a directory empty, the release of what
-// its benign entries hold, and the fate of its cached blocks.
+// Remove and rmdir as the kernel drives them: the bytes changed, when
+// clusters go, busy and moved names, emptiness and benign allocations.
 
 #include <gtest/gtest.h>
 
@@ -18,17 +16,6 @@ namespace {
 
 class RemoveTest : public NamespaceTest {
  protected:
-  // Reads `length` bytes of a file from offset 0 through the vnode.
-  std::string read_file(vnode_t vp, size_t length) {
-    std::string data(length, '\0');
-    uio_t uio = uio_create(1, 0, UIO_SYSSPACE, UIO_READ);
-    uio_addiov(uio, reinterpret_cast<user_addr_t>(data.data()), length);
-    EXPECT_EQ(0, VNOP_READ(vp, uio, 0, ctx_));
-    data.resize(length - static_cast<size_t>(uio_resid(uio)));
-    uio_free(uio);
-    return data;
-  }
-
   // A directory of the builder's root holding one set whose benign primary
   // (0xA5) owns a contiguous run and whose vendor secondary (0xE1) owns a
   // FAT chain. Returns the clusters the two allocations hold.
@@ -55,10 +42,8 @@ class RemoveTest : public NamespaceTest {
   }
 };
 
-// Removing an open file deletes its set at once (only the InUse bits
-// change) and marks the node deleted, stale and parentless; the file stays
-// readable through its open vnode and keeps its clusters until the last
-// reference goes, when they are freed.
+// Removing an open file deletes its set at once (only the InUse bits change)
+// and marks the node deleted, stale and parentless.
 TEST_F(RemoveTest, OpenFileKeepsItsClustersUntilLastReference) {
   std::string contents(3 * 512, 'q');
   Placed placed = builder_.add_file(builder_.root(), u"data", bytes(contents));
@@ -218,9 +203,7 @@ TEST_F(RemoveTest, FreeCallbackRefusesACriticalPrimary) {
   EXPECT_EQ(0, exfat_dir_empty_callback(nullptr, set, nullptr, 0));
 }
 
-// After rmdir the directory's blocks are dropped from the cache unwritten:
-// a deletion made in it just before, still only in the cache, never
-// reaches the disk, where its clusters may belong to someone else by then.
+// After rmdir the directory's blocks are dropped from the cache unwritten.
 TEST_F(RemoveTest, RmdirDiscardsTheDirectorysDirtyBlocks) {
   Dir dir = builder_.mkdir(builder_.root(), u"d");
   builder_.add_file(dir, u"f", bytes(""));

@@ -1,7 +1,5 @@
-// Rename driven as the kernel drives it: where the new set goes and what
-// happens to the old one, the Hidden bit, moves between directories and
-// into a directory's own subtree, replacing files and directories, a rename
-// that finds no room, and names that changed under the operation.
+// Rename as the kernel drives it: the new and old sets, Hidden, moves across
+// and into directories, replacing, running out of room, changed names.
 
 #include <gtest/gtest.h>
 
@@ -18,16 +16,6 @@ namespace {
 
 class RenameTest : public NamespaceTest {
  protected:
-  std::string read_file(vnode_t vp, size_t length) {
-    std::string data(length, '\0');
-    uio_t uio = uio_create(1, 0, UIO_SYSSPACE, UIO_READ);
-    uio_addiov(uio, reinterpret_cast<user_addr_t>(data.data()), length);
-    EXPECT_EQ(0, VNOP_READ(vp, uio, 0, ctx_));
-    data.resize(length - static_cast<size_t>(uio_resid(uio)));
-    uio_free(uio);
-    return data;
-  }
-
   std::string vnode_name(vnode_t vp) {
     char name[256];
     int n = vnode_getname_copy(vp, name, sizeof(name));
@@ -35,9 +23,7 @@ class RenameTest : public NamespaceTest {
   }
 };
 
-// A rename that only changes letter case finds the source as its own
-// target; the set moves to new slots, the old ones become free, and the
-// node, its key and its vnode's name follow.
+// A rename that only changes letter case finds the source as its own target.
 TEST_F(RenameTest, CaseOnlyRenameMovesTheSet) {
   Placed placed = builder_.add_file(builder_.root(), u"abc", bytes("data"));
   mount_built();
@@ -83,10 +69,7 @@ TEST_F(RenameTest, HiddenFollowsTheLeadingDot) {
   unmount_and_check();
 }
 
-// A file moved to another directory: its set leaves the old directory and
-// arrives in the new one, the node's key and parent change, and the kernel
-// reports the new directory as the vnode's parent. A directory moved the
-// same way keeps its contents.
+// A file moved to another directory.
 TEST_F(RenameTest, CrossDirectoryMoveReparents) {
   Placed placed = builder_.add_file(builder_.root(), u"f", bytes("moving"));
   Dir src = builder_.mkdir(builder_.root(), u"sub");
@@ -147,8 +130,7 @@ TEST_F(RenameTest, DirectoryIntoItsOwnSubtreeIsRefused) {
 }
 
 // A directory replaces an empty directory, whose cluster is freed once its
-// vnode is let go; a non-empty one is refused. A file can't replace a
-// directory, nor a directory a file.
+// vnode is let go.
 TEST_F(RenameTest, ReplacingChecksTypesAndEmptiness) {
   builder_.mkdir(builder_.root(), u"src");
   Dir empty = builder_.mkdir(builder_.root(), u"empty");
@@ -178,10 +160,7 @@ TEST_F(RenameTest, ReplacingChecksTypesAndEmptiness) {
   unmount_and_check();
 }
 
-// A directory replaced by a rename loses its clusters when its vnode goes;
-// a delayed write of one of its blocks must go with them, or it would land
-// on a cluster that now belongs to someone else. With MNT_ASYNC nothing is
-// flushed behind the test's back, so the sync decides.
+// A directory replaced by a rename loses its clusters when its vnode goes.
 TEST_F(RenameTest, ReplacedDirectoryLeavesNoDelayedWriteBehind) {
   builder_.mkdir(builder_.root(), u"src");
   Dir victim_dir = builder_.mkdir(builder_.root(), u"victim");
@@ -253,9 +232,8 @@ TEST_F(RenameTest, NoRoomOnAFullVolumeChangesNothing) {
   unmount_and_check();
 }
 
-// A node whose entry is still pending in memory when it is renamed gets
-// that entry written at its new place: a new directory's first cluster,
-// recorded only when its vnode is let go, lands in the moved set.
+// A node whose entry is still pending in memory when it is renamed gets that
+// entry written at its new place.
 TEST_F(RenameTest, PendingEntryIsWrittenAtTheNewPlace) {
   mount_built();
   Vref dir, target;
@@ -272,13 +250,8 @@ TEST_F(RenameTest, PendingEntryIsWrittenAtTheNewPlace) {
   unmount_and_check();
 }
 
-// A set that was checked once is trusted by later walks of its directory
-// (its checksum is not computed again); when its block comes back from the
-// device with other contents (a device that lost writes, or a change behind
-// the driver's back), rename must not reshape it: a set whose checksum no
-// longer holds is refused with EIO, and one whose counts no longer agree is
-// not even found (the walk checks every set's shape), instead of having
-// entries moved outside the work buffer.
+// A set that was checked once is trusted by later walks of its directory (its
+// checksum is not computed again).
 TEST_F(RenameTest, SetThatChangedOnTheDeviceIsRefused) {
   Placed a = builder_.add_file(builder_.root(), u"a", bytes("data"));
   Placed b = builder_.add_file(builder_.root(), u"b", bytes("data"));
@@ -302,9 +275,7 @@ TEST_F(RenameTest, SetThatChangedOnTheDeviceIsRefused) {
   EXPECT_TRUE(error == ENOENT || error == ERESTART) << error;
 }
 
-// Names that changed between the kernel's lookups and the rename: a
-// source removed meanwhile restarts; a target that appeared meanwhile is
-// EEXIST; a target vnode whose name now leads elsewhere restarts.
+// Names that changed between the kernel's lookups and the rename.
 TEST_F(RenameTest, ChangedNamesRestartOrExist) {
   builder_.add_file(builder_.root(), u"a", bytes("1"));
   builder_.add_file(builder_.root(), u"b", bytes("2"));
@@ -332,10 +303,8 @@ TEST_F(RenameTest, ChangedNamesRestartOrExist) {
 
 class RenameConcurrency : public NamespaceTest {};
 
-// Two threads moving files back and forth between two directories in
-// opposite directions while a third creates in both: the lock order keeps
-// them from deadlocking, every file ends up somewhere, and the volume is
-// consistent.
+// Two threads moving files back and forth between two directories in opposite
+// directions while a third creates in both.
 TEST_F(RenameConcurrency, OppositeMovesBetweenTwoDirectories) {
   mount_built();
   Vref left, right;

@@ -3,6 +3,7 @@
 // a bitmap or an up-case table.
 
 #include <cstring>
+#include <functional>
 
 #include "mount_fixture.h"
 #include "tests/support/image_builder.h"
@@ -10,14 +11,6 @@
 using namespace exvol::test;
 
 namespace {
-
-std::string uuid_string(const uint8_t* u) {
-  char s[37];
-  snprintf(s, sizeof(s), "%02X%02X%02X%02X-%02X%02X-%02X%02X-%02X%02X-%02X%02X%02X%02X%02X%02X",
-           u[0], u[1], u[2], u[3], u[4], u[5], u[6], u[7], u[8], u[9], u[10], u[11], u[12], u[13],
-           u[14], u[15]);
-  return s;
-}
 
 uint32_t used_clusters(const ImageBuilder& b) {
   uint32_t used = 0;
@@ -91,53 +84,39 @@ TEST_F(RootScan, SecondUpcaseTableIsReportedAndNotRead) {
   EXPECT_EQ(0x00E9, xm->xm_upcase[0x00E9]);
 }
 
-TEST_F(RootScan, LabelIsTakenWithItsOffsetAndTheLastOneWins) {
-  ImageBuilder b;
-  b.add_bitmap_entry().add_upcase_entry().add_label(u"FIRST");
-  Placed last = b.add_entry(b.root(), label_entry(u"Été"));
-  ASSERT_EQ(0, load(b.build()));
-  ASSERT_EQ(0, mount(MNT_RDONLY));
-  EXPECT_STREQ("E\xCC\x81te\xCC\x81", xm->xm_label) << "reported decomposed";
-  EXPECT_EQ(last.offset, xm->xm_label_offset);
-}
-
-TEST_F(RootScan, DeletedLabelIsNotReported) {
-  ImageBuilder b;
-  b.add_bitmap_entry().add_upcase_entry();
+// The last label wins and is reported decomposed.
+TEST_F(RootScan, LabelEntries) {
   Entry deleted = label_entry(u"GONE");
   deleted[0] = 0x03;
-  b.add_entry(b.root(), deleted);
-  ASSERT_EQ(0, load(b.build()));
-  ASSERT_EQ(0, mount(MNT_RDONLY));
-  EXPECT_STREQ("", xm->xm_label);
-  EXPECT_EQ(EXFAT_NO_LABEL_OFFSET, xm->xm_label_offset);
-}
-
-TEST_F(RootScan, LabelWithNoCharactersIsEmptyButRecorded) {
-  ImageBuilder b;
-  b.add_bitmap_entry().add_upcase_entry();
-  Placed label = b.add_entry(b.root(), label_entry(u"IGNORED", 0));
-  ASSERT_EQ(0, load(b.build()));
-  ASSERT_EQ(0, mount(MNT_RDONLY));
-  EXPECT_STREQ("", xm->xm_label);
-  EXPECT_EQ(label.offset, xm->xm_label_offset);
-}
-
-TEST_F(RootScan, OverlongCharacterCountReadsOnlyTheEntry) {
-  ImageBuilder b;
-  b.add_bitmap_entry().add_upcase_entry();
-  Entry label = label_entry(u"ELEVENCHARS", 200);
-  // Whatever follows the label inside the entry is not part of the name.
-  label[24] = 'X';
-  b.add_entry(b.root(), label);
-  ASSERT_EQ(0, load(b.build()));
-  ASSERT_EQ(0, mount(MNT_RDONLY));
-  EXPECT_STREQ("ELEVENCHARS", xm->xm_label);
+  Entry overlong = label_entry(u"ELEVENCHARS", 200);
+  overlong[24] = 'X';
+  struct Case {
+    const char* what;
+    std::vector<Entry> entries;
+    const char* label;
+    bool recorded;  // at the last entry's offset
+  } cases[] = {
+      {"last wins", {label_entry(u"FIRST"), label_entry(u"Été")}, "E\xCC\x81te\xCC\x81", true},
+      {"deleted", {deleted}, "", false},
+      {"no characters", {label_entry(u"IGNORED", 0)}, "", true},
+      {"overlong count", {overlong}, "ELEVENCHARS", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ImageBuilder b = mountable();
+    Placed last;
+    for (const Entry& e : c.entries)
+      last = b.add_entry(b.root(), e);
+    ASSERT_EQ(0, load(b.build()));
+    ASSERT_EQ(0, mount(MNT_RDONLY));
+    EXPECT_STREQ(c.label, xm->xm_label);
+    EXPECT_EQ(c.recorded ? last.offset : EXFAT_NO_LABEL_OFFSET, xm->xm_label_offset);
+    ASSERT_EQ(0, unmount());
+  }
 }
 
 TEST_F(RootScan, UnconvertibleLabelFailsTheMount) {
-  ImageBuilder b;
-  b.add_bitmap_entry().add_upcase_entry();
+  ImageBuilder b = mountable();
   Entry label = label_entry(u"AB");
   label[2] = 0x00;  // an unpaired high surrogate
   label[3] = 0xD8;
@@ -147,66 +126,57 @@ TEST_F(RootScan, UnconvertibleLabelFailsTheMount) {
   expect_nothing_left("after a bad label");
 }
 
-TEST_F(RootScan, VolumeGuidReplacesTheSerialUuid) {
-  ImageBuilder b;
-  b.add_bitmap_entry().add_upcase_entry().add_guid(kGuid);
-  ASSERT_EQ(0, load(b.build()));
-  ASSERT_EQ(0, mount(MNT_RDONLY));
-  EXPECT_EQ("33221100-5544-7766-8899-AABBCCDDEEFF", uuid_string(xm->xm_uuid));
-}
-
-TEST_F(RootScan, VolumeGuidWithABadChecksumKeepsTheSerialUuid) {
-  for (bool claims_secondaries : {false, true}) {
-    ImageBuilder b(Geometry{.serial = 0x12345678});
-    b.add_bitmap_entry().add_upcase_entry();
-    if (claims_secondaries) {
-      // A GUID entry whose checksum is right only for a two-entry set.
+// A valid Volume GUID entry gives the UUID; one with a wrong checksum (or
+// a checksum right only for a two-entry set) leaves the serial's UUID.
+TEST_F(RootScan, VolumeGuidGivesTheUuidOnlyWithItsChecksum) {
+  for (int variant = 0; variant < 3; variant++) {
+    SCOPED_TRACE(variant);
+    ImageBuilder b = mountable(Geometry{.serial = 0x12345678});
+    if (variant == 0) {
+      b.add_guid(kGuid);
+    } else if (variant == 1) {
+      b.add_guid(kGuid, false);
+    } else {
       Entry e = guid_entry(kGuid);
       e[1] = 1;
       std::vector<uint8_t> set(e.begin(), e.end());
       set.resize(64);
       fix_set_checksum(set);
       b.add_entries(b.root(), set);
-    } else {
-      b.add_guid(kGuid, false);
     }
     ASSERT_EQ(0, load(b.build()));
     ASSERT_EQ(0, mount(MNT_RDONLY));
-    EXPECT_EQ("9246EF5C-39A0-3E38-8960-B3D469327E21", uuid_string(xm->xm_uuid));
+    EXPECT_EQ(variant == 0 ? "33221100-5544-7766-8899-AABBCCDDEEFF"
+                           : "9246EF5C-39A0-3E38-8960-B3D469327E21",
+              uuid_string(xm->xm_uuid));
     ASSERT_EQ(0, unmount());
   }
 }
 
-class MissingSystemFiles : public MountTest {
- protected:
-  // Mounts read-write and expects EINVAL, the messages, and a device left
-  // exactly as it was.
-  void expect_refused(ImageBuilder& b, bool upcase_message, bool bitmap_message) {
+// Without an up-case table or an active bitmap the mount fails with EINVAL
+// and its messages, writing nothing and leaving nothing behind.
+TEST_F(RootScan, MissingSystemFilesAreRefused) {
+  struct Case {
+    const char* what;
+    std::function<void(ImageBuilder&)> entries;
+    bool no_upcase, no_bitmap;
+  } cases[] = {
+      {"no up-case", [](ImageBuilder& b) { b.add_bitmap_entry(); }, true, false},
+      {"second-FAT bitmap only",
+       [](ImageBuilder& b) { b.add_bitmap_entry(0x01).add_upcase_entry(); }, false, true},
+      {"neither", [](ImageBuilder& b) { b.add_label(u"EMPTY"); }, true, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ImageBuilder b;
+    c.entries(b);
     std::vector<uint8_t> image = b.build();
     ASSERT_EQ(0, load(image));
     KernLogCapture log;
     EXPECT_EQ(EINVAL, mount());
-    EXPECT_EQ(upcase_message ? 1u : 0u, log.count("exfat_scan_root_dir: No upcase table!"));
-    EXPECT_EQ(bitmap_message ? 1u : 0u, log.count("exfat_scan_root_dir: No volume bitmap!"));
+    EXPECT_EQ(c.no_upcase ? 1u : 0u, log.count("exfat_scan_root_dir: No upcase table!"));
+    EXPECT_EQ(c.no_bitmap ? 1u : 0u, log.count("exfat_scan_root_dir: No volume bitmap!"));
     EXPECT_EQ(image, read_device(0, image.size())) << "nothing may be written";
-    expect_nothing_left("after a volume without system files");
+    expect_nothing_left(c.what);
   }
-};
-
-TEST_F(MissingSystemFiles, NoUpcaseTable) {
-  ImageBuilder b;
-  b.add_bitmap_entry();
-  expect_refused(b, true, false);
-}
-
-TEST_F(MissingSystemFiles, OnlyASecondFatBitmap) {
-  ImageBuilder b;
-  b.add_bitmap_entry(0x01).add_upcase_entry();
-  expect_refused(b, false, true);
-}
-
-TEST_F(MissingSystemFiles, NeitherGivesBothMessages) {
-  ImageBuilder b;
-  b.add_label(u"EMPTY");
-  expect_refused(b, true, true);
 }

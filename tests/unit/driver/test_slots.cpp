@@ -1,7 +1,5 @@
-// Free entry slots and entry deletion on mounted builder images with
-// 512-byte clusters (16 slots per directory cluster): where a search for
-// slots lands, how a directory grows when no run is long enough, which bytes
-// a deletion changes, and which clusters it releases.
+// Free entry slots and entry deletion with 512-byte clusters (16 slots per
+// directory cluster): where sets land, growth, bytes changed, clusters freed.
 
 #include <gtest/gtest.h>
 
@@ -199,9 +197,8 @@ TEST_F(SlotTest, GrowthWithoutSpaceChangesNothing) {
   EXPECT_EQ(0u, dir_node_->x_flags & X_STREAM_DIRTY);
 }
 
-// Deleting a set clears bit 7 of each entry's type and changes no other
-// byte, neither of the set nor of its neighbours. Without its work buffer
-// a deletion changes nothing.
+// Deleting a set clears bit 7 of each entry's type and changes no other byte,
+// neither of the set nor of its neighbours.
 TEST_F(SlotTest, DeletionClearsOnlyTheInUseBits) {
   add(3);
   uint32_t b = add(3);
@@ -229,10 +226,7 @@ TEST_F(SlotTest, DeletionClearsOnlyTheInUseBits) {
   EXPECT_EQ(expected, read_device(builder_.dir_byte_offset(dir_, 0), kCluster));
 }
 
-// The free flag: 0 leaves every allocation alone; 1 releases the clusters
-// of extra secondaries that own some (a contiguous run or a chain), never
-// the stream extension's, and never those of a secondary without
-// AllocationPossible.
+// The free flag releases only the clusters of extra secondaries that own some.
 TEST_F(SlotTest, FreeFlagReleasesOnlyExtraSecondaries) {
   auto set_with_extras = [&](uint32_t* data, uint32_t* run, uint32_t* chain, uint32_t* inert) {
     *data = builder_.allocate(1, Alloc::Chain);
@@ -280,10 +274,8 @@ TEST_F(SlotTest, FreeFlagReleasesOnlyExtraSecondaries) {
     EXPECT_EQ(types[i], entries[i * EXFAT_ENTRY_SIZE]) << i;
 }
 
-// Entries that belong in the root alone are reported when a releasing
-// deletion meets them, and still freed; a plain deletion says nothing. A
-// secondary whose clusters cannot be released is reported and deleted
-// anyway; the deletion succeeds.
+// Entries that belong in the root alone are reported when a releasing deletion
+// meets them, and still freed.
 TEST_F(SlotTest, ReleasingDeletionsReportWhatTheyCannotHandle) {
   uint32_t guid = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_GUID)).offset;
   builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_LABEL));

@@ -29,13 +29,6 @@ std::string target_of_length(size_t n) {
 
 class SymlinkTest : public NamespaceTest {
  protected:
-  void remount() {
-    release_nodes();
-    ASSERT_EQ(0, unmount());
-    ASSERT_EQ(0, mount());
-    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
-  }
-
   // The first `length` bytes of a file's clusters as on the device,
   // following the FAT unless the run is contiguous.
   std::vector<uint8_t> file_on_device(uint32_t first, bool contiguous, size_t length) {
@@ -64,11 +57,7 @@ class SymlinkTest : public NamespaceTest {
   }
 };
 
-// Targets of 0, 1, 1023 and 1024 bytes give exactly the documented file:
-// the empty target's digest and a newline then 1023 spaces; 1023 bytes end
-// with a single newline; 1024 bytes fill the file. The rest of the last
-// cluster is zero. Each link is a VLNK of 1067 bytes whose readlink gives
-// exactly its target.
+// Targets of 0, 1, 1023 and 1024 bytes give exactly the documented file.
 TEST_F(SymlinkTest, LinkFilesAreLaidOutExactly) {
   EXPECT_EQ("XSym\n0000\nd41d8cd98f00b204e9800998ecf8427e\n\n" + std::string(1023, ' '),
             link_file(""));
@@ -117,8 +106,7 @@ TEST_F(SymlinkTest, TargetOver1024BytesIsRefused) {
   EXPECT_EQ(free_before, free_clusters());
 }
 
-// readlink is for links: a regular file gives EINVAL, a removed link
-// EAGAIN.
+// readlink of a regular file is EINVAL, of a removed link EAGAIN.
 TEST_F(SymlinkTest, ReadlinkRefusesFilesAndRemovedLinks) {
   builder_.add_file(builder_.root(), u"plain", bytes("x"));
   mount_built();
@@ -133,11 +121,8 @@ TEST_F(SymlinkTest, ReadlinkRefusesFilesAndRemovedLinks) {
   EXPECT_EQ(0u, moved);
 }
 
-// Recognition happens when a node is instantiated: a link made here is a
-// link again after a remount, and a link whose target was changed on disk
-// (so its digest no longer matches) comes back as a regular file. Builder
-// files of 1067 bytes: a valid one is a link, one with its digest in
-// uppercase or without the magic is a regular file.
+// A file is recognised as a link, by its magic and its lower-case digest,
+// each time its node is instantiated.
 TEST_F(SymlinkTest, RecognitionChecksMagicAndDigest) {
   std::string good = link_file("some/where");
   std::string upper = good;
@@ -157,7 +142,7 @@ TEST_F(SymlinkTest, RecognitionChecksMagicAndDigest) {
   uint32_t damaged = link.node()->x_start_cluster;
   made.reset();
   link.reset();
-  remount();
+  remount(0);
 
   std::map<std::string, enum vtype> expect = {
       {"built", VLNK}, {"upper", VREG}, {"nomagic", VREG}, {"made", VLNK}, {"damaged", VLNK}};
@@ -183,8 +168,7 @@ TEST_F(SymlinkTest, RecognitionChecksMagicAndDigest) {
   EXPECT_EQ(kLinkSize, v.node()->x_size);
 }
 
-// With no cluster free the link is not made: ENOSPC, and its entry set is
-// deleted again.
+// With no cluster free the link is not made and its entry set is deleted.
 TEST_F(SymlinkTest, FullVolumeLeavesNoLink) {
   fill_volume_with_file(u"filler");
   mount_built();

@@ -1,8 +1,5 @@
-// The volume sync on mounted builder images: open files' data and entries,
-// the FAT and bitmap caches and percentInUse reach the device without any
-// delayed flush (the volumes are mounted asynchronous, so nothing else
-// writes), the volume is then consistent for the checker, and a read-only
-// volume is never written.
+// The volume sync (on MNT_ASYNC mounts, so nothing else writes): data,
+// entries, caches and percentInUse reach the device; read-only writes nothing.
 
 #include <gtest/gtest.h>
 
@@ -30,10 +27,7 @@ class SyncTest : public VolumeTest {
   int write(vnode_t vp, const std::vector<uint8_t>& data) { return vn_write(vp, 0, data).error; }
 };
 
-// Two files written and still open: one sync writes their data, their
-// entries, the allocation in the FAT and the bitmap and percentInUse, so
-// that the device alone, checked while the volume is still mounted, is a
-// consistent volume.
+// Two files written and still open.
 TEST_F(SyncTest, SyncWritesOpenFilesAndTheCaches) {
   uint32_t f = empty_file(u"f");
   uint32_t g = empty_file(u"g");

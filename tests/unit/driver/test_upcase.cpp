@@ -84,25 +84,42 @@ TEST(UpcaseLength, LimitIsTheExpandedTableSize) {
   }
 }
 
-TEST_F(UpcaseExpand, RunsOfZeroAreSkipped) {
-  expect_accepted(upcase_items({0xFFFF, 0x0000, 0x0041, 0xFFFF, 0x0000, 0xFFFF, 0xFFFF}));
+// Compressed tables through runs, with their exact messages when malformed.
+TEST_F(UpcaseExpand, RunsAndMalformations) {
+  using Items = std::vector<uint16_t>;
+  struct Case {
+    const char* what;
+    std::vector<uint8_t> data;
+    const char* message;  // nullptr: accepted
+  } cases[] = {
+      {"all code units through runs", upcase_items(Items{0xFFFF, 0xFFFF, 0xFFFF, 1}), nullptr},
+      {"run reaching 0xFFFF", upcase_items(Items{0xFFFF, 0xFFFA, 0xFFFF, 6}), nullptr},
+      {"0xFFFF then a count is a run", upcase_items(Items{0xFFFF, 0xFFFE, 0x41, 0xFFFF, 1}),
+       nullptr},
+      {"65,535 units", upcase_items(Items{0xFFFF, 0xFFFF}), kTooShort},
+      {"no items", {}, kTooShort},
+      {"one odd byte", {0x41}, kTooShort},
+      {"two items", upcase_items(Items{0x41, 0x42}), kTooShort},
+      {"run past 0xFFFF", upcase_items(Items{0xFFFF, 0xFFFA, 0xFFFF, 10}), kRunTooLarge},
+      {"items after a full table", upcase_items(Items{0xFFFF, 0xFFFF, 0x41, 0xFFFF, 0}),
+       kSourceTooLarge},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    mount_ = {};
+    if (c.message != nullptr)
+      expect_corrupt(c.data, c.message);
+    else
+      expect_accepted(c.data);
+  }
+  mount_ = {};  // a final 0xFFFF is a plain item
+  expect_accepted(upcase_items(Items{0xFFFF, 0xFFFE, 0x41, 0xFFFF}));
+  EXPECT_EQ(table_[0xFFFE], 0x41);
+  EXPECT_EQ(table_[0xFFFF], 0xFFFF);
+  mount_ = {};  // runs of zero are skipped
+  expect_accepted(upcase_items(Items{0xFFFF, 0, 0x41, 0xFFFF, 0, 0xFFFF, 0xFFFF}));
   EXPECT_EQ(table_[0], 0x41);
   EXPECT_TRUE(identity_from(1));
-}
-
-TEST_F(UpcaseExpand, ExactlyAllCodeUnitsThroughRuns) {
-  expect_accepted(upcase_items({0xFFFF, 0xFFFF, 0xFFFF, 0x0001}));
-  EXPECT_TRUE(identity_from(0));
-}
-
-TEST_F(UpcaseExpand, TooShort) {
-  expect_corrupt(upcase_items({0xFFFF, 0xFFFF}), kTooShort);  // 65,535 code units
-  mount_ = {};
-  expect_corrupt({}, kTooShort);                               // no items at all
-  mount_ = {};
-  expect_corrupt({0x41}, kTooShort);                           // one odd byte, no item
-  mount_ = {};
-  expect_corrupt(upcase_items({0x41, 0x42}), kTooShort);
 }
 
 TEST_F(UpcaseExpand, PlainItemsOnly) {
@@ -112,36 +129,12 @@ TEST_F(UpcaseExpand, PlainItemsOnly) {
     EXPECT_EQ(table_[c], items[c]) << c;
   EXPECT_EQ(table_[0xFFFF], items[0xFFFF]);
 
-  // A trailing odd byte is not an item.
   std::vector<uint8_t> odd = upcase_items(items);
-  odd.push_back(0x7F);
+  odd.push_back(0x7F);  // a trailing odd byte is not an item
   expect_accepted(odd);
 
-  // One item more is left over once every code unit is mapped.
-  items.push_back(0x0041);
+  items.push_back(0x0041);  // one item left over once every unit is mapped
   expect_corrupt(upcase_items(items), kSourceTooLarge);
-}
-
-TEST_F(UpcaseExpand, RunPastTheLastCodeUnit) {
-  // Identity up to 0xFFF9, then a run of 10 from 0xFFFA: 4 units too many.
-  expect_corrupt(upcase_items({0xFFFF, 0xFFFA, 0xFFFF, 10}), kRunTooLarge);
-  // Exactly reaching 0xFFFF is fine.
-  mount_ = {};
-  expect_accepted(upcase_items({0xFFFF, 0xFFFA, 0xFFFF, 6}));
-}
-
-TEST_F(UpcaseExpand, ItemsAfterAFullTable) {
-  expect_corrupt(upcase_items({0xFFFF, 0xFFFF, 0x0041, 0xFFFF, 0x0000}), kSourceTooLarge);
-}
-
-TEST_F(UpcaseExpand, FinalFfffItemIsAPlainValue) {
-  // 0..0xFFFD identity, 0xFFFE -> 'A', and a last 0xFFFF maps 0xFFFF.
-  expect_accepted(upcase_items({0xFFFF, 0xFFFE, 0x0041, 0xFFFF}));
-  EXPECT_EQ(table_[0xFFFE], 0x41);
-  EXPECT_EQ(table_[0xFFFF], 0xFFFF);
-  // The same 0xFFFF followed by a count starts a run instead.
-  mount_ = {};
-  expect_accepted(upcase_items({0xFFFF, 0xFFFE, 0x0041, 0xFFFF, 0x0001}));
 }
 
 TEST(UpcaseLoad, ChecksumIsVerifiedBeforeExpanding) {

@@ -1,28 +1,15 @@
 #pragma once
-// The fixture of the tests that drive one mounted builder volume.
-//
-// The builder starts with the bitmap and up-case entries in its root; a
-// test adds what it needs, calls mount_built(), and reaches the root
-// (root_vp_, root_) and the nodes of the root's entry sets, fetched the way
-// lookup fetches them. Every vnode the fixture hands out is released at
-// TearDown; unmount_and_check() releases them early, unmounts, and gives
-// the device to the exFAT checker.
-//
-//   class MyTest : public exvol::test::VolumeTest {};
-//   TEST_F(MyTest, Something) {
-//     uint32_t f = builder_.add_file(builder_.root(), u"f", bytes("data")).offset;
-//     mount_built();
-//     vnode_t vp = get(f);
-//     ...
-//     unmount_and_check();
-//   }
+// The fixture of the tests that drive one mounted builder volume: the
+// builder starts with the bitmap and up-case entries; a test adds what it
+// needs, calls mount_built() and reaches the root (root_vp_, root_) and the
+// nodes of the root's entry sets, fetched as lookup fetches them. Every
+// vnode handed out is released at TearDown.
 
 #include <gtest/gtest.h>
 #include <md5.h>
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdio>
 #include <chrono>
 #include <thread>
@@ -86,16 +73,10 @@ struct Vref {
   struct exfat_node* node() const { return static_cast<struct exfat_node*>(vnode_fsnode(vp)); }
 };
 
-// The symbolic-link file a target must give, written out independently
-// of the driver: "XSym", the length, the MD5 digest in lowercase hex (or
-// uppercase, which must not be recognised), the target, a newline when
-// there is room, and spaces to 1067 bytes.
-inline std::string link_file(const std::string& target, bool upper_digest = false) {
+// The symbolic-link file of a target, written independently of the driver.
+inline std::string link_file(const std::string& target) {
   char digest[33];
   MD5Data(reinterpret_cast<const unsigned char*>(target.data()), target.size(), digest);
-  if (upper_digest)
-    for (char& c : digest)
-      c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
   char length[6];
   snprintf(length, sizeof(length), "%04zu", target.size());
   std::string out = std::string("XSym\n") + length + "\n" + digest + "\n" + target;
@@ -104,18 +85,16 @@ inline std::string link_file(const std::string& target, bool upper_digest = fals
   out.resize(1067, ' ');
   return out;
 }
-inline std::vector<uint8_t> link_contents(const std::string& target, bool upper_digest = false) {
-  return bytes(link_file(target, upper_digest));
+inline std::vector<uint8_t> link_contents(const std::string& target) {
+  return bytes(link_file(target));
 }
 
-// Builder geometries shared by several suites.
 inline Geometry geometry_with_clusters(uint32_t cluster_count) {
   Geometry g;
   g.cluster_count = cluster_count;
   return g;
 }
-// 512-byte sectors and clusters: a directory cluster holds 16 entries, so a
-// test can fill a directory or the volume with a few files.
+// 512-byte sectors and clusters: 16 entries per directory cluster.
 inline Geometry small_cluster_geometry() {
   Geometry g;
   g.sector_shift = 9;
