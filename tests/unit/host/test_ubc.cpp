@@ -216,15 +216,4 @@ TEST_F(UbcTest, EvictionOfMappedDirtyPagesGoesThroughPageoutAndLosesNothing) {
   EXPECT_TRUE(back == model);
 }
 
-// Catches I/O attributes that would make file systems split large I/O.
-TEST(UbcLimits, RequestsCarryAtLeastOneMegabyte) {
-  EXPECT_GE(ubc_upl_maxbufsize(), 1u << 20);
-  BlockMapFs fs;
-  struct vfsioattr io;
-  vfs_ioattr(fs.mp(), &io);
-  EXPECT_GE(io.io_maxreadcnt, ubc_upl_maxbufsize());
-  EXPECT_GE(io.io_maxwritecnt, ubc_upl_maxbufsize());
-  EXPECT_GE(uint64_t(io.io_segreadcnt) * io.io_maxsegreadsize, ubc_upl_maxbufsize());
-}
-
 }  // namespace
