@@ -76,8 +76,8 @@ int bm_offtoblk(void* v) {
   return 0;
 }
 
-// The run walk of a disk file system's paging: consecutive pages that are in
-// the list (pagein) or dirty (pageout) go to the cluster layer together.
+// Consecutive pages present in the list (and dirty, for a pageout) go to
+// the cluster layer together; -1 when the list holds no page.
 template <class F>
 int walk_runs(upl_page_info_t* pl, int npages, bool dirty, F call) {
   int last = npages - 1;
@@ -98,10 +98,8 @@ int walk_runs(upl_page_info_t* pl, int npages, bool dirty, F call) {
   return error;
 }
 
-// Pagein and pageout: under the file's I/O lock, a page list of the absent
-// (in) or dirty (out) pages of the range, handed to the cluster layer run by
-// run. A range that is unaligned or past the end is refused; for a pagein
-// its pages, entered busy by the list, are released first.
+// Pagein and pageout under the file's I/O lock, over a list of the absent or
+// dirty pages. A bad range is refused (a pagein's busy pages released first).
 template <bool kOut, class Args>
 int bm_page(Args* ap) {
   EXPECT_EQ(ap->a_pl, nullptr);
@@ -207,8 +205,7 @@ BlockMapFs::BlockMapFs(uint64_t dev_bytes) {
   bmfs_register();
   EXPECT_EQ(host_memdev_create(dev_bytes, kSector, kBlock, &devvp_), 0);
   EXPECT_EQ(host_mount("blockmapfs", devvp_, 0, nullptr, 0, &mp_), 0);
-  // Write mappings allocate from the second half of the device, so that
-  // tests can lay files out by hand in the first half.
+  // Write mappings allocate from the second half; tests lay out the first.
   static_cast<bmfs_mount*>(vfs_fsprivate(mp_))->next_free = int64_t(dev_bytes / kBlock / 2);
 }
 

@@ -39,9 +39,7 @@ class MemdevTest : public ::testing::Test {
   vnode_t dev_ = nullptr;
 };
 
-// Catches sizes or counts reported wrong, block numbers that keep counting
-// old-size blocks after a change, bad sizes accepted, a refused change that
-// changes anything, unknown ioctls that succeed, and shared device numbers.
+// Catches sizes misreported, bad sizes accepted, refused changes applied, shared numbers.
 TEST_F(MemdevTest, IoctlsReportAndChangeTheBlockSizes) {
   uint32_t bsize = 0, phys = 0;
   uint64_t count = 0;
@@ -101,8 +99,7 @@ TEST_F(MemdevTest, TransfersOutsideTheDeviceFail) {
   EXPECT_EQ(host_memdev_read(dev_, big.data(), 1, 1 << 20), EINVAL);
 }
 
-// Catches faults that hit the wrong requests, failed writes that still
-// change the medium, and failed requests missing from the counts.
+// Catches faults on the wrong requests and failed writes that change the medium.
 TEST_F(MemdevTest, InjectedReadAndWriteFaultsHitOnlyTheChosenBytes) {
   host_memdev_faults f;
   f.fail_read_bytes = {10 * 512};
@@ -120,9 +117,7 @@ TEST_F(MemdevTest, InjectedReadAndWriteFaultsHitOnlyTheChosenBytes) {
   EXPECT_EQ(stats().writes, 2u);
 }
 
-// Catches an off-by-one in the write budget, reads failed by it, a budget
-// that is not restarted by new faults, and the budget and power cuts
-// interfering: what was flushed before survives, the rest is gone.
+// Catches an off-by-one in the write budget, and it interfering with power cuts.
 TEST_F(MemdevTest, WritesFailAfterTheChosenNumber) {
   host_memdev_faults f;
   f.fail_writes_after = 2;
@@ -150,9 +145,7 @@ TEST_F(MemdevTest, WritesFailAfterTheChosenNumber) {
   for (int i = 0; i < 10; i++) EXPECT_EQ(write_fill(dev_, 20 + i, 512, 1), 0);
 }
 
-// Catches a power cut that keeps unflushed writes, loses flushed ones,
-// restores overlapping writes in the wrong order, or treats a fsync that
-// does not wait as a flush.
+// Catches a cut that keeps unflushed writes, loses flushed or overlapping ones.
 TEST_F(MemdevTest, PowerCutDropsWritesSinceTheLastCacheFlush) {
   ASSERT_EQ(write_fill(dev_, 0, 512, 0x01), 0);  // before power-cut mode: durable
   host_memdev_faults f;
@@ -211,9 +204,7 @@ class FiledevTest : public ::testing::Test {
   std::string path_;
 };
 
-// Catches a file device that sizes itself wrong, splits a large transfer
-// into several requests, writes at the wrong offset, loses delayed writes at
-// close, accepts writes when read-only, or reports open errors wrong.
+// Catches a file device that sizes, splits, places or closes wrongly, or ignores read-only.
 TEST_F(FiledevTest, ReadsAndWritesTheFileInOneRequestEach) {
   vnode_t dev = nullptr;
   ASSERT_EQ(host_blkdev_open(path_.c_str(), 0, &dev), 0);

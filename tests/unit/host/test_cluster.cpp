@@ -31,8 +31,7 @@ class ClusterTest : public ::testing::Test {
 // device block 500, 3 at 50 (going backwards), then holes.
 std::vector<bmfs_run> scattered() { return {{100, 10}, {-1, 5}, {500, 20}, {50, 3}}; }
 
-// Catches reads that treat runs as contiguous, read holes from the device,
-// or copy past the file size.
+// Catches runs read as contiguous, holes read from the device, copies past the end.
 TEST_F(ClusterTest, ReadsFollowDiscontiguousRunsAndHolesReadAsZeros) {
   off_t size = 40 * 4096 - 1000;  // ends mid-page, past the mapped runs
   bmfs_file* f = fs.create(size, scattered());
@@ -60,8 +59,7 @@ TEST_F(ClusterTest, ReadsFollowDiscontiguousRunsAndHolesReadAsZeros) {
   EXPECT_EQ(got[size_t(size)], 'x') << "nothing is copied past the file size";
 }
 
-// Catches a last page cached with the device's bytes past the file size,
-// which a later growth without a write would expose.
+// Catches device bytes past the end cached in the last page, exposed by a growth.
 TEST_F(ClusterTest, BytesPastFilesizeInTheLastPageReadAsZerosAfterGrowth) {
   bmfs_file* f = fs.create(4096, {{10, 1}});
   fs.fill(f, char(0xAA));  // the device holds junk past byte 1000
@@ -78,9 +76,7 @@ TEST_F(ClusterTest, BytesPastFilesizeInTheLastPageReadAsZerosAfterGrowth) {
   EXPECT_EQ(buf[999], char(0xAA));
 }
 
-// Catches any misplaced, torn or lost byte in mixed reads and writes over
-// runs and holes, dirty pages left after a push, and an invalidate that
-// keeps pages.
+// Catches any misplaced, torn or lost byte, pages left dirty, an invalidate that keeps.
 TEST_F(ClusterTest, RandomReadsAndWritesMatchAReferenceModel) {
   const off_t size = 3 << 20;
   bmfs_file* f = fs.create(size, {{0, 100}, {-1, 50}, {300, 200}, {200, 20}});
@@ -147,10 +143,7 @@ class ZeroFillTest : public ClusterTest {
   bmfs_file* f = nullptr;
 };
 
-// Head zero-fill zeroes every page of the range from `head` on, except
-// resident clean pages under IO_NOZEROVALID and dirty ones under
-// IO_NOZERODIRTY; the rest of the partly written page is read first.
-// Catches each flag ignored or applied to the other kind of page.
+// Catches IO_NOZEROVALID or IO_NOZERODIRTY ignored or applied to the other kind of page.
 TEST_F(ZeroFillTest, HeadZeroFillSparesWhatItsFlagsProtect) {
   const struct {
     int flags;
@@ -189,8 +182,7 @@ TEST_F(ZeroFillTest, TailZeroFillZeroesAfterTheWriteOnly) {
   EXPECT_EQ(v[0], 0x11) << "no head zero-fill without its flag";
 }
 
-// Catches a zero-fill without data that is not written with IO_SYNC or
-// zeroes a dirty page.
+// Catches a zero-fill without data not written with IO_SYNC, or zeroing a dirty page.
 TEST_F(ZeroFillTest, NullUioOnlyZeroFillsAndTheZerosReachTheDevice) {
   {
     std::lock_guard<std::mutex> io(f->io_lock);
@@ -206,9 +198,7 @@ TEST_F(ZeroFillTest, NullUioOnlyZeroFillsAndTheZerosReachTheDevice) {
 
 // --- Reaching the device ----------------------------------------------------------
 
-// Catches write-behind that starts before a push, a push that leaves pages
-// dirty, IO_SYNC that returns before the data is on the device, and a
-// writer's pages sent through pageout (which would take its I/O lock again).
+// Catches early write-behind, pages left dirty, IO_SYNC returning early, writer pageouts.
 TEST_F(ClusterTest, DirtyDataReachesTheDeviceOnPushOrImmediatelyWithIoSync) {
   bmfs_file* f = fs.create(8 * 4096, {{40, 8}});
   std::vector<char> d = random_bytes(3 * 4096, 9);
@@ -236,8 +226,7 @@ TEST_F(ClusterTest, AnAsynchronousPushCompletesWithoutAnotherCall) {
   EXPECT_TRUE(fs.on_device(f) == d);
 }
 
-// Catches I/O errors swallowed, pages marked clean although their write
-// failed (the data would be lost), and pages of a failed read left valid.
+// Catches I/O errors swallowed, failed writes marked clean, failed reads left valid.
 TEST_F(ClusterTest, IoErrorsAreReportedAndLoseNothing) {
   bmfs_file* f = fs.create(8 * 4096, {{70, 8}});
   host_memdev_faults faults;
@@ -259,9 +248,7 @@ TEST_F(ClusterTest, IoErrorsAreReportedAndLoseNothing) {
 
 // --- Request sizes -------------------------------------------------------------------
 
-// Catches I/O split per page: large reads, read-ahead of small sequential
-// reads and write-behind must each reach the device in few large requests,
-// and whole-page overwrites must not read first.
+// Catches I/O split per page, and whole-page overwrites that read first.
 TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
   const off_t size = 8 << 20;
   bmfs_file* f = fs.create(size, {{1000, uint32_t(size / 4096)}});
@@ -295,8 +282,7 @@ TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
   EXPECT_TRUE(fs.on_device(f) == w);
 }
 
-// Catches an advisory read that does nothing, or whose pages a following
-// read fetches again.
+// Catches an advisory read that does nothing, or whose pages are fetched again.
 TEST_F(ClusterTest, AdvisoryReadFillsTheCacheAhead) {
   bmfs_file* f = fs.create(64 * 4096, {{2000, 64}});
   ASSERT_EQ(advisory_read(f->vp, 64 * 4096, 0, 64 * 4096), 0);

@@ -42,8 +42,7 @@ int64_t version_of(const char* p, uint32_t block) {
   return v;
 }
 
-// Catches races between files sharing the pool: eviction or write-behind of
-// one file's pages while another thread works on its own file.
+// Catches eviction or write-behind of one file's pages racing work on another file.
 TEST(ClusterConcurrency, WritersAndReadersOfDifferentFiles) {
   PoolLimit limit(48 * 4096);
   BlockMapFs fs;
@@ -70,8 +69,7 @@ TEST(ClusterConcurrency, WritersAndReadersOfDifferentFiles) {
   }
 }
 
-// Catches readers that see a page while a writer fills it (torn blocks)
-// and writes lost under eviction.
+// Catches readers that see a page a writer is filling, and writes lost under eviction.
 TEST(ClusterConcurrency, ReadersOfOneFileSeeWholeBlocksWhileItIsWritten) {
   PoolLimit limit(32 * 4096);
   BlockMapFs fs;
@@ -117,8 +115,7 @@ TEST(ClusterConcurrency, ReadersOfOneFileSeeWholeBlocksWhileItIsWritten) {
   for (uint32_t b = 0; b < kBlocks; b++) EXPECT_EQ(version_of(d.data() + b * 4096, b), 40) << b;
 }
 
-// Catches deadlocks and lost stores between the page-out of mapped pages
-// and a writer holding its file's I/O lock.
+// Catches deadlocks and lost stores between page-out and a writer holding its I/O lock.
 TEST(ClusterConcurrency, MappedStoresAndWritesShareATinyPool) {
   PoolLimit limit(16 * 4096);
   BlockMapFs fs;

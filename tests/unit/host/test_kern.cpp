@@ -2,8 +2,7 @@
 
 #include "host/kern.h"
 
-// One record per call, trailing newline dropped, long records whole, and a
-// nested capture that restores the outer sink.
+// One record per call, no trailing newline, long records whole, nested sinks restored.
 TEST(KernLog, RecordsAndNestedCaptures) {
   KernLogCapture outer;
   std::string big(3000, 'x');

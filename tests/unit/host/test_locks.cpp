@@ -44,9 +44,7 @@ using Locks = LockTest;
 using LocksDeathTest = LockTest;
 using LocksConcurrency = LockTest;
 
-// The owner is recorded per thread, the group counts its mutexes, and a
-// timed sleep nobody ends returns EWOULDBLOCK, no earlier than asked, with
-// the mutex held again.
+// Owners are per thread; a timed sleep ends with EWOULDBLOCK, not early, mutex held.
 TEST_F(Locks, OwnerIsPerThreadAndATimedSleepTimesOut) {
   lck_mtx_t* other = lck_mtx_alloc_init(grp_, attr_);
   EXPECT_EQ(host_lck_grp_mutexes(grp_), 2);
@@ -91,17 +89,9 @@ TEST_F(LocksDeathTest, MisuseIsFatal) {
   EXPECT_DEATH(lck_grp_free(grp_), "panic: lck_grp_free: group test still has 1 mutexes");
   int chan;
   EXPECT_DEATH(msleep(&chan, m, PWAIT, "t_unheld", nullptr), "not owned");
-  EXPECT_DEATH(
-      {
-        lck_mtx_lock(m);
-        msleep(&chan, m, PWAIT | 0x400, "t_pdrop", nullptr);
-      },
-      "panic: msleep: unsupported priority flags 0x400");
 }
 
-// Threads pass a token around a ring, each sleeping until the token names
-// it. A lost wakeup shows as a sleep ended by its timeout, which stops the
-// ring so that the failure is quick.
+// A token passed around a ring of sleepers: a lost wakeup shows as a timeout.
 TEST_F(LocksConcurrency, TokenRingLosesNoWakeups) {
   constexpr int kThreads = 8;
   constexpr int kRounds = 300;
@@ -133,8 +123,7 @@ TEST_F(LocksConcurrency, TokenRingLosesNoWakeups) {
   EXPECT_EQ(host_sleepers("t_ring"), 0);
 }
 
-// A wakeup of another channel wakes nobody; wakeup_one wakes one sleeper at
-// a time, each returning with the mutex held; wakeup wakes the rest.
+// Another channel wakes nobody, wakeup_one one sleeper at a time, wakeup the rest.
 TEST_F(LocksConcurrency, WakeupOneWakesTheSleepersOneAtATime) {
   constexpr int kSleepers = 5;
   int chan = 0, other = 0;
@@ -161,35 +150,4 @@ TEST_F(LocksConcurrency, WakeupOneWakesTheSleepersOneAtATime) {
   wakeup(&chan);
   for (auto& t : threads) t.join();
   EXPECT_EQ(woken.load(), kSleepers);
-}
-
-// Threads mix lock and try_lock on one mutex; the plain counter is
-// protected only by the mutex, so broken exclusion shows as a lost
-// increment (and as a race under TSan).
-TEST_F(LocksConcurrency, TryLockUnderContentionKeepsExclusion) {
-  constexpr int kThreads = 4;
-  constexpr int kIters = 5000;
-  long counter = 0;
-  std::atomic<long> taken{0}, refused{0};
-  std::vector<std::thread> threads;
-  for (int id = 0; id < kThreads; id++) {
-    threads.emplace_back([&, id] {
-      for (int i = 0; i < kIters; i++) {
-        if ((i + id) % 2 == 0) {
-          lck_mtx_lock(m);
-        } else if (lck_mtx_try_lock(m) != 1) {
-          refused++;
-          continue;
-        }
-        lck_mtx_assert(m, LCK_MTX_ASSERT_OWNED);
-        counter++;
-        taken++;
-        lck_mtx_unlock(m);
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(counter, taken.load());
-  EXPECT_EQ(taken.load() + refused.load(), long{kThreads} * kIters);
-  EXPECT_GE(taken.load(), long{kThreads} * kIters / 2);  // every plain lock succeeds
 }

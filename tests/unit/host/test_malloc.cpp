@@ -7,8 +7,7 @@
 #include "host/thread_call.h"
 #include "host/uio.h"
 
-// Bytes are accounted per tag, and a tag freed with memory outstanding is
-// reported.
+// Bytes are accounted per tag; freeing a tag with memory outstanding is reported.
 TEST(OSMallocTags, AccountOutstandingBytesPerTagAndReportLeaks) {
   OSMallocTag a = OSMalloc_Tagalloc("test-a", OSMT_DEFAULT);
   OSMallocTag b = OSMalloc_Tagalloc("leaky", OSMT_DEFAULT);
@@ -34,8 +33,7 @@ TEST(OSMallocDeathTest, WrongSizePanics) {
   OSMalloc_Tagfree(t);
 }
 
-// The Nth allocation of any host allocator fails and the next succeeds, so
-// that the driver's ENOMEM paths can be reached through each.
+// Every host allocator takes part, so that the driver's ENOMEM paths are reachable.
 TEST(MallocFailureSwitch, FailsExactlyTheNthAllocationOfEveryAllocator) {
   OSMallocTag t = OSMalloc_Tagalloc("failing", OSMT_DEFAULT);
   host_malloc_fail_nth(3);

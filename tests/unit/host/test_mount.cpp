@@ -11,9 +11,7 @@
 
 namespace {
 
-// Catches mount flags, statistics or I/O attributes reported wrong, a flag
-// the file system set lost, arguments not copied in, and an I/O bound that
-// would make file systems split large transfers.
+// Catches flags, statistics or I/O attributes misreported, and I/O bounds too small.
 TEST(MountQueries, FlagsStatfsAndIoAttributes) {
   TinyFs fs(MNT_RDONLY | MNT_NOATIME);
   mount_t mp = fs.mp();
@@ -52,9 +50,7 @@ TEST(MountQueries, FlagsStatfsAndIoAttributes) {
   vnode_put(root);
 }
 
-// During an update the file system sees MNT_UPDATE, a downgrade as read-only
-// and an upgrade as still read-only with MNT_WRITEUPGRADE; reload and force
-// are requests, never kept; a refused update restores every flag.
+// What the file system sees during an update, and what stays after it or its refusal.
 TEST(MountUpdate, FlagsDuringAndAfterTheCall) {
   const struct {
     uint64_t mounted, update;
@@ -87,9 +83,7 @@ TEST(MountUpdate, FlagsDuringAndAfterTheCall) {
   }
 }
 
-// A busy volume stays mounted and usable unless forced; a refused unmount
-// keeps the mount; a gone mount refuses everything; the module reference
-// lives as long as the mount.
+// Busy or refusing volumes stay mounted unless forced; a gone mount refuses all.
 TEST(MountUnmount, BusyOrRefusedVolumesStayMountedUnlessForced) {
   int refs = host_module_refcount();
   TinyFs fs;
@@ -121,8 +115,7 @@ TEST(MountUnmount, BusyOrRefusedVolumesStayMountedUnlessForced) {
   EXPECT_EQ(host_mount_update(mp, 0, nullptr, 0), EINVAL);
 }
 
-// A mount holds its device while mounted; a failed mount leaves no
-// reference on the device or the module, whatever failed.
+// A mount holds its device; a failed mount leaves no device or module reference.
 TEST(MountDevice, MountHoldsTheDeviceAndAFailedOneLeavesNothing) {
   vnode_t dev = nullptr;
   ASSERT_EQ(host_test::create_vnode(host_test::fsparam(VBLK, host_test::bare_device_ops()), &dev),
@@ -193,8 +186,7 @@ TEST(MountModuleDeathTest, ReleaseBelowZeroPanics) {
       "panic: host_module_rele");
 }
 
-// Syncs from several threads race an unmount: each either runs before the
-// unmount (serialised with it) or finds the mount gone.
+// Each sync either runs serialised before the unmount or finds the mount gone.
 TEST(MountConcurrency, SyncRacesUnmount) {
   for (int round = 0; round < 20; round++) {
     TinyFs fs;

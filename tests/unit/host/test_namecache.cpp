@@ -46,9 +46,7 @@ struct NameCacheTest : ::testing::Test {
   }
 };
 
-// A hit hands out the entered vnode with an I/O reference; names match as
-// exact bytes of the given length; a later enter replaces the entry; a
-// lookup without MAKEENTRY drops it.
+// Hits carry an I/O reference; names match exactly; enters replace; no MAKEENTRY drops.
 TEST_F(NameCacheTest, PositiveEntries) {
   enter("a", a);
   vnode_t vp = nullptr;
@@ -91,8 +89,7 @@ TEST_F(NameCacheTest, PositiveEntries) {
   host_test::discard(never);
 }
 
-// Negative entries answer lookups and deletes, not the last component of a
-// create or rename (which drop them); purging negatives keeps positives.
+// Negative entries answer lookups and deletes, not a create or rename of the last name.
 TEST_F(NameCacheTest, NegativeEntries) {
   enter("missing", nullptr);
   vnode_t vp = nullptr;
@@ -113,8 +110,7 @@ TEST_F(NameCacheTest, NegativeEntries) {
   EXPECT_EQ(hit("a"), a);
 }
 
-// Purging a vnode drops the entries naming it and those inside it; a
-// reclaimed vnode leaves the cache by itself.
+// Purges drop the entries naming a vnode and those inside it; so does a reclaim.
 TEST_F(NameCacheTest, PurgeAndReclaimDropEntries) {
   enter("a", a);
   enter("a2", a);
@@ -152,8 +148,7 @@ TEST_F(NameCacheTest, BoundedLeastRecentlyUsedFirst) {
   EXPECT_EQ(lookup("n4", &vp), ENOENT);
 }
 
-// Lookups through the cache while another thread recycles the vnodes the
-// entries name: a hit always carries a live vnode of the right file.
+// A hit racing reclaims always carries a live vnode of the right file.
 TEST(NameCacheConcurrency, LookupsWhileVnodesAreReclaimed) {
   TinyFs fs;
   vnode_t root = fs.root();

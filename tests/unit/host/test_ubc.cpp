@@ -38,9 +38,7 @@ class UbcTest : public ::testing::Test {
   bmfs_file* f = nullptr;
 };
 
-// Catches page lists that hold resident pages for a page-in (they would be
-// overwritten from the device) or clean pages for a page-out, and aborts
-// that leave pages the list created, or clean a dirty page.
+// Catches lists holding resident pages for a page-in, clean ones for a page-out.
 TEST_F(UbcTest, ListsHoldExactlyTheAbsentOrDirtyPages) {
   upl_t upl;
   upl_page_info_t* pl;
@@ -64,8 +62,7 @@ TEST_F(UbcTest, ListsHoldExactlyTheAbsentOrDirtyPages) {
   EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 1u) << "abort leaves the page dirty";
 }
 
-// Catches a commit that leaves pages invalid, or writes pages committed
-// clean.
+// Catches a commit that leaves pages invalid, or writes pages committed clean.
 TEST_F(UbcTest, CommitMakesPagesValidAndCleanOrDirty) {
   upl_t upl;
   upl_page_info_t* pl;
@@ -87,8 +84,7 @@ TEST_F(UbcTest, CommitMakesPagesValidAndCleanOrDirty) {
   EXPECT_EQ(d[6 * 4096], 0x55);
 }
 
-// Catches readers let at a page a list still holds (they would see it
-// half filled).
+// Catches readers let at a page a list still holds (half filled).
 TEST_F(UbcTest, PagesInAListAreBusyUntilCommitted) {
   upl_t upl;
   ASSERT_EQ(ubc_create_upl(f->vp, 4 * 4096, 4096, &upl, nullptr, 0), 0);
@@ -113,8 +109,7 @@ TEST_F(UbcTest, PagesInAListAreBusyUntilCommitted) {
   ubc_upl_abort(upl, 0);  // an empty list is still freed by a whole abort
 }
 
-// Catches failed list creations and page-ins that leave busy pages behind
-// (later readers would wait forever).
+// Catches failures that leave busy pages behind (later readers would hang).
 TEST_F(UbcTest, FailuresLeaveThePagesAsTheyWere) {
   upl_t upl;
   host_malloc_fail_nth(1);
@@ -127,8 +122,7 @@ TEST_F(UbcTest, FailuresLeaveThePagesAsTheyWere) {
   EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
 }
 
-// Catches a shrink that keeps pages past the end, drops the page holding
-// the new end, or leaves stale bytes that a later growth would expose.
+// Catches a shrink that keeps pages past the end or stale bytes a growth exposes.
 TEST_F(UbcTest, ShrinkingDropsPagesAndZeroesThePartialTail) {
   ASSERT_EQ(ubc_setsize(f->vp, 4 * 4096 + 100), 1);
   EXPECT_EQ(ubc_getsize(f->vp), 4 * 4096 + 100);
@@ -146,8 +140,7 @@ TEST_F(UbcTest, ShrinkingDropsPagesAndZeroesThePartialTail) {
 
 // --- Mapped access and the page-out role -------------------------------------------------
 
-// Catches faults that bypass the file system's pagein or page in resident
-// pages again, and msync that misses dirty pages or pushes clean ones.
+// Catches faults that bypass pagein or page in twice, msync missing dirty pages.
 TEST_F(UbcTest, FaultsPageInThroughTheFileSystemAndMsyncPagesOut) {
   uintptr_t addr;
   ASSERT_EQ(ubc_page_fault(f->vp, 6 * 4096 + 17, 1, &addr), 0);
@@ -171,8 +164,7 @@ TEST_F(UbcTest, FaultsPageInThroughTheFileSystemAndMsyncPagesOut) {
   EXPECT_EQ(d[4 * 4096], 0x44);
 }
 
-// Catches a truncate that frees a page still mapped (a use after free
-// under ASan) or keeps its dirtying past the end.
+// Catches a truncate that frees a page still mapped (a use after free under ASan).
 TEST_F(UbcTest, APinnedPageSurvivesTruncationUntilUnpinned) {
   uintptr_t addr;
   ASSERT_EQ(ubc_page_fault(f->vp, 7 * 4096, 1, &addr), 0);
@@ -190,8 +182,7 @@ TEST_F(UbcTest, ReclaimPushesDirtyPagesThroughPageout) {
   EXPECT_EQ(fs.on_device(f)[4 * 4096], 0x44);
 }
 
-// Catches a pool that grows past its bound with mapped dirty pages, or
-// evicts them without paging them out.
+// Catches a pool over its bound, or mapped dirty pages evicted without a pageout.
 TEST_F(UbcTest, EvictionOfMappedDirtyPagesGoesThroughPageoutAndLosesNothing) {
   PoolLimit limit(8 * 4096);
   const int npages = 64;

@@ -11,8 +11,7 @@ user_addr_t addr(const void* p) { return static_cast<user_addr_t>(reinterpret_ca
 
 }  // namespace
 
-// A read scatters over the vectors, skipping empty ones, moves at most the
-// residual count, and advances offset and current vector as it goes.
+// A read scatters over the vectors, skips empty ones, stops at the residual count.
 TEST(Uio, ReadScattersAcrossVectorsWithinTheResidual) {
   char a[3] = {}, c[5] = {};
   char empty;
@@ -60,8 +59,7 @@ TEST(Uio, WriteGathersAndResetStartsOver) {
   uio_free(uio);
 }
 
-// uio_update advances without copying; a null vector stops a move with
-// EFAULT after what went before it.
+// uio_update skips without copying; a null vector is EFAULT after what precedes it.
 TEST(Uio, UpdateSkipsAndANullVectorIsABadAddress) {
   char a[4] = {'x', 'x', 'x', 'x'}, b[4] = {};
   uio_t uio = uio_create(3, 0, UIO_SYSSPACE, UIO_READ);
@@ -80,12 +78,10 @@ TEST(Uio, UpdateSkipsAndANullVectorIsABadAddress) {
   uio_free(uio);
 }
 
-TEST(UioDeathTest, MisuseIsFatal) {
+TEST(UioDeathTest, UpdatePastTheResidualPanics) {
   uio_t uio = uio_create(1, 0, UIO_SYSSPACE, UIO_READ);
   char a[4];
   uio_addiov(uio, addr(a), 4);
   EXPECT_DEATH(uio_update(uio, 5), "panic: uio_update: count 5 exceeds residual 4");
-  EXPECT_DEATH(uio_create(1, 0, 3, UIO_READ), "panic: uio_create: unsupported address space 3");
-  EXPECT_DEATH(uio_create(1, 0, UIO_SYSSPACE, 2), "panic: uio_create: bad direction 2");
   uio_free(uio);
 }

@@ -92,8 +92,7 @@ vnode_t probe_vnode(VOPFUNC* ops) {
   return vp;
 }
 
-// Catches operations filed in the wrong slot, a VNOP_* wrapper that packs
-// another description, and unset slots that miss their table's default.
+// Catches operations in the wrong slot, wrappers packing another description.
 TEST(VfsDispatch, EveryOperationReachesItsFunction) {
   Registered reg;
   vnode_t vp = probe_vnode(probe_vnodeop_p);
@@ -181,9 +180,7 @@ TEST(VfsDispatch, ArgumentsTravelBothWays) {
   host_test::discard(vp);
 }
 
-// Registration fills the vectors and calls vfs_init with a fresh or the
-// given type number; a name is taken once; removal is refused while
-// mounted and clears the vectors; a failed add leaves nothing behind.
+// Type numbers, names taken once, removal refused while mounted, vectors cleared.
 TEST(VfsRegistry, AddAndRemove) {
   g_init_calls = 0;
   int first;

@@ -44,8 +44,7 @@ class VnodeTest : public ::testing::Test {
 
 using VnodeLifeCycle = VnodeTest;
 
-// Inactive runs once neither an I/O nor a use reference is left, and the
-// vnode stays cached with its identity.
+// Inactive runs when no reference of either kind is left; the vnode stays cached.
 TEST_F(VnodeLifeCycle, InactiveWaitsForTheLastReferenceOfEitherKind) {
   vnode_t vp = file("a");
   EXPECT_EQ(host_vnode_iocount(vp), 1);
@@ -75,8 +74,7 @@ TEST_F(VnodeLifeCycle, InactiveWaitsForTheLastReferenceOfEitherKind) {
   EXPECT_EQ(fs.events(), (Events{"inactive a", "reclaim a"}));
 }
 
-// A recycled vnode is reclaimed at once when unused, its vid bumped and its
-// record reused; in use, it is reclaimed after the last reference.
+// Recycle reclaims now (new vid, record reused) or after the last reference.
 TEST_F(VnodeLifeCycle, RecycleReclaimsNowOrAfterTheLastReference) {
   vnode_t vp = file("a");
   uint32_t vid = vnode_vid(vp);
@@ -144,8 +142,7 @@ TEST(VnodeLifeCycleDeathTest, PutWithoutReferencePanics) {
 
 using VnodeParent = VnodeTest;
 
-// A child holds a use reference on its parent (without making it in use),
-// moved by a reparenting; the parent can't go while its child exists.
+// A child holds a use reference on its parent, moved by a reparenting.
 TEST_F(VnodeParent, ChildHoldsItsParentUntilReclaimedOrMoved) {
   vnode_t d1, d2;
   ASSERT_EQ(fs.mkdir(root, "d1", &d1), 0);
@@ -203,8 +200,7 @@ TEST(VnodeDevice, VnodeWithoutMountUsesItsOwnVector) {
 
 using VnodeLimitTest = VnodeTest;
 
-// Pushing out takes unused vnodes least recently used first and never one
-// in use.
+// Pushing out takes unused vnodes least recently used first, never one in use.
 TEST_F(VnodeLimitTest, UnusedVnodesArePushedOutLeastRecentlyUsedFirst) {
   const int kFiles = 6;
   std::vector<vnode_t> files;
@@ -284,8 +280,7 @@ TEST_F(VnodeIterate, ActiveSelectsVnodesInUseAndDoneStopsTheWalk) {
 
 using VnodeFlush = VnodeTest;
 
-// Idle vnodes are reclaimed children first; busy ones, and the parents
-// they hold, stay and give EBUSY.
+// Idle vnodes go children first; busy ones and their parents stay: EBUSY.
 TEST_F(VnodeFlush, ReclaimsChildrenFirstAndBusyVnodesGiveEbusy) {
   vnode_t busy = file("busy"), d, e;
   ASSERT_EQ(fs.mkdir(root, "d", &d), 0);
@@ -328,8 +323,7 @@ TEST_F(VnodeFlush, ForceCloseLeavesDeadVnodesToTheirHolders) {
   EXPECT_EQ(host_vnode_usecount(open_file), 0);
 }
 
-// SKIPSYSTEM and skipvp leave their vnodes; WRITECLOSE considers only files
-// open for writing.
+// SKIPSYSTEM and skipvp leave their vnodes; WRITECLOSE looks at writers only.
 TEST_F(VnodeFlush, SkipSystemSkipvpAndWriteClose) {
   struct vnode_fsparam p = host_test::fsparam(VREG, host_vnode_ops(root), VNFS_NOCACHE, fs.mp());
   p.vnfs_marksystem = 1;
@@ -362,9 +356,7 @@ TEST_F(VnodeFlush, SkipSystemSkipvpAndWriteClose) {
 
 // --- Concurrency ---------------------------------------------------------------------
 
-// Threads look a vnode up by (pointer, vid) while another recycles and
-// re-creates it: a successful vnode_getwithvid hands out the live vnode of
-// that identity, never a reclaimed or reused one.
+// A vnode_getwithvid racing reclaims never hands out a reclaimed or reused vnode.
 TEST(VnodeConcurrency, GetwithvidRacesReclaim) {
   TinyFs fs;
   vnode_t root = fs.root();
@@ -419,8 +411,7 @@ TEST(VnodeConcurrency, GetwithvidRacesReclaim) {
   vnode_put(root);
 }
 
-// Threads take and drop references and recycle the same few vnodes; at
-// the end the counts are back and each node has at most one vnode.
+// References and recycles from many threads: counts come back, one vnode per node.
 TEST(VnodeConcurrency, GetPutRecycleStorm) {
   TinyFs fs;
   vnode_t root = fs.root();
@@ -450,8 +441,7 @@ TEST(VnodeConcurrency, GetPutRecycleStorm) {
   EXPECT_EQ(vflush(fs.mp(), nullptr, 0), 0);
 }
 
-// A forced flush while another thread takes and drops references waits for
-// operations in progress and never hangs.
+// A forced flush waits for operations in progress and never hangs.
 TEST(VnodeConcurrency, ForcedFlushDrainsOperationsInProgress) {
   TinyFs fs;
   vnode_t root = fs.root();
