@@ -155,31 +155,6 @@ TEST(VfsDispatch, EveryOperationReachesItsFunction) {
   host_test::discard(vp);
 }
 
-int check_blockmap(void* v) {
-  auto* ap = static_cast<struct vnop_blockmap_args*>(v);
-  EXPECT_EQ(ap->a_foffset, 8192);
-  EXPECT_EQ(ap->a_size, 65536u);
-  EXPECT_EQ(ap->a_flags, VNODE_WRITE);
-  *ap->a_bpn = 77;
-  *ap->a_run = 4096;
-  *static_cast<int*>(ap->a_poff) = 12;
-  return 0;
-}
-
-TEST(VfsDispatch, ArgumentsTravelBothWays) {
-  std::vector<VOPFUNC> ops(vnop_desc_count(), vn_default_error);
-  ops[vnop_blockmap_desc.vdesc_offset] = check_blockmap;
-  vnode_t vp = probe_vnode(ops.data());
-  daddr64_t bpn = 0;
-  size_t run = 0;
-  int poff = 0;
-  EXPECT_EQ(VNOP_BLOCKMAP(vp, 8192, 65536, &bpn, &run, &poff, VNODE_WRITE, nullptr), 0);
-  EXPECT_EQ(bpn, 77);
-  EXPECT_EQ(run, 4096u);
-  EXPECT_EQ(poff, 12);
-  host_test::discard(vp);
-}
-
 // Type numbers, names taken once, removal refused while mounted, vectors cleared.
 TEST(VfsRegistry, AddAndRemove) {
   g_init_calls = 0;

@@ -174,28 +174,6 @@ TEST_F(VnodeParent, ChildHoldsItsParentUntilReclaimedOrMoved) {
   EXPECT_TRUE(host_vnode_isdead(d2));
 }
 
-// --- Device vnodes ------------------------------------------------------------------
-
-TEST(VnodeDevice, VnodeWithoutMountUsesItsOwnVector) {
-  int dev_node = 0;
-  struct vnode_fsparam p =
-      host_test::fsparam(VBLK, host_test::bare_device_ops(), VNFS_NOCACHE | VNFS_CANTCACHE);
-  p.vnfs_str = "dev";
-  p.vnfs_fsnode = &dev_node;
-  p.vnfs_rdev = 0x0801;
-  vnode_t vp;
-  ASSERT_EQ(host_test::create_vnode(p, &vp), 0);
-  EXPECT_TRUE(vnode_isblk(vp));
-  EXPECT_EQ(vnode_mount(vp), nullptr);
-  EXPECT_EQ(vnode_specrdev(vp), (dev_t)0x0801);
-  EXPECT_EQ(vnode_fsnode(vp), &dev_node);
-  EXPECT_EQ(VNOP_FSYNC(vp, MNT_WAIT, vfs_context_kernel()), ENOTSUP);
-  int before = host_test::bare_device_reclaims();
-  host_test::discard(vp);
-  EXPECT_EQ(host_test::bare_device_reclaims(), before + 1);
-  EXPECT_TRUE(host_vnode_isdead(vp));
-}
-
 // --- The vnode limit -------------------------------------------------------------------
 
 using VnodeLimitTest = VnodeTest;
@@ -250,32 +228,11 @@ TEST_F(VnodeLimitTest, PushOutThreadKeepsTheLimitWithoutHelp) {
   EXPECT_LE(host_vnode_count(), base + 4);
 }
 
-// --- Iteration and vflush ------------------------------------------------------------------
+// --- vflush ------------------------------------------------------------------
 
 int count_cb(vnode_t vp, void* arg) {
   ++*static_cast<int*>(arg);
   return VNODE_RETURNED;
-}
-
-using VnodeIterate = VnodeTest;
-
-TEST_F(VnodeIterate, ActiveSelectsVnodesInUseAndDoneStopsTheWalk) {
-  vnode_t a = file("a");
-  vnode_t b = file("b");
-  vnode_put(b);
-  int all = 0, active = 0, calls = 0;
-  vnode_iterate(fs.mp(), 0, count_cb, &all);
-  vnode_iterate(fs.mp(), VNODE_ITERATE_ACTIVE, count_cb, &active);
-  EXPECT_EQ(all, 3);
-  EXPECT_EQ(active, 2);  // root and a
-  EXPECT_EQ(host_vnode_iocount(a), 1) << "iterate leaked a reference";
-  EXPECT_EQ(host_vnode_iocount(b), 0);
-  vnode_iterate(fs.mp(), 0, [](vnode_t, void* arg) {
-    ++*static_cast<int*>(arg);
-    return VNODE_RETURNED_DONE;
-  }, &calls);
-  EXPECT_EQ(calls, 1);
-  vnode_put(a);
 }
 
 using VnodeFlush = VnodeTest;
@@ -302,29 +259,9 @@ TEST_F(VnodeFlush, ReclaimsChildrenFirstAndBusyVnodesGiveEbusy) {
   EXPECT_EQ(host_mount_vnode_count(fs.mp()), 0);
 }
 
-TEST_F(VnodeFlush, ForceCloseLeavesDeadVnodesToTheirHolders) {
-  vnode_t open_file = file("open");
-  ASSERT_EQ(vnode_ref(open_file), 0);
-  vnode_put(open_file);
-  vnode_put(root);
-  root = nullptr;
-  fs.clear_events();
-  EXPECT_EQ(vflush(fs.mp(), nullptr, FORCECLOSE), 0);
-  EXPECT_EQ(host_mount_vnode_count(fs.mp()), 0);
-  EXPECT_TRUE(host_vnode_isdead(open_file));
-  // In use: inactive ran before reclaim.
-  EXPECT_EQ(fs.events()[0], "inactive open");
-  EXPECT_EQ(VNOP_FSYNC(open_file, MNT_WAIT, vfs_context_kernel()), EBADF);
-  EXPECT_EQ(VNOP_OPEN(open_file, FREAD, vfs_context_kernel()), ENXIO);
-  EXPECT_EQ(VNOP_CLOSE(open_file, FREAD, vfs_context_kernel()), 0);
-  EXPECT_EQ(vnode_get(open_file), ENOENT);
-  EXPECT_EQ(vnode_ref(open_file), ENOENT);
-  vnode_rele(open_file);
-  EXPECT_EQ(host_vnode_usecount(open_file), 0);
-}
-
-// SKIPSYSTEM and skipvp leave their vnodes; WRITECLOSE looks at writers only.
-TEST_F(VnodeFlush, SkipSystemSkipvpAndWriteClose) {
+// SKIPSYSTEM and skipvp leave their vnodes; WRITECLOSE looks at writers only;
+// FORCECLOSE reclaims vnodes in use (inactive first), leaving them dead.
+TEST_F(VnodeFlush, SkipSystemSkipvpWriteCloseAndForceClose) {
   struct vnode_fsparam p = host_test::fsparam(VREG, host_vnode_ops(root), VNFS_NOCACHE, fs.mp());
   p.vnfs_marksystem = 1;
   vnode_t sys;
@@ -346,11 +283,19 @@ TEST_F(VnodeFlush, SkipSystemSkipvpAndWriteClose) {
   vnode_put(writer);
   EXPECT_EQ(vflush(fs.mp(), nullptr, WRITECLOSE), EBUSY);
   EXPECT_FALSE(host_vnode_isdead(writer));
+  fs.clear_events();
   EXPECT_EQ(vflush(fs.mp(), nullptr, WRITECLOSE | FORCECLOSE), 0);
-  EXPECT_TRUE(host_vnode_isdead(writer));
+  EXPECT_EQ(fs.events(), (Events{"inactive w", "reclaim w"}));
   EXPECT_FALSE(host_vnode_isdead(reader));
   EXPECT_FALSE(host_vnode_isdead(root));
+  vfs_context_t ctx = vfs_context_kernel();
+  EXPECT_EQ(VNOP_FSYNC(writer, MNT_WAIT, ctx), EBADF);
+  EXPECT_EQ(VNOP_OPEN(writer, FREAD, ctx), ENXIO);
+  EXPECT_EQ(VNOP_CLOSE(writer, FREAD, ctx), 0);
+  EXPECT_EQ(vnode_get(writer), ENOENT);
+  EXPECT_EQ(vnode_ref(writer), ENOENT);
   vnode_rele_ext(writer, FREAD | FWRITE, 0);
+  EXPECT_EQ(host_vnode_usecount(writer), 0);
   vnode_rele_ext(reader, FREAD, 0);
 }
 
@@ -433,9 +378,16 @@ TEST(VnodeConcurrency, GetPutRecycleStorm) {
     });
   }
   for (auto& t : threads) t.join();
-  int live = 0;
+  int live = 0, active = 0, calls = 0;
   vnode_iterate(fs.mp(), 0, count_cb, &live);
   EXPECT_LE(live, 4);  // root and at most one vnode per name
+  vnode_iterate(fs.mp(), VNODE_ITERATE_ACTIVE, count_cb, &active);
+  EXPECT_EQ(active, 1);  // only the root is in use
+  vnode_iterate(fs.mp(), 0, [](vnode_t, void* arg) {
+    ++*static_cast<int*>(arg);
+    return VNODE_RETURNED_DONE;
+  }, &calls);
+  EXPECT_EQ(calls, 1);
   EXPECT_EQ(host_vnode_iocount(root), 1);
   vnode_put(root);
   EXPECT_EQ(vflush(fs.mp(), nullptr, 0), 0);
