@@ -2,14 +2,14 @@
 // Helpers shared by the host's tests: waiting, bounds, bare vnodes, and
 // in-memory devices with known contents.
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "host/blkdev.h"
 #include "host/buf.h"

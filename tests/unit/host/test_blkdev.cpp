@@ -1,9 +1,8 @@
 // Block devices: disk ioctls, file-backed devices, and the fault injection
 // and power-cut behaviour of in-memory devices.
 
-#include <gtest/gtest.h>
-
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -106,14 +105,14 @@ TEST_F(MemdevTest, InjectedReadAndWriteFaultsHitOnlyTheChosenBytes) {
   f.fail_write_bytes = {20 * 512 + 511};
   host_memdev_set_faults(dev_, f);
   std::vector<uint8_t> v(1024);
-  EXPECT_EQ(dev_io(dev_, false, 9, v.data(), 1024), EIO);   // covers byte 10*512
+  EXPECT_EQ(dev_io(dev_, false, 9, v.data(), 1024), EIO);  // covers byte 10*512
   EXPECT_EQ(dev_io(dev_, false, 11, v.data(), 1024), 0);
   EXPECT_EQ(dev_io(dev_, false, 9, v.data(), 512), 0);
   EXPECT_EQ(write_fill(dev_, 20, 512, 1), EIO);
   EXPECT_EQ(byte_at(20 * 512), 0);  // a failed write changes nothing
   EXPECT_EQ(write_fill(dev_, 21, 512, 1), 0);
   EXPECT_EQ(dev_io(dev_, false, 20, v.data(), 512), 0);  // reads of it still work
-  EXPECT_EQ(stats().reads, 4u);  // failed requests count too
+  EXPECT_EQ(stats().reads, 4u);                          // failed requests count too
   EXPECT_EQ(stats().writes, 2u);
 }
 

@@ -42,7 +42,8 @@ class BufTest : public ::testing::Test {
     return true;
   }
   // A block of `size` bytes filled with `byte` and left as a delayed write.
-  static void delayed_write(vnode_t vp, daddr64_t blk, int size, uint8_t byte, int flags = BLK_META) {
+  static void delayed_write(vnode_t vp, daddr64_t blk, int size, uint8_t byte,
+                            int flags = BLK_META) {
     buf_t bp = buf_getblk(vp, blk, size, 0, 0, flags);
     memset(data(bp), byte, size);
     EXPECT_EQ(buf_bdwrite(bp), 0);
@@ -163,7 +164,8 @@ TEST_F(BufTest, InvalidatingAndDroppingWriteExactlyWhatTheyShould) {
   buf_brelse(bp);
 
   EXPECT_EQ(buf_invalblkno(dev_, 50, BUF_WAIT), 0);  // not cached: nothing to do
-  for (int i = 0; i < 4; i++) delayed_write(dev_, 100 + i, 512, 0x40 + i, i % 2 ? BLK_META : BLK_READ);
+  for (int i = 0; i < 4; i++)
+    delayed_write(dev_, 100 + i, 512, 0x40 + i, i % 2 ? BLK_META : BLK_READ);
   delayed_write(dev_, 50, 512, 0x77);
   read_release(200);
   ASSERT_EQ(host_buf_count(dev_), 6);
@@ -375,10 +377,8 @@ class FileBufTest : public BufTest {
 TEST_F(FileBufTest, ReadMapsDiscontiguousRunsAndReadsHolesAsZeros) {
   // File block 1 = bytes [4096, 20480): 3 KiB at device block 100, a 1 KiB
   // hole, 12 KiB starting 256 bytes into device block 40.
-  tf_.read_map = {{0, 4096, 7 * 512},
-                  {4096, 3072, 100 * 512},
-                  {7168, 1024, -1},
-                  {8192, 12288, 40 * 512 + 256}};
+  tf_.read_map = {
+      {0, 4096, 7 * 512}, {4096, 3072, 100 * 512}, {7168, 1024, -1}, {8192, 12288, 40 * 512 + 256}};
   buf_t bp = nullptr;
   ASSERT_EQ(buf_meta_bread(vp_, 1, 16384, NOCRED, &bp), 0);
   uint8_t* d = data(bp);

@@ -3,7 +3,6 @@
 // what reaches the device must match it after a push.
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cstring>
@@ -12,11 +11,11 @@
 #include <vector>
 
 #include "blockmapfs.h"
-#include "host_test_util.h"
 #include "host/blkdev.h"
 #include "host/cluster.h"
 #include "host/ubc.h"
 #include "host/uio.h"
+#include "host_test_util.h"
 
 namespace {
 
@@ -52,7 +51,8 @@ TEST_F(ClusterTest, RandomReadsAndWritesMatchAReferenceModel) {
   bmfs_file* f = fs.create(size, {{0, 100}, {-1, 50}, {300, 200}, {200, 20}});
   std::vector<char> model = fs.on_device(f);
   std::mt19937 rng(7);
-  for (int op = 0; op < 400; op++) ASSERT_EQ(fs.random_op(f, model, rng, 70000, 50), "") << "op " << op;
+  for (int op = 0; op < 400; op++)
+    ASSERT_EQ(fs.random_op(f, model, rng, 70000, 50), "") << "op " << op;
   ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
   EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
   EXPECT_TRUE(fs.on_device(f) == model);
@@ -232,7 +232,8 @@ TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
 
   ASSERT_EQ(ubc_msync(f->vp, 0, size, nullptr, UBC_INVALIDATE), 0);
   host_blkdev_reset_stats(fs.devvp());
-  for (off_t off = 0; off < size; off += 65536) ASSERT_EQ(fs.read(f, off, got.data() + off, 65536), 0);
+  for (off_t off = 0; off < size; off += 65536)
+    ASSERT_EQ(fs.read(f, off, got.data() + off, 65536), 0);
   st = host_test::devstats(fs.devvp());
   EXPECT_TRUE(got == d);
   EXPECT_LE(st.reads, 24u) << "small sequential reads are gathered by read-ahead";
@@ -240,7 +241,8 @@ TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
   std::vector<char> w = random_bytes(size_t(size), 14);
   ASSERT_EQ(ubc_msync(f->vp, 0, size, nullptr, UBC_INVALIDATE), 0);
   host_blkdev_reset_stats(fs.devvp());
-  for (off_t off = 0; off < size; off += 65536) ASSERT_EQ(fs.write(f, off, w.data() + off, 65536), 0);
+  for (off_t off = 0; off < size; off += 65536)
+    ASSERT_EQ(fs.write(f, off, w.data() + off, 65536), 0);
   ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
   st = host_test::devstats(fs.devvp());
   EXPECT_LE(st.writes, 12u);

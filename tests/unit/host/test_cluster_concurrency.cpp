@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "blockmapfs.h"
-#include "host_test_util.h"
 #include "host/cluster.h"
 #include "host/ubc.h"
 #include "host/uio.h"
+#include "host_test_util.h"
 
 namespace {
 
@@ -59,7 +59,8 @@ TEST(ClusterConcurrency, WritersAndReadersOfDifferentFiles) {
     threads.emplace_back([&, t] {
       std::mt19937 rng(static_cast<uint32_t>(t));
       for (int op = 0; op < 150; op++)
-        EXPECT_EQ(fs.random_op(files[t], models[t], rng, 40000, 50), "") << "file " << t << " op " << op;
+        EXPECT_EQ(fs.random_op(files[t], models[t], rng, 40000, 50), "")
+            << "file " << t << " op " << op;
     });
   }
   for (auto& th : threads) th.join();

@@ -10,7 +10,8 @@ TEST(KernLog, RecordsAndNestedCaptures) {
     KernLogCapture cap;
     kprintf("exfat_vnop_write: invalid offset (%lld)\n", -5LL);
     kprintf("%s", big.c_str());
-    EXPECT_EQ(cap.lines(), (std::vector<std::string>{"exfat_vnop_write: invalid offset (-5)", big}));
+    EXPECT_EQ(cap.lines(),
+              (std::vector<std::string>{"exfat_vnop_write: invalid offset (-5)", big}));
     EXPECT_EQ(cap.count_prefix("exfat_"), 1u);
   }
   kprintf("outer");

@@ -36,7 +36,9 @@ class LockTest : public testing::Test {
 
 using host_test::eventually;
 
-struct timespec ms(long n) { return {n / 1000, (n % 1000) * 1000000}; }
+struct timespec ms(long n) {
+  return {n / 1000, (n % 1000) * 1000000};
+}
 
 }  // namespace
 
@@ -73,7 +75,8 @@ TEST_F(Locks, OwnerIsPerThreadAndATimedSleepTimesOut) {
 
 TEST_F(LocksDeathTest, MisuseIsFatal) {
   EXPECT_DEATH(lck_mtx_unlock(m), "panic: lck_mtx_unlock: mutex .* not held by this thread");
-  EXPECT_DEATH(lck_mtx_assert(m, LCK_MTX_ASSERT_OWNED), "panic: lck_mtx_assert: mutex .* not owned");
+  EXPECT_DEATH(lck_mtx_assert(m, LCK_MTX_ASSERT_OWNED),
+               "panic: lck_mtx_assert: mutex .* not owned");
   EXPECT_DEATH(
       {
         lck_mtx_lock(m);

@@ -2,7 +2,6 @@
 // BSD interface; the reference digests pin it, fed whole and in pieces.
 
 #include <gtest/gtest.h>
-
 #include <md5.h>
 
 #include <cstdio>

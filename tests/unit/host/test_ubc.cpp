@@ -2,20 +2,19 @@
 // role and the pool's bound.
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cstring>
 #include <vector>
 
 #include "blockmapfs.h"
-#include "host_test_util.h"
 #include "host/blkdev.h"
 #include "host/cluster.h"
 #include "host/kern.h"
 #include "host/malloc.h"
 #include "host/ubc.h"
 #include "host/uio.h"
+#include "host_test_util.h"
 
 namespace {
 
@@ -62,28 +61,6 @@ TEST_F(UbcTest, ListsHoldExactlyTheAbsentOrDirtyPages) {
   EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 1u) << "abort leaves the page dirty";
 }
 
-// Catches a commit that leaves pages invalid, or writes pages committed clean.
-TEST_F(UbcTest, CommitMakesPagesValidAndCleanOrDirty) {
-  upl_t upl;
-  upl_page_info_t* pl;
-  ASSERT_EQ(ubc_create_upl(f->vp, 5 * 4096, 2 * 4096, &upl, &pl, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT), 0);
-  uintptr_t addr;
-  ASSERT_EQ(ubc_upl_map(upl, &addr), 0);
-  memset(reinterpret_cast<char*>(addr), 0x55, 2 * 4096);
-  ASSERT_EQ(ubc_upl_unmap(upl), 0);
-  ASSERT_EQ(ubc_upl_commit_range(upl, 0, 4096, UPL_COMMIT_FREE_ON_EMPTY), 0);
-  ASSERT_EQ(ubc_upl_commit_range(upl, 4096, 4096, UPL_COMMIT_FREE_ON_EMPTY | UPL_COMMIT_SET_DIRTY), 0);
-  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 2u);  // page 4 and page 6
-  char buf[2 * 4096];
-  ASSERT_EQ(fs.read(f, 5 * 4096, buf, sizeof buf), 0);
-  EXPECT_EQ(buf[0], 0x55);
-  EXPECT_EQ(buf[8191], 0x55);
-  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
-  std::vector<char> d = fs.on_device(f);
-  EXPECT_EQ(d[5 * 4096], 0x11) << "a page committed clean is not written";
-  EXPECT_EQ(d[6 * 4096], 0x55);
-}
-
 // Catches readers let at a page a list still holds (half filled).
 TEST_F(UbcTest, PagesInAListAreBusyUntilCommitted) {
   upl_t upl;
@@ -113,7 +90,8 @@ TEST_F(UbcTest, PagesInAListAreBusyUntilCommitted) {
 TEST_F(UbcTest, FailuresLeaveThePagesAsTheyWere) {
   upl_t upl;
   host_malloc_fail_nth(1);
-  EXPECT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, nullptr, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT), ENOMEM);
+  EXPECT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, nullptr, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT),
+            ENOMEM);
   host_malloc_fail_nth(0);
   EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
   EXPECT_EQ(ubc_create_upl(f->vp, 100, 4096, &upl, nullptr, 0), EINVAL) << "unaligned";

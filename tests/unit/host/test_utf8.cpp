@@ -57,7 +57,12 @@ TEST(Utf8, DecodeCases) {
       {"no form: as it is", "e\xCC\x81", 510, 0, 0, 0, {'e', 0x0301}},
       // Marks out of canonical order still compose to U+1E69.
       {"reordered, composed", "s\xCC\x87\xCC\xA3", 510, UTF_PRECOMPOSED, 0, 0, {0x1E69}},
-      {"reordered, no composite", "q\xCC\x87\xCC\xA3", 510, UTF_PRECOMPOSED, 0, 0,
+      {"reordered, no composite",
+       "q\xCC\x87\xCC\xA3",
+       510,
+       UTF_PRECOMPOSED,
+       0,
+       0,
        {'q', 0x0323, 0x0307}},
       {"Hangul", "\xE1\x84\x80\xE1\x85\xA1", 510, UTF_PRECOMPOSED, 0, 0, {0xAC00}},
       {"supplementary", "\xF0\x9F\x98\x80x", 64, kLookup, 0, 0, {0xD83D, 0xDE00, 'x'}},
@@ -67,7 +72,13 @@ TEST(Utf8, DecodeCases) {
       {"first two-byte", "\xC2\x80", 8, 0, 0, 0, {0x0080}},
       {"SFM mapped", kSfmPlain, 510, kLookup, 0, 0, kSfmMapped},
       {"SFM off", ":", 8, UTF_PRECOMPOSED, 0, 0, {':'}},
-      {"SFM leaves / and NUL", std::string("a/.\0 ", 5), 16, kLookup, 0, 0, {'a', '/', '.', 0, ' '}},
+      {"SFM leaves / and NUL",
+       std::string("a/.\0 ", 5),
+       16,
+       kLookup,
+       0,
+       0,
+       {'a', '/', '.', 0, ' '}},
       // '<' + U+0338 composes to U+226E, but a mapped '<' must stay itself.
       {"composes without SFM", "<\xCC\xB8", 16, UTF_PRECOMPOSED, 0, 0, {0x226E}},
       {"mapped does not compose", "<\xCC\xB8", 16, kLookup, 0, 0, {0xF023, 0x0338}},
@@ -92,8 +103,8 @@ TEST(Utf8, DecodeCases) {
     // A marker past buflen shows a write beyond the limit.
     std::vector<uint16_t> buf(c.buflen / 2 + 8, 0xBEEF);
     size_t len = 12345;
-    EXPECT_EQ(utf8_decodestr(reinterpret_cast<const uint8_t*>(c.in.data()), c.in.size(),
-                             buf.data(), &len, c.buflen, c.altslash, c.flags),
+    EXPECT_EQ(utf8_decodestr(reinterpret_cast<const uint8_t*>(c.in.data()), c.in.size(), buf.data(),
+                             &len, c.buflen, c.altslash, c.flags),
               c.error);
     ASSERT_LE(len, c.buflen);
     EXPECT_EQ(len % 2, 0u);

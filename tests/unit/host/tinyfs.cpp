@@ -190,16 +190,11 @@ int t_reclaim(void* v) {
 }
 
 const struct vnodeopv_entry_desc tinyfs_entries[] = {
-    {&vnop_default_desc, vn_default_error},
-    {&vnop_lookup_desc, t_lookup},
-    {&vnop_create_desc, t_create},
-    {&vnop_mkdir_desc, t_mkdir},
-    {&vnop_remove_desc, t_remove},
-    {&vnop_fsync_desc, t_fsync},
-    {&vnop_inactive_desc, t_inactive},
-    {&vnop_reclaim_desc, t_reclaim},
-    {&vnop_bwrite_desc, vn_bwrite},
-    {nullptr, nullptr},
+    {&vnop_default_desc, vn_default_error}, {&vnop_lookup_desc, t_lookup},
+    {&vnop_create_desc, t_create},          {&vnop_mkdir_desc, t_mkdir},
+    {&vnop_remove_desc, t_remove},          {&vnop_fsync_desc, t_fsync},
+    {&vnop_inactive_desc, t_inactive},      {&vnop_reclaim_desc, t_reclaim},
+    {&vnop_bwrite_desc, vn_bwrite},         {nullptr, nullptr},
 };
 
 struct vnodeopv_desc tinyfs_opv_desc = {&tinyfs_vnodeop_p, tinyfs_entries};
