@@ -56,17 +56,11 @@ inline void discard(vnode_t vp) {
   vnode_put(vp);
 }
 
-inline std::atomic<int>& bare_device_reclaims() {
-  static std::atomic<int> n{0};
-  return n;
-}
-
-// vn_default_error everywhere but a reclaim that counts and detaches the node.
+// vn_default_error everywhere but inactive and a reclaim that detaches the node.
 inline VOPFUNC* bare_device_ops() {
   static std::vector<VOPFUNC> ops = [] {
     std::vector<VOPFUNC> v(vnop_desc_count(), vn_default_error);
     v[vnop_reclaim_desc.vdesc_offset] = [](void* ap) {
-      bare_device_reclaims()++;
       vnode_clearfsnode(static_cast<struct vnop_reclaim_args*>(ap)->a_vp);
       return 0;
     };

@@ -20,9 +20,6 @@ TEST(MountQueries, FlagsStatfsAndIoAttributes) {
   EXPECT_FALSE(vfs_isupdate(mp));
   EXPECT_TRUE(vfs_flags(mp) & MNT_NOATIME);
   EXPECT_TRUE(vfs_flags(mp) & MNT_IGNORE_OWNERSHIP);
-  vfs_setflags(mp, MNT_ASYNC);
-  vfs_clearflags(mp, MNT_NOATIME);
-  EXPECT_EQ(vfs_flags(mp) & (MNT_ASYNC | MNT_NOATIME), uint64_t(MNT_ASYNC));
   EXPECT_STREQ(vfs_statfs(mp)->f_fstypename, "tinyfs");
   EXPECT_EQ(vfs_statfs(mp)->f_bsize, 4096u);
   EXPECT_EQ(vfs_statfs(mp)->f_fsid.val[1], vfs_typenum(mp));
@@ -39,10 +36,6 @@ TEST(MountQueries, FlagsStatfsAndIoAttributes) {
   EXPECT_GE((uint64_t)io.io_segreadcnt * io.io_maxsegreadsize, 8u << 20);
   EXPECT_GE((uint64_t)io.io_segwritecnt * io.io_maxsegwritesize, 8u << 20);
   EXPECT_GE(io.io_maxreadcnt, ubc_upl_maxbufsize());
-  io.io_maxreadcnt = 128 << 10;
-  vfs_setioattr(mp, &io);
-  vfs_ioattr(mp, &io);
-  EXPECT_EQ(io.io_maxreadcnt, 128u << 10);
 
   vnode_t root = fs.root();
   EXPECT_TRUE(vnode_vfsisrdonly(root));
