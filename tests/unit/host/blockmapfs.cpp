@@ -50,7 +50,9 @@ int bm_blockmap(void* v) {
   if (!(ap->a_flags & VNODE_READ)) allocate_locked(f, bm_of(ap->a_vp), b, last);
   int64_t first = block_at(f, b);
   uint64_t n = 1;
-  while (b + n < last && (first == -1 ? block_at(f, b + n) == -1 : block_at(f, b + n) == first + int64_t(n))) n++;
+  while (b + n < last &&
+         (first == -1 ? block_at(f, b + n) == -1 : block_at(f, b + n) == first + int64_t(n)))
+    n++;
   uint32_t in = uint32_t(off % kBlock);
   size_t run = std::min<size_t>(n * kBlock - in, ap->a_size);
   *ap->a_bpn = first == -1 ? -1 : first * (kBlock / kSector) + in / kSector;
@@ -76,8 +78,8 @@ int bm_offtoblk(void* v) {
   return 0;
 }
 
-// The run walk of a disk file system's paging: consecutive pages that are in
-// the list (pagein) or dirty (pageout) go to the cluster layer together.
+// Consecutive pages present in the list (and dirty, for a pageout) go to
+// the cluster layer together; -1 when the list holds no page.
 template <class F>
 int walk_runs(upl_page_info_t* pl, int npages, bool dirty, F call) {
   int last = npages - 1;
@@ -98,10 +100,8 @@ int walk_runs(upl_page_info_t* pl, int npages, bool dirty, F call) {
   return error;
 }
 
-// Pagein and pageout: under the file's I/O lock, a page list of the absent
-// (in) or dirty (out) pages of the range, handed to the cluster layer run by
-// run. A range that is unaligned or past the end is refused; for a pagein
-// its pages, entered busy by the list, are released first.
+// Pagein and pageout under the file's I/O lock, over a list of the absent or
+// dirty pages. A bad range is refused (a pagein's busy pages released first).
 template <bool kOut, class Args>
 int bm_page(Args* ap) {
   EXPECT_EQ(ap->a_pl, nullptr);
@@ -115,8 +115,9 @@ int bm_page(Args* ap) {
   }
   upl_t upl;
   upl_page_info_t* pl;
-  int flags = !kOut ? UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT
-                    : ((ap->a_flags & UPL_MSYNC) ? UPL_UBC_MSYNC : UPL_UBC_PAGEOUT) | UPL_RET_ONLY_DIRTY;
+  int flags =
+      !kOut ? UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT
+            : ((ap->a_flags & UPL_MSYNC) ? UPL_UBC_MSYNC : UPL_UBC_PAGEOUT) | UPL_RET_ONLY_DIRTY;
   bool bad = ap->a_f_offset < 0 || (ap->a_f_offset & PAGE_MASK) || (ap->a_size & PAGE_MASK) ||
              ap->a_f_offset >= size;
   if (bad) {
@@ -124,13 +125,15 @@ int bm_page(Args* ap) {
       ubc_upl_abort(upl, UPL_ABORT_FREE_ON_EMPTY);
     return EINVAL;
   }
-  if (ubc_create_upl(ap->a_vp, ap->a_f_offset, int(ap->a_size), &upl, &pl, flags) != 0) return EINVAL;
+  if (ubc_create_upl(ap->a_vp, ap->a_f_offset, int(ap->a_size), &upl, &pl, flags) != 0)
+    return EINVAL;
   int npages = int(ap->a_size / PAGE_SIZE);
   int error = walk_runs(pl, npages, kOut, [&](int i, int n) {
     upl_offset_t at = upl_offset_t(i * PAGE_SIZE);
     off_t foff = ap->a_f_offset + off_t(i) * PAGE_SIZE;
     if (!kOut) return cluster_pagein(ap->a_vp, upl, at, foff, n * PAGE_SIZE, size, ap->a_flags);
-    for (int k = i; k < i + n; k++) EXPECT_TRUE(upl_dirty_page(pl, k)) << "clean page in a page-out list";
+    for (int k = i; k < i + n; k++)
+      EXPECT_TRUE(upl_dirty_page(pl, k)) << "clean page in a page-out list";
     f->pageout_pages += n;
     return cluster_pageout(ap->a_vp, upl, at, foff, n * PAGE_SIZE, size, ap->a_flags);
   });
@@ -153,16 +156,11 @@ int bm_reclaim(void* v) {
 }
 
 const struct vnodeopv_entry_desc bmfs_entries[] = {
-    {&vnop_default_desc, vn_default_error},
-    {&vnop_blockmap_desc, bm_blockmap},
-    {&vnop_strategy_desc, bm_strategy},
-    {&vnop_blktooff_desc, bm_blktooff},
-    {&vnop_offtoblk_desc, bm_offtoblk},
-    {&vnop_pagein_desc, bm_pagein},
-    {&vnop_pageout_desc, bm_pageout},
-    {&vnop_reclaim_desc, bm_reclaim},
-    {&vnop_bwrite_desc, vn_bwrite},
-    {nullptr, nullptr},
+    {&vnop_default_desc, vn_default_error}, {&vnop_blockmap_desc, bm_blockmap},
+    {&vnop_strategy_desc, bm_strategy},     {&vnop_blktooff_desc, bm_blktooff},
+    {&vnop_offtoblk_desc, bm_offtoblk},     {&vnop_pagein_desc, bm_pagein},
+    {&vnop_pageout_desc, bm_pageout},       {&vnop_reclaim_desc, bm_reclaim},
+    {&vnop_bwrite_desc, vn_bwrite},         {nullptr, nullptr},
 };
 
 struct vnodeopv_desc bmfs_opv_desc = {&bmfs_vnodeop_p, bmfs_entries};
@@ -207,8 +205,7 @@ BlockMapFs::BlockMapFs(uint64_t dev_bytes) {
   bmfs_register();
   EXPECT_EQ(host_memdev_create(dev_bytes, kSector, kBlock, &devvp_), 0);
   EXPECT_EQ(host_mount("blockmapfs", devvp_, 0, nullptr, 0, &mp_), 0);
-  // Write mappings allocate from the second half of the device, so that
-  // tests can lay files out by hand in the first half.
+  // Write mappings allocate from the second half; tests lay out the first.
   static_cast<bmfs_mount*>(vfs_fsprivate(mp_))->next_free = int64_t(dev_bytes / kBlock / 2);
 }
 
@@ -226,7 +223,8 @@ bmfs_file* BlockMapFs::create(off_t size, const std::vector<bmfs_run>& runs) {
   auto* f = new bmfs_file;
   f->size = size;
   for (const bmfs_run& r : runs)
-    for (uint32_t i = 0; i < r.blocks; i++) f->blocks.push_back(r.dev_block == -1 ? -1 : r.dev_block + i);
+    for (uint32_t i = 0; i < r.blocks; i++)
+      f->blocks.push_back(r.dev_block == -1 ? -1 : r.dev_block + i);
   struct vnode_fsparam p = {};
   p.vnfs_mp = mp_;
   p.vnfs_vtype = VREG;
@@ -246,7 +244,8 @@ void BlockMapFs::release(bmfs_file* f) {
   vnode_put(vp);
 }
 
-int BlockMapFs::write(bmfs_file* f, off_t off, const void* data, size_t len, int flags, size_t* resid) {
+int BlockMapFs::write(bmfs_file* f, off_t off, const void* data, size_t len, int flags,
+                      size_t* resid) {
   std::lock_guard<std::mutex> io(f->io_lock);
   off_t old;
   off_t nsize;
@@ -331,8 +330,8 @@ int BlockMapFs::set_size(bmfs_file* f, off_t size) {
   return ubc_setsize(f->vp, size);
 }
 
-std::string BlockMapFs::random_op(bmfs_file* f, std::vector<char>& model, std::mt19937& rng, size_t max_len,
-                                  unsigned write_percent) {
+std::string BlockMapFs::random_op(bmfs_file* f, std::vector<char>& model, std::mt19937& rng,
+                                  size_t max_len, unsigned write_percent) {
   off_t off = off_t(rng() % uint32_t(model.size()));
   size_t len = 1 + (rng() % 8 == 0 ? rng() % 20 : rng() % max_len);
   len = std::min(len, model.size() - size_t(off));
@@ -341,7 +340,8 @@ std::string BlockMapFs::random_op(bmfs_file* f, std::vector<char>& model, std::m
                      std::to_string(off);
   if (write) {
     std::vector<char> d = random_bytes(len, uint32_t(rng()));
-    if (int e = this->write(f, off, d.data(), len); e != 0) return what + ": error " + std::to_string(e);
+    if (int e = this->write(f, off, d.data(), len); e != 0)
+      return what + ": error " + std::to_string(e);
     memcpy(model.data() + off, d.data(), len);
   } else {
     std::vector<char> got(len);

@@ -1,7 +1,8 @@
 #pragma once
-// Small helpers shared by the host's tests: waiting for other threads,
-// restoring bounds a test lowered, making bare vnodes, and in-memory devices
-// with known contents, raw transfers and counters.
+// Helpers shared by the host's tests: waiting, bounds, bare vnodes, and
+// in-memory devices with known contents.
+
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -9,8 +10,6 @@
 #include <cstdint>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "host/blkdev.h"
 #include "host/buf.h"
@@ -20,8 +19,7 @@
 
 namespace host_test {
 
-// Polls until pred holds or about five seconds pass (for waiting on other
-// threads to reach a sleep or a timer to fire); returns the last answer.
+// Polls until pred holds or about five seconds pass; returns the last answer.
 template <typename Pred>
 bool eventually(Pred pred) {
   for (int i = 0; i < 5000; i++) {
@@ -38,7 +36,6 @@ struct PoolLimit {
   ~PoolLimit() { host_ubc_set_limit(saved); }
 };
 
-// Parameters of a vnode outside any file system's own helpers.
 inline struct vnode_fsparam fsparam(enum vtype type, VOPFUNC* ops, uint32_t flags = VNFS_NOCACHE,
                                     mount_t mp = nullptr) {
   struct vnode_fsparam p = {};
@@ -59,19 +56,11 @@ inline void discard(vnode_t vp) {
   vnode_put(vp);
 }
 
-// Reclaims that bare_device_ops() has seen.
-inline std::atomic<int>& bare_device_reclaims() {
-  static std::atomic<int> n{0};
-  return n;
-}
-
-// An operation vector of vn_default_error whose reclaim only counts and
-// detaches the node, for device-like vnodes without a file system.
+// vn_default_error everywhere but inactive and a reclaim that detaches the node.
 inline VOPFUNC* bare_device_ops() {
   static std::vector<VOPFUNC> ops = [] {
     std::vector<VOPFUNC> v(vnop_desc_count(), vn_default_error);
     v[vnop_reclaim_desc.vdesc_offset] = [](void* ap) {
-      bare_device_reclaims()++;
       vnode_clearfsnode(static_cast<struct vnop_reclaim_args*>(ap)->a_vp);
       return 0;
     };
@@ -88,8 +77,7 @@ inline host_devstats devstats(vnode_t dev) {
 }
 
 // The byte a pattern device holds at `off`: differs between neighbouring
-// bytes and between 512-byte blocks, so a transfer from the wrong place or
-// of the wrong length shows.
+// bytes and between 512-byte blocks, so misplaced transfers show.
 inline uint8_t pattern(uint64_t off) { return static_cast<uint8_t>(off * 7 + off / 512); }
 
 // An in-memory device of `bytes` filled with pattern(), counters at zero.
@@ -111,8 +99,7 @@ inline std::vector<uint8_t> device_bytes(vnode_t dev, uint64_t off, size_t len) 
 }
 inline uint8_t device_byte(vnode_t dev, uint64_t off) { return device_bytes(dev, off, 1)[0]; }
 
-// One transfer of `len` bytes at device block `blk` through a buffer the
-// caller describes (never cached); returns the transfer's error.
+// One uncached transfer at device block `blk`; returns its error.
 inline int dev_io(vnode_t dev, bool write, daddr64_t blk, void* data, uint32_t len) {
   buf_t bp = buf_alloc(dev);
   buf_setdataptr(bp, reinterpret_cast<uintptr_t>(data));

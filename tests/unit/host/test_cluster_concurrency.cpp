@@ -11,10 +11,10 @@
 #include <vector>
 
 #include "blockmapfs.h"
-#include "host_test_util.h"
 #include "host/cluster.h"
 #include "host/ubc.h"
 #include "host/uio.h"
+#include "host_test_util.h"
 
 namespace {
 
@@ -42,8 +42,7 @@ int64_t version_of(const char* p, uint32_t block) {
   return v;
 }
 
-// Catches races between files sharing the pool: eviction or write-behind of
-// one file's pages while another thread works on its own file.
+// Catches eviction or write-behind of one file's pages racing work on another file.
 TEST(ClusterConcurrency, WritersAndReadersOfDifferentFiles) {
   PoolLimit limit(48 * 4096);
   BlockMapFs fs;
@@ -60,7 +59,8 @@ TEST(ClusterConcurrency, WritersAndReadersOfDifferentFiles) {
     threads.emplace_back([&, t] {
       std::mt19937 rng(static_cast<uint32_t>(t));
       for (int op = 0; op < 150; op++)
-        EXPECT_EQ(fs.random_op(files[t], models[t], rng, 40000, 50), "") << "file " << t << " op " << op;
+        EXPECT_EQ(fs.random_op(files[t], models[t], rng, 40000, 50), "")
+            << "file " << t << " op " << op;
     });
   }
   for (auto& th : threads) th.join();
@@ -70,8 +70,7 @@ TEST(ClusterConcurrency, WritersAndReadersOfDifferentFiles) {
   }
 }
 
-// Catches readers that see a page while a writer fills it (torn blocks)
-// and writes lost under eviction.
+// Catches readers that see a page a writer is filling, and writes lost under eviction.
 TEST(ClusterConcurrency, ReadersOfOneFileSeeWholeBlocksWhileItIsWritten) {
   PoolLimit limit(32 * 4096);
   BlockMapFs fs;
@@ -117,8 +116,7 @@ TEST(ClusterConcurrency, ReadersOfOneFileSeeWholeBlocksWhileItIsWritten) {
   for (uint32_t b = 0; b < kBlocks; b++) EXPECT_EQ(version_of(d.data() + b * 4096, b), 40) << b;
 }
 
-// Catches deadlocks and lost stores between the page-out of mapped pages
-// and a writer holding its file's I/O lock.
+// Catches deadlocks and lost stores between page-out and a writer holding its I/O lock.
 TEST(ClusterConcurrency, MappedStoresAndWritesShareATinyPool) {
   PoolLimit limit(16 * 4096);
   BlockMapFs fs;

@@ -2,20 +2,19 @@
 // role and the pool's bound.
 
 #include <gtest/gtest.h>
-
 #include <unistd.h>
 
 #include <cstring>
 #include <vector>
 
 #include "blockmapfs.h"
-#include "host_test_util.h"
 #include "host/blkdev.h"
 #include "host/cluster.h"
 #include "host/kern.h"
 #include "host/malloc.h"
 #include "host/ubc.h"
 #include "host/uio.h"
+#include "host_test_util.h"
 
 namespace {
 
@@ -38,9 +37,7 @@ class UbcTest : public ::testing::Test {
   bmfs_file* f = nullptr;
 };
 
-// Catches page lists that hold resident pages for a page-in (they would be
-// overwritten from the device) or clean pages for a page-out, and aborts
-// that leave pages the list created, or clean a dirty page.
+// Catches lists holding resident pages for a page-in, clean ones for a page-out.
 TEST_F(UbcTest, ListsHoldExactlyTheAbsentOrDirtyPages) {
   upl_t upl;
   upl_page_info_t* pl;
@@ -64,31 +61,7 @@ TEST_F(UbcTest, ListsHoldExactlyTheAbsentOrDirtyPages) {
   EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 1u) << "abort leaves the page dirty";
 }
 
-// Catches a commit that leaves pages invalid, or writes pages committed
-// clean.
-TEST_F(UbcTest, CommitMakesPagesValidAndCleanOrDirty) {
-  upl_t upl;
-  upl_page_info_t* pl;
-  ASSERT_EQ(ubc_create_upl(f->vp, 5 * 4096, 2 * 4096, &upl, &pl, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT), 0);
-  uintptr_t addr;
-  ASSERT_EQ(ubc_upl_map(upl, &addr), 0);
-  memset(reinterpret_cast<char*>(addr), 0x55, 2 * 4096);
-  ASSERT_EQ(ubc_upl_unmap(upl), 0);
-  ASSERT_EQ(ubc_upl_commit_range(upl, 0, 4096, UPL_COMMIT_FREE_ON_EMPTY), 0);
-  ASSERT_EQ(ubc_upl_commit_range(upl, 4096, 4096, UPL_COMMIT_FREE_ON_EMPTY | UPL_COMMIT_SET_DIRTY), 0);
-  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 2u);  // page 4 and page 6
-  char buf[2 * 4096];
-  ASSERT_EQ(fs.read(f, 5 * 4096, buf, sizeof buf), 0);
-  EXPECT_EQ(buf[0], 0x55);
-  EXPECT_EQ(buf[8191], 0x55);
-  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
-  std::vector<char> d = fs.on_device(f);
-  EXPECT_EQ(d[5 * 4096], 0x11) << "a page committed clean is not written";
-  EXPECT_EQ(d[6 * 4096], 0x55);
-}
-
-// Catches readers let at a page a list still holds (they would see it
-// half filled).
+// Catches readers let at a page a list still holds (half filled).
 TEST_F(UbcTest, PagesInAListAreBusyUntilCommitted) {
   upl_t upl;
   ASSERT_EQ(ubc_create_upl(f->vp, 4 * 4096, 4096, &upl, nullptr, 0), 0);
@@ -113,12 +86,12 @@ TEST_F(UbcTest, PagesInAListAreBusyUntilCommitted) {
   ubc_upl_abort(upl, 0);  // an empty list is still freed by a whole abort
 }
 
-// Catches failed list creations and page-ins that leave busy pages behind
-// (later readers would wait forever).
+// Catches failures that leave busy pages behind (later readers would hang).
 TEST_F(UbcTest, FailuresLeaveThePagesAsTheyWere) {
   upl_t upl;
   host_malloc_fail_nth(1);
-  EXPECT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, nullptr, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT), ENOMEM);
+  EXPECT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, nullptr, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT),
+            ENOMEM);
   host_malloc_fail_nth(0);
   EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
   EXPECT_EQ(ubc_create_upl(f->vp, 100, 4096, &upl, nullptr, 0), EINVAL) << "unaligned";
@@ -127,8 +100,7 @@ TEST_F(UbcTest, FailuresLeaveThePagesAsTheyWere) {
   EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
 }
 
-// Catches a shrink that keeps pages past the end, drops the page holding
-// the new end, or leaves stale bytes that a later growth would expose.
+// Catches a shrink that keeps pages past the end or stale bytes a growth exposes.
 TEST_F(UbcTest, ShrinkingDropsPagesAndZeroesThePartialTail) {
   ASSERT_EQ(ubc_setsize(f->vp, 4 * 4096 + 100), 1);
   EXPECT_EQ(ubc_getsize(f->vp), 4 * 4096 + 100);
@@ -146,8 +118,7 @@ TEST_F(UbcTest, ShrinkingDropsPagesAndZeroesThePartialTail) {
 
 // --- Mapped access and the page-out role -------------------------------------------------
 
-// Catches faults that bypass the file system's pagein or page in resident
-// pages again, and msync that misses dirty pages or pushes clean ones.
+// Catches faults that bypass pagein or page in twice, msync missing dirty pages.
 TEST_F(UbcTest, FaultsPageInThroughTheFileSystemAndMsyncPagesOut) {
   uintptr_t addr;
   ASSERT_EQ(ubc_page_fault(f->vp, 6 * 4096 + 17, 1, &addr), 0);
@@ -171,8 +142,7 @@ TEST_F(UbcTest, FaultsPageInThroughTheFileSystemAndMsyncPagesOut) {
   EXPECT_EQ(d[4 * 4096], 0x44);
 }
 
-// Catches a truncate that frees a page still mapped (a use after free
-// under ASan) or keeps its dirtying past the end.
+// Catches a truncate that frees a page still mapped (a use after free under ASan).
 TEST_F(UbcTest, APinnedPageSurvivesTruncationUntilUnpinned) {
   uintptr_t addr;
   ASSERT_EQ(ubc_page_fault(f->vp, 7 * 4096, 1, &addr), 0);
@@ -190,8 +160,7 @@ TEST_F(UbcTest, ReclaimPushesDirtyPagesThroughPageout) {
   EXPECT_EQ(fs.on_device(f)[4 * 4096], 0x44);
 }
 
-// Catches a pool that grows past its bound with mapped dirty pages, or
-// evicts them without paging them out.
+// Catches a pool over its bound, or mapped dirty pages evicted without a pageout.
 TEST_F(UbcTest, EvictionOfMappedDirtyPagesGoesThroughPageoutAndLosesNothing) {
   PoolLimit limit(8 * 4096);
   const int npages = 64;
@@ -214,17 +183,6 @@ TEST_F(UbcTest, EvictionOfMappedDirtyPagesGoesThroughPageoutAndLosesNothing) {
   std::vector<char> back(model.size());
   ASSERT_EQ(fs.read(g, 0, back.data(), back.size()), 0);
   EXPECT_TRUE(back == model);
-}
-
-// Catches I/O attributes that would make file systems split large I/O.
-TEST(UbcLimits, RequestsCarryAtLeastOneMegabyte) {
-  EXPECT_GE(ubc_upl_maxbufsize(), 1u << 20);
-  BlockMapFs fs;
-  struct vfsioattr io;
-  vfs_ioattr(fs.mp(), &io);
-  EXPECT_GE(io.io_maxreadcnt, ubc_upl_maxbufsize());
-  EXPECT_GE(io.io_maxwritecnt, ubc_upl_maxbufsize());
-  EXPECT_GE(uint64_t(io.io_segreadcnt) * io.io_maxsegreadsize, ubc_upl_maxbufsize());
 }
 
 }  // namespace

@@ -10,43 +10,6 @@ namespace {
 
 using Units = std::vector<uint16_t>;
 
-struct Decoded {
-  int error;
-  Units units;
-};
-
-struct Encoded {
-  int error;
-  std::string text;
-  bool terminated;
-};
-
-// Decodes into a buffer larger than buflen, filled with a marker, so that a
-// write beyond the limit is seen.
-Decoded decode(const std::string& s, size_t buflen, int flags, uint16_t altslash = 0) {
-  std::vector<uint16_t> buf(buflen / 2 + 8, 0xBEEF);
-  size_t len = 12345;
-  int error = utf8_decodestr(reinterpret_cast<const uint8_t*>(s.data()), s.size(), buf.data(), &len,
-                             buflen, altslash, flags);
-  EXPECT_EQ(len % 2, 0u);
-  EXPECT_LE(len, buflen);
-  EXPECT_EQ(buf[len / 2], 0xBEEF) << "written past the reported length";
-  if (buflen % 2 == 0) {
-    EXPECT_EQ(buf[buflen / 2], 0xBEEF) << "written past the limit";
-  }
-  return {error, Units(buf.begin(), buf.begin() + static_cast<long>(len / 2))};
-}
-
-Encoded encode(const Units& u, size_t buflen, int flags, uint16_t altslash = 0) {
-  std::vector<uint8_t> buf(buflen + 8, 0xA5);
-  size_t len = 12345;
-  int error = utf8_encodestr(u.data(), u.size() * 2, buf.data(), &len, buflen, altslash, flags);
-  EXPECT_LE(len, buflen);
-  EXPECT_EQ(buf[buflen], 0xA5) << "written past the limit";
-  bool terminated = len < buf.size() && buf[len] == 0;
-  return {error, std::string(reinterpret_cast<char*>(buf.data()), len), terminated};
-}
-
 Units repeat(uint16_t unit, size_t n) { return Units(n, unit); }
 
 constexpr int kLookup = UTF_PRECOMPOSED | UTF_SFM_CONVERSIONS;  // names in
@@ -80,10 +43,7 @@ struct EncodeCase {
 
 }  // namespace
 
-// Each case pins one rule of the decoder: the limits (an 11-unit label, a
-// 255-unit name, a surrogate pair that would not fit whole), normalization
-// (composition, canonical reordering, Hangul), the edges of the valid
-// ranges, the SFM private-use mapping and the alternate slash.
+// Limits, normalization, range edges, SFM mapping, alternate slash, ill-formed input.
 TEST(Utf8, DecodeCases) {
   const DecodeCase cases[] = {
       {"label of 11 units fits", "ABCDEFGHIJK", 22, kLookup, 0, 0, kLabel11},
@@ -97,7 +57,12 @@ TEST(Utf8, DecodeCases) {
       {"no form: as it is", "e\xCC\x81", 510, 0, 0, 0, {'e', 0x0301}},
       // Marks out of canonical order still compose to U+1E69.
       {"reordered, composed", "s\xCC\x87\xCC\xA3", 510, UTF_PRECOMPOSED, 0, 0, {0x1E69}},
-      {"reordered, no composite", "q\xCC\x87\xCC\xA3", 510, UTF_PRECOMPOSED, 0, 0,
+      {"reordered, no composite",
+       "q\xCC\x87\xCC\xA3",
+       510,
+       UTF_PRECOMPOSED,
+       0,
+       0,
        {'q', 0x0323, 0x0307}},
       {"Hangul", "\xE1\x84\x80\xE1\x85\xA1", 510, UTF_PRECOMPOSED, 0, 0, {0xAC00}},
       {"supplementary", "\xF0\x9F\x98\x80x", 64, kLookup, 0, 0, {0xD83D, 0xDE00, 'x'}},
@@ -107,27 +72,57 @@ TEST(Utf8, DecodeCases) {
       {"first two-byte", "\xC2\x80", 8, 0, 0, 0, {0x0080}},
       {"SFM mapped", kSfmPlain, 510, kLookup, 0, 0, kSfmMapped},
       {"SFM off", ":", 8, UTF_PRECOMPOSED, 0, 0, {':'}},
-      {"SFM leaves / and NUL", std::string("a/.\0 ", 5), 16, kLookup, 0, 0, {'a', '/', '.', 0, ' '}},
+      {"SFM leaves / and NUL",
+       std::string("a/.\0 ", 5),
+       16,
+       kLookup,
+       0,
+       0,
+       {'a', '/', '.', 0, ' '}},
       // '<' + U+0338 composes to U+226E, but a mapped '<' must stay itself.
       {"composes without SFM", "<\xCC\xB8", 16, UTF_PRECOMPOSED, 0, 0, {0x226E}},
       {"mapped does not compose", "<\xCC\xB8", 16, kLookup, 0, 0, {0xF023, 0x0338}},
       {"alternate slash", "a/b", 16, kLookup, ':', 0, {'a', ':', 'b'}},
+      // Ill-formed input: nothing is returned.
+      {"overlong '/'", "\xC0\xAF", 510, kLookup, 0, EINVAL, {}},
+      {"overlong two-byte", "\xC1\xBF", 510, kLookup, 0, EINVAL, {}},
+      {"overlong three-byte", "\xE0\x80\xAF", 510, kLookup, 0, EINVAL, {}},
+      {"overlong four-byte", "\xF0\x80\x80\xAF", 510, kLookup, 0, EINVAL, {}},
+      {"U+D800", "\xED\xA0\x80", 510, kLookup, 0, EINVAL, {}},
+      {"U+DFFF", "\xED\xBF\xBF", 510, kLookup, 0, EINVAL, {}},
+      {"U+110000", "\xF4\x90\x80\x80", 510, kLookup, 0, EINVAL, {}},
+      {"lead past U+10FFFF", "\xF5\x80\x80\x80", 510, kLookup, 0, EINVAL, {}},
+      {"truncated", "\xE4\xB8", 510, kLookup, 0, EINVAL, {}},
+      {"truncated at the end", "ok\xF0\x9F\x98", 510, kLookup, 0, EINVAL, {}},
+      {"lone continuation", "\x80", 510, kLookup, 0, EINVAL, {}},
+      {"continuation missing", "\xC3\x28", 510, kLookup, 0, EINVAL, {}},
+      {"0xFF", "\xFF", 510, kLookup, 0, EINVAL, {}},
   };
   for (const DecodeCase& c : cases) {
-    Decoded d = decode(c.in, c.buflen, c.flags, c.altslash);
-    EXPECT_EQ(d.error, c.error) << c.what;
-    EXPECT_EQ(d.units, c.out) << c.what;
+    SCOPED_TRACE(c.what);
+    // A marker past buflen shows a write beyond the limit.
+    std::vector<uint16_t> buf(c.buflen / 2 + 8, 0xBEEF);
+    size_t len = 12345;
+    EXPECT_EQ(utf8_decodestr(reinterpret_cast<const uint8_t*>(c.in.data()), c.in.size(), buf.data(),
+                             &len, c.buflen, c.altslash, c.flags),
+              c.error);
+    ASSERT_LE(len, c.buflen);
+    EXPECT_EQ(len % 2, 0u);
+    EXPECT_EQ(buf[len / 2], 0xBEEF) << "written past the reported length";
+    EXPECT_EQ(buf[c.buflen / 2], 0xBEEF) << "written past the limit";
+    EXPECT_EQ(Units(buf.begin(), buf.begin() + long(len / 2)), c.out);
   }
 }
 
 TEST(Utf8, EncodeCases) {
-  // 'a' then 254 three-byte characters: 763 bytes. With 255 bytes of room
-  // before the NUL, 1 + 84 x 3 = 253 bytes fit; the 85th character is left
-  // out whole.
+  // 'a' then 254 three-byte characters: with 255 bytes of room before the
+  // NUL, 1 + 84 x 3 = 253 bytes fit; the 85th character is left out whole.
   Units wide = repeat(0x4E2D, 255);
   wide[0] = 'a';
   std::string wide_utf8 = "a";
   for (int i = 0; i < 254; i++) wide_utf8 += "\xE4\xB8\xAD";
+  Units long_bad = repeat('x', 300);
+  long_bad[299] = 0xDC00;
   const EncodeCase cases[] = {
       {"long name", wide, 1024, kListing, 0, 0, wide_utf8, true},
       {"cut at a character", wide, 256, kListing, 0, ENAMETOOLONG, wide_utf8.substr(0, 253), true},
@@ -150,50 +145,20 @@ TEST(Utf8, EncodeCases) {
       {"lone low", {0xDC00, 'a'}, 64, kListing, 0, EINVAL, "", false},
       {"high before a letter", {'a', 0xD800, 'b'}, 64, kListing, 0, EINVAL, "", false},
       {"pair reversed", {0xDE00, 0xD83D}, 64, kListing, 0, EINVAL, "", false},
+      {"ill-formed past the limit", long_bad, 256, kListing, 0, EINVAL, "", false},
   };
   for (const EncodeCase& c : cases) {
-    Encoded e = encode(c.in, c.buflen, c.flags, c.altslash);
-    EXPECT_EQ(e.error, c.error) << c.what;
-    EXPECT_EQ(e.text, c.out) << c.what;
+    SCOPED_TRACE(c.what);
+    std::vector<uint8_t> buf(c.buflen + 8, 0xA5);
+    size_t len = 12345;
+    EXPECT_EQ(utf8_encodestr(c.in.data(), c.in.size() * 2, buf.data(), &len, c.buflen, c.altslash,
+                             c.flags),
+              c.error);
+    ASSERT_LE(len, c.buflen);
+    EXPECT_EQ(buf[c.buflen], 0xA5) << "written past the limit";
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buf.data()), len), c.out);
     if (c.terminated) {
-      EXPECT_TRUE(e.terminated) << c.what;
+      EXPECT_EQ(buf[len], 0);
     }
   }
-  // Ill-formed input is reported even when it would not fit anyway.
-  Units long_bad = repeat('x', 300);
-  long_bad[299] = 0xDC00;
-  EXPECT_EQ(encode(long_bad, 256, kListing).error, EINVAL);
-}
-
-TEST(Utf8, IllFormedUtf8IsInvalid) {
-  const char* bad[] = {
-      "\xC0\xAF",          // overlong '/'
-      "\xC1\xBF",          // overlong two-byte
-      "\xE0\x80\xAF",      // overlong three-byte
-      "\xF0\x80\x80\xAF",  // overlong four-byte
-      "\xED\xA0\x80",      // U+D800
-      "\xED\xBF\xBF",      // U+DFFF
-      "\xF4\x90\x80\x80",  // U+110000
-      "\xF5\x80\x80\x80",  // lead byte past U+10FFFF
-      "\xE4\xB8",          // truncated
-      "ok\xF0\x9F\x98",    // truncated at the end
-      "\x80",              // lone continuation
-      "\xC3\x28",          // continuation missing
-      "\xFF",
-  };
-  for (const char* s : bad) {
-    Decoded d = decode(s, 510, kLookup);
-    EXPECT_EQ(d.error, EINVAL) << "input " << testing::PrintToString(std::string(s));
-    EXPECT_TRUE(d.units.empty());
-  }
-}
-
-TEST(Utf8DeathTest, UnsupportedFlagsPanic) {
-  uint16_t out[4];
-  uint8_t out8[4];
-  size_t len;
-  EXPECT_DEATH(utf8_decodestr(reinterpret_cast<const uint8_t*>("a"), 1, out, &len, 8, 0, UTF_REVERSE_ENDIAN),
-               "panic: utf8_decodestr: unsupported flags 0x1");
-  EXPECT_DEATH(utf8_encodestr(out, 2, out8, &len, 4, 0, UTF_ESCAPE_ILLEGAL),
-               "panic: utf8_encodestr: unsupported flags 0x10");
 }

@@ -14,7 +14,6 @@ namespace {
 struct tinyfs_mount {
   std::mutex lock;
   tinyfs_node* root;
-  uint64_t next_id = 1;
   tinyfs_stats stats;
   std::vector<std::string> events;
 };
@@ -28,7 +27,7 @@ tinyfs_mount* tm_of(vnode_t vp) { return tm_of(vnode_mount(vp)); }
 
 tinyfs_node* new_node(tinyfs_mount* tm, enum vtype type, const std::string& name,
                       tinyfs_node* parent) {
-  auto* n = new tinyfs_node{type, name, parent, {}, {}, tm->next_id++, false, nullptr, 0};
+  auto* n = new tinyfs_node{type, name, parent, {}, false, nullptr, 0};
   if (parent != nullptr) parent->children[name] = n;
   return n;
 }
@@ -66,7 +65,6 @@ int get_vnode_locked(std::unique_lock<std::mutex>& lk, tinyfs_mount* tm, mount_t
   p.vnfs_fsnode = node;
   p.vnfs_vops = tinyfs_vnodeop_p;
   p.vnfs_markroot = node == tm->root;
-  p.vnfs_filesize = (off_t)node->data.size();
   p.vnfs_cnp = cnp;
   p.vnfs_flags = VNFS_ADDFSREF | (enter ? 0 : VNFS_NOCACHE);
   vnode_t vp;
@@ -133,40 +131,18 @@ int t_mkdir(void* v) {
   return make_node(ap->a_dvp, ap->a_vpp, ap->a_cnp, VDIR);
 }
 
-int unlink_node(vnode_t vp, bool dir) {
-  tinyfs_mount* tm = tm_of(vp);
-  auto* n = static_cast<tinyfs_node*>(vnode_fsnode(vp));
+int t_remove(void* v) {
+  auto* ap = static_cast<struct vnop_remove_args*>(v);
+  tinyfs_mount* tm = tm_of(ap->a_vp);
+  auto* n = static_cast<tinyfs_node*>(vnode_fsnode(ap->a_vp));
   {
     std::lock_guard<std::mutex> guard(tm->lock);
-    if (dir && !n->children.empty()) return ENOTEMPTY;
     if (n->removed || n->parent == nullptr) return ENOENT;
     n->parent->children.erase(n->name);
     n->parent = nullptr;
     n->removed = true;
   }
-  cache_purge(vp);
-  return 0;
-}
-
-int t_remove(void* v) {
-  auto* ap = static_cast<struct vnop_remove_args*>(v);
-  if ((ap->a_flags & VNODE_REMOVE_NODELETEBUSY) && vnode_isinuse(ap->a_vp, 0)) return EBUSY;
-  return unlink_node(ap->a_vp, false);
-}
-
-int t_rmdir(void* v) {
-  auto* ap = static_cast<struct vnop_rmdir_args*>(v);
-  return unlink_node(ap->a_vp, true);
-}
-
-int t_getattr(void* v) {
-  auto* ap = static_cast<struct vnop_getattr_args*>(v);
-  auto* n = static_cast<tinyfs_node*>(vnode_fsnode(ap->a_vp));
-  std::lock_guard<std::mutex> guard(tm_of(ap->a_vp)->lock);
-  VATTR_RETURN(ap->a_vap, va_type, n->type);
-  VATTR_RETURN(ap->a_vap, va_data_size, (off_t)n->data.size());
-  VATTR_RETURN(ap->a_vap, va_fileid, n->id);
-  VATTR_RETURN(ap->a_vap, va_nlink, n->type == VDIR ? 2 + n->children.size() : 1);
+  cache_purge(ap->a_vp);
   return 0;
 }
 
@@ -214,18 +190,11 @@ int t_reclaim(void* v) {
 }
 
 const struct vnodeopv_entry_desc tinyfs_entries[] = {
-    {&vnop_default_desc, vn_default_error},
-    {&vnop_lookup_desc, t_lookup},
-    {&vnop_create_desc, t_create},
-    {&vnop_mkdir_desc, t_mkdir},
-    {&vnop_remove_desc, t_remove},
-    {&vnop_rmdir_desc, t_rmdir},
-    {&vnop_getattr_desc, t_getattr},
-    {&vnop_fsync_desc, t_fsync},
-    {&vnop_inactive_desc, t_inactive},
-    {&vnop_reclaim_desc, t_reclaim},
-    {&vnop_bwrite_desc, vn_bwrite},
-    {nullptr, nullptr},
+    {&vnop_default_desc, vn_default_error}, {&vnop_lookup_desc, t_lookup},
+    {&vnop_create_desc, t_create},          {&vnop_mkdir_desc, t_mkdir},
+    {&vnop_remove_desc, t_remove},          {&vnop_fsync_desc, t_fsync},
+    {&vnop_inactive_desc, t_inactive},      {&vnop_reclaim_desc, t_reclaim},
+    {&vnop_bwrite_desc, vn_bwrite},         {nullptr, nullptr},
 };
 
 struct vnodeopv_desc tinyfs_opv_desc = {&tinyfs_vnodeop_p, tinyfs_entries};
@@ -362,8 +331,8 @@ vnode_t TinyFs::root() {
   return vp;
 }
 
-int TinyFs::lookup(vnode_t dvp, const char* name, vnode_t* vpp, uint32_t nameiop, uint32_t flags) {
-  struct componentname cn = tinyfs_cn(name, nameiop, flags);
+int TinyFs::lookup(vnode_t dvp, const char* name, vnode_t* vpp) {
+  struct componentname cn = tinyfs_cn(name);
   return VNOP_LOOKUP(dvp, vpp, &cn, vfs_context_kernel());
 }
 
@@ -381,14 +350,9 @@ int TinyFs::mkdir(vnode_t dvp, const char* name, vnode_t* vpp) {
   return VNOP_MKDIR(dvp, vpp, &cn, &va, vfs_context_kernel());
 }
 
-int TinyFs::remove(vnode_t dvp, vnode_t vp, const char* name, int flags) {
+int TinyFs::remove(vnode_t dvp, vnode_t vp, const char* name) {
   struct componentname cn = tinyfs_cn(name, DELETE);
-  return VNOP_REMOVE(dvp, vp, &cn, flags, vfs_context_kernel());
-}
-
-int TinyFs::rmdir(vnode_t dvp, vnode_t vp, const char* name) {
-  struct componentname cn = tinyfs_cn(name, DELETE);
-  return VNOP_RMDIR(dvp, vp, &cn, vfs_context_kernel());
+  return VNOP_REMOVE(dvp, vp, &cn, 0, vfs_context_kernel());
 }
 
 int TinyFs::unmount(int mntflags) {
