@@ -215,6 +215,7 @@ std::error_code Volume::mount(const std::string& path, const MountOptions& optio
     host_blkdev_close(ms->devvp);
     return make_error(error);
   }
+  host_set_sync_interval(ms->mp, options.sync_interval_ms);
   auto impl = std::make_unique<Impl>();
   impl->ms = std::move(ms);
   out->reset(new Volume(std::move(impl)));
@@ -265,6 +266,8 @@ std::error_code Volume::update(const MountOptions& options, bool force) {
   uint64_t flags = mount_flags(options) | (force ? MNT_FORCE : 0);
   int error = host_mount_update(ms.mp, flags, args.data(), args.size());
   ms.read_only = vfs_isrdonly(ms.mp) != 0;
+  if (error == 0)
+    host_set_sync_interval(ms.mp, options.sync_interval_ms);
   return make_error(error);
 }
 

@@ -2,8 +2,8 @@
 // references, and the mount machinery that plays the kernel's mount, update
 // and unmount system calls.
 //
-// Locking: g_mount_lock protects the list of mounts and each mount's busy
-// bit. Mount, update, sync and unmount of one mount run one at a time: each
+// Locking: g_mount_lock protects the list of mounts, each mount's busy
+// bit and its syncer schedule. Mount, update, sync and unmount of one mount run one at a time: each
 // marks the mount busy (waiting while another holds it) and calls the file
 // system without g_mount_lock. A caller that loses the race to an unmount
 // finds the mount gone from the list and gets EINVAL; it never touches the
@@ -13,11 +13,13 @@
 #include "host/mount.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <thread>
 #include <vector>
 
 #include "host/kern.h"
@@ -142,6 +144,11 @@ namespace {
 
 std::mutex g_mount_lock;
 std::condition_variable g_mount_idle;
+// Wakes the syncer when a schedule changes or a busy mount becomes idle.
+// Never destroyed: a syncer thread may still wait on it while the process
+// exits with a volume mounted.
+std::condition_variable& g_syncer_wake = *new std::condition_variable;
+bool g_syncer_running = false;  // g_mount_lock
 vlist<mount, &mount::mnt_list> g_mounts;
 
 bool mounted_locked(mount_t mp) {
@@ -168,6 +175,7 @@ void mount_end_op(mount_t mp) {
   std::lock_guard<std::mutex> guard(g_mount_lock);
   mp->mnt_busy = false;
   g_mount_idle.notify_all();
+  if (mp->mnt_sync_interval_ms != 0) g_syncer_wake.notify_all();
 }
 
 // The device's logical block size, or 512 when it can't say.
@@ -317,4 +325,78 @@ int host_sync(mount_t mp, int waitfor) {
   int error = VFS_SYNC(mp, waitfor, vfs_context_kernel());
   mount_end_op(mp);
   return error;
+}
+
+// --- The syncer ------------------------------------------------------------------------
+//
+// A kernel writes back what its mounts hold in memory every few seconds;
+// without that, what a long-lived mount writes reaches the disk only when
+// memory runs short, at fsync or at unmount. One thread serves every mount
+// that has an interval: it sleeps until the earliest deadline, marks that
+// mount busy as host_sync does and calls VFS_SYNC(MNT_NOWAIT) unless the
+// mount is read-only: writes are started, not waited for, and the device's
+// cache is not flushed. A sync's error is the file system's to report (it
+// has no caller to return to). The thread starts with the first interval
+// and ends when no mount has one.
+
+namespace {
+
+int64_t steady_now_ns() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// The idle mount whose sync is due first. *scheduled tells whether any
+// mount, busy or not, has an interval.
+mount_t next_due_locked(bool* scheduled) {
+  mount_t next = nullptr;
+  *scheduled = false;
+  for (mount_t m = g_mounts.head; m != nullptr; m = m->mnt_list.next) {
+    if (m->mnt_sync_interval_ms == 0) continue;
+    *scheduled = true;
+    if (!m->mnt_busy && (next == nullptr || m->mnt_sync_due_ns < next->mnt_sync_due_ns)) next = m;
+  }
+  return next;
+}
+
+void syncer_main() {
+  std::unique_lock<std::mutex> lk(g_mount_lock);
+  for (;;) {
+    bool scheduled = false;
+    mount_t mp = next_due_locked(&scheduled);
+    if (!scheduled) break;
+    int64_t now = steady_now_ns();
+    if (mp == nullptr) {
+      g_syncer_wake.wait(lk);  // every scheduled mount is busy: mount_end_op wakes us
+      continue;
+    }
+    if (mp->mnt_sync_due_ns > now) {
+      g_syncer_wake.wait_for(lk, std::chrono::nanoseconds(mp->mnt_sync_due_ns - now));
+      continue;
+    }
+    mp->mnt_busy = true;
+    mp->mnt_sync_due_ns = now + int64_t{mp->mnt_sync_interval_ms} * 1000000;
+    lk.unlock();
+    if (!vfs_isrdonly(mp)) (void)VFS_SYNC(mp, MNT_NOWAIT, vfs_context_kernel());
+    lk.lock();
+    mp->mnt_busy = false;
+    g_mount_idle.notify_all();
+  }
+  g_syncer_running = false;
+}
+
+}  // namespace
+
+int host_set_sync_interval(mount_t mp, uint32_t interval_ms) {
+  std::lock_guard<std::mutex> guard(g_mount_lock);
+  if (!mounted_locked(mp)) return EINVAL;
+  mp->mnt_sync_interval_ms = interval_ms;
+  mp->mnt_sync_due_ns = steady_now_ns() + int64_t{interval_ms} * 1000000;
+  if (interval_ms != 0 && !g_syncer_running) {
+    g_syncer_running = true;
+    std::thread(syncer_main).detach();
+  }
+  g_syncer_wake.notify_all();
+  return 0;
 }

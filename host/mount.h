@@ -205,3 +205,8 @@ int host_mount_update(mount_t mp, uint64_t flags, const void* data, size_t datal
 int host_unmount(mount_t mp, int mntflags);
 // VFS_SYNC with the kernel context.
 int host_sync(mount_t mp, int waitfor);
+// How often the syncer writes back the mount's pending changes
+// (VFS_SYNC with MNT_NOWAIT, skipped while the mount is read-only), in
+// milliseconds from now on; 0 stops it for this mount. EINVAL when the
+// mount is gone.
+int host_set_sync_interval(mount_t mp, uint32_t interval_ms);

@@ -168,6 +168,8 @@ struct mount {
   // protected by the mount machinery's lock (host/mount.cpp)
   bool mnt_busy = false;
   vlink<mount> mnt_list;
+  uint32_t mnt_sync_interval_ms = 0;  // the syncer's period; 0: not synced by it
+  int64_t mnt_sync_due_ns = 0;        // steady-clock time of the next sync
 };
 
 // --- Between the vnode layer and the rest of the host --------------------

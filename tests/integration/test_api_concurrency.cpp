@@ -69,9 +69,11 @@ void work(Volume* volume, int worker, std::map<std::string, uint32_t>* kept,
 }
 
 TEST_F(ApiConcurrency, ThreadsShareOneVolume) {
-  // The delayed metadata flush runs beside the workers.
+  // The delayed metadata flush and periodic syncs run beside the workers.
   ASSERT_NO_FATAL_FAILURE(format(64u << 20));
-  ASSERT_FALSE(mount());
+  MountOptions options;
+  options.sync_interval_ms = 1;
+  ASSERT_FALSE(mount(options));
   ASSERT_FALSE(volume_->mkdir("/shared"));
   // Every worker also writes a disjoint stripe of one shared File.
   File common;

@@ -42,6 +42,11 @@ struct MountOptions {
   // No delayed metadata flush: metadata reaches the disk at sync and unmount.
   bool async = false;
   bool noatime = false;
+  // Every this many milliseconds, what the volume holds in memory is
+  // written back, as a kernel's periodic sync does: without waiting for the
+  // writes and without flushing the device's cache. 0: only sync, fsync,
+  // memory pressure and unmount write it.
+  uint32_t sync_interval_ms = 0;
   // The kernel log lines printed while mounting are passed on to the kernel
   // log (stderr unless redirected) as well as returned through mount's
   // diagnostic argument. Off, they are only returned.
@@ -108,8 +113,8 @@ class Volume {
   // Writes everything pending to the device; with `wait`, waits for it.
   std::error_code sync(bool wait = true);
   // Changes the options of the mounted volume: read-only or read-write,
-  // mask, time zone, asynchronous, no access times (echo_kernel_log is not
-  // used). Going read-only refuses with EBUSY while files are open for
+  // mask, time zone, asynchronous, no access times, sync interval
+  // (echo_kernel_log is not used). Going read-only refuses with EBUSY while files are open for
   // writing or mapped writable, unless `force`, which revokes them first.
   // Going read-write fails with EROFS when the device can't be written.
   std::error_code update(const MountOptions& options, bool force = false);
