@@ -50,6 +50,9 @@ bool is_kernel_flag(const std::string& name) {
   return false;
 }
 
+// Above a day, a periodic write-back is no safer than none.
+constexpr unsigned long kMaxCommitSeconds = 86400;
+
 bool parse_unsigned(const std::string& text, int base, unsigned long max, unsigned long* out) {
   if (text.empty() || text[0] == '-' || text[0] == '+')
     return false;
@@ -169,6 +172,11 @@ std::string apply_one(const std::string& option, Config* c, Masks* masks,
     if (!parse_signed(value, -24 * 60, 24 * 60, &s))
       return bad_value() + " (minutes east of UTC, -1440 to 1440)";
     c->volume.seconds_west = static_cast<int32_t>(-s * 60);
+  } else if (name == "commit") {
+    if (!parse_unsigned(value, 10, kMaxCommitSeconds, &u))
+      return bad_value() + " (seconds between write-backs, 0 to " +
+             std::to_string(kMaxCommitSeconds) + "; 0: none)";
+    c->volume.sync_interval_ms = static_cast<uint32_t>(u * 1000);
   } else if (name == "tz") {
     if (value != "UTC")
       return bad_value() + " (only tz=UTC is known)";
@@ -259,7 +267,8 @@ std::string usage_text() {
   return "usage: mount.exvol IMAGE_OR_DEVICE MOUNTPOINT [-o option[,option...]] [-f] [-d]\n"
          "  -f  stay in the foreground        -d  log every request (implies -f)\n"
          "options: ro rw uid=N gid=N umask=M dmask=M fmask=M noatime atime sync async\n"
-         "         allow_other default_permissions quiet fsname=NAME time_offset=MINUTES tz=UTC\n"
+         "         commit=SECONDS allow_other default_permissions quiet fsname=NAME\n"
+         "         time_offset=MINUTES tz=UTC\n"
          "         suid nosuid dev nodev exec noexec dirsync auto_unmount max_read=N\n";
 }
 
@@ -270,6 +279,7 @@ ParseResult parse_command_line(int argc, char** argv, mode_t umask_now, uid_t ui
   c.uid = uid_now;
   c.gid = gid_now;
   c.volume.seconds_west = local_seconds_west();
+  c.volume.sync_interval_ms = kDefaultCommitSeconds * 1000;
   std::string lists;
   std::vector<std::string> positional;
 

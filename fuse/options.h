@@ -20,6 +20,11 @@
 
 namespace exvol::fuse {
 
+// How often a mounted volume's pending changes are written back unless
+// commit= says otherwise: what a writer that keeps its file open (a
+// recorder, a log) stands to lose when the device is pulled.
+constexpr uint32_t kDefaultCommitSeconds = 5;
+
 struct Config {
   std::string image;       // absolute path of the image file or device
   std::string mountpoint;  // absolute path of the directory to mount on
