@@ -163,7 +163,26 @@ int read_boot_sector(vnode_t devvp, VolumeInfo* out) {
   return error;
 }
 
+void log_to_handler(const char* line, void* arg) {
+  (*static_cast<const LogHandler*>(arg))(line);
+}
+
 }  // namespace
+
+// Handlers are kept for the life of the process: a mount under way has
+// saved the sink it found and puts it back when done, so a replaced
+// handler may still be called after this returns.
+void set_log_handler(LogHandler handler) {
+  static std::mutex lock;
+  static std::vector<std::unique_ptr<LogHandler>> installed;
+  std::lock_guard<std::mutex> guard(lock);
+  if (!handler) {
+    host_log_set_sink(nullptr, nullptr);
+    return;
+  }
+  installed.push_back(std::make_unique<LogHandler>(std::move(handler)));
+  host_log_set_sink(log_to_handler, installed.back().get());
+}
 
 std::string VolumeInfo::uuid_string() const {
   char s[37];

@@ -21,6 +21,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -82,6 +83,16 @@ bool fork_daemon() {
   g_notify_fd = fds[1];
   setsid();
   return true;
+}
+
+// Once the daemon has left the terminal, what the driver reports about the
+// volume (damage, failing I/O) goes to the system log, under the image's
+// name.
+void log_to_syslog(const std::string& image) {
+  openlog("mount.exvol", LOG_PID, LOG_DAEMON);
+  set_log_handler([image](const std::string& message) {
+    syslog(LOG_WARNING, "%s: %s", image.c_str(), message.c_str());
+  });
 }
 
 // Leaves the terminal once the mount is up: the daemon's output would have
@@ -187,6 +198,7 @@ int run(const Config& c) {
   notify_parent(0);
   if (!c.foreground) {
     detach_stdio();
+    log_to_syslog(c.image);
     if (chdir("/") != 0) {
       // Only the working directory stays put; nothing depends on it.
     }
@@ -197,8 +209,10 @@ int run(const Config& c) {
   fuse_session_unmount(se);
   std::error_code ec = daemon.shut_down();
   fuse_session_destroy(se);
-  if (ec)
+  if (ec && c.foreground)
     fprintf(stderr, "mount.exvol: unmounting %s: %s\n", c.image.c_str(), ec.message().c_str());
+  else if (ec)
+    syslog(LOG_ERR, "unmounting %s: %s", c.image.c_str(), ec.message().c_str());
   close(lock_fd);
   return ec ? kExitFailure : 0;
 }

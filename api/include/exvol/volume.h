@@ -22,6 +22,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <system_error>
@@ -88,6 +89,16 @@ struct VolumeInfo {
   // "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX", upper case.
   std::string uuid_string() const;
 };
+
+// Where the driver's messages go: damage it finds on a volume, I/O that
+// fails, write-backs that fail. The handler gets one message per call,
+// without a trailing newline, on whichever thread printed it, never two at
+// once. Process-wide; an empty handler restores the default, standard
+// error. Set it while no Volume::mount is under way: a mount puts back the
+// handler it found when it ends. Mount diagnostics also come back through
+// Volume::mount.
+using LogHandler = std::function<void(const std::string& message)>;
+void set_log_handler(LogHandler handler);
 
 class Volume {
  public:
