@@ -128,23 +128,6 @@ TEST_F(BootRegion, BootRegionsAtTheLimitsMount) {
   EXPECT_EQ(0, mount(MNT_RDONLY));
 }
 
-// The root directory may start in the last cluster of the heap.
-TEST_F(BootRegion, RootInTheLastClusterMounts) {
-  const uint32_t count = 64;
-  const uint32_t last = count + 1;
-  ImageBuilder b = mountable(Geometry{.cluster_count = count});
-  b.add_label(u"LAST");
-  std::vector<uint8_t> image = b.build();
-  uint64_t from = b.cluster_byte_offset(b.root().first_cluster);
-  std::vector<uint8_t> root(image.begin() + from, image.begin() + from + b.bytes_per_cluster());
-  b.write_data(last, Alloc::Chain, root).set_fat(last, 0xFFFFFFFF).set_allocated(last, true);
-  b.boot_field(96, last, 4);
-  ASSERT_EQ(0, load(b.build()));
-  ASSERT_EQ(0, mount());
-  EXPECT_EQ(last, xm->xm_root_cluster);
-  EXPECT_STREQ("LAST", xm->xm_label);
-}
-
 // A FAT too small for the cluster count: a warning, and the highest
 // cluster is the last one the FAT can describe.
 TEST_F(BootRegion, MoreClustersThanFatEntriesLowersTheLimit) {
@@ -176,18 +159,6 @@ TEST_F(BootRegion, GeometryFollowsTheBootSector) {
 }
 
 class MountArguments : public MountTest {};
-
-// Arguments without the magic still apply their mask and time zone.
-TEST_F(MountArguments, MaskAndTimeZoneApplyWithOrWithoutTheMagic) {
-  for (uint32_t magic : {EXFAT_ARGS_MAGIC, 0u}) {
-    ASSERT_EQ(0, load(mountable().build()));
-    ASSERT_EQ(0, mount(MNT_RDONLY, exfat_mount_args(0x7123, -3600, magic)));
-    EXPECT_EQ(0x123, xm->xm_mask) << "only the low 12 bits are kept";
-    EXPECT_EQ(-3600, exfat_secondsWest);
-    ASSERT_EQ(0, unmount());
-  }
-  exfat_secondsWest = 0;
-}
 
 // An update applies its arguments, a reload is refused, and an upgrade to
 // read-write marks the volume dirty until the unmount.

@@ -173,17 +173,6 @@ class PowerCut : public NamespaceTest {
     return error == 0;
   }
 
-  // ERESTART means "look the names up again": it must settle in a few rounds.
-  template <typename Op>
-  int restarting(Op op) {
-    int error = ERESTART;
-    for (int round = 0; round < 8 && error == ERESTART; round++)
-      error = op();
-    if (error == ERESTART)
-      ADD_FAILURE() << "the operation keeps asking for a restart";
-    return error;
-  }
-
   // Resolves a path of the tree ("d1/alpha") one component at a time.
   int resolve(const std::string& path, Vref* out) {
     vnode_t dvp = root_vp_;
@@ -281,7 +270,7 @@ class PowerCut : public NamespaceTest {
     forget(path);
     model_.erase(path);
     links_.erase(path);
-    ok(restarting([&] {
+    ok(settled([&] {
          return directory ? rmdir(dir.vp, leaf_of(path)) : remove(dir.vp, leaf_of(path));
        }),
        "remove");
@@ -301,7 +290,7 @@ class PowerCut : public NamespaceTest {
       model_[to] = it->second;
       model_.erase(from);
     }
-    ok(restarting([&] { return rename(fdir.vp, leaf_of(from), tdir.vp, leaf_of(to)); }),
+    ok(settled([&] { return rename(fdir.vp, leaf_of(from), tdir.vp, leaf_of(to)); }),
        "rename");
   }
 
@@ -451,7 +440,7 @@ class PowerCut : public NamespaceTest {
         EXPECT_TRUE(data == p.data) << "size " << data.size() << ", owed " << p.data.size();
       }
     }
-    walk(root_vp_, 0);
+    walk_tree(root_vp_);
     release_nodes();
     ASSERT_EQ(0, unmount());
 
@@ -473,28 +462,6 @@ class PowerCut : public NamespaceTest {
       FsckResult r = run_fsck(read_device(0, image_bytes_));
       EXPECT_EQ(std::string::npos, r.output.find("already allocated for the other file"))
           << "the volume was clean, yet writing to it cross-linked files:\n" << r.output;
-    }
-  }
-
-  // Lists, looks up and reads everything; any errno is allowed here.
-  void walk(vnode_t dvp, int depth) {
-    std::vector<DirRecord> records;
-    if (vn_list(dvp, &records) != 0 || depth > 8)
-      return;
-    for (const DirRecord& r : records) {
-      vnode_t vp = NULLVP;
-      if (vn_lookup(dvp, r.name, &vp) != 0)
-        continue;
-      if (vnode_isdir(vp)) {
-        walk(vp, depth + 1);
-      } else if (vnode_islnk(vp)) {
-        std::string target;
-        (void)vn_readlink(vp, &target);
-      } else {
-        std::vector<uint8_t> data;
-        (void)vn_read_all(vp, &data);
-      }
-      vnode_put(vp);
     }
   }
 

@@ -39,24 +39,6 @@ class RootScan : public MountTest {
   }
 };
 
-TEST_F(RootScan, SecondFatBitmapBeforeTheActiveOneIsPassedOver) {
-  ImageBuilder b;
-  uint32_t decoy = full_bitmap_cluster(b);
-  Placed second = b.add_entry(b.root(), bitmap_entry(0x01, decoy, b.bitmap_length()));
-  b.add_bitmap_entry().add_upcase_entry();
-  uint32_t used = used_clusters(b);
-  ASSERT_EQ(0, load(b.build()));
-  ASSERT_EQ(0, mount(MNT_RDONLY));
-  EXPECT_EQ(b.geometry().cluster_count - used, xm->xm_free_clusters);
-  EXPECT_EQ(second.offset + 32, bitmap_node()->x_dir_offset);
-  EXPECT_EQ(b.bitmap_cluster(), bitmap_node()->x_start_cluster);
-  EXPECT_EQ(b.bitmap_length(), xm->xm_bitmap_size);
-  EXPECT_TRUE(vnode_issystem(xm->xm_bitmap_vp));
-  char name[32];
-  vnode_getname_copy(xm->xm_bitmap_vp, name, sizeof(name));
-  EXPECT_STREQ("<bitmap>", name);
-}
-
 TEST_F(RootScan, SecondActiveBitmapIsReportedAndIgnored) {
   ImageBuilder b;
   uint32_t decoy = full_bitmap_cluster(b);

@@ -106,21 +106,6 @@ TEST_F(SymlinkTest, TargetOver1024BytesIsRefused) {
   EXPECT_EQ(free_before, free_clusters());
 }
 
-// readlink of a regular file is EINVAL, of a removed link EAGAIN.
-TEST_F(SymlinkTest, ReadlinkRefusesFilesAndRemovedLinks) {
-  builder_.add_file(builder_.root(), u"plain", bytes("x"));
-  mount_built();
-  Vref plain, link;
-  ASSERT_EQ(0, lookup("plain", &plain));
-  std::string out;
-  size_t moved = 0;
-  EXPECT_EQ(EINVAL, readlink(plain.vp, 64, &out, &moved));
-  ASSERT_EQ(0, symlink(root_vp_, "ln", "plain", &link));
-  ASSERT_EQ(0, remove(root_vp_, "ln"));
-  EXPECT_EQ(EAGAIN, readlink(link.vp, 64, &out, &moved));
-  EXPECT_EQ(0u, moved);
-}
-
 // A file is recognised as a link, by its magic and its lower-case digest,
 // each time its node is instantiated.
 TEST_F(SymlinkTest, RecognitionChecksMagicAndDigest) {
@@ -166,19 +151,6 @@ TEST_F(SymlinkTest, RecognitionChecksMagicAndDigest) {
   ASSERT_EQ(0, lookup("damaged", &v));
   EXPECT_EQ(VREG, vnode_vtype(v.vp));
   EXPECT_EQ(kLinkSize, v.node()->x_size);
-}
-
-// With no cluster free the link is not made and its entry set is deleted.
-TEST_F(SymlinkTest, FullVolumeLeavesNoLink) {
-  fill_volume_with_file(u"filler");
-  mount_built();
-  Vref link;
-  EXPECT_EQ(ENOSPC, symlink(root_vp_, "nowhere", "t", &link));
-  EXPECT_EQ(NULLVP, link.vp);
-  Vref none;
-  EXPECT_EQ(ENOENT, lookup("nowhere", &none));
-  EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
-  unmount_and_check();
 }
 
 }  // namespace
