@@ -174,15 +174,6 @@ class NamespaceTest : public VolumeTest {
     return dir_bytes(dvp, node->x_dir_offset, (node->x_secondary_count + 1u) * EXFAT_ENTRY_SIZE);
   }
 
-  // Gives every cluster still free to one file of the builder's root, so
-  // that the volume is full and yet consistent.
-  void fill_volume_with_file(const std::u16string& name) {
-    uint32_t free = builder_free_clusters();
-    ASSERT_GT(free, 0u);
-    builder_.add_file(builder_.root(), name,
-                      std::vector<uint8_t>(uint64_t(free) * builder_.bytes_per_cluster(), 'z'));
-  }
-
   // Up to `length` bytes of a file from offset 0.
   std::string read_file(vnode_t vp, size_t length) {
     std::vector<uint8_t> data;

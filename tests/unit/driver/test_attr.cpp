@@ -1,5 +1,5 @@
-// File attributes through the vnode operations: what getattr reports, what
-// setattr changes in the node and in the entry set on disk, path limits.
+// File attributes through the vnode operations: what getattr reports and
+// what setattr changes in the node and in the entry set on disk.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "exfat_proto.h"
-#include "host/buf.h"
 #include "host/mount.h"
 #include "host/ubc.h"
 #include "tests/support/vnode_io.h"

@@ -1,11 +1,9 @@
-// Block mapping on a mounted volume: the one-run extent cache over chains
-// and contiguous files, the end-of-data and corrupt-chain rules, and the
-// blockmap vnode operation's holes past the valid data.
+// Block mapping: the one-run extent cache over a chain, E2BIG past the
+// data, and the blockmap vnode operation's holes past the valid data.
 
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <thread>
 #include <vector>
 
 #include "exfat_proto.h"
@@ -166,28 +164,22 @@ TEST_F(BlockmapTest, IndexesPastTheDataAreE2BIG) {
   EXPECT_EQ(0, exfat_blockmap(&shorter, 99, 1, nullptr, nullptr, nullptr));
 }
 
-// A contiguous file of two clusters holding 1000 valid bytes, and a chained
-// file of three clusters 100 -> 101 -> 300.
-struct TwoFiles {
-  uint32_t contig_offset = 0, contig_cluster = 0;
-  uint32_t chained_offset = 0;
-};
-
+// A contiguous file of two clusters holding 1000 valid bytes.
 TEST_F(BlockmapTest, ReadsPastTheValidDataAreHolesAndWritesAreNot) {
-  TwoFiles f;
+  uint32_t offset = 0, cluster = 0;
   mount_volume([&](ImageBuilder& b) {
-    f.contig_cluster = b.allocate(2, Alloc::Contiguous);
+    cluster = b.allocate(2, Alloc::Contiguous);
     FileDesc s;
     s.name = u"valid1000";
-    s.first_cluster = f.contig_cluster;
+    s.first_cluster = cluster;
     s.data_length = 2 * kClusterSize;
     s.valid_length = 1000;
     s.no_fat_chain = true;
-    f.contig_offset = b.add_set(b.root(), s).offset;
+    offset = b.add_set(b.root(), s).offset;
   });
-  vnode_t vp = file_vnode(f.contig_offset);
+  vnode_t vp = file_vnode(offset);
   ASSERT_NE(nullptr, vp);
-  const daddr64_t first = static_cast<daddr64_t>(sector_of(f.contig_cluster));
+  const daddr64_t first = static_cast<daddr64_t>(sector_of(cluster));
 
   // At and past the valid size rounded up to a sector: holes.
   Mapping m = blockmap(vp, 1024, 4096, VNODE_READ);
@@ -223,31 +215,6 @@ TEST_F(BlockmapTest, ReadsPastTheValidDataAreHolesAndWritesAreNot) {
   EXPECT_EQ(0, VNOP_BLOCKMAP(vp, 0, 4096, nullptr, nullptr, nullptr, VNODE_READ,
                              vfs_context_kernel()));
   vnode_put(vp);
-}
-
-TEST(BlockOffsets, FixedFourKilobyteLogicalBlocks) {
-  struct vnop_blktooff_args to_off = {};
-  off_t off = 0;
-  to_off.a_vp = reinterpret_cast<vnode_t>(&off);  // any vnode: only its presence counts
-  to_off.a_lblkno = 3;
-  to_off.a_offset = &off;
-  ASSERT_EQ(0, exfat_vnop_blktooff(&to_off));
-  EXPECT_EQ(12288, off);
-  to_off.a_vp = nullptr;
-  EXPECT_EQ(EINVAL, exfat_vnop_blktooff(&to_off));
-
-  struct vnop_offtoblk_args to_blk = {};
-  daddr64_t blk = 0;
-  to_blk.a_vp = reinterpret_cast<vnode_t>(&blk);
-  to_blk.a_offset = 12287;
-  to_blk.a_lblkno = &blk;
-  ASSERT_EQ(0, exfat_vnop_offtoblk(&to_blk));
-  EXPECT_EQ(2, blk);
-  to_blk.a_offset = 12288;
-  ASSERT_EQ(0, exfat_vnop_offtoblk(&to_blk));
-  EXPECT_EQ(3, blk);
-  to_blk.a_vp = nullptr;
-  EXPECT_EQ(EINVAL, exfat_vnop_offtoblk(&to_blk));
 }
 
 }  // namespace

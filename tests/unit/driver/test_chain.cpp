@@ -1,17 +1,13 @@
 // Cluster chains and file size changes on mounted builder images: first
-// allocations, growth in place and elsewhere (contiguous to chain), freeing
-// and cutting chains, size changes inside the allocation, directory growth
-// and the all-or-nothing space check. Consistent volumes go to the checker.
+// allocations, growth in place and elsewhere (contiguous to chain), the
+// all-or-nothing space check, cutting and freeing chains.
 
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "exfat_proto.h"
-#include "host/buf.h"
 #include "host/kern.h"
 #include "host/malloc.h"
 #include "host/vfs.h"

@@ -1,5 +1,5 @@
-// Create, mkdir and mknod as the kernel drives them: the sets written, the
-// attributes chosen, the name limits and what a failure leaves behind.
+// Create and mkdir as the kernel drives them: the sets written, the
+// attributes chosen, the name limit, and a restart when the parent went.
 
 #include <gtest/gtest.h>
 

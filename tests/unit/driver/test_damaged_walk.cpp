@@ -101,7 +101,8 @@ class DamagedWalk : public NamespaceTest {
       settled([&] { return VNOP_FSYNC(file.vp, MNT_WAIT, ctx_); });
       file.reset();
     }
-    if (settled([&] { return lookup(root_vp_, "dir", LOOKUP, &dir); }) == 0 && vnode_isdir(dir.vp)) {
+    if (settled([&] { return lookup(root_vp_, "dir", LOOKUP, &dir); }) == 0 &&
+        vnode_isdir(dir.vp)) {
       Vref inner;
       if (settled([&] { return create(dir.vp, "inner", &inner); }) == 0)
         settled([&] { return vn_write_at(inner.vp, 0, std::vector<uint8_t>(700, 'i')); });

@@ -1,16 +1,14 @@
 // Directory iteration and directory block I/O: sets across blocks, the
-// checked-end mark, bad and corrupt entries, the free-entry walk.
+// checked-end mark, bad and corrupt entries.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 #include "exfat_proto.h"
 #include "host/buf.h"
 #include "host/kern.h"
-#include "host/malloc.h"
 #include "host/mount.h"
 #include "tests/support/image_builder.h"
 #include "tests/unit/driver/mount_fixture.h"

@@ -1,5 +1,5 @@
-// Directory entry sets: checksum, validation, name hash, building a set,
-// copying a name into it and renaming it in place.
+// Directory entry sets: checksum, validation, name hash, building a set
+// and renaming it in place.
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// The one-block FAT cache, the walk to a file's last cluster, and the FAT
-// vnode's paging, block mapping and fsync, on a mounted volume.
+// The one-block FAT cache and the walk to a file's last cluster, on a
+// mounted volume.
 
 #include <gtest/gtest.h>
 
@@ -8,12 +8,9 @@
 #include <vector>
 
 #include "exfat_proto.h"
-#include "host/blkdev.h"
 #include "host/cluster.h"
 #include "host/kern.h"
-#include "host/malloc.h"
 #include "host/ubc.h"
-#include "host/uio.h"
 #include "host/vfs.h"
 #include "tests/support/image_builder.h"
 #include "tests/unit/driver/mount_fixture.h"

@@ -1,5 +1,5 @@
-// The node life cycle: close and fsync write a changed entry back once,
-// removed open files are freed at last close, F_FULLFSYNC flushes the device.
+// The node life cycle: close writes a changed entry back once, a directory's
+// fsync writes its dirty blocks, F_FULLFSYNC flushes the device.
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,6 @@
 #include "host/buf.h"
 #include "host/kern.h"
 #include "host/mount.h"
-#include "host/uio.h"
 #include "host/vfs.h"
 #include "tests/support/vnode_io.h"
 #include "tests/unit/driver/volume_fixture.h"

@@ -1,5 +1,5 @@
 // The test image builder: the volumes it calls valid pass the external
-// checker, and its fields land where the driver's layouts say they are.
+// checker.
 
 #include <gtest/gtest.h>
 

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -64,7 +63,6 @@ class LabelTest : public VolumeTest {
       n += root[i] == EXFAT_ENTRY_LABEL;
     return n;
   }
-
 };
 
 // A volume without a label entry gets one in the first free slot.

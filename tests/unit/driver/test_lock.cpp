@@ -1,12 +1,9 @@
-// Node lock ordering: sorting and deduplicating node sets, locking two or
-// four nodes in ascending address order, and locking a node's parent with
-// its retry and error cases.
+// Locking a node's parent: nodes without one, a file's, and the retry when
+// the node moves while its parent is held.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
-#include <array>
 #include <cstring>
 #include <thread>
 
@@ -44,7 +41,6 @@ thread_t owner_of(struct exfat_node* node) {
 
 class LockTest : public VolumeTest {
  protected:
-  // Mounts a volume with one file and fetches the root and the file.
   void mount_with_file() {
     uint32_t offset = builder_.add_file(builder_.root(), u"f", bytes("data")).offset;
     mount_built();

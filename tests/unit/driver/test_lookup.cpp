@@ -1,5 +1,5 @@
-// Lookup: case-insensitive matching, name conversion, "." and "..", the name
-// cache, name limits, hash collisions, removed and corrupt directories.
+// Lookup: case-insensitive matching, "." and "..", the name cache, and a
+// restart when the vnode is being reclaimed.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,6 @@
 #include "exfat_proto.h"
 #include "host/blkdev.h"
 #include "host/buf.h"
-#include "host/locks.h"
 #include "host/mount.h"
 #include "host/namecache.h"
 #include "host/vfs.h"
@@ -157,20 +156,6 @@ TEST_F(LookupTest, NameCacheEntriesOfHitsAndMisses) {
 
   // A name cached negatively for LOOKUP is still free to create.
   EXPECT_EQ(EJUSTRETURN, lookup("ghost", &none, CREATE));
-}
-
-// A directory with an unknown critical primary before the sought name is
-// corrupt: EIO, the volume marked, the directory unlocked, no cache entry.
-TEST_F(LookupTest, CorruptDirectoryIsEIO) {
-  builder_.add_entry(builder_.root(), raw_entry(0x84));
-  builder_.add_file(builder_.root(), u"after", bytes("a"));
-  mount_built();
-
-  size_t entries = host_namecache_count();
-  Vref none;
-  EXPECT_EQ(EIO, lookup("after", &none));
-  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
-  EXPECT_EQ(entries, host_namecache_count());
 }
 
 class LookupConcurrency : public LookupTest {};

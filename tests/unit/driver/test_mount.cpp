@@ -1,11 +1,9 @@
-// Mounting: the boot region checks and geometry, the device block size,
-// the volume UUID, mount arguments, statfs figures and volume attributes,
-// and unmounting.
+// Mounting: the boot region checks, the device block size, mount updates,
+// statfs figures and volume attributes, and unmounting.
 
 #include <cstring>
 #include <functional>
 
-#include "host/buf.h"
 #include "mount_fixture.h"
 #include "tests/support/image_builder.h"
 
@@ -138,24 +136,6 @@ TEST_F(BootRegion, MoreClustersThanFatEntriesLowersTheLimit) {
   EXPECT_EQ(1u, log.count("exfat: Warning: number of clusters (202) exceeds FAT capacity (128)"));
   EXPECT_EQ(127u, xm->xm_max_cluster);
   EXPECT_EQ(512u, xm->xm_fat_size);
-}
-
-// The mount record's geometry comes from the boot sector; the metadata
-// block is the physical block, but never larger than a cluster.
-TEST_F(BootRegion, GeometryFollowsTheBootSector) {
-  ImageBuilder b = mountable(Geometry{.sector_shift = 9, .cluster_shift = 2, .cluster_count = 300});
-  ASSERT_EQ(0, load(b.build(), 512, 4096));
-  ASSERT_EQ(0, mount());
-  EXPECT_EQ(4096u, xm->xm_phys_block_size);
-  EXPECT_EQ(2048u, xm->xm_bytes_per_cluster);
-  EXPECT_EQ(2048u, xm->xm_block_size);  // the physical block is larger than a cluster
-  EXPECT_EQ(4u, xm->xm_sectors_per_block);
-  EXPECT_EQ(1u, xm->xm_blocks_per_cluster);
-  EXPECT_EQ(301u, xm->xm_max_cluster);
-  EXPECT_EQ(b.geometry().fat_offset, xm->xm_fat_offset);
-  EXPECT_EQ(b.fat_byte_offset() / 512, xm->xm_fat_offset);
-  EXPECT_EQ(b.cluster_byte_offset(2) / 512, xm->xm_heap_offset);
-  EXPECT_EQ(b.root().first_cluster, xm->xm_root_cluster);
 }
 
 class MountArguments : public MountTest {};

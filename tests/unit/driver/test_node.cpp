@@ -1,21 +1,18 @@
 // Nodes: what a node takes from its entry set (the root from its chain),
-// size limits, link recognition, write-back, and the node hash between threads.
+// size limits, write-back, and the node hash between threads.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cctype>
 #include <chrono>
-#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "exfat_proto.h"
 #include "host/blkdev.h"
-#include "host/buf.h"
 #include "host/kern.h"
-#include "host/locks.h"
 #include "host/malloc.h"
 #include "host/mount.h"
 #include "host/time.h"
@@ -42,11 +39,6 @@ class NodeTest : public VolumeTest {
   }
   std::vector<uint8_t> disk_set(uint32_t offset, uint32_t entries) {
     return root_set(offset, entries);
-  }
-
-  static void set_clock(int64_t seconds, long nanoseconds = 0) {
-    struct timespec ts = {static_cast<time_t>(seconds), nanoseconds};
-    host_set_nanotime(&ts);
   }
 };
 

@@ -1,17 +1,14 @@
-// Paging on mounted builder images, through mapped access (faults, dirty
-// pages, msync, unmapping) and direct page-ins and page-outs: zeros past the
-// valid length although the disk holds junk, the zero fill of the gap before
-// a page stored beyond it, and refused requests.
+// Paging through mapped access on mounted builder images: zeros past the
+// valid length although the disk holds junk, and the zero fill of the gap
+// before a page stored beyond it.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "exfat_proto.h"
-#include "host/blkdev.h"
 #include "host/kern.h"
 #include "host/mount.h"
 #include "host/ubc.h"
@@ -108,24 +105,6 @@ TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
   unmount_and_check();
   EXPECT_EQ(12288u, le64dec(&disk_stream(f.offset)[8]));
   EXPECT_EQ(10000u, le64dec(&disk_stream(g.offset)[8]));
-}
-
-// Removing the last mapping pushes the dirty pages.
-TEST_F(PagingTest, UnmappingPushesDirtyPages) {
-  File f = file(u"f", 2 * kCluster, 2 * kCluster);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  uintptr_t addr = 0;
-  ASSERT_EQ(0, ubc_page_fault(vp, 4096, 1, &addr));
-  memset(reinterpret_cast<void*>(addr), 0x5A, PAGE_SIZE);
-  ubc_page_dirty(vp, 4096);
-  ubc_page_unpin(vp, 4096);
-  ASSERT_EQ(1u, host_ubc_vnode_dirty_pages(vp));
-
-  EXPECT_EQ(0, VNOP_MNOMAP(vp, ctx_));
-  EXPECT_EQ(0u, host_ubc_vnode_dirty_pages(vp));
-  EXPECT_EQ(std::vector<uint8_t>(PAGE_SIZE, 0x5A), disk_data(f.first_cluster, 4096, PAGE_SIZE));
-  unmount_and_check();
 }
 
 }  // namespace

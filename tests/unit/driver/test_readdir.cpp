@@ -1,5 +1,5 @@
 // Directory listing: positions and resuming, both record forms, types and
-// file numbers, name conversion, removed and corrupt directories.
+// file numbers, name conversion.
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,6 @@
 using namespace exvol::test;
 
 namespace {
-
 
 constexpr uint32_t kCluster = 4096;  // default geometry: 512-byte sectors, 8 per cluster
 constexpr int kExtended = VNODE_READDIR_EXTENDED;
@@ -283,21 +282,6 @@ TEST_F(ReaddirTest, ResumedListingSeesEverySetOnce) {
   ASSERT_EQ(0, at_free.error);
   ASSERT_FALSE(at_free.records.empty());
   EXPECT_EQ(expect[2 + 40], at_free.records[0].name);
-}
-
-// A corrupt directory fails the call with the walk's error; the offset is
-// rewound to where the walk began, after the records already moved.
-TEST_F(ReaddirTest, CorruptDirectoryRewindsToTheWalkStart) {
-  builder_.add_file(builder_.root(), u"ok", bytes("o"));
-  builder_.add_entry(builder_.root(), raw_entry(0x84));
-  mount_built();
-
-  Listing l = list(root_vp_, 0, 4096);
-  EXPECT_EQ(EIO, l.error);
-  EXPECT_EQ(64, l.next);
-  EXPECT_EQ(0, l.eof);
-  EXPECT_EQ((std::vector<std::string>{".", "..", "ok"}), l.names());
-  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
 }
 
 }  // namespace

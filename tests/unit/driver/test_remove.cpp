@@ -1,5 +1,5 @@
 // Remove and rmdir as the kernel drives them: the bytes changed, when
-// clusters go, busy and moved names, emptiness and benign allocations.
+// clusters go, emptiness and benign allocations.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "host/kern.h"
-#include "host/uio.h"
 #include "tests/unit/driver/namespace_fixture.h"
 
 using namespace exvol::test;
@@ -78,33 +77,6 @@ TEST_F(RemoveTest, OpenFileKeepsItsClustersUntilLastReference) {
   EXPECT_FALSE(used(placed.first_cluster));
   EXPECT_EQ(free_before + 3, free_clusters());
   unmount_and_check();
-}
-
-// A remove whose name has moved to another file, or whose victim was
-// removed meanwhile, asks the kernel to restart; nothing is deleted.
-TEST_F(RemoveTest, NameThatMovedRestarts) {
-  builder_.add_file(builder_.root(), u"old", bytes("1"));
-  builder_.add_file(builder_.root(), u"other", bytes("2"));
-  mount_built();
-  Vref victim;
-  ASSERT_EQ(0, lookup(root_vp_, "old", DELETE, &victim));
-  // Meanwhile the file is renamed away and another one takes its name.
-  ASSERT_EQ(0, rename(root_vp_, "old", root_vp_, "moved"));
-  ASSERT_EQ(0, rename(root_vp_, "other", root_vp_, "old"));
-
-  Component c("old", DELETE);
-  EXPECT_EQ(ERESTART, VNOP_REMOVE(root_vp_, victim.vp, &c.cn, 0, ctx_));
-  Vref now;
-  ASSERT_EQ(0, lookup("old", &now));
-  EXPECT_NE(victim.vp, now.vp);
-  EXPECT_EQ(0u, victim.node()->x_flags & X_DELETED);
-
-  Vref replaced;
-  ASSERT_EQ(0, lookup(root_vp_, "old", DELETE, &replaced));
-  ASSERT_EQ(0, remove(root_vp_, "old"));
-  EXPECT_EQ(ERESTART, VNOP_REMOVE(root_vp_, replaced.vp, &c.cn, 0, ctx_));
-  EXPECT_EQ(0u, root_->x_lock_count);
-  EXPECT_EQ(0u, replaced.node()->x_lock_count);
 }
 
 // A directory holding a file is not empty, and is left as it was; one

@@ -1,5 +1,5 @@
-// Rename as the kernel drives it: the new and old sets, Hidden, moves across
-// and into directories, replacing, running out of room, changed names.
+// Rename as the kernel drives it: the new and old sets, moves across and
+// into directories, replacing.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "host/uio.h"
 #include "tests/unit/driver/namespace_fixture.h"
 
 using namespace exvol::test;
@@ -140,34 +139,6 @@ TEST_F(RenameTest, ReplacingChecksTypesAndEmptiness) {
   EXPECT_EQ(src.vp, now.vp);
   src.reset();
   now.reset();
-  unmount_and_check();
-}
-
-// With the directory full and no cluster to grow it, a rename fails with
-// ENOSPC and writes nothing; the node keeps its old Hidden bit.
-TEST_F(RenameTest, NoRoomOnAFullVolumeChangesNothing) {
-  // 16 root slots: bitmap, up-case, two 3-entry and two 4-entry sets and
-  // the 3-entry set of the file that takes every free cluster.
-  builder_.add_file(builder_.root(), u"x", bytes(""));
-  builder_.add_file(builder_.root(), u"sixteen-units-aa", bytes(""));
-  builder_.add_file(builder_.root(), u"sixteen-units-bb", bytes(""));
-  fill_volume_with_file(u"filler");
-  ASSERT_EQ(16u * 32, builder_.root().next_offset);
-  mount_built();
-  ASSERT_EQ(0u, free_clusters());
-  exfat_meta_flush(xm, IO_SYNC);
-  std::vector<uint8_t> before = device_image();
-
-  Vref file;
-  ASSERT_EQ(0, lookup("x", &file));
-  EXPECT_EQ(ENOSPC, rename(root_vp_, "x", root_vp_, ".y"));
-  EXPECT_EQ(0x20, file.node()->x_attributes);
-  exfat_meta_flush(xm, IO_SYNC);
-  EXPECT_TRUE(before == device_image()) << "the failed rename changed the device";
-  Vref same;
-  EXPECT_EQ(0, lookup("x", &same));
-  file.reset();
-  same.reset();
   unmount_and_check();
 }
 

@@ -11,10 +11,8 @@
 #include <vector>
 
 #include "exfat_proto.h"
-#include "host/blkdev.h"
 #include "host/kern.h"
 #include "host/mount.h"
-#include "host/uio.h"
 #include "host/vfs.h"
 #include "tests/support/vnode_io.h"
 #include "tests/unit/driver/volume_fixture.h"

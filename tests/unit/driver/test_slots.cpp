@@ -66,21 +66,6 @@ class SlotTest : public VolumeTest {
     return data;
   }
 
-  // Marks every free cluster but `keep` used, as if other files had taken
-  // them.
-  void fill_volume(uint32_t keep) {
-    lck_mtx_lock(xm->xm_bitmap_lock);
-    for (uint32_t c = 2; c <= xm->xm_max_cluster && xm->xm_free_clusters > keep; c++) {
-      int error = 0;
-      uint32_t* word = exfat_bitmap_map(xm, c - 2, nullptr, &error);
-      ASSERT_NE(nullptr, word);
-      if (((le32dec(word) >> ((c - 2) % 32)) & 1) == 0) {
-        ASSERT_EQ(0, exfat_bitmap_mark_used(xm, c, 1));
-      }
-    }
-    lck_mtx_unlock(xm->xm_bitmap_lock);
-  }
-
   void update_dir() { update(dir_node_); }
 
   Dir dir_;

@@ -195,7 +195,6 @@ class VolumeTest : public MountTest {
     exfat_node_unlock(node);
   }
 
-  // The image as it is on the device now.
   std::vector<uint8_t> device_image() const { return read_device(0, image_bytes_); }
 
   // A set of `entries` entries at `offset` of a directory as it is on the
