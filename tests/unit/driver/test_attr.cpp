@@ -1,5 +1,5 @@
-// File attributes through the vnode operations: what getattr reports, what
-// setattr changes in the node and in the entry set on disk, path limits.
+// File attributes through the vnode operations: what getattr reports and
+// what setattr changes in the node and in the entry set on disk.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "exfat_proto.h"
-#include "host/buf.h"
 #include "host/mount.h"
 #include "host/ubc.h"
 #include "tests/support/vnode_io.h"
@@ -108,37 +107,6 @@ TEST_F(AttrBigClusters, SizesAllocationsTimesAndFixedValues) {
   EXPECT_EQ(32768, va.va_data_alloc);
 }
 
-// Only what is asked for is filled, besides the values reported always; the
-// root has no parent id; a file in a subdirectory has it as parent.
-TEST_F(AttrTest, WantedAttributesAndParentIds) {
-  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
-  uint32_t sub_offset = builder_.root().next_offset;
-  Dir sub = builder_.mkdir(builder_.root(), u"sub");
-  Placed c = builder_.add_file(sub, u"c", bytes("data"));
-  mount_built();
-  struct vnode_attr va = getattr(get(f.offset), VNODE_ATTR_va_mode);
-  EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_flags));
-  EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_modify_time));
-  EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_fileid));
-  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_data_size));
-  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_parentid));
-  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_fsid));
-
-  va = getattr(root_vp_);
-  EXPECT_FALSE(VATTR_IS_SUPPORTED(&va, va_parentid));
-  EXPECT_EQ(xm->xm_root_cluster, va.va_fileid);
-  EXPECT_EQ(static_cast<off_t>(root_->x_size), va.va_data_size);
-
-  vnode_t sub_vp = get(sub_offset);
-  struct exfat_node* node = nullptr;
-  exfat_node_lock(node_of(sub_vp));
-  ASSERT_EQ(0, exfat_node_get(xm, sub_vp, nullptr, c.offset, VNON, 0, &node, ctx_));
-  held_.push_back(node->x_vnode);
-  va = getattr(node->x_vnode);
-  EXPECT_EQ(sub.first_cluster, va.va_parentid);
-  EXPECT_EQ(c.first_cluster, va.va_fileid);
-}
-
 // Attribute bits as flags: read-only only for files, archive pending only
 // when Archive is clear, hidden for both, System never.
 TEST_F(AttrTest, AttributeBitsAsFlags) {
@@ -171,18 +139,6 @@ TEST_F(AttrTest, AttributeBitsAsFlags) {
   EXPECT_EQ(0u, getattr(root_vp_, VNODE_ATTR_va_flags).va_flags);
 }
 
-// A mask update changes the mode of vnodes already in use, at once.
-TEST_F(AttrTest, MaskUpdateChangesTheModeAtOnce) {
-  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
-  mount_built(0, exfat_mount_args(0755));
-  vnode_t vp = get(f.offset);
-  EXPECT_EQ(0755u, getattr(vp, 0).va_mode);
-  std::array<uint8_t, 24> args = exfat_mount_args(010700);
-  ASSERT_EQ(0, host_mount_update(mp, 0, args.data(), args.size()));
-  EXPECT_EQ(0700u, getattr(vp, 0).va_mode) << "only the permission bits are reported";
-  EXPECT_EQ(0700u, getattr(root_vp_, 0).va_mode);
-}
-
 // Setting flags on a file: 0 clears archive pending (sets Archive), read-only
 // and hidden but keeps System; each settable flag lands in the entry on disk.
 TEST_F(AttrTest, FlagsOfAFile) {
@@ -203,25 +159,6 @@ TEST_F(AttrTest, FlagsOfAFile) {
   EXPECT_EQ(0x07, node_of(vp)->x_attributes);
   EXPECT_EQ(SF_ARCHIVED | UF_HIDDEN | UF_IMMUTABLE, getattr(vp, VNODE_ATTR_va_flags).va_flags);
   EXPECT_EQ(0x07, disk_attributes(f));
-  unmount_and_check();
-}
-
-// On a directory flags 0 clear only Hidden (its ReadOnly and Archive are not
-// the kernel's to see).
-TEST_F(AttrTest, FlagsOfADirectory) {
-  uint32_t d1 = entry(u"d1", 0x13);
-  uint32_t d2 = entry(u"d2", 0x32);
-  mount_built();
-  vnode_t vp1 = get(d1);
-  ASSERT_EQ(0, set_flags(vp1, 0));
-  EXPECT_EQ(0x11, node_of(vp1)->x_attributes);
-  vnode_t vp2 = get(d2);
-  ASSERT_EQ(0, set_flags(vp2, 0));
-  EXPECT_EQ(0x30, node_of(vp2)->x_attributes);
-  ASSERT_EQ(0, set_flags(vp2, SF_ARCHIVED | UF_IMMUTABLE | SF_IMMUTABLE | UF_HIDDEN));
-  EXPECT_EQ(0x12, node_of(vp2)->x_attributes);
-  EXPECT_EQ(0x11, disk_attributes(d1));
-  EXPECT_EQ(0x12, disk_attributes(d2));
   unmount_and_check();
 }
 
@@ -308,24 +245,6 @@ TEST_F(AttrTest, SettingTimes) {
   unmount_and_check();
 }
 
-// The root has no entry set: its flag and time changes stay in memory.
-TEST_F(AttrTest, RootChangesOnlyMemory) {
-  mount_built();
-  uint64_t from = builder_.fat_byte_offset();
-  buf_flushdirtyblks(xm->xm_devvp, 1, 0, "test");
-  std::vector<uint8_t> before = read_device(from, image_bytes_ - from);
-  ASSERT_EQ(0, set_flags(root_vp_, UF_HIDDEN));
-  struct vnode_attr va;
-  VATTR_INIT(&va);
-  VATTR_SET(&va, va_modify_time, (timespec{k2024, 0}));
-  ASSERT_EQ(0, VNOP_SETATTR(root_vp_, &va, ctx_));
-  EXPECT_EQ(0x32, root_->x_attributes);
-  EXPECT_EQ(UF_HIDDEN, getattr(root_vp_).va_flags);
-  EXPECT_EQ(k2024, getattr(root_vp_).va_modify_time.tv_sec);
-  exfat_meta_flush(xm, IO_SYNC);
-  EXPECT_EQ(before, read_device(from, image_bytes_ - from));
-}
-
 // Only regular files have a size to set.
 TEST_F(AttrTest, SizeChangesReachTheEntrySet) {
   uint32_t d = entry(u"d", 0x10);
@@ -360,53 +279,6 @@ TEST_F(AttrTest, SizeChangesReachTheEntrySet) {
   EXPECT_EQ(0u, le64dec(&set[32 + 24]));
   EXPECT_EQ(0u, le32dec(&set[32 + 20]));
   unmount_and_check();
-}
-
-// A request with nothing exFAT keeps (mode, owner) writes nothing, even with
-// a change pending; setting the current size rewrites the entry set.
-TEST_F(AttrTest, CurrentSizeStillRewritesTheEntrySet) {
-  Placed f = builder_.add_file(builder_.root(), u"f", bytes("abc"));
-  mount_built();
-  vnode_t vp = get(f.offset);
-  std::vector<uint8_t> before = root_set(f.offset);
-  exfat_node_lock(node_of(vp));
-  node_of(vp)->x_attributes |= EXFAT_ATTR_HIDDEN;
-  node_of(vp)->x_flags |= X_DIRTY;
-  exfat_node_unlock(node_of(vp));
-
-  struct vnode_attr va;
-  VATTR_INIT(&va);
-  VATTR_SET(&va, va_mode, 0777);
-  VATTR_SET(&va, va_uid, 0);
-  VATTR_SET(&va, va_gid, 0);
-  ASSERT_EQ(0, VNOP_SETATTR(vp, &va, ctx_));
-  EXPECT_EQ(0u, va.va_supported);
-  EXPECT_EQ(before, root_set(f.offset));
-  EXPECT_EQ(X_DIRTY, node_of(vp)->x_flags & X_DIRTY);
-
-  VATTR_INIT(&va);
-  VATTR_SET(&va, va_data_size, 3);
-  ASSERT_EQ(0, VNOP_SETATTR(vp, &va, ctx_));
-  EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_data_size));
-  EXPECT_EQ(0u, node_of(vp)->x_flags & X_DIRTY);
-  EXPECT_EQ(0x22, disk_attributes(f.offset));
-  unmount_and_check();
-}
-
-TEST_F(AttrTest, PathLimits) {
-  mount_built();
-  const std::pair<int, int32_t> known[] = {{1, 1},  {4, 255},  {5, 1024}, {7, 1},
-                                           {8, 0},  {11, 0},   {12, 1},   {18, 64}};
-  for (auto [name, value] : known) {
-    int32_t result = -7;
-    EXPECT_EQ(0, VNOP_PATHCONF(root_vp_, name, &result, ctx_)) << name;
-    EXPECT_EQ(value, result) << name;
-  }
-  for (int name : {-1, 0, 2, 3, 6, 9, 10, 13, 14, 15, 16, 17, 19, 1000}) {
-    int32_t result = -7;
-    EXPECT_EQ(EINVAL, VNOP_PATHCONF(root_vp_, name, &result, ctx_)) << name;
-    EXPECT_EQ(-7, result) << name;
-  }
 }
 
 }  // namespace

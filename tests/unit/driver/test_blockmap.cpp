@@ -1,11 +1,9 @@
-// Block mapping on a mounted volume: the one-run extent cache over chains
-// and contiguous files, the end-of-data and corrupt-chain rules, and the
-// blockmap vnode operation's holes past the valid data.
+// Block mapping: the one-run extent cache over a chain, E2BIG past the
+// data, and the blockmap vnode operation's holes past the valid data.
 
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <thread>
 #include <vector>
 
 #include "exfat_proto.h"
@@ -105,25 +103,6 @@ void five_cluster_chain(ImageBuilder& b) {
   b.set_fat(10, 11).set_fat(11, 12).set_fat(12, 20).set_fat(20, 21).set_fat(21, 0xFFFFFFFF);
 }
 
-TEST_F(BlockmapTest, ContiguousFilesMapByArithmeticAlone) {
-  mount_volume();
-  forget_fat_cache();
-  struct exfat_node n = node(100, 3 * kClusterSize, true);
-  uint64_t sector = 0, bytes = 0;
-  uint32_t cluster = 0;
-  ASSERT_EQ(0, exfat_blockmap(&n, 2, 1, &sector, &cluster, &bytes));
-  EXPECT_EQ(102u, cluster);
-  EXPECT_EQ(sector_of(102), sector);
-  EXPECT_EQ(kClusterSize, bytes);
-  ASSERT_EQ(0, exfat_blockmap(&n, 2, 5, &sector, &cluster, &bytes));
-  EXPECT_EQ(kClusterSize, bytes) << "never more than the run holds";
-  ASSERT_EQ(0, exfat_blockmap(&n, 0, 2, nullptr, nullptr, &bytes));
-  EXPECT_EQ(2u * kClusterSize, bytes) << "never more than was asked for";
-  EXPECT_EQ(E2BIG, exfat_blockmap(&n, 3, 1, &sector, nullptr, nullptr));
-  EXPECT_EQ((Extent{100, 0, 3}), extent_of(n));
-  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset) << "the FAT was read";
-}
-
 TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
   mount_volume(five_cluster_chain);
   struct exfat_node n = node(10, 5 * kClusterSize);
@@ -185,58 +164,22 @@ TEST_F(BlockmapTest, IndexesPastTheDataAreE2BIG) {
   EXPECT_EQ(0, exfat_blockmap(&shorter, 99, 1, nullptr, nullptr, nullptr));
 }
 
-// A loop is followed while it stays shorter than the volume, then reported;
-// a run stops before a link past the heap, which is corruption.
-TEST_F(BlockmapTest, LoopsAndLinksPastTheHeapAreCorruption) {
-  uint32_t max = 0;
-  mount_volume([&](ImageBuilder& b) {
-    max = b.geometry().cluster_count + 1;
-    b.set_allocated(30, true).set_allocated(31, true).set_fat(30, 31).set_fat(31, 30);
-    b.set_allocated(max - 1, true).set_allocated(max, true);
-    b.set_fat(max - 1, max).set_fat(max, max + 1);
-  });
-  ASSERT_EQ(max, xm->xm_max_cluster);
-  struct exfat_node loop = node(30, uint64_t(max + 10) * kClusterSize);
-  uint32_t cluster = 0;
-  ASSERT_EQ(0, exfat_blockmap(&loop, 5, 1, nullptr, &cluster, nullptr));
-  EXPECT_EQ(31u, cluster);
-  KernLogCapture log;
-  EXPECT_EQ(EIO, exfat_blockmap(&loop, max + 5, 1, nullptr, &cluster, nullptr));
-  EXPECT_EQ(1u, log.count("exfat_blockmap_internal: corrupt cluster chain detected"));
-  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
-  xm->xm_flags &= ~XM_CORRUPT;
-
-  struct exfat_node past = node(max - 1, 3 * kClusterSize);
-  uint64_t bytes = 0;
-  ASSERT_EQ(0, exfat_blockmap(&past, 0, 8, nullptr, nullptr, &bytes));
-  EXPECT_EQ(2u * kClusterSize, bytes);
-  EXPECT_EQ(EIO, exfat_blockmap(&past, 2, 1, nullptr, nullptr, &bytes));
-  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
-  xm->xm_flags &= ~XM_CORRUPT;
-}
-
-// A contiguous file of two clusters holding 1000 valid bytes, and a chained
-// file of three clusters 100 -> 101 -> 300.
-struct TwoFiles {
-  uint32_t contig_offset = 0, contig_cluster = 0;
-  uint32_t chained_offset = 0;
-};
-
+// A contiguous file of two clusters holding 1000 valid bytes.
 TEST_F(BlockmapTest, ReadsPastTheValidDataAreHolesAndWritesAreNot) {
-  TwoFiles f;
+  uint32_t offset = 0, cluster = 0;
   mount_volume([&](ImageBuilder& b) {
-    f.contig_cluster = b.allocate(2, Alloc::Contiguous);
+    cluster = b.allocate(2, Alloc::Contiguous);
     FileDesc s;
     s.name = u"valid1000";
-    s.first_cluster = f.contig_cluster;
+    s.first_cluster = cluster;
     s.data_length = 2 * kClusterSize;
     s.valid_length = 1000;
     s.no_fat_chain = true;
-    f.contig_offset = b.add_set(b.root(), s).offset;
+    offset = b.add_set(b.root(), s).offset;
   });
-  vnode_t vp = file_vnode(f.contig_offset);
+  vnode_t vp = file_vnode(offset);
   ASSERT_NE(nullptr, vp);
-  const daddr64_t first = static_cast<daddr64_t>(sector_of(f.contig_cluster));
+  const daddr64_t first = static_cast<daddr64_t>(sector_of(cluster));
 
   // At and past the valid size rounded up to a sector: holes.
   Mapping m = blockmap(vp, 1024, 4096, VNODE_READ);
@@ -272,57 +215,6 @@ TEST_F(BlockmapTest, ReadsPastTheValidDataAreHolesAndWritesAreNot) {
   EXPECT_EQ(0, VNOP_BLOCKMAP(vp, 0, 4096, nullptr, nullptr, nullptr, VNODE_READ,
                              vfs_context_kernel()));
   vnode_put(vp);
-}
-
-TEST_F(BlockmapTest, RunsEndWhereTheChainLeavesConsecutiveClusters) {
-  TwoFiles f;
-  mount_volume([&](ImageBuilder& b) {
-    for (uint32_t c : {100u, 101u, 300u})
-      b.set_allocated(c, true);
-    b.set_fat(100, 101).set_fat(101, 300).set_fat(300, 0xFFFFFFFF);
-    FileDesc s;
-    s.name = u"chained";
-    s.first_cluster = 100;
-    s.data_length = 3 * kClusterSize;
-    f.chained_offset = b.add_set(b.root(), s).offset;
-  });
-  vnode_t vp = file_vnode(f.chained_offset);
-  ASSERT_NE(nullptr, vp);
-  Mapping m = blockmap(vp, 100, 3 * kClusterSize, VNODE_READ);
-  EXPECT_EQ(0, m.error);
-  EXPECT_EQ(static_cast<daddr64_t>(sector_of(100)), m.bpn);
-  EXPECT_EQ(2u * kClusterSize - 100, m.run);
-  EXPECT_EQ(100, m.poff);
-  m = blockmap(vp, 2 * kClusterSize + 600, 10, VNODE_READ);
-  EXPECT_EQ(static_cast<daddr64_t>(sector_of(300) + 1), m.bpn);
-  EXPECT_EQ(10u, m.run);
-  EXPECT_EQ(88, m.poff);
-  vnode_put(vp);
-}
-
-TEST(BlockOffsets, FixedFourKilobyteLogicalBlocks) {
-  struct vnop_blktooff_args to_off = {};
-  off_t off = 0;
-  to_off.a_vp = reinterpret_cast<vnode_t>(&off);  // any vnode: only its presence counts
-  to_off.a_lblkno = 3;
-  to_off.a_offset = &off;
-  ASSERT_EQ(0, exfat_vnop_blktooff(&to_off));
-  EXPECT_EQ(12288, off);
-  to_off.a_vp = nullptr;
-  EXPECT_EQ(EINVAL, exfat_vnop_blktooff(&to_off));
-
-  struct vnop_offtoblk_args to_blk = {};
-  daddr64_t blk = 0;
-  to_blk.a_vp = reinterpret_cast<vnode_t>(&blk);
-  to_blk.a_offset = 12287;
-  to_blk.a_lblkno = &blk;
-  ASSERT_EQ(0, exfat_vnop_offtoblk(&to_blk));
-  EXPECT_EQ(2, blk);
-  to_blk.a_offset = 12288;
-  ASSERT_EQ(0, exfat_vnop_offtoblk(&to_blk));
-  EXPECT_EQ(3, blk);
-  to_blk.a_vp = nullptr;
-  EXPECT_EQ(EINVAL, exfat_vnop_offtoblk(&to_blk));
 }
 
 }  // namespace

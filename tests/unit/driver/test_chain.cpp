@@ -1,17 +1,13 @@
 // Cluster chains and file size changes on mounted builder images: first
-// allocations, growth in place and elsewhere (contiguous to chain), freeing
-// and cutting chains, size changes inside the allocation, directory growth
-// and the all-or-nothing space check. Consistent volumes go to the checker.
+// allocations, growth in place and elsewhere (contiguous to chain), the
+// all-or-nothing space check, cutting and freeing chains.
 
 #include <gtest/gtest.h>
 
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "exfat_proto.h"
-#include "host/buf.h"
 #include "host/kern.h"
 #include "host/malloc.h"
 #include "host/vfs.h"
@@ -303,64 +299,6 @@ TEST_F(ChainTest, ShrinkingAndTruncatingAChain) {
   EXPECT_EQ(3u * kCluster, le64dec(&disk_stream(f)[24]));
 }
 
-// A contiguous file's tail is freed in the bitmap only; growth continues in place.
-TEST_F(ChainTest, ShrinkingAContiguousFileFreesItsTail) {
-  Placed p = builder_.add_file(builder_.root(), u"f", std::vector<uint8_t>(6 * kCluster, 'x'),
-                               Alloc::Contiguous);
-  mount_built();
-  struct exfat_node* node = get(p.offset);
-  ASSERT_NE(nullptr, node);
-  const uint32_t first = p.first_cluster;
-  forget_caches();
-
-  ASSERT_EQ(0, truncate(node, 2 * kCluster + 1));
-  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset);
-  EXPECT_TRUE(node->x_flags & X_CONTIGUOUS);
-  EXPECT_EQ(first + 2, node->x_last_cluster);
-  EXPECT_EQ((Extent{first, 0, 3}), extent_of(node));
-  EXPECT_EQ(2u * kCluster + 1, node->x_valid_size);
-  EXPECT_TRUE(used(first + 2));
-  EXPECT_FALSE(used(first + 3));
-  EXPECT_FALSE(used(first + 5));
-
-  ASSERT_EQ(0, truncate(node, 4 * kCluster));
-  EXPECT_TRUE(node->x_flags & X_CONTIGUOUS);
-  EXPECT_EQ((Extent{first, 0, 4}), extent_of(node));
-
-  update(node);
-  unmount_and_check();
-}
-
-// Sizes within the allocation touch no bitmap or FAT block; the valid size
-// drops only with a shrink below it.
-TEST_F(ChainTest, SizeChangesInsideTheAllocationTouchNoMetadata) {
-  Placed p = builder_.add_file(builder_.root(), u"f", std::vector<uint8_t>(6000, 'x'),
-                               Alloc::Contiguous);
-  mount_built();
-  struct exfat_node* node = get(p.offset);
-  ASSERT_NE(nullptr, node);
-  uint32_t free_before = xm->xm_free_clusters;
-  forget_caches();
-
-  ASSERT_EQ(0, truncate(node, 8000));
-  EXPECT_EQ(8000u, node->x_size);
-  EXPECT_EQ(6000u, node->x_valid_size);
-  EXPECT_EQ(kSizeDirty, node->x_flags & kSizeDirty);
-  ASSERT_EQ(0, truncate(node, 5000));
-  EXPECT_EQ(5000u, node->x_valid_size);
-  ASSERT_EQ(0, truncate(node, 7000));
-  EXPECT_EQ(5000u, node->x_valid_size);
-  ASSERT_EQ(0, truncate(node, kCluster + 1));
-  EXPECT_EQ(kCluster + 1u, node->x_size);
-  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_bitmap_cache_offset);
-  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset);
-  EXPECT_EQ(free_before, xm->xm_free_clusters);
-  EXPECT_EQ((Extent{p.first_cluster, 0, 2}), extent_of(node));
-
-  update(node);
-  unmount_and_check();
-}
-
 // Freeing follows the chain only, to any end mark; a loop is reported as
 // corruption instead of being freed for ever.
 TEST_F(ChainTest, ChainFreeFollowsTheChainOnly) {
@@ -390,51 +328,6 @@ TEST_F(ChainTest, ChainFreeFollowsTheChainOnly) {
     EXPECT_FALSE(used(c)) << c;
   EXPECT_TRUE(used(43));
   EXPECT_TRUE(used(62));
-}
-
-class ChainConcurrency : public ChainTest {};
-
-// Two files growing from two threads interleave into chains that never
-// share a cluster, with an exact free count.
-TEST_F(ChainConcurrency, FilesGrowingTogetherNeverShareACluster) {
-  uint32_t fa = empty_file(u"a");
-  uint32_t fb = empty_file(u"b");
-  mount_built();
-  struct exfat_node* a = get(fa);
-  struct exfat_node* b = get(fb);
-  ASSERT_NE(nullptr, a);
-  ASSERT_NE(nullptr, b);
-  const uint32_t free_before = xm->xm_free_clusters;
-  constexpr uint32_t kSteps = 24;
-
-  int errors[2] = {0, 0};
-  auto grow = [&](struct exfat_node* node, int* error) {
-    for (uint32_t i = 1; i <= kSteps && *error == 0; i++) {
-      *error = truncate(node, uint64_t(i) * kCluster);
-      std::this_thread::yield();
-    }
-  };
-  std::thread ta(grow, a, &errors[0]);
-  std::thread tb(grow, b, &errors[1]);
-  ta.join();
-  tb.join();
-  ASSERT_EQ(0, errors[0]);
-  ASSERT_EQ(0, errors[1]);
-  EXPECT_EQ(free_before - 2 * kSteps, xm->xm_free_clusters);
-
-  std::set<uint32_t> seen;
-  for (struct exfat_node* node : {a, b}) {
-    for (uint32_t i = 0; i < kSteps; i++) {
-      uint32_t cluster = 0;
-      ASSERT_EQ(0, exfat_blockmap(node, i, 1, nullptr, &cluster, nullptr));
-      EXPECT_TRUE(seen.insert(cluster).second) << "cluster " << cluster << " used twice";
-      EXPECT_TRUE(used(cluster)) << cluster;
-    }
-  }
-
-  update(a);
-  update(b);
-  unmount_and_check();
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <random>
 
 #if __has_include(<sanitizer/common_interface_defs.h>)
@@ -91,16 +90,6 @@ TEST_F(FailedMount, ReadErrorsOnEachStructureUnwind) {
     faults.fail_read_bytes = {c.byte};
     expect_unwound(image, EIO, &faults);
   }
-}
-
-TEST_F(FailedMount, WriteErrorOnTheDirtyMarkUnwinds) {
-  ImageBuilder b = mountable();
-  ASSERT_EQ(0, load(b.build()));
-  host_memdev_faults faults;
-  faults.fail_write_bytes = {106};
-  host_memdev_set_faults(devvp, faults);
-  ASSERT_EQ(0, mount()) << "the dirty mark's write result is not reported";
-  host_memdev_set_faults(devvp, host_memdev_faults{});
 }
 
 // Every allocation a mount makes, failed in turn: the mount fails with an

@@ -2,22 +2,17 @@
 // of its structures, then walked read-only (every directory listed, every
 // name looked up, stat'ed and read) and, for some variants, changed. Every
 // call must return a value or an errno: no crash, no sanitizer report, no
-// hang (a watchdog aborts a stuck variant), no driver memory left.
+// driver memory left.
 //
 // EXVOL_WALK_SEED picks the damage, EXVOL_WALK_VARIANTS the number of
-// variants (default 2000); a crash or a hang prints the variant to rerun.
+// variants (default 2000); a crash prints the variant to rerun.
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
-#include <mutex>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #if __has_include(<sanitizer/common_interface_defs.h>)
@@ -50,46 +45,6 @@ void on_abort(int) {
   signal(SIGABRT, SIG_DFL);
   raise(SIGABRT);
 }
-
-// Aborts the process when the walk makes no progress for `limit`.
-class Watchdog {
- public:
-  explicit Watchdog(std::chrono::seconds limit) : limit_(limit), thread_([this] { watch(); }) {}
-  ~Watchdog() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      done_ = true;
-    }
-    wake_.notify_all();
-    thread_.join();
-  }
-  void progress() { ticks_.fetch_add(1, std::memory_order_relaxed); }
-
- private:
-  void watch() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    uint64_t seen = ticks_.load();
-    while (!done_) {
-      if (wake_.wait_for(lock, limit_, [this] { return done_; }))
-        return;
-      uint64_t now = ticks_.load();
-      if (now == seen) {
-        fprintf(stderr, "\ndamaged-walk test: no progress for %lld s\n",
-                static_cast<long long>(limit_.count()));
-        print_walk_case();
-        abort();
-      }
-      seen = now;
-    }
-  }
-
-  std::chrono::seconds limit_;
-  std::atomic<uint64_t> ticks_{0};
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  bool done_ = false;
-  std::thread thread_;
-};
 
 struct Region {
   const char* name;
@@ -138,65 +93,32 @@ class DamagedWalk : public NamespaceTest {
     ASSERT_NE(0u, link_cluster_);
   }
 
-  // A value or a positive errno; a restart request is retried a few times.
-  template <typename Op>
-  int call(Op op) {
-    watchdog_->progress();
-    int error = ERESTART;
-    for (int round = 0; round < 8 && error == ERESTART; round++)
-      error = op();
-    EXPECT_GE(error, 0) << "a private code escaped";
-    return error;
-  }
-
-  void walk(vnode_t dvp, int depth) {
-    std::vector<DirRecord> records;
-    if (call([&] { return vn_list(dvp, &records); }) != 0 || depth > 6)
-      return;
-    for (const DirRecord& r : records) {
-      Vref vp;
-      if (call([&] { return lookup(dvp, r.name, LOOKUP, &vp); }) != 0)
-        continue;
-      visited_++;
-      uint64_t size = 0;
-      call([&] { return vn_size(vp.vp, &size); });
-      if (vnode_isdir(vp.vp)) {
-        walk(vp.vp, depth + 1);
-      } else if (vnode_islnk(vp.vp)) {
-        std::string target;
-        call([&] { return vn_readlink(vp.vp, &target); });
-      } else {
-        std::vector<uint8_t> data;
-        call([&] { return vn_read_all(vp.vp, &data, 1u << 20, 4096); });
-      }
-    }
-  }
-
   // A few changes, each attempted whatever the previous ones gave.
   void change() {
     Vref file, dir, made;
-    if (call([&] { return create(root_vp_, "new", &file); }) == 0) {
-      call([&] { return vn_write_at(file.vp, 0, std::vector<uint8_t>(3000, 'n')); });
-      call([&] { return VNOP_FSYNC(file.vp, MNT_WAIT, ctx_); });
+    if (settled([&] { return create(root_vp_, "new", &file); }) == 0) {
+      settled([&] { return vn_write_at(file.vp, 0, std::vector<uint8_t>(3000, 'n')); });
+      settled([&] { return VNOP_FSYNC(file.vp, MNT_WAIT, ctx_); });
       file.reset();
     }
-    if (call([&] { return lookup(root_vp_, "dir", LOOKUP, &dir); }) == 0 && vnode_isdir(dir.vp)) {
+    if (settled([&] { return lookup(root_vp_, "dir", LOOKUP, &dir); }) == 0 &&
+        vnode_isdir(dir.vp)) {
       Vref inner;
-      if (call([&] { return create(dir.vp, "inner", &inner); }) == 0)
-        call([&] { return vn_write_at(inner.vp, 0, std::vector<uint8_t>(700, 'i')); });
+      if (settled([&] { return create(dir.vp, "inner", &inner); }) == 0)
+        settled([&] { return vn_write_at(inner.vp, 0, std::vector<uint8_t>(700, 'i')); });
       inner.reset();
-      call([&] { return remove(dir.vp, "b.txt"); });
+      settled([&] { return remove(dir.vp, "b.txt"); });
     }
-    call([&] { return remove(root_vp_, "chain.bin"); });
+    settled([&] { return remove(root_vp_, "chain.bin"); });
     Vref growing;
-    if (call([&] { return lookup(root_vp_, "contig.bin", LOOKUP, &growing); }) == 0 &&
+    if (settled([&] { return lookup(root_vp_, "contig.bin", LOOKUP, &growing); }) == 0 &&
         vnode_isreg(growing.vp))
-      call([&] { return vn_write_at(growing.vp, 900, std::vector<uint8_t>(2000, 'g')); });
+      settled([&] { return vn_write_at(growing.vp, 900, std::vector<uint8_t>(2000, 'g')); });
     growing.reset();
-    call([&] { return mkdir(root_vp_, "made", &made); });
+    settled([&] { return mkdir(root_vp_, "made", &made); });
     made.reset();
-    call([&] { return rename(root_vp_, "empty", root_vp_, "renamed"); });
-    call([&] { return host_sync(mp, MNT_WAIT); });
+    settled([&] { return rename(root_vp_, "empty", root_vp_, "renamed"); });
+    settled([&] { return host_sync(mp, MNT_WAIT); });
   }
 
   void unmount_all() {
@@ -211,9 +133,7 @@ class DamagedWalk : public NamespaceTest {
   Dir dir_;
   Placed chain_, contig_;
   uint32_t link_cluster_ = 0;
-  int visited_ = 0;  // names the walks looked up
   std::vector<uint8_t> base_;
-  Watchdog* watchdog_ = nullptr;
 };
 
 TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
@@ -244,16 +164,13 @@ TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
 #ifdef EXVOL_HAVE_SANITIZER_DEATH_CALLBACK
   __sanitizer_set_death_callback(print_walk_case);
 #endif
-  Watchdog watchdog(std::chrono::seconds(20));
-  watchdog_ = &watchdog;
 
   // Undamaged, the walk reaches every name of the volume.
   ASSERT_EQ(0, load(base_));
   ASSERT_EQ(0, mount(MNT_RDONLY));
   ctx_ = vfs_context_kernel();
   ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
-  walk(root_vp_, 0);
-  EXPECT_EQ(9, visited_) << "the walk misses names";
+  EXPECT_EQ(9, walk_tree(root_vp_)) << "the walk misses names";
   unmount_all();
   release();
 
@@ -273,14 +190,13 @@ TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
     ASSERT_EQ(0, load(image));
     KernLogCapture quiet;
     int error = mount(writable ? 0 : MNT_RDONLY);
-    watchdog.progress();
     if (error != 0) {
       EXPECT_GT(error, 0);
     } else {
       mounted++;
       ctx_ = vfs_context_kernel();
-      if (call([&] { return VFS_ROOT(mp, &root_vp_, ctx_); }) == 0) {
-        walk(root_vp_, 0);
+      if (settled([&] { return VFS_ROOT(mp, &root_vp_, ctx_); }) == 0) {
+        walk_tree(root_vp_);
         if (writable)
           change();
       }
@@ -292,7 +208,6 @@ TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
       break;
     }
   }
-  watchdog_ = nullptr;
   signal(SIGABRT, SIG_DFL);
   // Most variants must mount, or the walk tests little.
   EXPECT_GT(mounted, variants / 2);

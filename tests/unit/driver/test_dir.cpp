@@ -1,16 +1,14 @@
 // Directory iteration and directory block I/O: sets across blocks, the
-// checked-end mark, bad and corrupt entries, the free-entry walk.
+// checked-end mark, bad and corrupt entries.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 #include "exfat_proto.h"
 #include "host/buf.h"
 #include "host/kern.h"
-#include "host/malloc.h"
 #include "host/mount.h"
 #include "tests/support/image_builder.h"
 #include "tests/unit/driver/mount_fixture.h"
@@ -207,88 +205,6 @@ TEST_F(DirTest, UnknownCriticalPrimaryEndsTheWalk) {
   EXPECT_EQ((std::vector<uint32_t>{0}), offsets(r));
   EXPECT_EQ(1u, log.count("exfat_dir_iterate: Unrecognized primary entry of type 0x84"));
   EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
-}
-
-// A walk that starts on a secondary entry marks the volume corrupt and
-// skips to the next primary.
-TEST_F(DirTest, WalkStartedOnASecondarySkipsToTheNextPrimary) {
-  Dir& d = make_dir();
-  builder_.add_set(d, named(u"first"));
-  Placed second = builder_.add_set(d, named(u"second"));
-  mount_and_open();
-
-  Recorder r;
-  EXPECT_EQ(0, iterate(EXFAT_ENTRY_SIZE, &r, ITER_SETS));
-  EXPECT_EQ((std::vector<uint32_t>{second.offset}), offsets(r));
-  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
-}
-
-// A deleted set is invisible to ITER_SETS.
-TEST_F(DirTest, DeletedSetAndFreeWalk) {
-  Dir& d = make_dir();
-  Placed gone = builder_.add_set(d, named(u"gone"));
-  ASSERT_EQ(3u, gone.entries);
-  builder_.mark_deleted(d, gone.offset, gone.entries);
-  Placed kept = builder_.add_set(d, named(u"kept"));
-  mount_and_open();
-
-  Recorder sets;
-  ASSERT_EQ(0, iterate(0, &sets, ITER_SETS));
-  EXPECT_EQ((std::vector<uint32_t>{kept.offset}), offsets(sets));
-
-  Recorder free_slots;
-  ASSERT_EQ(0, iterate(0, &free_slots, ITER_FREE));
-  ASSERT_EQ(kCluster / EXFAT_ENTRY_SIZE - kept.entries, free_slots.seen.size());
-  EXPECT_EQ(0x05, free_slots.seen[0].type);
-  EXPECT_EQ(0x40, free_slots.seen[1].type);
-  EXPECT_EQ(0x41, free_slots.seen[2].type);
-  EXPECT_EQ(64u, free_slots.seen[2].offset);
-  EXPECT_EQ(kept.offset + kept.entries * EXFAT_ENTRY_SIZE, free_slots.seen[3].offset);
-  EXPECT_EQ(0x00, free_slots.seen[3].type);
-  EXPECT_EQ(kCluster - EXFAT_ENTRY_SIZE, free_slots.seen.back().offset);
-}
-
-// An empty directory gives no set callbacks; its free walk visits every slot
-// of both clusters, the blocks of the last cluster included.
-TEST_F(DirTest, EmptyDirectoryWalks) {
-  make_dir(2);
-  mount_and_open();
-
-  Recorder sets;
-  EXPECT_EQ(0, iterate(0, &sets, ITER_SETS | ITER_SINGLES));
-  EXPECT_TRUE(sets.seen.empty());
-
-  Recorder free_slots;
-  EXPECT_EQ(0, iterate(0, &free_slots, ITER_FREE));
-  ASSERT_EQ(2 * kCluster / EXFAT_ENTRY_SIZE, free_slots.seen.size());
-  for (size_t i = 0; i < free_slots.seen.size(); i++)
-    ASSERT_EQ(i * EXFAT_ENTRY_SIZE, free_slots.seen[i].offset);
-}
-
-// A callback that answers -2 on a gathered set ends the walk with -2, and
-// the walk lets go of its block and its gathering buffer.
-TEST_F(DirTest, CallbackStopEndsTheWalkWithNothingHeld) {
-  Dir& d = make_dir();
-  builder_.skip_to(d, kBlock - EXFAT_ENTRY_SIZE);
-  builder_.add_set(d, named(u"found"));
-  builder_.add_set(d, named(u"never"));
-  mount_and_open();
-
-  uint64_t before = host_malloc_outstanding("exfat");
-  Recorder r;
-  r.stop_with = EXFAT_ITER_FOUND;
-  EXPECT_EQ(EXFAT_ITER_FOUND, iterate(0, &r, ITER_SETS));
-  EXPECT_EQ(1u, r.seen.size());
-  EXPECT_EQ(before, host_malloc_outstanding("exfat"));
-
-  // Both blocks can be taken again at once: neither is still busy.
-  uint8_t entries[2 * EXFAT_ENTRY_SIZE];
-  exfat_node_lock(node_);
-  EXPECT_EQ(0, exfat_dir_read(node_, nullptr, entries, kBlock - EXFAT_ENTRY_SIZE, sizeof(entries),
-                              ctx_));
-  exfat_node_unlock(node_);
-  EXPECT_EQ(0x85, entries[0]);
-  EXPECT_EQ(0xC0, entries[EXFAT_ENTRY_SIZE]);
 }
 
 // exfat_dir_read copies across block and cluster boundaries and reports a range

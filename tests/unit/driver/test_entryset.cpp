@@ -1,5 +1,5 @@
-// Directory entry sets: checksum, validation, name hash, building a set,
-// copying a name into it and renaming it in place.
+// Directory entry sets: checksum, validation, name hash, building a set
+// and renaming it in place.
 
 #include <gtest/gtest.h>
 
@@ -164,25 +164,6 @@ TEST_F(EntrySet, InitBuildsAValidSetStampedNow) {
   EXPECT_TRUE(exfat_valid_entry_set(set.data()));
 }
 
-TEST_F(EntrySet, CopyNameLeavesCountChecksumAndFlagsAlone) {
-  std::vector<uint8_t> set = file_set(std::u16string(20, u'y'));
-  set[64 + 1] = 0x5A;  // GeneralSecondaryFlags of the name entries
-  set[96 + 1] = 0x5B;
-  uint16_t stored = le16dec(set.data() + 2);
-  std::vector<uint16_t> name = units(u"short");
-  exfat_file_set_copy_name(set.data(), name.data(), 5, 0x1234);
-  EXPECT_EQ(set[1], 3);
-  EXPECT_EQ(le16dec(set.data() + 2), stored);
-  EXPECT_EQ(set[35], 5);
-  EXPECT_EQ(le16dec(set.data() + 36), 0x1234);
-  EXPECT_EQ(set[65], 0x5A);
-  EXPECT_EQ(le16dec(set.data() + 64 + 2 + 8), u't');
-  for (int unit = 5; unit < 15; unit++)
-    EXPECT_EQ(le16dec(set.data() + 64 + 2 + 2 * unit), 0) << unit;
-  EXPECT_EQ(set[97], 0x5B) << "the unneeded second name entry is left as it was";
-  EXPECT_EQ(le16dec(set.data() + 98), u'y');
-}
-
 // Renaming moves trailing secondaries behind the new name entries, keeps the
 // stream fields and restamps the checksum.
 TEST_F(EntrySet, RenameMovesTrailingSecondaries) {
@@ -223,14 +204,3 @@ TEST_F(EntrySet, RenameMovesTrailingSecondaries) {
   EXPECT_TRUE(exfat_valid_entry_set(set.data()));
 }
 
-using EntrySetDeathTest = EntrySet;
-
-// A set of 254 vendor secondaries after one name entry has no room for a
-// second name entry: the rename must not write past the set buffer.
-TEST_F(EntrySetDeathTest, RenameRefusesToGrowPast255Secondaries) {
-  std::vector<uint8_t> set = file_set(u"a", std::vector<exvol::test::Entry>(253, raw_entry(0xE0)));
-  ASSERT_EQ(set[1], 255);
-  std::vector<uint16_t> name(16, u'b');
-  EXPECT_DEATH(exfat_file_set_rename(set.data(), name.data(), 16, 0),
-               "exfat_file_set_rename: set too large \\(256 secondaries\\)");
-}

@@ -1,5 +1,5 @@
-// The node life cycle: close and fsync write a changed entry back once,
-// removed open files are freed at last close, F_FULLFSYNC flushes the device.
+// The node life cycle: close writes a changed entry back once, a directory's
+// fsync writes its dirty blocks, F_FULLFSYNC flushes the device.
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,6 @@
 #include "host/buf.h"
 #include "host/kern.h"
 #include "host/mount.h"
-#include "host/uio.h"
 #include "host/vfs.h"
 #include "tests/support/vnode_io.h"
 #include "tests/unit/driver/volume_fixture.h"
@@ -76,52 +75,6 @@ TEST_F(LifeCycleTest, CloseWritesAChangedEntryOnceAndAnUnchangedOneNever) {
   unmount_and_check();
 }
 
-// Removing a file that is open, then closing it: its clusters come back to
-// the volume when the last use ends, and the vnode is recycled at once.
-TEST_F(LifeCycleTest, RemovedOpenFileIsReleasedAtLastClose) {
-  uint32_t f = file(u"f", 3);
-  mount_built(0);
-  vnode_t vp = get(f);
-  held_.clear();  // the test manages this vnode's references itself
-  ASSERT_EQ(0, VNOP_OPEN(vp, FREAD, ctx_));
-  ASSERT_EQ(0, vnode_ref(vp));
-  vnode_put(vp);
-  uint32_t free_before = xm->xm_free_clusters;
-  uint32_t vid = vnode_vid(vp);
-
-  remove_entry(vp);
-  EXPECT_EQ(free_before, xm->xm_free_clusters) << "still open: nothing freed yet";
-
-  ASSERT_EQ(0, vnode_get(vp));
-  ASSERT_EQ(0, VNOP_CLOSE(vp, FREAD, ctx_));
-  vnode_rele(vp);
-  vnode_put(vp);
-  EXPECT_EQ(free_before + 3, xm->xm_free_clusters);
-  EXPECT_EQ(ENOENT, vnode_getwithvid(vp, vid)) << "the vnode was not recycled";
-  unmount_and_check();
-}
-
-// fsync writes the data and the entry and clears the dirty bits; a node
-// without an entry of its own (the root) just drops them.
-TEST_F(LifeCycleTest, FsyncWritesTheEntryAndDropsTheDirtyBits) {
-  uint32_t f = file(u"f", 1);
-  mount_built();
-  vnode_t vp = get(f);
-  std::vector<uint8_t> data = pattern_bytes(4, 3 * kCluster);
-  ASSERT_EQ(0, write_at(vp, 0, data));
-  ASSERT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
-  EXPECT_EQ(0u, node_of(vp)->x_flags & (X_DIRTY | X_STREAM_DIRTY));
-  exfat_meta_flush_internal(xm, 1);
-  EXPECT_EQ(3u * kCluster, le64dec(&disk_stream(f)[24]));
-
-  exfat_node_lock(root_);
-  root_->x_flags |= X_DIRTY | X_STREAM_DIRTY;
-  exfat_node_unlock(root_);
-  ASSERT_EQ(0, VNOP_FSYNC(root_vp_, MNT_WAIT, ctx_));
-  EXPECT_EQ(0u, root_->x_flags & (X_DIRTY | X_STREAM_DIRTY));
-  unmount_and_check();
-}
-
 // F_FULLFSYNC writes the data, then asks the device to flush its cache.
 TEST_F(LifeCycleTest, FullFsyncFlushesTheDeviceCacheAfterTheData) {
   uint32_t f = file(u"f", 2);
@@ -149,23 +102,6 @@ TEST_F(LifeCycleTest, FullFsyncFlushesTheDeviceCacheAfterTheData) {
   EXPECT_EQ(data, read_device(builder_.cluster_byte_offset(first), data.size()));
   EXPECT_NE(data, read_device(builder_.cluster_byte_offset(other_first), data.size()))
       << "without the cache flush the power cut should have lost these writes";
-}
-
-// A read-only volume is never written, even for a node that claims to be
-// dirty.
-TEST_F(LifeCycleTest, FsyncOnAReadOnlyVolumeWritesNothing) {
-  uint32_t f = file(u"f", 1);
-  mount_built(MNT_RDONLY);
-  vnode_t vp = get(f);
-  struct exfat_node* node = node_of(vp);
-  exfat_node_lock(node);
-  node->x_flags |= X_MODIFIED | X_DIRTY | X_STREAM_DIRTY;
-  exfat_node_unlock(node);
-  host_blkdev_reset_stats(devvp);
-
-  EXPECT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
-  EXPECT_EQ(0u, stats().writes);
-  EXPECT_EQ(X_MODIFIED | X_DIRTY | X_STREAM_DIRTY, node->x_flags & (X_MODIFIED | X_DIRTY | X_STREAM_DIRTY));
 }
 
 // A directory's fsync writes the blocks of the directory that wait in the

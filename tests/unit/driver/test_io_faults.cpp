@@ -84,58 +84,28 @@ class IoFaults : public NamespaceTest {
     return error;
   }
 
-  // 0 or a positive errno; a restart request is retried a few times.
-  template <typename Op>
-  int call(const char* what, Op op) {
-    int error = ERESTART;
-    for (int round = 0; round < 8 && error == ERESTART; round++)
-      error = op();
-    EXPECT_GE(error, 0) << what << " returned a private code";
-    return error;
-  }
-
-  // Everything a reader does: list, look up, stat and read every name.
-  void read_everything(vnode_t dvp, int depth = 0) {
-    std::vector<DirRecord> records;
-    if (call("readdir", [&] { return vn_list(dvp, &records); }) != 0 || depth > 4)
-      return;
-    for (const DirRecord& r : records) {
-      Vref vp;
-      if (call("lookup", [&] { return lookup(dvp, r.name, LOOKUP, &vp); }) != 0)
-        continue;
-      uint64_t size = 0;
-      call("getattr", [&] { return vn_size(vp.vp, &size); });
-      if (vnode_isdir(vp.vp)) {
-        read_everything(vp.vp, depth + 1);
-      } else {
-        std::vector<uint8_t> data;
-        call("read", [&] { return vn_read_all(vp.vp, &data); });
-      }
-    }
-  }
-
   // Everything a writer does, each step whatever the previous ones gave.
   void write_everything() {
     Vref dir, file, chained;
-    if (call("lookup d", [&] { return lookup(root_vp_, "d", LOOKUP, &dir); }) == 0) {
-      if (call("create", [&] { return create(dir.vp, "new", &file); }) == 0) {
-        call("write", [&] { return vn_write_at(file.vp, 0, pattern_bytes(0, 2000, 5)); });
-        call("fsync", [&] { return VNOP_FSYNC(file.vp, MNT_WAIT, ctx_); });
-        call("close", [&] { return VNOP_CLOSE(file.vp, FWRITE, ctx_); });
+    if (settled([&] { return lookup(root_vp_, "d", LOOKUP, &dir); }) == 0) {
+      if (settled([&] { return create(dir.vp, "new", &file); }) == 0) {
+        settled([&] { return vn_write_at(file.vp, 0, pattern_bytes(0, 2000, 5)); });
+        settled([&] { return VNOP_FSYNC(file.vp, MNT_WAIT, ctx_); });
+        settled([&] { return VNOP_CLOSE(file.vp, FWRITE, ctx_); });
         file.reset();
       }
-      call("remove", [&] { return remove(dir.vp, "a"); });
+      settled([&] { return remove(dir.vp, "a"); });
     }
-    if (call("lookup chain", [&] { return lookup(root_vp_, "chain", LOOKUP, &chained); }) == 0) {
-      call("write", [&] { return vn_write_at(chained.vp, 600, pattern_bytes(0, 3000, 6)); });
-      call("F_FULLFSYNC", [&] { return VNOP_IOCTL(chained.vp, F_FULLFSYNC, nullptr, 0, ctx_); });
-      call("truncate", [&] { return vn_set_size(chained.vp, 100); });
+    if (settled([&] { return lookup(root_vp_, "chain", LOOKUP, &chained); }) == 0) {
+      settled([&] { return vn_write_at(chained.vp, 600, pattern_bytes(0, 3000, 6)); });
+      settled([&] { return VNOP_IOCTL(chained.vp, F_FULLFSYNC, nullptr, 0, ctx_); });
+      settled([&] { return vn_set_size(chained.vp, 100); });
     }
     Vref made;
-    call("mkdir", [&] { return mkdir(root_vp_, "nd", &made); });
+    settled([&] { return mkdir(root_vp_, "nd", &made); });
     made.reset();
-    call("rename", [&] { return rename(root_vp_, "contig", root_vp_, "moved"); });
-    call("sync", [&] { return host_sync(mp, MNT_WAIT); });
+    settled([&] { return rename(root_vp_, "contig", root_vp_, "moved"); });
+    settled([&] { return host_sync(mp, MNT_WAIT); });
   }
 
   // Unmounts (forced if need be); nothing may be left and the volume must
@@ -167,7 +137,7 @@ TEST_F(IoFaults, ReadErrorsAnywhereAreReturnedNeverFatal) {
       KernLogCapture quiet;
       if (mount_faulty(faults, flags) != 0)
         continue;
-      read_everything(root_vp_);
+      walk_tree(root_vp_);
       if (flags == 0)
         write_everything();
       unmount_and_remount();
@@ -183,7 +153,7 @@ TEST_F(IoFaults, WriteErrorsAnywhereAreReturnedNeverFatal) {
     KernLogCapture quiet;
     ASSERT_EQ(0, mount_faulty(faults, 0)) << "only reads decide whether a volume mounts";
     write_everything();
-    read_everything(root_vp_);
+    walk_tree(root_vp_);
     unmount_and_remount();
   }
 }

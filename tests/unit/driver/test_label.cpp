@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -64,7 +63,6 @@ class LabelTest : public VolumeTest {
       n += root[i] == EXFAT_ENTRY_LABEL;
     return n;
   }
-
 };
 
 // A volume without a label entry gets one in the first free slot.
@@ -91,67 +89,6 @@ TEST_F(LabelTest, FirstRenameTakesASlotLaterOnesRewriteIt) {
   ASSERT_EQ(0, mount());
   EXPECT_STREQ("X", xm->xm_label);
   EXPECT_EQ(slot, xm->xm_label_offset);
-}
-
-// A label entry found at mount is rewritten where it is.
-TEST_F(LabelTest, ExistingLabelEntryIsRewrittenInPlace) {
-  builder_.add_label(u"OLD");
-  Placed f = builder_.add_file(builder_.root(), u"after", bytes("x"));
-  mount_built();
-  ASSERT_EQ(kSystemEntriesEnd, xm->xm_label_offset);
-  std::vector<uint8_t> file_set = root_bytes(f.offset, 96);
-
-  std::vector<uint8_t> root = root_bytes(0, kCluster);
-  struct vfs_attr va;
-  VFSATTR_INIT(&va);
-  char name[] = "IGNORED";
-  va.f_vol_name = name;
-  EXPECT_EQ(0, VFS_SETATTR(mp, &va, vfs_context_kernel()));
-  EXPECT_EQ(0u, va.f_supported);
-  EXPECT_EQ("OLD", reported_label());
-  EXPECT_EQ(root, root_bytes(0, kCluster));
-
-  ASSERT_EQ(0, set_label("NEW"));
-  EXPECT_EQ(kSystemEntriesEnd, xm->xm_label_offset);
-  EXPECT_EQ(entry_bytes(label_entry(u"NEW")), root_bytes(kSystemEntriesEnd, 32));
-  EXPECT_EQ(file_set, root_bytes(f.offset, 96));
-  EXPECT_EQ(1, label_entries());
-
-  ASSERT_EQ(0, set_label(""));
-  EXPECT_EQ(entry_bytes(label_entry(u"")), root_bytes(kSystemEntriesEnd, 32));
-  EXPECT_EQ("", reported_label());
-  unmount_and_check();
-}
-
-// With every slot of the root in use, the root grows by a cluster for the
-// label, which goes at the old end.
-TEST_F(LabelTest, FullRootGrowsForTheLabel) {
-  for (int i = 0; i < 42; i++) {  // 42 sets of 3 fill the 126 slots left
-    FileDesc desc;
-    desc.name = u"file" + std::u16string(1, u'A' + i / 10) + std::u16string(1, u'0' + i % 10);
-    builder_.add_set(builder_.root(), desc);
-  }
-  ASSERT_EQ(kCluster, builder_.root().next_offset);
-  mount_built();
-  uint32_t free_before = xm->xm_free_clusters;
-
-  ASSERT_EQ(0, set_label("GROWN"));
-  EXPECT_EQ(kCluster, xm->xm_label_offset);
-  EXPECT_EQ(free_before - 1, xm->xm_free_clusters);
-
-  struct vfs_attr va;
-  VFSATTR_INIT(&va);
-  ASSERT_EQ(0, VFS_GETATTR(mp, &va, vfs_context_kernel()));
-  EXPECT_EQ(free_before - 1, va.f_bfree);
-  EXPECT_EQ(va.f_blocks, va.f_files);
-  EXPECT_EQ(va.f_bfree, va.f_ffree);
-  EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_files));
-  EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_ffree));
-
-  unmount_and_check();
-  ASSERT_EQ(0, mount());
-  EXPECT_STREQ("GROWN", xm->xm_label);
-  EXPECT_EQ(kCluster, xm->xm_label_offset);
 }
 
 // Eleven UTF-16 units fit, whatever their UTF-8 length.
@@ -194,36 +131,6 @@ TEST_F(LabelTest, ElevenUnitsFitTwelveDoNot) {
   EXPECT_EQ(0, set_label(decomposed.c_str()));
   EXPECT_EQ(decomposed, reported_label());
   unmount_and_check();
-}
-
-// "e" + combining acute is stored as the one unit U+00E9 and reported back
-// decomposed, the form the kernel uses for names.
-TEST_F(LabelTest, DecomposedNameIsStoredPrecomposed) {
-  mount_built();
-  ASSERT_EQ(0, set_label("Cafe\xCC\x81"));
-  EXPECT_EQ(entry_bytes(label_entry(u"Caf\u00E9")), root_bytes(xm->xm_label_offset, 32));
-  EXPECT_EQ("Cafe\xCC\x81", reported_label());
-  ASSERT_EQ(0, set_label("\xC3\xA9t\xC3\xA9"));  // "été" given precomposed
-  EXPECT_EQ(entry_bytes(label_entry(u"\u00E9t\u00E9")), root_bytes(xm->xm_label_offset, 32));
-  EXPECT_EQ("e\xCC\x81te\xCC\x81", reported_label());
-  unmount_and_check();
-  ASSERT_EQ(0, mount());
-  EXPECT_STREQ("e\xCC\x81te\xCC\x81", xm->xm_label);
-}
-
-// A name whose decomposed UTF-8 form needs more than xm_label holds: the
-// entry on disk has the new name, the name in memory stays the old one.
-TEST_F(LabelTest, NameTooLongToReportKeepsTheOldOne) {
-  builder_.add_label(u"OLD");
-  mount_built();
-  std::string hangul;
-  for (int i = 0; i < 11; i++)
-    hangul += "\xEA\xB0\x80";  // U+AC00, two jamo (six bytes) decomposed
-  EXPECT_EQ(ENAMETOOLONG, set_label(hangul.c_str()));
-  std::vector<uint8_t> entry = root_bytes(kSystemEntriesEnd, 32);
-  EXPECT_EQ(11, entry[1]);
-  EXPECT_EQ(0xAC00, le16dec(&entry[2]));
-  EXPECT_EQ("OLD", reported_label());
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
-// Node lock ordering: sorting and deduplicating node sets, locking two or
-// four nodes in ascending address order, and locking a node's parent with
-// its retry and error cases.
+// Locking a node's parent: nodes without one, a file's, and the retry when
+// the node moves while its parent is held.
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
-#include <array>
 #include <cstring>
 #include <thread>
 
@@ -44,7 +41,6 @@ thread_t owner_of(struct exfat_node* node) {
 
 class LockTest : public VolumeTest {
  protected:
-  // Mounts a volume with one file and fetches the root and the file.
   void mount_with_file() {
     uint32_t offset = builder_.add_file(builder_.root(), u"f", bytes("data")).offset;
     mount_built();
@@ -55,63 +51,6 @@ class LockTest : public VolumeTest {
   vnode_t file_vp_ = NULLVP;
   struct exfat_node* file_ = nullptr;
 };
-
-// Sorting puts NULL first and keeps each distinct node once, at the last
-// place of its run.
-TEST_F(LockTest, SortNodesSortsAndDeduplicates) {
-  FakeNodes f;
-  struct exfat_node* a = &f.n[0];
-  struct exfat_node* c = &f.n[2];
-  struct exfat_node* nodes[4] = {c, nullptr, a, c};
-  exfat_sort_nodes(nodes);
-  EXPECT_EQ(nullptr, nodes[0]);
-  EXPECT_EQ(a, nodes[1]);
-  EXPECT_EQ(nullptr, nodes[2]);
-  EXPECT_EQ(c, nodes[3]);
-
-  struct exfat_node* same[4] = {a, a, a, a};
-  exfat_sort_nodes(same);
-  EXPECT_EQ((std::array<struct exfat_node*, 4>{nullptr, nullptr, nullptr, a}),
-            (std::array<struct exfat_node*, 4>{same[0], same[1], same[2], same[3]}));
-}
-
-// A rename within one directory passes the directory twice: it is locked
-// and released once; four NULLs lock nothing.
-TEST_F(LockTest, LockFourLocksEachDistinctNodeOnce) {
-  FakeNodes f;
-  struct exfat_node* dir = &f.n[3];
-  struct exfat_node* file = &f.n[1];
-  exfat_lock_four(dir, file, dir, nullptr);
-  EXPECT_EQ(current_thread(), owner_of(dir));
-  EXPECT_EQ(1u, dir->x_lock_count);
-  EXPECT_EQ(1u, file->x_lock_count);
-  exfat_unlock_four(dir, file, dir, nullptr);
-  EXPECT_EQ(nullptr, owner_of(dir));
-  EXPECT_EQ(nullptr, owner_of(file));
-  EXPECT_EQ(0u, dir->x_lock_count);
-
-  exfat_lock_four(nullptr, nullptr, nullptr, nullptr);
-  exfat_unlock_four(nullptr, nullptr, nullptr, nullptr);
-}
-
-// The node lock is recursive per thread, and a try-lock of a lock held by
-// another thread fails without waiting.
-TEST_F(LockTest, NodeLockIsRecursivePerThread) {
-  FakeNodes f;
-  struct exfat_node* n = &f.n[0];
-  exfat_node_lock(n);
-  EXPECT_EQ(1, exfat_node_try_lock(n));
-  exfat_node_lock(n);
-  EXPECT_EQ(3u, n->x_lock_count);
-  int other_try = -1;
-  std::thread([&] { other_try = exfat_node_try_lock(n); }).join();
-  EXPECT_EQ(0, other_try);
-  exfat_node_unlock(n);
-  exfat_node_unlock(n);
-  EXPECT_EQ(current_thread(), owner_of(n));
-  exfat_node_unlock(n);
-  EXPECT_EQ(nullptr, owner_of(n));
-}
 
 // Nodes without an entry set of their own need no parent: no lock, no
 // reference. A file's parent is locked and referenced for the caller.
@@ -147,61 +86,7 @@ TEST_F(LockTest, LockParentOfEachKindOfNode) {
   exfat_node_unlock(file_);
 }
 
-// An unknown parent is EIO with a line on the log, whether the node has no
-// x_parent or the VFS knows no parent vnode.
-TEST_F(LockTest, LockParentWithoutAParentIsEIO) {
-  mount_with_file();
-  FakeNodes f;
-  struct exfat_node* parent = nullptr;
-  char expected[128];
-  KernLogCapture log;
-
-  struct exfat_node* orphan = &f.n[0];
-  orphan->x_vnode = file_vp_;
-  exfat_node_lock(orphan);
-  EXPECT_EQ(EIO, exfat_lock_parent(orphan, &parent));
-  snprintf(expected, sizeof(expected), "exfat_lock_parent: parent == NULL (child vp = %p)",
-           static_cast<void*>(file_vp_));
-  EXPECT_EQ(1u, log.count(expected));
-
-  // The root's vnode has no parent in the VFS.
-  orphan->x_vnode = root_vp_;
-  orphan->x_parent = &f.n[1];
-  EXPECT_EQ(EIO, exfat_lock_parent(orphan, &parent));
-  snprintf(expected, sizeof(expected), "exfat_lock_parent: vnode_getparent(%p) == NULL",
-           static_cast<void*>(root_vp_));
-  EXPECT_EQ(1u, log.count(expected));
-  EXPECT_EQ(nullptr, parent);
-  exfat_node_unlock(orphan);
-}
-
 class LockConcurrency : public LockTest {};
-
-// Whatever the argument order, the lower node is taken first: while the
-// higher one is held elsewhere, the caller already owns the lower one.
-TEST_F(LockConcurrency, LockTwoTakesTheLowerNodeFirst) {
-  FakeNodes f;
-  struct exfat_node* low = &f.n[0];
-  struct exfat_node* high = &f.n[2];
-  for (bool reversed : {false, true}) {
-    exfat_node_lock(high);
-    std::atomic<thread_t> locker{nullptr};
-    std::thread t([&] {
-      locker = current_thread();
-      if (reversed)
-        exfat_lock_two(high, low);
-      else
-        exfat_lock_two(low, high);
-      exfat_node_unlock(high);
-      exfat_node_unlock(low);
-    });
-    EXPECT_TRUE(wait_for([&] { return locker != nullptr && owner_of(low) == locker; }))
-        << "reversed " << reversed;
-    exfat_node_unlock(high);
-    t.join();
-    EXPECT_EQ(nullptr, owner_of(low));
-  }
-}
 
 // A parent at a lower address held by another thread.
 TEST_F(LockConcurrency, LockParentRetriesAfterAMove) {

@@ -1,5 +1,5 @@
-// Lookup: case-insensitive matching, name conversion, "." and "..", the name
-// cache, name limits, hash collisions, removed and corrupt directories.
+// Lookup: case-insensitive matching, "." and "..", the name cache, and a
+// restart when the vnode is being reclaimed.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,6 @@
 #include "exfat_proto.h"
 #include "host/blkdev.h"
 #include "host/buf.h"
-#include "host/locks.h"
 #include "host/mount.h"
 #include "host/namecache.h"
 #include "host/vfs.h"
@@ -100,23 +99,6 @@ TEST_F(LookupTest, CaseInsensitiveMatchKeepsTheStoredCase) {
     EXPECT_EQ(expect[i], le16dec(&stored[2 * i])) << "unit " << i;
 }
 
-// Components are converted to precomposed UTF-16 with the SFM private-use
-// mapping before they are compared, which is how names are stored.
-TEST_F(LookupTest, ComponentsArePrecomposedAndSfmMapped) {
-  Placed accent = builder_.add_file(builder_.root(), u"caf\u00e9", bytes("x"));
-  Placed colon = builder_.add_file(builder_.root(), u"a\uf022b", bytes("y"));
-  mount_built();
-
-  Vref decomposed, sfm;
-  ASSERT_EQ(0, lookup("cafe\xcc\x81", &decomposed));  // e + COMBINING ACUTE
-  EXPECT_EQ(accent.offset, decomposed.node()->x_dir_offset);
-  ASSERT_EQ(0, lookup("A:B", &sfm));
-  EXPECT_EQ(colon.offset, sfm.node()->x_dir_offset);
-
-  Vref none;
-  EXPECT_EQ(EINVAL, lookup("bad\xff", &none));
-}
-
 // "." and ".." of the root are the root.
 TEST_F(LookupTest, DotAndDotDot) {
   Dir sub = builder_.mkdir(builder_.root(), u"sub");
@@ -174,79 +156,6 @@ TEST_F(LookupTest, NameCacheEntriesOfHitsAndMisses) {
 
   // A name cached negatively for LOOKUP is still free to create.
   EXPECT_EQ(EJUSTRETURN, lookup("ghost", &none, CREATE));
-}
-
-// 255 units is the longest name: found case-insensitively. 256 units fail
-// with ENAMETOOLONG before the directory is read.
-TEST_F(LookupTest, NameLengthLimit) {
-  Placed longest = builder_.add_file(builder_.root(), std::u16string(255, u'n'), bytes("l"));
-  mount_built();
-
-  Vref found;
-  ASSERT_EQ(0, lookup(std::string(255, 'N'), &found));
-  EXPECT_EQ(longest.offset, found.node()->x_dir_offset);
-
-  forget_device_blocks();
-  Vref none;
-  size_t entries = host_namecache_count();
-  EXPECT_EQ(ENAMETOOLONG, lookup(std::string(256, 'n'), &none));
-  EXPECT_EQ(0u, device_reads());
-  EXPECT_EQ(entries, host_namecache_count());
-}
-
-// Two names of equal hash and length that differ in one unit do not match:
-// the hash only guards the full comparison.
-TEST_F(LookupTest, EqualHashAndLengthDoNotMakeAMatch) {
-  const std::u16string stored = u"A0";
-  const std::u16string other = u"A\u012e";  // LATIN CAPITAL LETTER I WITH OGONEK
-  ASSERT_EQ(name_hash(stored, builder_.upcase()), name_hash(other, builder_.upcase()))
-      << "the test needs two names with one hash";
-  Placed a0 = builder_.add_file(builder_.root(), stored, bytes("0"));
-  mount_built();
-
-  Vref none, found;
-  EXPECT_EQ(ENOENT, lookup("A\xc4\xae", &none));
-  ASSERT_EQ(0, lookup("a0", &found));
-  EXPECT_EQ(a0.offset, found.node()->x_dir_offset);
-}
-
-// A directory that has been removed but is still held answers every name
-// with ENOENT, "." and ".." included.
-TEST_F(LookupTest, RemovedDirectoryFindsNothing) {
-  Dir gone = builder_.mkdir(builder_.root(), u"gone");
-  builder_.add_file(gone, u"left", bytes("x"));
-  mount_built();
-
-  Vref dir;
-  ASSERT_EQ(0, lookup("gone", &dir));
-  struct exfat_node* node = dir.node();
-  exfat_node_lock(node);
-  node->x_flags |= X_DELETED;
-  exfat_node_unlock(node);
-
-  Vref none;
-  EXPECT_EQ(ENOENT, lookup(dir.vp, "left", LOOKUP, kLastLookup, &none));
-  EXPECT_EQ(ENOENT, lookup(dir.vp, ".", LOOKUP, kLastLookup, &none));
-  EXPECT_EQ(ENOENT, lookup(dir.vp, "..", LOOKUP, kLastLookup | ISDOTDOT, &none));
-  EXPECT_EQ(ENOENT, lookup(dir.vp, "new", CREATE, kLastLookup, &none));
-
-  exfat_node_lock(node);
-  node->x_flags &= ~X_DELETED;
-  exfat_node_unlock(node);
-}
-
-// A directory with an unknown critical primary before the sought name is
-// corrupt: EIO, the volume marked, the directory unlocked, no cache entry.
-TEST_F(LookupTest, CorruptDirectoryIsEIO) {
-  builder_.add_entry(builder_.root(), raw_entry(0x84));
-  builder_.add_file(builder_.root(), u"after", bytes("a"));
-  mount_built();
-
-  size_t entries = host_namecache_count();
-  Vref none;
-  EXPECT_EQ(EIO, lookup("after", &none));
-  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
-  EXPECT_EQ(entries, host_namecache_count());
 }
 
 class LookupConcurrency : public LookupTest {};

@@ -1,5 +1,5 @@
-// The volume's dirty state on disk, percentInUse, and the delayed metadata
-// flush: coalescing, MNT_ASYNC, and an unmount that meets a running flush.
+// The volume's dirty state on disk and the delayed metadata flush:
+// coalescing, what it writes, and an unmount that meets it.
 
 #include <atomic>
 #include <chrono>
@@ -89,83 +89,6 @@ TEST_F(DirtyMark, CorruptionSetsMediaFailureAndIsNeverMarkedClean) {
   EXPECT_EQ(0x0006, disk_volume_flags()) << "a corrupt volume stays dirty";
 }
 
-TEST_F(DirtyMark, ReadOnlyMountRefusesToMark) {
-  mount_with_flags(0x0000, MNT_RDONLY);
-  EXPECT_EQ(EROFS, exfat_mark_vol_dirty(xm, 1, vfs_context_kernel()));
-  EXPECT_EQ(EROFS, exfat_mark_vol_dirty(xm, 0, vfs_context_kernel()));
-  EXPECT_EQ(0x0000, disk_volume_flags());
-}
-
-TEST_F(DirtyMark, BadUpcaseOnAWritableMountLeavesDirtyAndMediaFailure) {
-  ImageBuilder b = ImageBuilder();
-  b.add_bitmap_entry().add_upcase_entry(0x12345678);
-  std::vector<uint8_t> image = b.build();
-
-  ASSERT_EQ(0, load(image));
-  KernLogCapture log;
-  EXPECT_EQ(EIO, mount(MNT_RDONLY));
-  EXPECT_EQ(1u, log.count("exfat: upcase checksum mismatch"));
-  EXPECT_EQ(image, read_device(0, image.size())) << "a read-only mount changes nothing";
-  expect_nothing_left("after a read-only mount with a bad up-case table");
-
-  ASSERT_EQ(0, load(image));
-  EXPECT_EQ(EIO, mount());
-  EXPECT_EQ(0x0006, disk_volume_flags());
-  expect_nothing_left("after a writable mount with a bad up-case table");
-}
-
-class PercentInUse : public MountTest {
- protected:
-  // A volume of 1000 clusters of which `free_clusters` are free.
-  void mount_with_free(uint32_t free_clusters, uint8_t disk_percent = 0) {
-    ImageBuilder b = mountable(Geometry{.cluster_shift = 0, .cluster_count = 1000});
-    uint32_t used = 0;
-    for (uint32_t c = 2; c < 1002; c++)
-      used += b.allocated(c) ? 1 : 0;
-    if (1000 - used > free_clusters)
-      b.allocate(1000 - used - free_clusters, Alloc::Contiguous);
-    b.percent_in_use(disk_percent);
-    ASSERT_EQ(0, load(b.build()));
-    ASSERT_EQ(0, mount());
-    ASSERT_EQ(free_clusters, xm->xm_free_clusters);
-  }
-};
-
-TEST_F(PercentInUse, RoundsDownAndWritesOnlyOnChange) {
-  mount_with_free(333);
-  ASSERT_EQ(0, exfat_sync_boot_sector(xm, 1, vfs_context_kernel()));
-  EXPECT_EQ(66, disk_percent_in_use());
-  EXPECT_EQ(66, xm->xm_percent_in_use);
-  uint64_t writes = device_writes(devvp);
-  ASSERT_EQ(0, exfat_sync_boot_sector(xm, 1, vfs_context_kernel()));
-  EXPECT_EQ(writes, device_writes(devvp));
-}
-
-TEST_F(PercentInUse, ZeroIsNotWrittenOverTheDiskValue) {
-  mount_with_free(997, 40);  // 0.3 % in use: 0
-  uint64_t writes = device_writes(devvp);
-  exfat_meta_flush(xm, IO_SYNC);
-  EXPECT_EQ(writes, device_writes(devvp));
-  EXPECT_EQ(40, disk_percent_in_use());
-}
-
-TEST_F(PercentInUse, AFailedReadIsReportedAndTriedAgain) {
-  mount_with_free(500);
-  host_memdev_faults faults;
-  faults.fail_read_bytes = {0};
-  host_memdev_set_faults(devvp, faults);
-  // Make the next read of the boot sector go to the device.
-  buf_invalidateblks(devvp, BUF_WRITE_DATA, 0, 0);
-  KernLogCapture log;
-  EXPECT_EQ(EIO, exfat_sync_boot_sector(xm, 1, vfs_context_kernel()));
-  EXPECT_EQ(1u, log.count(
-                    "exfat_sync_boot_sector: Could not read boot sector to update percentInUse"));
-  EXPECT_EQ(0, xm->xm_percent_in_use);
-  host_memdev_set_faults(devvp, host_memdev_faults{});
-  ASSERT_EQ(0, exfat_sync_boot_sector(xm, 1, vfs_context_kernel()));
-  EXPECT_EQ(50, disk_percent_in_use());
-}
-
 class DelayedFlush : public MountTest {
  protected:
   void mount_scratch(uint64_t flags = 0) {
@@ -194,17 +117,6 @@ TEST_F(DelayedFlush, RequestsWithinTheDelayShareOneFlush) {
   EXPECT_TRUE(flush_pending(xm));
   ASSERT_TRUE(wait_for_flush(xm));
   EXPECT_EQ(0xA2, scratch_on_disk(*this));
-}
-
-TEST_F(DelayedFlush, AsyncMountFlushesOnlyOnSynchronousRequests) {
-  mount_scratch(MNT_ASYNC);
-  dirty_scratch_block(devvp, 0xB1);
-  exfat_meta_flush(xm, 0);
-  EXPECT_FALSE(flush_pending(xm));
-  std::this_thread::sleep_for(80ms);
-  EXPECT_NE(0xB1, scratch_on_disk(*this));
-  exfat_meta_flush(xm, IO_SYNC);
-  EXPECT_EQ(0xB1, scratch_on_disk(*this));
 }
 
 TEST_F(DelayedFlush, FlushWritesTheCachesAndPercentInUse) {

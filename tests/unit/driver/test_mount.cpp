@@ -1,11 +1,9 @@
-// Mounting: the boot region checks and geometry, the device block size,
-// the volume UUID, mount arguments, statfs figures and volume attributes,
-// and unmounting.
+// Mounting: the boot region checks, the device block size, mount updates,
+// statfs figures and volume attributes, and unmounting.
 
 #include <cstring>
 #include <functional>
 
-#include "host/buf.h"
 #include "mount_fixture.h"
 #include "tests/support/image_builder.h"
 
@@ -128,23 +126,6 @@ TEST_F(BootRegion, BootRegionsAtTheLimitsMount) {
   EXPECT_EQ(0, mount(MNT_RDONLY));
 }
 
-// The root directory may start in the last cluster of the heap.
-TEST_F(BootRegion, RootInTheLastClusterMounts) {
-  const uint32_t count = 64;
-  const uint32_t last = count + 1;
-  ImageBuilder b = mountable(Geometry{.cluster_count = count});
-  b.add_label(u"LAST");
-  std::vector<uint8_t> image = b.build();
-  uint64_t from = b.cluster_byte_offset(b.root().first_cluster);
-  std::vector<uint8_t> root(image.begin() + from, image.begin() + from + b.bytes_per_cluster());
-  b.write_data(last, Alloc::Chain, root).set_fat(last, 0xFFFFFFFF).set_allocated(last, true);
-  b.boot_field(96, last, 4);
-  ASSERT_EQ(0, load(b.build()));
-  ASSERT_EQ(0, mount());
-  EXPECT_EQ(last, xm->xm_root_cluster);
-  EXPECT_STREQ("LAST", xm->xm_label);
-}
-
 // A FAT too small for the cluster count: a warning, and the highest
 // cluster is the last one the FAT can describe.
 TEST_F(BootRegion, MoreClustersThanFatEntriesLowersTheLimit) {
@@ -157,37 +138,7 @@ TEST_F(BootRegion, MoreClustersThanFatEntriesLowersTheLimit) {
   EXPECT_EQ(512u, xm->xm_fat_size);
 }
 
-// The mount record's geometry comes from the boot sector; the metadata
-// block is the physical block, but never larger than a cluster.
-TEST_F(BootRegion, GeometryFollowsTheBootSector) {
-  ImageBuilder b = mountable(Geometry{.sector_shift = 9, .cluster_shift = 2, .cluster_count = 300});
-  ASSERT_EQ(0, load(b.build(), 512, 4096));
-  ASSERT_EQ(0, mount());
-  EXPECT_EQ(4096u, xm->xm_phys_block_size);
-  EXPECT_EQ(2048u, xm->xm_bytes_per_cluster);
-  EXPECT_EQ(2048u, xm->xm_block_size);  // the physical block is larger than a cluster
-  EXPECT_EQ(4u, xm->xm_sectors_per_block);
-  EXPECT_EQ(1u, xm->xm_blocks_per_cluster);
-  EXPECT_EQ(301u, xm->xm_max_cluster);
-  EXPECT_EQ(b.geometry().fat_offset, xm->xm_fat_offset);
-  EXPECT_EQ(b.fat_byte_offset() / 512, xm->xm_fat_offset);
-  EXPECT_EQ(b.cluster_byte_offset(2) / 512, xm->xm_heap_offset);
-  EXPECT_EQ(b.root().first_cluster, xm->xm_root_cluster);
-}
-
 class MountArguments : public MountTest {};
-
-// Arguments without the magic still apply their mask and time zone.
-TEST_F(MountArguments, MaskAndTimeZoneApplyWithOrWithoutTheMagic) {
-  for (uint32_t magic : {EXFAT_ARGS_MAGIC, 0u}) {
-    ASSERT_EQ(0, load(mountable().build()));
-    ASSERT_EQ(0, mount(MNT_RDONLY, exfat_mount_args(0x7123, -3600, magic)));
-    EXPECT_EQ(0x123, xm->xm_mask) << "only the low 12 bits are kept";
-    EXPECT_EQ(-3600, exfat_secondsWest);
-    ASSERT_EQ(0, unmount());
-  }
-  exfat_secondsWest = 0;
-}
 
 // An update applies its arguments, a reload is refused, and an upgrade to
 // read-write marks the volume dirty until the unmount.

@@ -1,21 +1,18 @@
 // Nodes: what a node takes from its entry set (the root from its chain),
-// size limits, link recognition, write-back, and the node hash between threads.
+// size limits, write-back, and the node hash between threads.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cctype>
 #include <chrono>
-#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "exfat_proto.h"
 #include "host/blkdev.h"
-#include "host/buf.h"
 #include "host/kern.h"
-#include "host/locks.h"
 #include "host/malloc.h"
 #include "host/mount.h"
 #include "host/time.h"
@@ -42,11 +39,6 @@ class NodeTest : public VolumeTest {
   }
   std::vector<uint8_t> disk_set(uint32_t offset, uint32_t entries) {
     return root_set(offset, entries);
-  }
-
-  static void set_clock(int64_t seconds, long nanoseconds = 0) {
-    struct timespec ts = {static_cast<time_t>(seconds), nanoseconds};
-    host_set_nanotime(&ts);
   }
 };
 
@@ -164,39 +156,6 @@ TEST_F(NodeTest, SizeLimits) {
   vnode_put(node->x_vnode);
 }
 
-// Pending time requests write only real changes, keeping the checksum valid.
-TEST_F(NodeTest, UpdateWritesOnlyRealChanges) {
-  Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
-  mount_built();
-  struct exfat_node* node = nullptr;
-  ASSERT_EQ(0, get(f.offset, &node));
-  std::vector<uint8_t> original = disk_set(f.offset, 3);
-
-  set_clock(k2024, 500000000);  // the same two-second stamp as on disk
-  exfat_node_lock(node);
-  node->x_attributes |= EXFAT_ATTR_READ_ONLY;  // changed but not dirty
-  node->x_flags |= X_ACCESSED;
-  exfat_node_unlock(node);
-  update(node);
-  EXPECT_EQ(0u, node->x_flags & (X_DIRTY | X_ACCESSED));
-  EXPECT_EQ(original, disk_set(f.offset, 3));
-
-  set_clock(k2024 + 3600);
-  exfat_node_lock(node);
-  node->x_flags |= X_ACCESSED;
-  exfat_node_unlock(node);
-  update(node);
-  EXPECT_EQ(0u, node->x_flags & X_DIRTY);
-  std::vector<uint8_t> now = disk_set(f.offset, 3);
-  uint32_t one_hour_later = le32dec(&original[16]) + (1u << EXFAT_TS_HOUR_SHIFT);
-  EXPECT_EQ(one_hour_later, le32dec(&now[16]));
-  EXPECT_EQ(EXFAT_ATTR_ARCHIVE | EXFAT_ATTR_READ_ONLY, le16dec(&now[4]));
-  EXPECT_EQ(exfat_checksum_file_set(now.data()), le16dec(&now[2]));
-  EXPECT_TRUE(std::equal(original.begin() + 32, original.end(), now.begin() + 32))
-      << "the stream and name entries must not change";
-  vnode_put(node->x_vnode);
-}
-
 // What is written back is exactly the entries that changed.
 TEST_F(NodeTest, UpdateWritesSixtyFourBytesForAStreamChange) {
   builder_.skip_to(builder_.root(), kCluster - 64);
@@ -247,99 +206,7 @@ TEST_F(NodeTest, UpdateWritesSixtyFourBytesForAStreamChange) {
   vnode_put(node->x_vnode);
 }
 
-// When the last reference goes, inactive stamps the pending modification
-// and rewrites the entry set in the parent.
-TEST_F(NodeTest, InactiveWritesADirtyEntryBack) {
-  Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
-  mount_built();
-  struct exfat_node* node = nullptr;
-  ASSERT_EQ(0, get(f.offset, &node));
-  set_clock(k2024 + 86400);  // 2024-01-02 00:00:00
-  exfat_node_lock(node);
-  node->x_flags |= X_MODIFIED;
-  exfat_node_unlock(node);
-  vnode_put(node->x_vnode);
-
-  std::vector<uint8_t> set = disk_set(f.offset, 3);
-  uint32_t jan2 = (44u << EXFAT_TS_YEAR_SHIFT) | (1u << EXFAT_TS_MONTH_SHIFT) |
-                  (2u << EXFAT_TS_DAY_SHIFT);
-  EXPECT_EQ(jan2, le32dec(&set[12]));
-  EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
-}
-
 class NodeConcurrency : public NodeTest {};
-
-// A thread that finds a node being initialised sleeps on it ("exfat_hashget")
-// and, once the creator is done, receives the very same node.
-TEST_F(NodeConcurrency, LookupSleepsOnANodeBeingInitialised) {
-  Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
-  mount_built();
-
-  struct exfat_node* created = nullptr;
-  exfat_node_lock(root_);
-  ASSERT_EQ(0, exfat_node_get(xm, root_vp_, nullptr, f.offset, VREG, 1, &created, ctx_));
-  EXPECT_NE(0u, created->x_hash_flags & X_HASH_INIT);
-  exfat_node_unlock(root_);  // let the other thread search the directory
-
-  struct exfat_node* found = nullptr;
-  int found_error = -1;
-  std::thread other([&] {
-    exfat_node_lock(root_);
-    found_error = exfat_node_get(xm, root_vp_, nullptr, f.offset, VNON, 0, &found, ctx_);
-  });
-  bool slept = wait_for([] { return host_sleepers("exfat_hashget") == 1; });
-  EXPECT_TRUE(slept);
-
-  lck_mtx_lock(exfat_hash_lock);
-  created->x_hash_flags &= ~X_HASH_INIT;
-  bool waiting = (created->x_hash_flags & X_HASH_WAIT) != 0;
-  if (waiting)
-    wakeup(created);
-  lck_mtx_unlock(exfat_hash_lock);
-  EXPECT_TRUE(waiting);
-  exfat_node_unlock(created);
-  other.join();
-
-  EXPECT_EQ(0, found_error);
-  EXPECT_EQ(created, found);
-  EXPECT_EQ(2, host_vnode_iocount(created->x_vnode));
-  vnode_put(created->x_vnode);
-  vnode_put(created->x_vnode);
-}
-
-// A lookup that meets a node whose vnode is being reclaimed gets ENOENT, and
-// the retry after the reclaim makes a new node, which sees what the reclaim
-// wrote back.
-TEST_F(NodeConcurrency, NodeBeingReclaimedGivesENOENT) {
-  Placed f = builder_.add_file(builder_.root(), u"a", bytes("data"));
-  mount_built();
-  struct exfat_node* node = nullptr;
-  ASSERT_EQ(0, get(f.offset, &node));
-  vnode_t vp = node->x_vnode;
-  vnode_put(vp);  // unused now; the node stays in the hash until reclaim
-  set_clock(k2024 + 86400);
-  exfat_node_lock(node);
-  node->x_flags |= X_MODIFIED;  // so that reclaim must lock the parent
-  exfat_node_unlock(node);
-
-  int root_refs = host_vnode_iocount(root_vp_);
-  exfat_node_lock(root_);
-  std::thread reclaimer([vp] { vnode_recycle(vp); });
-  // The reclaim holds a reference on the parent while it waits for its lock.
-  EXPECT_TRUE(wait_for([&] { return host_vnode_iocount(root_vp_) == root_refs + 1; }));
-
-  struct exfat_node* found = reinterpret_cast<struct exfat_node*>(1);
-  EXPECT_EQ(ENOENT, exfat_node_get(xm, root_vp_, nullptr, f.offset, VNON, 0, &found, ctx_));
-  EXPECT_EQ(nullptr, found);
-  reclaimer.join();
-  EXPECT_EQ(0u, root_->x_lock_count);
-
-  ASSERT_EQ(0, get(f.offset, &found));
-  uint32_t jan2 = (44u << EXFAT_TS_YEAR_SHIFT) | (1u << EXFAT_TS_MONTH_SHIFT) |
-                  (2u << EXFAT_TS_DAY_SHIFT);
-  EXPECT_EQ(jan2, found->x_modify_time);
-  vnode_put(found->x_vnode);
-}
 
 // Threads racing to instantiate the root all get one node.
 TEST_F(NodeConcurrency, RacingRootGetsMakeOneNode) {

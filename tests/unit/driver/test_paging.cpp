@@ -1,17 +1,14 @@
-// Paging on mounted builder images, through mapped access (faults, dirty
-// pages, msync, unmapping) and direct page-ins and page-outs: zeros past the
-// valid length although the disk holds junk, the zero fill of the gap before
-// a page stored beyond it, and refused requests.
+// Paging through mapped access on mounted builder images: zeros past the
+// valid length although the disk holds junk, and the zero fill of the gap
+// before a page stored beyond it.
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "exfat_proto.h"
-#include "host/blkdev.h"
 #include "host/kern.h"
 #include "host/mount.h"
 #include "host/ubc.h"
@@ -83,25 +80,6 @@ TEST_F(PagingTest, MappedPagesReadZerosPastTheValidLength) {
   EXPECT_TRUE(holds_pattern(page.data(), 0, PAGE_SIZE));
 }
 
-// A page-in over the whole file stops at the page that holds the valid
-// length (the later pages are left to later faults), and that page comes in
-// with zeros past it.
-TEST_F(PagingTest, PageinThatStraddlesTheValidLengthStopsAfterIt) {
-  File f = file(u"f", 4 * kCluster, 5000);
-  mount_built();
-  vnode_t vp = get(f.offset);
-
-  ASSERT_EQ(0, VNOP_PAGEIN(vp, nullptr, 0, 0, 4 * kCluster, 0, ctx_));
-  EXPECT_EQ(2u, host_ubc_vnode_pages(vp));
-  std::vector<uint8_t> page = fault(vp, 4096);
-  EXPECT_TRUE(all_zero(page.data() + (5000 - 4096), 8192 - 5000));
-
-  // A second page-in of the same range finds nothing absent before the
-  // valid length's page end: nothing more comes in.
-  ASSERT_EQ(0, VNOP_PAGEIN(vp, nullptr, 0, 0, 4 * kCluster, 0, ctx_));
-  EXPECT_EQ(2u, host_ubc_vnode_pages(vp));
-}
-
 // A store through a mapping two pages beyond the valid length.
 TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
   File f = file(u"f", 4 * kCluster, 1000);
@@ -127,77 +105,6 @@ TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
   unmount_and_check();
   EXPECT_EQ(12288u, le64dec(&disk_stream(f.offset)[8]));
   EXPECT_EQ(10000u, le64dec(&disk_stream(g.offset)[8]));
-}
-
-// Page-ins and page-outs at or past the size, or not page-aligned, are
-// refused; a page-out of clean pages writes nothing and leaves the node clean.
-TEST_F(PagingTest, MisplacedRequestsAndCleanPageouts) {
-  File f = file(u"f", 2 * kCluster, 2 * kCluster);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  EXPECT_EQ(EINVAL, VNOP_PAGEIN(vp, nullptr, 0, 2 * kCluster, PAGE_SIZE, 0, ctx_));
-  EXPECT_EQ(EINVAL, VNOP_PAGEIN(vp, nullptr, 0, 3 * kCluster, PAGE_SIZE, 0, ctx_));
-  EXPECT_EQ(EINVAL, VNOP_PAGEIN(vp, nullptr, 0, 100, PAGE_SIZE, 0, ctx_));
-  EXPECT_EQ(EINVAL, VNOP_PAGEIN(vp, nullptr, 0, 0, 100, 0, ctx_));
-  EXPECT_EQ(EINVAL, VNOP_PAGEIN(vp, nullptr, 0, -PAGE_SIZE, PAGE_SIZE, 0, ctx_));
-  EXPECT_EQ(0u, host_ubc_vnode_pages(vp));
-  uintptr_t addr = 0;
-  EXPECT_EQ(EINVAL, ubc_page_fault(vp, 2 * kCluster, 0, &addr));
-
-  fault(vp, 0);
-  host_blkdev_reset_stats(devvp);
-  uint32_t flags = node_of(vp)->x_flags;
-  EXPECT_EQ(0, VNOP_PAGEOUT(vp, nullptr, 0, 0, 2 * kCluster, 0, ctx_));
-  EXPECT_EQ(EINVAL, VNOP_PAGEOUT(vp, nullptr, 0, 2 * kCluster, PAGE_SIZE, 0, ctx_));
-  EXPECT_EQ(EINVAL, VNOP_PAGEOUT(vp, nullptr, 0, 0, 100, 0, ctx_));
-  EXPECT_EQ(0u, stats().writes);
-  EXPECT_EQ(flags, node_of(vp)->x_flags);
-  EXPECT_EQ(2u * kCluster, node_of(vp)->x_valid_size);
-}
-
-// Removing the last mapping pushes the dirty pages.
-TEST_F(PagingTest, UnmappingPushesDirtyPages) {
-  File f = file(u"f", 2 * kCluster, 2 * kCluster);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  uintptr_t addr = 0;
-  ASSERT_EQ(0, ubc_page_fault(vp, 4096, 1, &addr));
-  memset(reinterpret_cast<void*>(addr), 0x5A, PAGE_SIZE);
-  ubc_page_dirty(vp, 4096);
-  ubc_page_unpin(vp, 4096);
-  ASSERT_EQ(1u, host_ubc_vnode_dirty_pages(vp));
-
-  EXPECT_EQ(0, VNOP_MNOMAP(vp, ctx_));
-  EXPECT_EQ(0u, host_ubc_vnode_dirty_pages(vp));
-  EXPECT_EQ(std::vector<uint8_t>(PAGE_SIZE, 0x5A), disk_data(f.first_cluster, 4096, PAGE_SIZE));
-  unmount_and_check();
-}
-
-// A page-in notes the access, except on a volume mounted without access
-// times.
-TEST_F(PagingTest, PageinNotesTheAccessUnlessTheMountSaysNot) {
-  File f = file(u"f", kCluster, kCluster);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  fault(vp, 0);
-  EXPECT_NE(0u, node_of(vp)->x_flags & X_ACCESSED);
-
-  remount(MNT_NOATIME);
-  vp = get(f.offset);
-  fault(vp, 0);
-  EXPECT_EQ(0u, node_of(vp)->x_flags & X_ACCESSED);
-}
-
-// The file system builds its own page lists: one passed in is fatal.
-TEST_F(PagingTest, PageListPassedInIsFatal) {
-  File f = file(u"f", kCluster, kCluster);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  upl_t bogus = reinterpret_cast<upl_t>(uintptr_t(0x1000));
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(VNOP_PAGEIN(vp, bogus, 0, 0, PAGE_SIZE, 0, ctx_), "exfat_vnop_pagein: a_pl != NULL");
-  EXPECT_DEATH(VNOP_PAGEOUT(vp, bogus, 0, 0, PAGE_SIZE, 0, ctx_),
-               "exfat_vnop_pageout: a_pl != NULL");
 }
 
 }  // namespace

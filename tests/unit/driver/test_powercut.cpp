@@ -15,14 +15,12 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <map>
 #include <random>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "exfat_proto.h"
@@ -153,15 +151,12 @@ class PowerCut : public NamespaceTest {
 
   // Waits until no delayed metadata flush is pending or running.
   void wait_for_delayed_flush() {
-    for (int i = 0; i < 5000; i++) {
+    EXPECT_TRUE(wait_for([&] {
       lck_mtx_lock(xm->xm_meta_lock);
       bool pending = (xm->xm_meta_state & META_SCHEDULED) != 0;
       lck_mtx_unlock(xm->xm_meta_lock);
-      if (!pending)
-        return;
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    ADD_FAILURE() << "the delayed metadata flush never ran";
+      return !pending;
+    })) << "the delayed metadata flush never ran";
   }
 
   // Before the cut everything must succeed; after it any errno will do.
@@ -173,71 +168,46 @@ class PowerCut : public NamespaceTest {
     return error == 0;
   }
 
-  // ERESTART means "look the names up again": it must settle in a few rounds.
-  template <typename Op>
-  int restarting(Op op) {
-    int error = ERESTART;
-    for (int round = 0; round < 8 && error == ERESTART; round++)
-      error = op();
-    if (error == ERESTART)
-      ADD_FAILURE() << "the operation keeps asking for a restart";
-    return error;
-  }
-
-  // Resolves a path of the tree ("d1/alpha") one component at a time.
-  int resolve(const std::string& path, Vref* out) {
-    vnode_t dvp = root_vp_;
-    vnode_get(dvp);
-    std::string rest = path;
-    for (;;) {
-      size_t slash = rest.find('/');
-      std::string name = rest.substr(0, slash);
-      vnode_t vp = NULLVP;
-      int error = vn_lookup(dvp, name, &vp);
-      vnode_put(dvp);
+  // Looks up the directories of a path ("d1/alpha": d1); the last component
+  // is left in *leaf.
+  int resolve_parent(const std::string& path, Vref* dir, std::string* leaf) {
+    vnode_get(root_vp_);
+    dir->vp = root_vp_;
+    size_t start = 0;
+    for (size_t slash; (slash = path.find('/', start)) != std::string::npos; start = slash + 1) {
+      Vref next;
+      int error = lookup(dir->vp, path.substr(start, slash - start), LOOKUP, &next);
       if (error)
         return error;
-      if (slash == std::string::npos) {
-        out->vp = vp;
-        return 0;
-      }
-      dvp = vp;
-      rest = rest.substr(slash + 1);
+      std::swap(dir->vp, next.vp);
     }
+    *leaf = path.substr(start);
+    return 0;
   }
-  static std::string parent_of(const std::string& path) {
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "" : path.substr(0, slash);
-  }
-  static std::string leaf_of(const std::string& path) {
-    size_t slash = path.rfind('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-  }
-  int resolve_dir(const std::string& path, Vref* out) {
-    if (path.empty()) {
-      vnode_get(root_vp_);
-      out->vp = root_vp_;
-      return 0;
-    }
-    return resolve(path, out);
+  int resolve(const std::string& path, Vref* out) {
+    Vref dir;
+    std::string leaf;
+    int error = resolve_parent(path, &dir, &leaf);
+    return error ? error : lookup(dir.vp, leaf, LOOKUP, out);
   }
 
   void op_mkdir(const std::string& path) {
     Vref dir, made;
-    if (!ok(resolve_dir(parent_of(path), &dir), "lookup"))
-      return;
-    ok(mkdir(dir.vp, leaf_of(path), &made), "mkdir");
+    std::string leaf;
+    if (ok(resolve_parent(path, &dir, &leaf), "lookup"))
+      ok(mkdir(dir.vp, leaf, &made), "mkdir");
   }
 
   // Creates (or opens) a file and writes data at offset; closes it.
   void op_write(const std::string& path, off_t offset, const std::vector<uint8_t>& data,
                 int sync = 0) {
     Vref dir, file;
-    if (!ok(resolve_dir(parent_of(path), &dir), "lookup"))
+    std::string leaf;
+    if (!ok(resolve_parent(path, &dir, &leaf), "lookup"))
       return;
-    int error = lookup(dir.vp, leaf_of(path), LOOKUP, &file);
+    int error = lookup(dir.vp, leaf, LOOKUP, &file);
     if (error == ENOENT)
-      error = create(dir.vp, leaf_of(path), &file);
+      error = create(dir.vp, leaf, &file);
     if (!ok(error, "create"))
       return;
     forget(path);
@@ -265,9 +235,9 @@ class PowerCut : public NamespaceTest {
 
   void op_symlink(const std::string& path, const std::string& target) {
     Vref dir, link;
-    if (!ok(resolve_dir(parent_of(path), &dir), "lookup"))
-      return;
-    if (!ok(symlink(dir.vp, leaf_of(path), target, &link), "symlink"))
+    std::string leaf;
+    if (!ok(resolve_parent(path, &dir, &leaf), "lookup") ||
+        !ok(symlink(dir.vp, leaf, target, &link), "symlink"))
       return;
     links_[path] = target;
     if (ok(VNOP_FSYNC(link.vp, MNT_WAIT, ctx_), "fsync link"))
@@ -276,21 +246,20 @@ class PowerCut : public NamespaceTest {
 
   void op_remove(const std::string& path, bool directory = false) {
     Vref dir;
-    if (!ok(resolve_dir(parent_of(path), &dir), "lookup"))
+    std::string leaf;
+    if (!ok(resolve_parent(path, &dir, &leaf), "lookup"))
       return;
     forget(path);
     model_.erase(path);
     links_.erase(path);
-    ok(restarting([&] {
-         return directory ? rmdir(dir.vp, leaf_of(path)) : remove(dir.vp, leaf_of(path));
-       }),
-       "remove");
+    ok(settled([&] { return directory ? rmdir(dir.vp, leaf) : remove(dir.vp, leaf); }), "remove");
   }
 
   void op_rename(const std::string& from, const std::string& to) {
     Vref fdir, tdir;
-    if (!ok(resolve_dir(parent_of(from), &fdir), "lookup") ||
-        !ok(resolve_dir(parent_of(to), &tdir), "lookup"))
+    std::string fleaf, tleaf;
+    if (!ok(resolve_parent(from, &fdir, &fleaf), "lookup") ||
+        !ok(resolve_parent(to, &tdir, &tleaf), "lookup"))
       return;
     forget(from);
     forget(to);
@@ -301,8 +270,7 @@ class PowerCut : public NamespaceTest {
       model_[to] = it->second;
       model_.erase(from);
     }
-    ok(restarting([&] { return rename(fdir.vp, leaf_of(from), tdir.vp, leaf_of(to)); }),
-       "rename");
+    ok(settled([&] { return rename(fdir.vp, fleaf, tdir.vp, tleaf); }), "rename");
   }
 
   void op_sync() {
@@ -451,7 +419,7 @@ class PowerCut : public NamespaceTest {
         EXPECT_TRUE(data == p.data) << "size " << data.size() << ", owed " << p.data.size();
       }
     }
-    walk(root_vp_, 0);
+    walk_tree(root_vp_);
     release_nodes();
     ASSERT_EQ(0, unmount());
 
@@ -473,28 +441,6 @@ class PowerCut : public NamespaceTest {
       FsckResult r = run_fsck(read_device(0, image_bytes_));
       EXPECT_EQ(std::string::npos, r.output.find("already allocated for the other file"))
           << "the volume was clean, yet writing to it cross-linked files:\n" << r.output;
-    }
-  }
-
-  // Lists, looks up and reads everything; any errno is allowed here.
-  void walk(vnode_t dvp, int depth) {
-    std::vector<DirRecord> records;
-    if (vn_list(dvp, &records) != 0 || depth > 8)
-      return;
-    for (const DirRecord& r : records) {
-      vnode_t vp = NULLVP;
-      if (vn_lookup(dvp, r.name, &vp) != 0)
-        continue;
-      if (vnode_isdir(vp)) {
-        walk(vp, depth + 1);
-      } else if (vnode_islnk(vp)) {
-        std::string target;
-        (void)vn_readlink(vp, &target);
-      } else {
-        std::vector<uint8_t> data;
-        (void)vn_read_all(vp, &data);
-      }
-      vnode_put(vp);
     }
   }
 

@@ -1,5 +1,5 @@
 // Directory listing: positions and resuming, both record forms, types and
-// file numbers, name conversion, removed and corrupt directories.
+// file numbers, name conversion.
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,6 @@
 using namespace exvol::test;
 
 namespace {
-
 
 constexpr uint32_t kCluster = 4096;  // default geometry: 512-byte sectors, 8 per cluster
 constexpr int kExtended = VNODE_READDIR_EXTENDED;
@@ -175,61 +174,6 @@ TEST_F(ReaddirTest, EmptyDirectoryAndTheEnd) {
   EXPECT_EQ(xm->xm_root_cluster, root.records[1].ino);
 }
 
-// A buffer that holds exactly one record gets one record per call.
-TEST_F(ReaddirTest, OneRecordAtATime) {
-  Placed a = builder_.add_file(builder_.root(), u"a", bytes("1"));
-  Placed b = builder_.add_file(builder_.root(), u"b", bytes("2"));
-  mount_built();
-  uint64_t end = node_of(root_vp_)->x_size + 64;
-
-  struct Step {
-    std::string name;
-    off_t next;
-  };
-  for (int flags : {0, kExtended}) {
-    SCOPED_TRACE(flags);
-    size_t size = flags ? 24 : 12;  // one record with a name of 1 or 2 bytes
-    std::vector<Step> steps = {{".", 32},
-                               {"..", static_cast<off_t>(a.offset + 64)},
-                               {"a", static_cast<off_t>(b.offset + 64)},
-                               {"b", static_cast<off_t>(end)}};
-    off_t offset = 0;
-    for (const Step& s : steps) {
-      Listing l = list(root_vp_, offset, size, flags);
-      EXPECT_EQ(0, l.error);
-      ASSERT_EQ(std::vector<std::string>{s.name}, l.names()) << "at " << offset;
-      EXPECT_EQ(s.next, l.next);
-      EXPECT_EQ(s.name == "b" ? 1 : 0, l.eof);
-      offset = l.next;
-    }
-    // Resuming at a set's own cookie starts with that set.
-    Listing again = list(root_vp_, static_cast<off_t>(a.offset + 64), 4096, flags);
-    EXPECT_EQ((std::vector<std::string>{"a", "b"}), again.names());
-  }
-
-  Listing tiny = list(root_vp_, 0, 11);
-  EXPECT_EQ(0, tiny.error);
-  EXPECT_TRUE(tiny.records.empty());
-  EXPECT_EQ(0, tiny.eof);
-  EXPECT_EQ(0, tiny.next);
-}
-
-// Requests the driver can't serve.
-TEST_F(ReaddirTest, RefusedRequests) {
-  builder_.add_file(builder_.root(), u"file", bytes("f"));
-  mount_built();
-
-  Listing misaligned = list(root_vp_, 16, 4096);
-  EXPECT_EQ(EINVAL, misaligned.error);
-  EXPECT_TRUE(misaligned.records.empty());
-  EXPECT_EQ(16, misaligned.next);
-  EXPECT_EQ(EINVAL, list(root_vp_, -32, 4096).error);
-  EXPECT_EQ(EINVAL, list(root_vp_, 0, 4096, VNODE_READDIR_REQSEEKOFF).error);
-  vnode_t file = child("file");
-  ASSERT_NE(NULLVP, file);
-  EXPECT_EQ(ENOTDIR, list(file, 0, 4096).error);
-}
-
 // Record types and file numbers.
 TEST_F(ReaddirTest, TypesAndFileNumbers) {
   Placed link = builder_.add_file(builder_.root(), u"maybe-link",
@@ -338,44 +282,6 @@ TEST_F(ReaddirTest, ResumedListingSeesEverySetOnce) {
   ASSERT_EQ(0, at_free.error);
   ASSERT_FALSE(at_free.records.empty());
   EXPECT_EQ(expect[2 + 40], at_free.records[0].name);
-}
-
-// A removed directory lists nothing and is at its end; the offset stays.
-TEST_F(ReaddirTest, RemovedDirectoryListsNothing) {
-  Dir gone = builder_.mkdir(builder_.root(), u"gone");
-  builder_.add_file(gone, u"left", bytes("x"));
-  mount_built();
-  vnode_t dvp = child("gone");
-  ASSERT_NE(NULLVP, dvp);
-  struct exfat_node* node = node_of(dvp);
-
-  exfat_node_lock(node);
-  node->x_flags |= X_DELETED;
-  exfat_node_unlock(node);
-  Listing l = list(dvp, 0, 4096);
-  exfat_node_lock(node);
-  node->x_flags &= ~X_DELETED;
-  exfat_node_unlock(node);
-
-  EXPECT_EQ(0, l.error);
-  EXPECT_TRUE(l.records.empty());
-  EXPECT_EQ(1, l.eof);
-  EXPECT_EQ(0, l.next);
-}
-
-// A corrupt directory fails the call with the walk's error; the offset is
-// rewound to where the walk began, after the records already moved.
-TEST_F(ReaddirTest, CorruptDirectoryRewindsToTheWalkStart) {
-  builder_.add_file(builder_.root(), u"ok", bytes("o"));
-  builder_.add_entry(builder_.root(), raw_entry(0x84));
-  mount_built();
-
-  Listing l = list(root_vp_, 0, 4096);
-  EXPECT_EQ(EIO, l.error);
-  EXPECT_EQ(64, l.next);
-  EXPECT_EQ(0, l.eof);
-  EXPECT_EQ((std::vector<std::string>{".", "..", "ok"}), l.names());
-  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Remove and rmdir as the kernel drives them: the bytes changed, when
-// clusters go, busy and moved names, emptiness and benign allocations.
+// clusters go, emptiness and benign allocations.
 
 #include <gtest/gtest.h>
 
@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "host/kern.h"
-#include "host/uio.h"
 #include "tests/unit/driver/namespace_fixture.h"
 
 using namespace exvol::test;
@@ -80,52 +79,6 @@ TEST_F(RemoveTest, OpenFileKeepsItsClustersUntilLastReference) {
   unmount_and_check();
 }
 
-// With VNODE_REMOVE_NODELETEBUSY a file in use is refused with EBUSY and
-// left alone; without the flag, or once nobody uses it, it goes.
-TEST_F(RemoveTest, NoDeleteBusyRefusesAFileInUse) {
-  Placed placed = builder_.add_file(builder_.root(), u"busy", bytes("x"));
-  builder_.add_file(builder_.root(), u"idle", bytes("y"));
-  mount_built();
-  Vref file;
-  ASSERT_EQ(0, lookup("busy", &file));
-  ASSERT_EQ(0, vnode_ref(file.vp));
-  EXPECT_EQ(EBUSY, remove(root_vp_, "busy", VNODE_REMOVE_NODELETEBUSY));
-  EXPECT_EQ(0u, file.node()->x_flags & X_DELETED);
-  EXPECT_EQ(EXFAT_ENTRY_FILE, dir_bytes(root_vp_, placed.offset, 32)[0]);
-  EXPECT_EQ(0, remove(root_vp_, "idle", VNODE_REMOVE_NODELETEBUSY));
-  EXPECT_EQ(0, remove(root_vp_, "busy"));
-  vnode_rele(file.vp);
-  file.reset();
-  unmount_and_check();
-}
-
-// A remove whose name has moved to another file, or whose victim was
-// removed meanwhile, asks the kernel to restart; nothing is deleted.
-TEST_F(RemoveTest, NameThatMovedRestarts) {
-  builder_.add_file(builder_.root(), u"old", bytes("1"));
-  builder_.add_file(builder_.root(), u"other", bytes("2"));
-  mount_built();
-  Vref victim;
-  ASSERT_EQ(0, lookup(root_vp_, "old", DELETE, &victim));
-  // Meanwhile the file is renamed away and another one takes its name.
-  ASSERT_EQ(0, rename(root_vp_, "old", root_vp_, "moved"));
-  ASSERT_EQ(0, rename(root_vp_, "other", root_vp_, "old"));
-
-  Component c("old", DELETE);
-  EXPECT_EQ(ERESTART, VNOP_REMOVE(root_vp_, victim.vp, &c.cn, 0, ctx_));
-  Vref now;
-  ASSERT_EQ(0, lookup("old", &now));
-  EXPECT_NE(victim.vp, now.vp);
-  EXPECT_EQ(0u, victim.node()->x_flags & X_DELETED);
-
-  Vref replaced;
-  ASSERT_EQ(0, lookup(root_vp_, "old", DELETE, &replaced));
-  ASSERT_EQ(0, remove(root_vp_, "old"));
-  EXPECT_EQ(ERESTART, VNOP_REMOVE(root_vp_, replaced.vp, &c.cn, 0, ctx_));
-  EXPECT_EQ(0u, root_->x_lock_count);
-  EXPECT_EQ(0u, replaced.node()->x_lock_count);
-}
-
 // A directory holding a file is not empty, and is left as it was; one
 // holding only a Volume GUID entry is empty and goes, clusters and all.
 TEST_F(RemoveTest, RmdirEmptinessCountsFilesOnly) {
@@ -166,77 +119,6 @@ TEST_F(RemoveTest, RmdirFreesBenignAllocationsAndItsOwnClusters) {
     EXPECT_FALSE(used(c)) << c;
   EXPECT_FALSE(used(own));
   EXPECT_EQ(free_before + held.size() + 1, free_clusters());
-  unmount_and_check();
-}
-
-// A benign allocation that lies outside the heap is refused (EIO, the
-// volume marked corrupt) and the directory stays.
-TEST_F(RemoveTest, RmdirRefusesAnAllocationOutsideTheHeap) {
-  Dir dir = builder_.mkdir(builder_.root(), u"bad");
-  std::vector<uint8_t> set(32, 0);
-  set[0] = 0xA5;
-  le16enc(&set[4], EXFAT_SECONDARY_ALLOCATION_POSSIBLE | EXFAT_SECONDARY_NO_FAT_CHAIN);
-  le32enc(&set[20], 510);
-  le64enc(&set[24], 10 * 512);  // clusters 510-519; the heap ends at 513
-  fix_set_checksum(set);
-  builder_.add_entries(dir, set);
-  mount_built();
-  uint32_t free_before = free_clusters();
-
-  EXPECT_EQ(EIO, rmdir(root_vp_, "bad"));
-  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
-  Vref still;
-  EXPECT_EQ(0, lookup("bad", &still));
-  EXPECT_EQ(free_before, free_clusters());
-}
-
-// The release pass is for emptied directories: a File set reaching it is
-// refused with a message.
-TEST_F(RemoveTest, FreeCallbackRefusesACriticalPrimary) {
-  mount_built();
-  uint8_t set[96] = {EXFAT_ENTRY_FILE, 2};
-  KernLogCapture log;
-  EXPECT_EQ(EIO, exfat_dir_free_callback(xm, set, nullptr, 0));
-  EXPECT_EQ(1u, log.count("exfat_dir_free_callback: found unexpected primary of type 0x85"));
-  EXPECT_EQ(ENOTEMPTY, exfat_dir_empty_callback(nullptr, set, nullptr, 0));
-  set[0] = 0xA5;
-  EXPECT_EQ(0, exfat_dir_empty_callback(nullptr, set, nullptr, 0));
-}
-
-// After rmdir the directory's blocks are dropped from the cache unwritten.
-TEST_F(RemoveTest, RmdirDiscardsTheDirectorysDirtyBlocks) {
-  Dir dir = builder_.mkdir(builder_.root(), u"d");
-  builder_.add_file(dir, u"f", bytes(""));
-  mount_built(MNT_ASYNC);  // no delayed flush: dirty blocks stay in the cache
-  uint64_t block = builder_.cluster_byte_offset(dir.first_cluster);
-
-  Vref d;
-  ASSERT_EQ(0, lookup("d", &d));
-  ASSERT_EQ(0, remove(d.vp, "f"));
-  EXPECT_EQ(0x05, dir_bytes(d.vp, 0, 1)[0]);  // the deletion, in the cache
-  d.reset();
-  ASSERT_EQ(0, rmdir(root_vp_, "d"));
-  buf_flushdirtyblks(devvp, 1, 0, "test");
-  EXPECT_EQ(EXFAT_ENTRY_FILE, read_device(block, 1)[0]);
-  unmount_and_check();
-  EXPECT_EQ(EXFAT_ENTRY_FILE, read_device(block, 1)[0]);
-}
-
-// A removed directory can't take new names, and its node is marked like a
-// removed file's.
-TEST_F(RemoveTest, RmdirMarksTheNodeDeleted) {
-  builder_.mkdir(builder_.root(), u"d");
-  mount_built();
-  Vref d;
-  ASSERT_EQ(0, lookup("d", &d));
-  ASSERT_EQ(0, rmdir(root_vp_, "d"));
-  EXPECT_TRUE(d.node()->x_flags & X_DELETED);
-  EXPECT_TRUE(d.node()->x_hash_flags & X_HASH_STALE);
-  EXPECT_EQ(nullptr, d.node()->x_parent);
-  EXPECT_EQ(0u, d.node()->x_size);
-  Vref f;
-  EXPECT_EQ(ENOENT, lookup(d.vp, "f", CREATE, &f));
-  d.reset();
   unmount_and_check();
 }
 

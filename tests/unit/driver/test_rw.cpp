@@ -11,10 +11,8 @@
 #include <vector>
 
 #include "exfat_proto.h"
-#include "host/blkdev.h"
 #include "host/kern.h"
 #include "host/mount.h"
-#include "host/uio.h"
 #include "host/vfs.h"
 #include "tests/support/vnode_io.h"
 #include "tests/unit/driver/volume_fixture.h"
@@ -83,41 +81,6 @@ TEST_F(RwTest, ReadStopsAtTheSizeAndRefusesNegativeOffsets) {
   }
   EXPECT_EQ(EINVAL, vn_read(vp, -1, 10).error);
   EXPECT_EQ(0, vn_read(vp, 0, 0).error);
-}
-
-// Only a read that moved bytes, without MNT_NOATIME, notes the access.
-TEST_F(RwTest, ReadNotesTheAccessUnlessTheMountSaysNot) {
-  File f = file(u"f", 100, 100);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  ASSERT_EQ(0, vn_read(vp, 200, 10).error);
-  EXPECT_EQ(0u, node_of(vp)->x_flags & X_ACCESSED);
-  ASSERT_EQ(0, vn_read(vp, 0, 10).error);
-  EXPECT_NE(0u, node_of(vp)->x_flags & X_ACCESSED);
-
-  remount(MNT_NOATIME);
-  vp = get(f.offset);
-  ASSERT_EQ(0, vn_read(vp, 0, 10).error);
-  EXPECT_EQ(0u, node_of(vp)->x_flags & X_ACCESSED);
-}
-
-// A directory reads as its raw entries up to its size; a link not at all.
-TEST_F(RwTest, DirectoriesReadRawAndLinksNotAtAll) {
-  File f = file(u"f", 100, 100);
-  mount_built();
-  Transfer t = vn_read(root_vp_, 0, 96);
-  ASSERT_EQ(0, t.error);
-  EXPECT_EQ(read_device(builder_.dir_byte_offset(builder_.root(), 0), 96), t.data);
-  EXPECT_EQ(0x81, t.data[0]) << "the root starts with the bitmap entry";
-
-  t = vn_read(root_vp_, static_cast<off_t>(root_->x_size) - 10, 100);
-  ASSERT_EQ(0, t.error);
-  EXPECT_EQ(10u, t.data.size());
-  EXPECT_EQ(0u, vn_read(root_vp_, static_cast<off_t>(root_->x_size), 10).data.size());
-
-  vnode_t link = get(f.offset, VLNK);
-  ASSERT_EQ(VLNK, vnode_vtype(link));
-  EXPECT_EQ(ENOTSUP, vn_read(link, 0, 10).error);
 }
 
 // A write at 5,000 past a valid length of 1,000 zero-fills the gap on the
@@ -236,26 +199,6 @@ TEST_F(RwFullTest, WritesOnAFullVolume) {
   unmount_and_check();
 }
 
-// A failed IO_UNIT write is undone: clusters, size and uio as before.
-TEST_F(RwTest, FailedAllOrNothingWriteRollsBack) {
-  File f = file(u"f", 100, 100);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  struct exfat_node* node = node_of(vp);
-  uint32_t free_before = xm->xm_free_clusters;
-
-  host_memdev_faults faults;
-  faults.fail_writes_after = 0;
-  host_memdev_set_faults(devvp, faults);
-  Transfer t = vn_write(vp, 50, pattern_bytes(0, 3 * kCluster), IO_UNIT | IO_SYNC);
-  host_memdev_set_faults(devvp, host_memdev_faults{});
-  EXPECT_EQ(EIO, t.error);
-  EXPECT_EQ(50, t.offset);
-  EXPECT_EQ(3 * kCluster, t.resid);
-  EXPECT_EQ(100u, node->x_size);
-  EXPECT_EQ(free_before, xm->xm_free_clusters);
-}
-
 // IO_SYNC: on return the device holds the data and the entry the new sizes.
 TEST_F(RwTest, SynchronousWriteUpdatesTheEntry) {
   File f = file(u"f", 0, 0);
@@ -271,31 +214,6 @@ TEST_F(RwTest, SynchronousWriteUpdatesTheEntry) {
   ASSERT_EQ(node_of(vp)->x_start_cluster, first);
   EXPECT_EQ(data, disk_data(first, 0, data.size()));
   EXPECT_EQ(0u, node_of(vp)->x_flags & (X_DIRTY | X_STREAM_DIRTY));
-  unmount_and_check();
-}
-
-// A synchronous write to a removed open file writes no entry; the last
-// release frees its clusters.
-TEST_F(RwTest, SynchronousWriteToARemovedFileSkipsTheEntry) {
-  File f = file(u"f", 100, 100);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  uint32_t free_before = xm->xm_free_clusters;
-  remove_entry(vp);
-  exfat_meta_flush_internal(xm, 1);
-  std::vector<uint8_t> stream_before = disk_stream(f.offset);
-  EXPECT_EQ(0x40, stream_before[0]) << "the stream entry is deleted";
-
-  std::vector<uint8_t> data = pattern_bytes(0, 2 * kCluster);
-  ASSERT_EQ(0, vn_write(vp, 0, data, IO_SYNC).error);
-  EXPECT_EQ(2u * kCluster, node_of(vp)->x_size);
-  EXPECT_EQ(data, disk_data(f.first_cluster, 0, 2 * kCluster));
-  exfat_meta_flush_internal(xm, 1);
-  EXPECT_EQ(stream_before, disk_stream(f.offset));
-  EXPECT_EQ(free_before - 1, xm->xm_free_clusters);
-
-  put(vp);
-  EXPECT_EQ(free_before + 1, xm->xm_free_clusters) << "both clusters freed at inactive";
   unmount_and_check();
 }
 

@@ -66,21 +66,6 @@ class SlotTest : public VolumeTest {
     return data;
   }
 
-  // Marks every free cluster but `keep` used, as if other files had taken
-  // them.
-  void fill_volume(uint32_t keep) {
-    lck_mtx_lock(xm->xm_bitmap_lock);
-    for (uint32_t c = 2; c <= xm->xm_max_cluster && xm->xm_free_clusters > keep; c++) {
-      int error = 0;
-      uint32_t* word = exfat_bitmap_map(xm, c - 2, nullptr, &error);
-      ASSERT_NE(nullptr, word);
-      if (((le32dec(word) >> ((c - 2) % 32)) & 1) == 0) {
-        ASSERT_EQ(0, exfat_bitmap_mark_used(xm, c, 1));
-      }
-    }
-    lck_mtx_unlock(xm->xm_bitmap_lock);
-  }
-
   void update_dir() { update(dir_node_); }
 
   Dir dir_;
@@ -88,18 +73,6 @@ class SlotTest : public VolumeTest {
   int names_ = 0;
   struct exfat_node* dir_node_ = nullptr;
 };
-
-// In an empty directory the end marker and the zeroed slots after it are
-// free: the search returns offset 0 and the directory does not grow.
-TEST_F(SlotTest, EmptyDirectoryGivesTheFirstSlot) {
-  mount_and_open();
-  uint32_t offset = 99;
-  ASSERT_EQ(0, find(3, &offset));
-  EXPECT_EQ(0u, offset);
-  ASSERT_EQ(0, find(kSlots, &offset));
-  EXPECT_EQ(0u, offset);
-  EXPECT_EQ(kCluster, dir_node_->x_size);
-}
 
 // A directory with every slot in use grows by one zero-filled cluster, and
 // the new set goes at its old end.
@@ -121,28 +94,6 @@ TEST_F(SlotTest, FullDirectoryGrowsByOneCluster) {
   EXPECT_EQ(2u * kCluster, dir_node_->x_valid_size);
   EXPECT_EQ(free_before - 1, xm->xm_free_clusters);
   EXPECT_EQ(std::vector<uint8_t>(kCluster, 0), contents(kCluster, kCluster));
-
-  update_dir();
-  unmount_and_check();
-}
-
-// A run of free slots at the end of the directory is kept: the directory
-// grows only by what the run lacks, and the set starts at the run.
-TEST_F(SlotTest, TrailingFreeSlotsAreExtended) {
-  add(3);
-  add(3);
-  add(4);
-  add(4);  // 14 slots in use, the last two free
-  mount_and_open();
-
-  uint32_t offset = 0;
-  ASSERT_EQ(0, find(2, &offset));
-  EXPECT_EQ(14u * EXFAT_ENTRY_SIZE, offset);
-  EXPECT_EQ(kCluster, dir_node_->x_size) << "a run long enough needs no growth";
-
-  ASSERT_EQ(0, find(3, &offset));
-  EXPECT_EQ(14u * EXFAT_ENTRY_SIZE, offset);
-  EXPECT_EQ(2u * kCluster, dir_node_->x_size);
 
   update_dir();
   unmount_and_check();
@@ -177,24 +128,6 @@ TEST_F(SlotTest, DeletedSetsAreReusedWhenTheyFit) {
 
   update_dir();
   unmount_and_check();
-}
-
-// Growth is all or nothing: a directory that needs two more clusters on a
-// volume with one free fails with ENOSPC and stays as it was.
-TEST_F(SlotTest, GrowthWithoutSpaceChangesNothing) {
-  for (int i = 0; i < 4; i++)
-    add(3);
-  add(4);
-  mount_and_open();
-  fill_volume(1);
-  ASSERT_EQ(1u, xm->xm_free_clusters);
-
-  uint32_t offset = 1234;
-  EXPECT_EQ(ENOSPC, find(kSlots + 1, &offset));
-  EXPECT_EQ(1234u, offset);
-  EXPECT_EQ(kCluster, dir_node_->x_size);
-  EXPECT_EQ(1u, xm->xm_free_clusters);
-  EXPECT_EQ(0u, dir_node_->x_flags & X_STREAM_DIRTY);
 }
 
 // Deleting a set clears bit 7 of each entry's type and changes no other byte,
@@ -272,37 +205,6 @@ TEST_F(SlotTest, FreeFlagReleasesOnlyExtraSecondaries) {
   const uint8_t types[] = {0x05, 0x40, 0x41, 0x61, 0x61, 0x60};
   for (int i = 0; i < 6; i++)
     EXPECT_EQ(types[i], entries[i * EXFAT_ENTRY_SIZE]) << i;
-}
-
-// Entries that belong in the root alone are reported when a releasing deletion
-// meets them, and still freed.
-TEST_F(SlotTest, ReleasingDeletionsReportWhatTheyCannotHandle) {
-  uint32_t guid = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_GUID)).offset;
-  builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_LABEL));
-  uint32_t quiet = builder_.add_entry(dir_, raw_entry(EXFAT_ENTRY_BITMAP)).offset;
-  FileDesc desc;
-  desc.extra_secondaries = {raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x03, 0, kCluster)};
-  uint32_t s = add(3, desc);
-  mount_and_open();
-  KernLogCapture log;
-  ASSERT_EQ(0, remove(s, 4, 1));
-  EXPECT_EQ(1u, log.count("exfat_delete_dirents: error " + std::to_string(EIO) +
-                          " freeing secondary stream of type 0xE1"));
-  EXPECT_EQ(0x61, contents(s + 3 * EXFAT_ENTRY_SIZE, EXFAT_ENTRY_SIZE)[0]);
-  log.clear();
-
-  ASSERT_EQ(0, remove(guid, 2, 1));
-  EXPECT_EQ((std::vector<std::string>{"exfat_delete_dirents: Unexpected entry of type 0xA0",
-                                      "exfat_delete_dirents: Unexpected entry of type 0x83"}),
-            log.lines());
-  std::vector<uint8_t> entries = contents(guid, 3 * EXFAT_ENTRY_SIZE);
-  EXPECT_EQ(0x20, entries[0]);
-  EXPECT_EQ(0x03, entries[32]);
-
-  log.clear();
-  ASSERT_EQ(0, remove(quiet, 1, 0));
-  EXPECT_TRUE(log.lines().empty());
-  EXPECT_EQ(0x01, contents(quiet, EXFAT_ENTRY_SIZE)[0]);
 }
 
 }  // namespace

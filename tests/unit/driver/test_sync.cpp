@@ -10,7 +10,6 @@
 #include "host/blkdev.h"
 #include "host/kern.h"
 #include "host/mount.h"
-#include "host/uio.h"
 #include "host/vfs.h"
 #include "tests/support/fsck.h"
 #include "tests/support/vnode_io.h"

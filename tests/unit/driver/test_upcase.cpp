@@ -47,13 +47,6 @@ class UpcaseExpand : public ::testing::Test {
   std::vector<uint16_t> table_ = std::vector<uint16_t>(EXFAT_UPCASE_ENTRIES, 0xDEAD);
 };
 
-std::vector<uint16_t> plain_items() {
-  std::vector<uint16_t> items(EXFAT_UPCASE_ENTRIES);
-  for (uint32_t c = 0; c < items.size(); c++)
-    items[c] = static_cast<uint16_t>(c ^ 0x5A5A) == 0xFFFF ? 0 : static_cast<uint16_t>(c ^ 0x5A5A);
-  return items;
-}
-
 }  // namespace
 
 TEST(UpcaseChecksum, RotateRightAndAddEveryByte) {
@@ -120,21 +113,6 @@ TEST_F(UpcaseExpand, RunsAndMalformations) {
   expect_accepted(upcase_items(Items{0xFFFF, 0, 0x41, 0xFFFF, 0, 0xFFFF, 0xFFFF}));
   EXPECT_EQ(table_[0], 0x41);
   EXPECT_TRUE(identity_from(1));
-}
-
-TEST_F(UpcaseExpand, PlainItemsOnly) {
-  std::vector<uint16_t> items = plain_items();
-  expect_accepted(upcase_items(items));
-  for (uint32_t c = 0; c < EXFAT_UPCASE_ENTRIES; c += 4099)
-    EXPECT_EQ(table_[c], items[c]) << c;
-  EXPECT_EQ(table_[0xFFFF], items[0xFFFF]);
-
-  std::vector<uint8_t> odd = upcase_items(items);
-  odd.push_back(0x7F);  // a trailing odd byte is not an item
-  expect_accepted(odd);
-
-  items.push_back(0x0041);  // one item left over once every unit is mapped
-  expect_corrupt(upcase_items(items), kSourceTooLarge);
 }
 
 TEST(UpcaseLoad, ChecksumIsVerifiedBeforeExpanding) {

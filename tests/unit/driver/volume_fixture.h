@@ -159,22 +159,6 @@ class VolumeTest : public MountTest {
     root_ = node_of(root_vp_);
   }
 
-  // Removes a file's entry set from the root while its vnode stays in use,
-  // as remove does: its clusters go when the vnode goes inactive.
-  void remove_entry(vnode_t vp) {
-    struct exfat_node* node = node_of(vp);
-    exfat_lock_two(root_, node);
-    ASSERT_EQ(0, exfat_delete_dirents(root_, node->x_dir_offset, node->x_secondary_count + 1u, 1,
-                                      ctx_));
-    node->x_flags |= X_DELETED;
-    node->x_parent = nullptr;
-    lck_mtx_lock(exfat_hash_lock);
-    node->x_hash_flags |= X_HASH_STALE;
-    lck_mtx_unlock(exfat_hash_lock);
-    exfat_node_unlock(node);
-    exfat_node_unlock(root_);
-  }
-
   // Drops the test's reference: the vnode goes inactive.
   void put(vnode_t vp) {
     auto it = std::find(held_.begin(), held_.end(), vp);
@@ -211,7 +195,6 @@ class VolumeTest : public MountTest {
     exfat_node_unlock(node);
   }
 
-  // The image as it is on the device now.
   std::vector<uint8_t> device_image() const { return read_device(0, image_bytes_); }
 
   // A set of `entries` entries at `offset` of a directory as it is on the
