@@ -283,8 +283,10 @@ buf* new_buf_locked(vnode_t vp, daddr64_t blkno, uint32_t size, bool isdev, dev_
 void release_locked(buf* bp) {
   if (!(bp->b_lflags & BL_BUSY)) panic("buf_brelse: buffer %p is not busy", static_cast<void*>(bp));
   bool dirty = bp->b_lflags & BL_DELWRI;
+  // A failed read is dropped; data that failed to be written is kept.
+  bool failed_read = bp->b_error != 0 && (bp->b_flags & B_READ);
   bool keep = (bp->b_hflags & BH_VALID) && !(bp->b_hflags & BH_INVAL) &&
-              (dirty || (bp->b_error == 0 && !(bp->b_flags & B_NOCACHE)));
+              (dirty || (!failed_read && !(bp->b_flags & B_NOCACHE)));
   if (!keep) {
     destroy_locked(bp);
     return;
@@ -335,8 +337,12 @@ int read_buf(buf* bp) {
 }
 
 // Writes a busy cached buffer; a pending delayed write is taken off the
-// dirty list first. On success the data is valid (it is the block's now);
-// on failure it is lost: the release drops the buffer.
+// dirty list first. Afterwards the buffer is clean and its data valid
+// either way: on success it is the block's, on failure it is still what the
+// file system last put there, and a file system that reads the block again
+// must find that, not the older contents of the device (a metadata flush
+// on another thread may be the one that fails). The failure is reported to
+// the writer and the write is not retried.
 int write_buf(buf* bp, bool async) {
   {
     Lock lk(bc().bc_lock);
@@ -345,7 +351,7 @@ int write_buf(buf* bp, bool async) {
   bp->b_flags &= ~B_READ;
   if (async) bp->b_flags |= B_ASYNC;
   int error = start_and_wait(bp);
-  if (error == 0) bp->b_hflags |= BH_VALID;
+  bp->b_hflags |= BH_VALID;
   return error;
 }
 

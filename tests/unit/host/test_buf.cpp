@@ -230,8 +230,10 @@ TEST_F(BufTest, EvictingADelayedWriteWritesItFirst) {
   EXPECT_EQ(dev_byte(8 * 512), 0x61);
 }
 
-// Catches I/O errors swallowed, failed reads cached, failed writes retried forever.
-TEST_F(BufTest, IoErrorsAreReportedAndNothingFailedIsKept) {
+// Catches I/O errors swallowed, failed reads cached, failed writes retried
+// forever, and data that failed to be written forgotten: a later read must
+// find what was last written, not the device's older contents.
+TEST_F(BufTest, IoErrorsAreReportedAndFailedWritesKeepTheirData) {
   host_memdev_faults f;
   f.fail_read_bytes = {5 * 512 + 100};
   f.fail_write_bytes = {70 * 512};
@@ -243,14 +245,23 @@ TEST_F(BufTest, IoErrorsAreReportedAndNothingFailedIsKept) {
   buf_brelse(bp);
   EXPECT_FALSE(cached(dev_, 4, 1024));
   ASSERT_EQ(buf_meta_bread(dev_, 70, 512, NOCRED, &bp), 0);
+  data(bp)[0] = 0x11;
   EXPECT_EQ(buf_bwrite(bp), EIO);
-  EXPECT_EQ(host_buf_count(dev_), 0);
-  delayed_write(dev_, 70, 512, 0);
+  ASSERT_EQ(buf_meta_bread(dev_, 70, 512, NOCRED, &bp), 0);
+  EXPECT_EQ(data(bp)[0], 0x11);
+  buf_brelse(bp);
+  delayed_write(dev_, 70, 512, 0x22);
+  uint64_t writes = stats().writes;
   buf_flushdirtyblks(dev_, 1, 0, "test");
-  EXPECT_EQ(host_buf_count(dev_), 0);
+  buf_flushdirtyblks(dev_, 1, 0, "test");
+  EXPECT_EQ(stats().writes, writes + 1);  // tried once, then clean
   EXPECT_EQ(dev_byte(70 * 512), pattern(70 * 512));
+  ASSERT_EQ(buf_meta_bread(dev_, 70, 512, NOCRED, &bp), 0);
+  EXPECT_EQ(data(bp)[0], 0x22);
+  buf_brelse(bp);
   delayed_write(dev_, 70, 512, 0);
   EXPECT_EQ(buf_invalidateblks(dev_, BUF_WRITE_DATA, 0, 0), EIO);
+  EXPECT_EQ(host_buf_count(dev_), 0);
 
   host_memdev_set_faults(dev_, host_memdev_faults{});
   ASSERT_EQ(buf_meta_bread(dev_, 4, 1024, NOCRED, &bp), 0);
@@ -422,7 +433,7 @@ TEST_F(FileBufTest, WritesUseTheWriteMappingAndFailOverHoles) {
   bp = nullptr;
   EXPECT_EQ(buf_meta_bread(vp_, 5, 4096, NOCRED, &bp), EINVAL);  // no extent there
   buf_brelse(bp);
-  EXPECT_EQ(host_buf_count(vp_), 1);
+  EXPECT_EQ(host_buf_count(vp_), 2);  // the failed write keeps its data; the failed read is gone
 }
 
 // Eviction must not call blockmap (a lock-order hazard); flush and reclaim write them.
