@@ -57,6 +57,9 @@ constexpr uint32_t BL_IOWAIT = 0x10;   // someone waits in buf_biowait
 // not hold (b_flags is the holder's).
 constexpr uint32_t BL_DELWRI = 0x20;
 constexpr uint32_t BL_META = 0x40;
+// Its holder is writing it: a waiting flush must wait for that write too,
+// though the buffer is no longer a delayed write.
+constexpr uint32_t BL_WRITING = 0x80;
 
 // b_hflags, owned by the holder of the busy buffer.
 constexpr uint32_t BH_VALID = 0x01;   // the data is the block's (read, or to be written)
@@ -347,11 +350,14 @@ int write_buf(buf* bp, bool async) {
   {
     Lock lk(bc().bc_lock);
     set_delwri_locked(bp, false);
+    bp->b_lflags |= BL_WRITING;
   }
   bp->b_flags &= ~B_READ;
   if (async) bp->b_flags |= B_ASYNC;
   int error = start_and_wait(bp);
   bp->b_hflags |= BH_VALID;
+  Lock lk(bc().bc_lock);
+  bp->b_lflags &= ~BL_WRITING;
   return error;
 }
 
@@ -590,6 +596,13 @@ void buf_flushdirtyblks(vnode_t vp, int wait, int flags, const char* msg) {
   std::vector<daddr64_t> blocks;
   buf* bp;
   TAILQ_FOREACH(bp, &bv->bv_dirty, b_vnbufs) blocks.push_back(bp->b_lblkno);
+  // Writes other threads have taken off the dirty list but not finished
+  // belong to this flush too: a caller that flushes the device's cache
+  // next needs them on the medium first.
+  if (wait) {
+    TAILQ_FOREACH(bp, &bv->bv_clean, b_vnbufs)
+      if (bp->b_lflags & BL_WRITING) blocks.push_back(bp->b_lblkno);
+  }
   for (daddr64_t blkno : blocks) {
     for (;;) {
       bp = lookup_locked(vp, blkno);
