@@ -87,18 +87,8 @@ TEST_F(MemdevTest, IoctlsReportAndChangeTheBlockSizes) {
   EXPECT_EQ(host_memdev_create(4096, 500, 512, &other), EINVAL);
 }
 
-// Catches off-by-one bounds checks at the device's end.
-TEST_F(MemdevTest, TransfersOutsideTheDeviceFail) {
-  std::vector<uint8_t> v(1024);
-  EXPECT_EQ(dev_io(dev_, false, 2047, v.data(), 512), 0);
-  EXPECT_EQ(dev_io(dev_, false, 2047, v.data(), 1024), EIO);
-  EXPECT_EQ(dev_io(dev_, true, 4096, v.data(), 512), EIO);
-  std::vector<uint8_t> big(2 << 20);
-  EXPECT_EQ(host_memdev_load(dev_, big.data(), big.size(), 0), EINVAL);
-  EXPECT_EQ(host_memdev_read(dev_, big.data(), 1, 1 << 20), EINVAL);
-}
-
-// Catches faults on the wrong requests and failed writes that change the medium.
+// Catches faults on the wrong requests, failed writes that change the medium, and
+// transfers past the end.
 TEST_F(MemdevTest, InjectedReadAndWriteFaultsHitOnlyTheChosenBytes) {
   host_memdev_faults f;
   f.fail_read_bytes = {10 * 512};
@@ -114,6 +104,14 @@ TEST_F(MemdevTest, InjectedReadAndWriteFaultsHitOnlyTheChosenBytes) {
   EXPECT_EQ(dev_io(dev_, false, 20, v.data(), 512), 0);  // reads of it still work
   EXPECT_EQ(stats().reads, 4u);                          // failed requests count too
   EXPECT_EQ(stats().writes, 2u);
+
+  // Off-by-one bounds checks at the device's end.
+  EXPECT_EQ(dev_io(dev_, false, 2047, v.data(), 512), 0);
+  EXPECT_EQ(dev_io(dev_, false, 2047, v.data(), 1024), EIO);
+  EXPECT_EQ(dev_io(dev_, true, 4096, v.data(), 512), EIO);
+  std::vector<uint8_t> big(2 << 20);
+  EXPECT_EQ(host_memdev_load(dev_, big.data(), big.size(), 0), EINVAL);
+  EXPECT_EQ(host_memdev_read(dev_, big.data(), 1, 1 << 20), EINVAL);
 }
 
 // Catches an off-by-one in the write budget, and it interfering with power cuts.

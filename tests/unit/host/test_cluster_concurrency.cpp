@@ -116,7 +116,8 @@ TEST(ClusterConcurrency, ReadersOfOneFileSeeWholeBlocksWhileItIsWritten) {
   for (uint32_t b = 0; b < kBlocks; b++) EXPECT_EQ(version_of(d.data() + b * 4096, b), 40) << b;
 }
 
-// Catches deadlocks and lost stores between page-out and a writer holding its I/O lock.
+// Catches deadlocks and lost stores between page-out and a writer holding its I/O lock,
+// a pool over its bound, and mapped dirty pages evicted without a pageout.
 TEST(ClusterConcurrency, MappedStoresAndWritesShareATinyPool) {
   PoolLimit limit(16 * 4096);
   BlockMapFs fs;
@@ -145,6 +146,9 @@ TEST(ClusterConcurrency, MappedStoresAndWritesShareATinyPool) {
   });
   mapper.join();
   writer.join();
+  // The page-out thread keeps the bound without any call from us.
+  EXPECT_TRUE(host_test::eventually([] { return host_ubc_resident_bytes() <= 16 * 4096; }));
+  EXPECT_GT(mapped->pageouts.load(), 0);
   ASSERT_EQ(ubc_msync(mapped->vp, 0, kPages * 4096, nullptr, UBC_PUSHDIRTY | UBC_SYNC), 0);
   ASSERT_EQ(cluster_push(written->vp, IO_SYNC), 0);
   std::vector<char> a = fs.on_device(mapped), b = fs.on_device(written);

@@ -1,5 +1,5 @@
-// The page cache proper: page lists, sizes, mapped access, the page-out
-// role and the pool's bound.
+// The page cache proper: page lists, sizes, mapped access and the page-out
+// role.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -10,15 +10,12 @@
 #include "blockmapfs.h"
 #include "host/blkdev.h"
 #include "host/cluster.h"
-#include "host/kern.h"
 #include "host/malloc.h"
 #include "host/ubc.h"
 #include "host/uio.h"
 #include "host_test_util.h"
 
 namespace {
-
-using host_test::PoolLimit;
 
 class UbcTest : public ::testing::Test {
  protected:
@@ -114,11 +111,20 @@ TEST_F(UbcTest, ShrinkingDropsPagesAndZeroesThePartialTail) {
   ASSERT_EQ(fs.read(f, 4096, buf, sizeof buf), 0);
   EXPECT_EQ(buf[9], 0x11);
   for (int i = 10; i < 4096; i++) ASSERT_EQ(buf[i], 0) << i;
+
+  // A page still mapped survives the truncate until unpinned (ASan shows a use after free).
+  uintptr_t addr;
+  ASSERT_EQ(ubc_page_fault(f->vp, 7 * 4096, 1, &addr), 0);
+  ubc_setsize(f->vp, 4096);
+  memset(reinterpret_cast<char*>(addr), 1, 4096);
+  ubc_page_dirty(f->vp, 7 * 4096);
+  ubc_page_unpin(f->vp, 7 * 4096);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
 }
 
 // --- Mapped access and the page-out role -------------------------------------------------
 
-// Catches faults that bypass pagein or page in twice, msync missing dirty pages.
+// Catches faults that bypass pagein or page in twice, msync or reclaim missing dirty pages.
 TEST_F(UbcTest, FaultsPageInThroughTheFileSystemAndMsyncPagesOut) {
   uintptr_t addr;
   ASSERT_EQ(ubc_page_fault(f->vp, 6 * 4096 + 17, 1, &addr), 0);
@@ -140,49 +146,16 @@ TEST_F(UbcTest, FaultsPageInThroughTheFileSystemAndMsyncPagesOut) {
   std::vector<char> d = fs.on_device(f);
   EXPECT_EQ(d[6 * 4096 + 100], 0x77);
   EXPECT_EQ(d[4 * 4096], 0x44);
-}
 
-// Catches a truncate that frees a page still mapped (a use after free under ASan).
-TEST_F(UbcTest, APinnedPageSurvivesTruncationUntilUnpinned) {
-  uintptr_t addr;
-  ASSERT_EQ(ubc_page_fault(f->vp, 7 * 4096, 1, &addr), 0);
-  ubc_setsize(f->vp, 4096);
-  memset(reinterpret_cast<char*>(addr), 1, 4096);  // still mapped memory
-  ubc_page_dirty(f->vp, 7 * 4096);
-  ubc_page_unpin(f->vp, 7 * 4096);
-  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
-}
-
-// Catches a reclaim that drops dirty pages unwritten.
-TEST_F(UbcTest, ReclaimPushesDirtyPagesThroughPageout) {
+  // A reclaim pushes what is dirty through pageout.
+  ASSERT_EQ(ubc_page_fault(f->vp, 3 * 4096, 1, &addr), 0);
+  memset(reinterpret_cast<char*>(addr), 0x33, 4096);
+  ubc_page_dirty(f->vp, 3 * 4096);
+  ubc_page_unpin(f->vp, 3 * 4096);
+  int pageouts = f->pageouts.load();
   fs.release(f);
-  EXPECT_GE(f->pageouts.load(), 1);
-  EXPECT_EQ(fs.on_device(f)[4 * 4096], 0x44);
-}
-
-// Catches a pool over its bound, or mapped dirty pages evicted without a pageout.
-TEST_F(UbcTest, EvictionOfMappedDirtyPagesGoesThroughPageoutAndLosesNothing) {
-  PoolLimit limit(8 * 4096);
-  const int npages = 64;
-  bmfs_file* g = fs.create(npages * 4096, {{1000, npages}});
-  std::vector<char> model(npages * 4096, 0);
-  for (int i = 0; i < npages; i++) {
-    uintptr_t addr;
-    ASSERT_EQ(ubc_page_fault(g->vp, off_t(i) * 4096, 1, &addr), 0);
-    memset(reinterpret_cast<char*>(addr), char(i + 1), 4096);
-    memset(model.data() + i * 4096, char(i + 1), 4096);
-    ubc_page_dirty(g->vp, off_t(i) * 4096);
-    ubc_page_unpin(g->vp, off_t(i) * 4096);
-  }
-  // The page-out thread catches up without any call from us.
-  host_test::eventually([] { return host_ubc_resident_bytes() <= 8 * 4096; });
-  EXPECT_LE(host_ubc_resident_bytes(), size_t(8 * 4096));
-  EXPECT_GT(g->pageouts.load(), 0);
-  ASSERT_EQ(ubc_msync(g->vp, 0, npages * 4096, nullptr, UBC_PUSHDIRTY | UBC_SYNC), 0);
-  EXPECT_TRUE(fs.on_device(g) == model);
-  std::vector<char> back(model.size());
-  ASSERT_EQ(fs.read(g, 0, back.data(), back.size()), 0);
-  EXPECT_TRUE(back == model);
+  EXPECT_GT(f->pageouts.load(), pageouts);
+  EXPECT_EQ(fs.on_device(f)[3 * 4096], 0x33);
 }
 
 }  // namespace

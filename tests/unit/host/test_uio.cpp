@@ -77,11 +77,3 @@ TEST(Uio, UpdateSkipsAndANullVectorIsABadAddress) {
   EXPECT_EQ(uio_offset(uio), 8);
   uio_free(uio);
 }
-
-TEST(UioDeathTest, UpdatePastTheResidualPanics) {
-  uio_t uio = uio_create(1, 0, UIO_SYSSPACE, UIO_READ);
-  char a[4];
-  uio_addiov(uio, addr(a), 4);
-  EXPECT_DEATH(uio_update(uio, 5), "panic: uio_update: count 5 exceeds residual 4");
-  uio_free(uio);
-}
