@@ -87,8 +87,8 @@ TEST_F(MemdevTest, IoctlsReportAndChangeTheBlockSizes) {
   EXPECT_EQ(host_memdev_create(4096, 500, 512, &other), EINVAL);
 }
 
-// Catches faults on the wrong requests, failed writes that change the medium, and
-// transfers past the end.
+// Catches faults on the wrong requests, failed writes that change the medium,
+// transfers past the end, and an off-by-one in the write budget.
 TEST_F(MemdevTest, InjectedReadAndWriteFaultsHitOnlyTheChosenBytes) {
   host_memdev_faults f;
   f.fail_read_bytes = {10 * 512};
@@ -112,11 +112,9 @@ TEST_F(MemdevTest, InjectedReadAndWriteFaultsHitOnlyTheChosenBytes) {
   std::vector<uint8_t> big(2 << 20);
   EXPECT_EQ(host_memdev_load(dev_, big.data(), big.size(), 0), EINVAL);
   EXPECT_EQ(host_memdev_read(dev_, big.data(), 1, 1 << 20), EINVAL);
-}
 
-// Catches an off-by-one in the write budget, and it interfering with power cuts.
-TEST_F(MemdevTest, WritesFailAfterTheChosenNumber) {
-  host_memdev_faults f;
+  // Writes fail after the chosen number, also beside power cuts.
+  f = host_memdev_faults{};
   f.fail_writes_after = 2;
   host_memdev_set_faults(dev_, f);
   EXPECT_EQ(write_fill(dev_, 0, 512, 1), 0);
@@ -124,7 +122,6 @@ TEST_F(MemdevTest, WritesFailAfterTheChosenNumber) {
   EXPECT_EQ(write_fill(dev_, 2, 512, 1), EIO);
   EXPECT_EQ(write_fill(dev_, 3, 512, 1), EIO);
   EXPECT_EQ(byte_at(2 * 512), 0);
-  std::vector<uint8_t> v(512);
   EXPECT_EQ(dev_io(dev_, false, 0, v.data(), 512), 0);
 
   f.power_cut_mode = true;

@@ -36,11 +36,12 @@ TEST(Uio, ReadScattersAcrossVectorsWithinTheResidual) {
   uio_free(uio);
 }
 
-// A write gathers from the vectors; a reset starts over with new vectors.
-TEST(Uio, WriteGathersAndResetStartsOver) {
+// A write gathers from the vectors; a reset starts over with new vectors; an update
+// skips without copying; a null vector is a bad address.
+TEST(Uio, WriteGathersResetStartsOverAndUpdateSkips) {
   const char x[] = "hello ", y[] = "world";
   char out[16] = {};
-  uio_t uio = uio_create(2, 0, UIO_SYSSPACE, UIO_READ);
+  uio_t uio = uio_create(3, 0, UIO_SYSSPACE, UIO_READ);
   uio_addiov(uio, addr(out), 1);
   uio_reset(uio, 4096, UIO_USERSPACE64, UIO_WRITE);
   EXPECT_EQ(uio_resid(uio), 0);
@@ -56,13 +57,9 @@ TEST(Uio, WriteGathersAndResetStartsOver) {
   EXPECT_EQ(uio_resid(uio), 0);
   EXPECT_EQ(uio_offset(uio), 4096 + 11);
   EXPECT_EQ(uio_curriovbase(uio), 0u);
-  uio_free(uio);
-}
 
-// uio_update skips without copying; a null vector is EFAULT after what precedes it.
-TEST(Uio, UpdateSkipsAndANullVectorIsABadAddress) {
   char a[4] = {'x', 'x', 'x', 'x'}, b[4] = {};
-  uio_t uio = uio_create(3, 0, UIO_SYSSPACE, UIO_READ);
+  uio_reset(uio, 0, UIO_SYSSPACE, UIO_READ);
   uio_addiov(uio, addr(a), 4);
   uio_addiov(uio, addr(b), 4);
   uio_addiov(uio, 0, 2);
