@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -110,33 +109,4 @@ TEST_F(LocksConcurrency, TokenRingLosesNoWakeups) {
   EXPECT_EQ(timeouts, 0);
   EXPECT_EQ(token, kThreads * kRounds);
   EXPECT_EQ(host_sleepers("t_ring"), 0);
-}
-
-// Another channel wakes nobody, wakeup_one one sleeper at a time, wakeup the rest.
-TEST_F(LocksConcurrency, WakeupOneWakesTheSleepersOneAtATime) {
-  constexpr int kSleepers = 5;
-  int chan = 0, other = 0;
-  std::atomic<int> woken{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < kSleepers; i++) {
-    threads.emplace_back([&] {
-      lck_mtx_lock(m);
-      EXPECT_EQ(msleep(&chan, m, PWAIT, "t_one", nullptr), 0);
-      lck_mtx_assert(m, LCK_MTX_ASSERT_OWNED);
-      woken++;
-      lck_mtx_unlock(m);
-    });
-  }
-  ASSERT_TRUE(eventually([] { return host_sleepers("t_one") == kSleepers; }));
-  wakeup(&other);
-  for (int n = 1; n < kSleepers; n++) {
-    wakeup_one(&chan);
-    ASSERT_TRUE(eventually([&] { return woken.load() == n; }));
-    EXPECT_EQ(host_sleepers("t_one"), kSleepers - n);
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  EXPECT_EQ(woken.load(), kSleepers - 1);  // no extra thread woke
-  wakeup(&chan);
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(woken.load(), kSleepers);
 }

@@ -18,7 +18,7 @@ namespace {
 // was called with; a second table has its own default entry. Operations that
 // tinyfs, blockmapfs and the devices implement are reached by their tests.
 struct vnodeop_desc* const kProbed[] = {
-    &vnop_mknod_desc,    &vnop_open_desc,  &vnop_close_desc,   &vnop_getattr_desc,
+      &vnop_open_desc,  &vnop_close_desc,   &vnop_getattr_desc,
     &vnop_setattr_desc,  &vnop_read_desc,  &vnop_write_desc,   &vnop_mnomap_desc,
     &vnop_rename_desc,   &vnop_rmdir_desc, &vnop_symlink_desc, &vnop_readdir_desc,
     &vnop_readlink_desc,
@@ -103,7 +103,6 @@ TEST(VfsDispatch, EveryOperationReachesItsFunction) {
   char target[] = "t";
   // In the order of kProbed.
   std::function<int()> calls[] = {
-      [&] { return VNOP_MKNOD(vp, &out, &cn, &va, ctx); },
       [&] { return VNOP_OPEN(vp, FREAD, ctx); },
       [&] { return VNOP_CLOSE(vp, FREAD, ctx); },
       [&] { return VNOP_GETATTR(vp, &va, ctx); },
