@@ -34,7 +34,8 @@ class UbcTest : public ::testing::Test {
   bmfs_file* f = nullptr;
 };
 
-// Catches lists holding resident pages for a page-in, clean ones for a page-out.
+// Catches lists holding resident pages for a page-in, clean ones for a page-out, and
+// failures that leave busy pages behind.
 TEST_F(UbcTest, ListsHoldExactlyTheAbsentOrDirtyPages) {
   upl_t upl;
   upl_page_info_t* pl;
@@ -54,6 +55,16 @@ TEST_F(UbcTest, ListsHoldExactlyTheAbsentOrDirtyPages) {
   }
   ASSERT_EQ(ubc_upl_abort_range(upl, 0, 8 * 4096, UPL_ABORT_FREE_ON_EMPTY), 0);
   EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 1u) << "abort leaves the page dirty";
+
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, nullptr, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT),
+            ENOMEM);
+  host_malloc_fail_nth(0);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
+  EXPECT_EQ(ubc_create_upl(f->vp, 100, 4096, &upl, nullptr, 0), EINVAL) << "unaligned";
+  uintptr_t addr;
+  EXPECT_EQ(ubc_page_fault(f->vp, 9 * 4096, 0, &addr), EINVAL) << "past the end";
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
 }
 
 // Catches readers let at a page a list still holds (half filled).
@@ -75,20 +86,6 @@ TEST_F(UbcTest, PagesInAListAreBusyUntilCommitted) {
   ASSERT_EQ(ubc_upl_commit_range(upl, 0, 4096, UPL_COMMIT_SET_DIRTY), 0);
   reader.join();
   ubc_upl_abort(upl, 0);  // an empty list is still freed by a whole abort
-}
-
-// Catches failures that leave busy pages behind (later readers would hang).
-TEST_F(UbcTest, FailuresLeaveThePagesAsTheyWere) {
-  upl_t upl;
-  host_malloc_fail_nth(1);
-  EXPECT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, nullptr, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT),
-            ENOMEM);
-  host_malloc_fail_nth(0);
-  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
-  EXPECT_EQ(ubc_create_upl(f->vp, 100, 4096, &upl, nullptr, 0), EINVAL) << "unaligned";
-  uintptr_t addr;
-  EXPECT_EQ(ubc_page_fault(f->vp, 9 * 4096, 0, &addr), EINVAL) << "past the end";
-  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
 }
 
 // Catches a shrink that keeps pages past the end or stale bytes a growth exposes.
