@@ -9,8 +9,6 @@
 #include "blockmapfs.h"
 #include "host/blkdev.h"
 #include "host/buf.h"
-#include "host/kern.h"
-#include "host/ubc.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
 #include "host/vnode_internal.h"

@@ -3,7 +3,6 @@
 // what reaches the device must match it after a push.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <iterator>
@@ -18,8 +17,6 @@
 #include "host_test_util.h"
 
 namespace {
-
-using host_test::PoolLimit;
 
 class ClusterTest : public ::testing::Test {
  protected:

@@ -8,7 +8,6 @@
 #include <vector>
 
 #include "blockmapfs.h"
-#include "host/blkdev.h"
 #include "host/cluster.h"
 #include "host/malloc.h"
 #include "host/ubc.h"

@@ -56,7 +56,7 @@ int probe_vfs_unmount(mount_t mp, int flags, vfs_context_t ctx) { return 0; }
 struct vfsops probe_vfsops = {probe_vfs_mount, nullptr, probe_vfs_unmount};
 
 // An entry for "probefs" with both tables, or (second_only) the second.
-struct vfs_fsentry probe_entry(bool second_only = false, int typenum = 0) {
+struct vfs_fsentry probe_entry(bool second_only = false) {
   for (int i = 0; i < kNumProbed; i++) probe_entries[i] = {kProbed[i], probe};
   probe_entries[kNumProbed] = {nullptr, nullptr};
   probe_vfsops.vfs_init = probe_vfs_init;
@@ -65,16 +65,15 @@ struct vfs_fsentry probe_entry(bool second_only = false, int typenum = 0) {
   vfe.vfe_vfsops = &probe_vfsops;
   vfe.vfe_vopcnt = second_only ? 1 : 2;
   vfe.vfe_opvdescs = second_only ? descs + 1 : descs;
-  vfe.vfe_fstypenum = typenum;
   strncpy(vfe.vfe_fsname, "probefs", MFSNAMELEN);
-  vfe.vfe_flags = typenum != 0 ? 0 : VFS_TBLNOTYPENUM;
+  vfe.vfe_flags = VFS_TBLNOTYPENUM;
   return vfe;
 }
 
 struct Registered {
   vfstable_t handle = nullptr;
-  explicit Registered(int typenum = 0) {
-    struct vfs_fsentry vfe = probe_entry(false, typenum);
+  Registered() {
+    struct vfs_fsentry vfe = probe_entry();
     EXPECT_EQ(vfs_fsadd(&vfe, &handle), 0);
   }
   ~Registered() {
@@ -169,8 +168,6 @@ TEST(VfsRegistry, AddAndRemove) {
     Registered again;
     EXPECT_NE(g_init_conf.vfc_typenum, first) << "assigned type numbers are reused";
   }
-  Registered fixed(0x1234);
-  EXPECT_EQ(g_init_conf.vfc_typenum, 0x1234);
 
   struct vfs_fsentry vfe = probe_entry(true);
   strncpy(vfe.vfe_fsname, "nomemfs", MFSNAMELEN);
