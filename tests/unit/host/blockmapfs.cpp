@@ -41,7 +41,6 @@ int bm_blockmap(void* v) {
   auto* ap = static_cast<struct vnop_blockmap_args*>(v);
   bmfs_file* f = file_of(ap->a_vp);
   f->blockmaps++;
-  if (ap->a_bpn == nullptr) return 0;
   EXPECT_GT(ap->a_size, 0u);
   std::lock_guard<std::mutex> g(f->lock);
   off_t off = ap->a_foffset;
@@ -70,12 +69,6 @@ int bm_strategy(void* v) {
 int bm_blktooff(void* v) {
   auto* ap = static_cast<struct vnop_blktooff_args*>(v);
   *ap->a_offset = ap->a_lblkno * kBlock;
-  return 0;
-}
-
-int bm_offtoblk(void* v) {
-  auto* ap = static_cast<struct vnop_offtoblk_args*>(v);
-  *ap->a_lblkno = ap->a_offset / kBlock;
   return 0;
 }
 
@@ -151,11 +144,15 @@ int bm_reclaim(void* v) {
 }
 
 const struct vnodeopv_entry_desc bmfs_entries[] = {
-    {&vnop_default_desc, vn_default_error}, {&vnop_blockmap_desc, bm_blockmap},
-    {&vnop_strategy_desc, bm_strategy},     {&vnop_blktooff_desc, bm_blktooff},
-    {&vnop_offtoblk_desc, bm_offtoblk},     {&vnop_pagein_desc, bm_pagein},
-    {&vnop_pageout_desc, bm_pageout},       {&vnop_reclaim_desc, bm_reclaim},
-    {&vnop_bwrite_desc, vn_bwrite},         {nullptr, nullptr},
+    {&vnop_default_desc, vn_default_error},
+    {&vnop_blockmap_desc, bm_blockmap},
+    {&vnop_strategy_desc, bm_strategy},
+    {&vnop_blktooff_desc, bm_blktooff},
+    {&vnop_pagein_desc, bm_pagein},
+    {&vnop_pageout_desc, bm_pageout},
+    {&vnop_reclaim_desc, bm_reclaim},
+    {&vnop_bwrite_desc, vn_bwrite},
+    {nullptr, nullptr},
 };
 
 struct vnodeopv_desc bmfs_opv_desc = {&bmfs_vnodeop_p, bmfs_entries};

@@ -93,8 +93,6 @@ int t_lookup(void* v) {
   auto it = dir->children.find(name_of(cnp));
   if (it == dir->children.end()) {
     lk.unlock();
-    bool creating = cnp->cn_nameiop == CREATE || cnp->cn_nameiop == RENAME;
-    if (creating && (cnp->cn_flags & ISLASTCN)) return EJUSTRETURN;
     if (cnp->cn_flags & MAKEENTRY) cache_enter(ap->a_dvp, nullptr, cnp);
     return ENOENT;
   }
