@@ -18,10 +18,9 @@ namespace {
 // was called with; a second table has its own default entry. Operations that
 // tinyfs, blockmapfs and the devices implement are reached by their tests.
 struct vnodeop_desc* const kProbed[] = {
-      &vnop_open_desc,  &vnop_close_desc,   &vnop_getattr_desc,
-    &vnop_setattr_desc,  &vnop_read_desc,  &vnop_write_desc,   &vnop_mnomap_desc,
-    &vnop_rename_desc,   &vnop_rmdir_desc, &vnop_symlink_desc, &vnop_readdir_desc,
-    &vnop_readlink_desc,
+    &vnop_open_desc,  &vnop_close_desc,   &vnop_getattr_desc, &vnop_setattr_desc,
+    &vnop_read_desc,  &vnop_write_desc,   &vnop_mnomap_desc,  &vnop_rename_desc,
+    &vnop_rmdir_desc, &vnop_symlink_desc, &vnop_readdir_desc, &vnop_readlink_desc,
 };
 constexpr int kNumProbed = sizeof kProbed / sizeof kProbed[0];
 
