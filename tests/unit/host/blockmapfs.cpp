@@ -40,7 +40,7 @@ void allocate_locked(bmfs_file* f, bmfs_mount* bm, uint64_t first, uint64_t last
 int bm_blockmap(void* v) {
   auto* ap = static_cast<struct vnop_blockmap_args*>(v);
   bmfs_file* f = file_of(ap->a_vp);
-  if (ap->a_bpn == nullptr) return 0;
+  f->blockmaps++;
   EXPECT_GT(ap->a_size, 0u);
   std::lock_guard<std::mutex> g(f->lock);
   off_t off = ap->a_foffset;
@@ -72,12 +72,6 @@ int bm_blktooff(void* v) {
   return 0;
 }
 
-int bm_offtoblk(void* v) {
-  auto* ap = static_cast<struct vnop_offtoblk_args*>(v);
-  *ap->a_lblkno = ap->a_offset / kBlock;
-  return 0;
-}
-
 // Consecutive pages present in the list (and dirty, for a pageout) go to
 // the cluster layer together; -1 when the list holds no page.
 template <class F>
@@ -101,7 +95,7 @@ int walk_runs(upl_page_info_t* pl, int npages, bool dirty, F call) {
 }
 
 // Pagein and pageout under the file's I/O lock, over a list of the absent or
-// dirty pages. A bad range is refused (a pagein's busy pages released first).
+// dirty pages.
 template <bool kOut, class Args>
 int bm_page(Args* ap) {
   EXPECT_EQ(ap->a_pl, nullptr);
@@ -118,14 +112,8 @@ int bm_page(Args* ap) {
   int flags =
       !kOut ? UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT
             : ((ap->a_flags & UPL_MSYNC) ? UPL_UBC_MSYNC : UPL_UBC_PAGEOUT) | UPL_RET_ONLY_DIRTY;
-  bool bad = ap->a_f_offset < 0 || (ap->a_f_offset & PAGE_MASK) || (ap->a_size & PAGE_MASK) ||
-             ap->a_f_offset >= size;
-  if (bad) {
-    if (!kOut && ubc_create_upl(ap->a_vp, ap->a_f_offset, int(ap->a_size), &upl, &pl, flags) == 0)
-      ubc_upl_abort(upl, UPL_ABORT_FREE_ON_EMPTY);
-    return EINVAL;
-  }
-  if (ubc_create_upl(ap->a_vp, ap->a_f_offset, int(ap->a_size), &upl, &pl, flags) != 0)
+  if (ap->a_f_offset < 0 || ap->a_f_offset >= size ||
+      ubc_create_upl(ap->a_vp, ap->a_f_offset, int(ap->a_size), &upl, &pl, flags) != 0)
     return EINVAL;
   int npages = int(ap->a_size / PAGE_SIZE);
   int error = walk_runs(pl, npages, kOut, [&](int i, int n) {
@@ -156,11 +144,15 @@ int bm_reclaim(void* v) {
 }
 
 const struct vnodeopv_entry_desc bmfs_entries[] = {
-    {&vnop_default_desc, vn_default_error}, {&vnop_blockmap_desc, bm_blockmap},
-    {&vnop_strategy_desc, bm_strategy},     {&vnop_blktooff_desc, bm_blktooff},
-    {&vnop_offtoblk_desc, bm_offtoblk},     {&vnop_pagein_desc, bm_pagein},
-    {&vnop_pageout_desc, bm_pageout},       {&vnop_reclaim_desc, bm_reclaim},
-    {&vnop_bwrite_desc, vn_bwrite},         {nullptr, nullptr},
+    {&vnop_default_desc, vn_default_error},
+    {&vnop_blockmap_desc, bm_blockmap},
+    {&vnop_strategy_desc, bm_strategy},
+    {&vnop_blktooff_desc, bm_blktooff},
+    {&vnop_pagein_desc, bm_pagein},
+    {&vnop_pageout_desc, bm_pageout},
+    {&vnop_reclaim_desc, bm_reclaim},
+    {&vnop_bwrite_desc, vn_bwrite},
+    {nullptr, nullptr},
 };
 
 struct vnodeopv_desc bmfs_opv_desc = {&bmfs_vnodeop_p, bmfs_entries};
@@ -244,8 +236,7 @@ void BlockMapFs::release(bmfs_file* f) {
   vnode_put(vp);
 }
 
-int BlockMapFs::write(bmfs_file* f, off_t off, const void* data, size_t len, int flags,
-                      size_t* resid) {
+int BlockMapFs::write(bmfs_file* f, off_t off, const void* data, size_t len, int flags) {
   std::lock_guard<std::mutex> io(f->io_lock);
   off_t old;
   off_t nsize;
@@ -265,7 +256,6 @@ int BlockMapFs::write(bmfs_file* f, off_t off, const void* data, size_t len, int
     head = old;
   }
   int error = cluster_write(f->vp, uio, old, nsize, head, 0, flagsx);
-  if (resid) *resid = size_t(uio_resid(uio));
   uio_free(uio);
   return error;
 }
@@ -296,21 +286,6 @@ std::vector<char> BlockMapFs::on_device(bmfs_file* f) {
     }
   }
   return out;
-}
-
-void BlockMapFs::poke_device(bmfs_file* f, off_t off, const void* data, size_t len) {
-  std::lock_guard<std::mutex> g(f->lock);
-  const char* p = static_cast<const char*>(data);
-  while (len > 0) {
-    int64_t d = block_at(f, uint64_t(off) / kBlock);
-    ASSERT_NE(d, -1) << "poke_device into a hole at " << off;
-    size_t in = size_t(off % kBlock);
-    size_t n = std::min<size_t>(kBlock - in, len);
-    ASSERT_EQ(host_memdev_load(devvp_, p, n, uint64_t(d) * kBlock + in), 0);
-    p += n;
-    off += off_t(n);
-    len -= n;
-  }
 }
 
 void BlockMapFs::fill(bmfs_file* f, char byte) {

@@ -32,7 +32,7 @@ struct bmfs_file {
   off_t size = 0;
   std::vector<int64_t> blocks;  // file block -> device block, -1: hole
   vnode_t vp = nullptr;
-  std::atomic<int> pageins{0}, pageouts{0}, pageout_pages{0};
+  std::atomic<int> pageins{0}, pageouts{0}, pageout_pages{0}, blockmaps{0};
 };
 
 class BlockMapFs {
@@ -51,14 +51,11 @@ class BlockMapFs {
   void release(bmfs_file* f);
 
   // A file system's write and read: I/O lock, size update and cluster call.
-  int write(bmfs_file* f, off_t off, const void* data, size_t len, int flags = 0,
-            size_t* resid = nullptr);
+  int write(bmfs_file* f, off_t off, const void* data, size_t len, int flags = 0);
   int read(bmfs_file* f, off_t off, void* data, size_t len, size_t* resid = nullptr);
 
   // The file's bytes as the device holds them (holes as zeros).
   std::vector<char> on_device(bmfs_file* f);
-  // Writes the device under mapped file bytes, bypassing the cache.
-  void poke_device(bmfs_file* f, off_t off, const void* data, size_t len);
   // Fills every mapped block of the file on the device with `byte`.
   void fill(bmfs_file* f, char byte);
   // A truncate that writes nothing; returns ubc_setsize's result.

@@ -56,20 +56,6 @@ inline void discard(vnode_t vp) {
   vnode_put(vp);
 }
 
-// vn_default_error everywhere but inactive and a reclaim that detaches the node.
-inline VOPFUNC* bare_device_ops() {
-  static std::vector<VOPFUNC> ops = [] {
-    std::vector<VOPFUNC> v(vnop_desc_count(), vn_default_error);
-    v[vnop_reclaim_desc.vdesc_offset] = [](void* ap) {
-      vnode_clearfsnode(static_cast<struct vnop_reclaim_args*>(ap)->a_vp);
-      return 0;
-    };
-    v[vnop_inactive_desc.vdesc_offset] = [](void*) { return 0; };
-    return v;
-  }();
-  return ops.data();
-}
-
 inline host_devstats devstats(vnode_t dev) {
   host_devstats s;
   host_blkdev_stats(dev, &s);
@@ -80,15 +66,12 @@ inline host_devstats devstats(vnode_t dev) {
 // bytes and between 512-byte blocks, so misplaced transfers show.
 inline uint8_t pattern(uint64_t off) { return static_cast<uint8_t>(off * 7 + off / 512); }
 
-// An in-memory device of `bytes` filled with pattern(), counters at zero.
-inline vnode_t pattern_memdev(uint64_t bytes, uint32_t lbsize = 512, uint32_t pbsize = 512) {
-  vnode_t dev = nullptr;
-  EXPECT_EQ(host_memdev_create(bytes, lbsize, pbsize, &dev), 0);
+// Fills the first `bytes` of an in-memory device with pattern(); counters at zero.
+inline void load_pattern(vnode_t dev, uint64_t bytes) {
   std::vector<uint8_t> img(bytes);
   for (uint64_t i = 0; i < bytes; i++) img[i] = pattern(i);
   EXPECT_EQ(host_memdev_load(dev, img.data(), img.size(), 0), 0);
   host_blkdev_reset_stats(dev);
-  return dev;
 }
 
 // What an in-memory device holds, read past any cache.

@@ -3,14 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <vector>
 
+#include "blockmapfs.h"
 #include "host/blkdev.h"
 #include "host/buf.h"
-#include "host/kern.h"
-#include "host/ubc.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
 #include "host/vnode_internal.h"
@@ -26,7 +24,10 @@ constexpr uint64_t kDevBytes = 1 << 20;
 
 class BufTest : public ::testing::Test {
  protected:
-  void SetUp() override { dev_ = host_test::pattern_memdev(kDevBytes); }
+  void SetUp() override {
+    ASSERT_EQ(host_memdev_create(kDevBytes, 512, 512, &dev_), 0);
+    host_test::load_pattern(dev_, kDevBytes);
+  }
   void TearDown() override {
     host_bufcache_set_limit(0);
     host_blkdev_close(dev_);
@@ -63,18 +64,13 @@ class BufTest : public ::testing::Test {
   vnode_t dev_ = nullptr;
 };
 
-// Catches a hit that reads again, sizes of one block mixed up or lost, wrong accessors.
+// Catches a hit that reads again, sizes of one block mixed up or lost.
 TEST_F(BufTest, ReadIsCachedByBlockAndSize) {
   EXPECT_FALSE(cached(dev_, 8, 4096));
   buf_t bp = nullptr;
   ASSERT_EQ(buf_meta_bread(dev_, 8, 4096, NOCRED, &bp), 0);
   EXPECT_TRUE(holds_pattern(bp, 8 * 512));
-  EXPECT_EQ(buf_count(bp), 4096u);
-  EXPECT_EQ(buf_resid(bp), 0u);
   EXPECT_EQ(buf_blkno(bp), 8);
-  EXPECT_EQ(buf_lblkno(bp), 8);
-  EXPECT_EQ(buf_vnode(bp), dev_);
-  EXPECT_EQ(buf_device(bp), vnode_specrdev(dev_));
   EXPECT_TRUE(buf_flags(bp) & B_META);
   buf_brelse(bp);
   ASSERT_EQ(buf_bread(dev_, 8, 4096, NOCRED, &bp), 0);
@@ -164,27 +160,24 @@ TEST_F(BufTest, InvalidatingAndDroppingWriteExactlyWhatTheyShould) {
   buf_brelse(bp);
 
   EXPECT_EQ(buf_invalblkno(dev_, 50, BUF_WAIT), 0);  // not cached: nothing to do
-  for (int i = 0; i < 4; i++)
-    delayed_write(dev_, 100 + i, 512, 0x40 + i, i % 2 ? BLK_META : BLK_READ);
+  delayed_write(dev_, 100, 512, 0x40);
   delayed_write(dev_, 50, 512, 0x77);
   read_release(200);
-  ASSERT_EQ(host_buf_count(dev_), 6);
   EXPECT_EQ(buf_invalblkno(dev_, 50, BUF_WAIT), 0);
-  EXPECT_EQ(host_buf_count(dev_), 5);
-  // Metadata is left alone with BUF_SKIP_META; the rest is written and dropped.
-  EXPECT_EQ(buf_invalidateblks(dev_, BUF_WRITE_DATA | BUF_SKIP_META, 0, 0), 0);
-  EXPECT_EQ(host_buf_count(dev_), 3);
-  EXPECT_EQ(dev_byte(100 * 512), 0x40);
-  EXPECT_EQ(dev_byte(102 * 512), 0x42);
-  // Without BUF_WRITE_DATA the delayed writes are lost.
-  EXPECT_EQ(buf_invalidateblks(dev_, 0, 0, 0), 0);
+  EXPECT_EQ(host_buf_count(dev_), 2);
+  EXPECT_EQ(buf_invalidateblks(dev_, BUF_WRITE_DATA, 0, 0), 0);
   EXPECT_EQ(host_buf_count(dev_), 0);
+  EXPECT_EQ(dev_byte(100 * 512), 0x40);
+  // Without BUF_WRITE_DATA the delayed writes are lost.
+  delayed_write(dev_, 101, 512, 0x41, BLK_READ);
+  EXPECT_EQ(buf_invalidateblks(dev_, 0, 0, 0), 0);
   EXPECT_EQ(host_bufcache_bytes(), 0u);
-  for (int blk : {41, 50, 101, 103}) EXPECT_EQ(dev_byte(blk * 512), pattern(blk * 512)) << blk;
-  EXPECT_EQ(stats().writes, 2u);
+  for (int blk : {41, 50, 101}) EXPECT_EQ(dev_byte(blk * 512), pattern(blk * 512)) << blk;
+  EXPECT_EQ(stats().writes, 1u);
 }
 
-// Catches eviction out of LRU order, over its bound, or of a held buffer.
+// Catches eviction out of LRU order, over its bound, of a held buffer, and eviction that
+// loses delayed writes or writes them while clean buffers could go.
 TEST_F(BufTest, EvictionTakesIdleBuffersLeastRecentlyUsedFirst) {
   host_bufcache_set_limit(4 * 512);
   for (int b = 0; b < 4; b++) read_release(b);
@@ -211,13 +204,12 @@ TEST_F(BufTest, EvictionTakesIdleBuffersLeastRecentlyUsedFirst) {
   EXPECT_TRUE(holds_pattern(held, 0));
   buf_brelse(other);
   buf_brelse(held);
-}
+  host_bufcache_set_limit(1);  // empties the cache
 
-// Catches eviction that loses delayed writes or writes them while clean buffers could go.
-TEST_F(BufTest, EvictingADelayedWriteWritesItFirst) {
+  // Only delayed writes to evict: the oldest is written first.
   host_bufcache_set_limit(2 * 4096);
   for (int b = 0; b < 2; b++) delayed_write(dev_, b * 8, 4096, 0x60 + b);
-  read_release(100, 4096);  // only dirty buffers to evict: the oldest is written first
+  read_release(100, 4096);
   EXPECT_EQ(dev_bytes(0, 4096), std::vector<uint8_t>(4096, 0x60));
   EXPECT_EQ(dev_byte(8 * 512), pattern(8 * 512));
   EXPECT_EQ(host_buf_count(dev_), 2);
@@ -309,163 +301,83 @@ TEST(BufDeathTest, TakingABufferTwicePanics) {
 
 // --- File buffers mapped through a file system ----------------------------------------
 
-// A file of 4096-byte logical blocks over extents the test lays out, at any
-// byte of the device; reads and writes may map differently, as with a file
-// whose valid length is short of its size.
-struct TestFile {
-  struct Extent {
-    off_t foff;
-    size_t len;
-    int64_t dev_byte;  // where foff lies on the device; -1: a hole
-  };
-  vnode_t devvp;
-  std::vector<Extent> read_map;
-  std::vector<Extent> write_map;
-  int blockmap_calls = 0;
-};
-
-int tf_blktooff(void* ap) {
-  auto* a = static_cast<vnop_blktooff_args*>(ap);
-  *a->a_offset = a->a_lblkno * 4096;
-  return 0;
-}
-
-int tf_blockmap(void* ap) {
-  auto* a = static_cast<vnop_blockmap_args*>(ap);
-  auto* tf = static_cast<TestFile*>(vnode_fsnode(a->a_vp));
-  tf->blockmap_calls++;
-  uint32_t bsize = 0;
-  VNOP_IOCTL(tf->devvp, DKIOCGETBLOCKSIZE, reinterpret_cast<caddr_t>(&bsize), 0, nullptr);
-  for (const auto& e : (a->a_flags & VNODE_READ) ? tf->read_map : tf->write_map) {
-    if (a->a_foffset < e.foff || a->a_foffset >= e.foff + static_cast<off_t>(e.len)) continue;
-    off_t in = a->a_foffset - e.foff;
-    int64_t at = e.dev_byte < 0 ? 0 : e.dev_byte + in;
-    *a->a_bpn = e.dev_byte < 0 ? -1 : at / bsize;
-    *a->a_run = std::min(e.len - static_cast<size_t>(in), a->a_size);
-    *static_cast<int*>(a->a_poff) = static_cast<int>(at % bsize);
-    return 0;
-  }
-  return EINVAL;
-}
-
-int tf_strategy(void* ap) {
-  auto* a = static_cast<vnop_strategy_args*>(ap);
-  auto* tf = static_cast<TestFile*>(vnode_fsnode(buf_vnode(a->a_bp)));
-  return buf_strategy(tf->devvp, ap);
-}
-
-VOPFUNC* tf_vnodeops() {
-  static VOPFUNC* v = [] {
-    auto* vec = new VOPFUNC[vnop_desc_count()];
-    std::fill(vec, vec + vnop_desc_count(), &vn_default_error);
-    vec[vnop_blktooff_desc.vdesc_offset] = &tf_blktooff;
-    vec[vnop_blockmap_desc.vdesc_offset] = &tf_blockmap;
-    vec[vnop_strategy_desc.vdesc_offset] = &tf_strategy;
-    return vec;
-  }();
-  return v;
-}
-
+// File buffers of 4096-byte logical blocks on blockmapfs, over a device holding pattern().
 class FileBufTest : public BufTest {
  protected:
   void SetUp() override {
-    BufTest::SetUp();
-    tf_.devvp = dev_;
-    vnode_fsparam p = host_test::fsparam(VREG, tf_vnodeops(), 0);
-    p.vnfs_str = "testfs";
-    p.vnfs_fsnode = &tf_;
-    ASSERT_EQ(host_test::create_vnode(p, &vp_), 0);
+    dev_ = fs.devvp();
+    host_test::load_pattern(dev_, kDevBytes);
   }
-  void TearDown() override {
-    if (vp_ != nullptr) host_test::discard(vp_);
-    BufTest::TearDown();
-  }
-  TestFile tf_;
-  vnode_t vp_ = nullptr;
+  void TearDown() override { host_bufcache_set_limit(0); }
+  BlockMapFs fs{kDevBytes};
 };
 
-// Catches one request over discontiguous runs, holes read, buffers filed under the device.
-TEST_F(FileBufTest, ReadMapsDiscontiguousRunsAndReadsHolesAsZeros) {
-  // File block 1 = bytes [4096, 20480): 3 KiB at device block 100, a 1 KiB
-  // hole, 12 KiB starting 256 bytes into device block 40.
-  tf_.read_map = {
-      {0, 4096, 7 * 512}, {4096, 3072, 100 * 512}, {7168, 1024, -1}, {8192, 12288, 40 * 512 + 256}};
+// Catches one request over discontiguous runs, holes read, buffers filed under the
+// device, writes through the read mapping, needless remapping, failed reads cached.
+TEST_F(FileBufTest, ReadsFollowTheRunsAndWritesAllocateHoles) {
+  bmfs_file* f = fs.create(5 * 4096, {{7, 1}, {50, 1}, {-1, 1}, {20, 2}});
   buf_t bp = nullptr;
-  ASSERT_EQ(buf_meta_bread(vp_, 1, 16384, NOCRED, &bp), 0);
-  uint8_t* d = data(bp);
-  for (int i = 0; i < 3072; i++) ASSERT_EQ(d[i], pattern(100 * 512 + i)) << i;
-  for (int i = 3072; i < 4096; i++) ASSERT_EQ(d[i], 0) << i;
-  for (int i = 4096; i < 16384; i++) ASSERT_EQ(d[i], pattern(40 * 512 + 256 + i - 4096)) << i;
-  EXPECT_EQ(buf_blkno(bp), 100);
+  ASSERT_EQ(buf_meta_bread(f->vp, 1, 16384, NOCRED, &bp), 0);
+  for (int i = 0; i < 4096; i++) ASSERT_EQ(data(bp)[i], pattern(50 * 4096 + i)) << i;
+  for (int i = 4096; i < 8192; i++) ASSERT_EQ(data(bp)[i], 0) << i;
+  for (int i = 8192; i < 16384; i++) ASSERT_EQ(data(bp)[i], pattern(20 * 4096 + i - 8192)) << i;
+  EXPECT_EQ(buf_blkno(bp), 50 * 8);
   EXPECT_EQ(buf_lblkno(bp), 1);
   EXPECT_EQ(stats().reads, 2u);  // one request per mapped run
   buf_brelse(bp);
-  EXPECT_EQ(host_buf_count(vp_), 1);
-  EXPECT_EQ(host_buf_count(dev_), 0);  // file buffers are the file's, not the device's
-}
+  EXPECT_EQ(host_buf_count(f->vp), 1);
+  EXPECT_EQ(host_buf_count(dev_), 0);
 
-// Catches writes through the read mapping, needless remapping, and writes into holes.
-TEST_F(FileBufTest, WritesUseTheWriteMappingAndFailOverHoles) {
-  tf_.read_map = {{0, 8192, -1}};  // beyond the valid length: all hole
-  tf_.write_map = {{0, 8192, 300 * 512}, {8192, 2048, 500 * 512}, {10240, 2048, -1}};
-  buf_t bp = nullptr;
-  ASSERT_EQ(buf_meta_bread(vp_, 0, 8192, NOCRED, &bp), 0);
+  bmfs_file* g = fs.create(2 * 4096, {{-1, 2}});
+  ASSERT_EQ(buf_meta_bread(g->vp, 0, 8192, NOCRED, &bp), 0);
   EXPECT_EQ(buf_blkno(bp), -1);
   for (int i = 0; i < 8192; i++) ASSERT_EQ(data(bp)[i], 0) << i;
-  EXPECT_EQ(stats().reads, 0u);
+  EXPECT_EQ(stats().reads, 2u);
   memset(data(bp), 0xAB, 8192);
   EXPECT_EQ(buf_bdwrite(bp), 0);
-  buf_flushdirtyblks(vp_, 1, 0, "test");
-  EXPECT_EQ(dev_bytes(300 * 512, 8192), std::vector<uint8_t>(8192, 0xAB));
-  // Mapped as one run: a second write goes straight to device block 300.
-  ASSERT_EQ(buf_meta_bread(vp_, 0, 8192, NOCRED, &bp), 0);
-  EXPECT_EQ(buf_blkno(bp), 300);
+  buf_flushdirtyblks(g->vp, 1, 0, "test");
+  EXPECT_TRUE(fs.on_device(g) == std::vector<char>(8192, char(0xAB)));
+  // Mapped as one run: a second write goes straight to the allocated blocks.
+  ASSERT_EQ(buf_meta_bread(g->vp, 0, 8192, NOCRED, &bp), 0);
+  EXPECT_EQ(buf_blkno(bp), kDevBytes / 2 / 512);  // blockmapfs allocates from mid-device
   data(bp)[0] = 0xCD;
-  int calls = tf_.blockmap_calls;
+  int calls = g->blockmaps;
   EXPECT_EQ(buf_bwrite(bp), 0);
-  EXPECT_EQ(tf_.blockmap_calls, calls);
-  EXPECT_EQ(dev_byte(300 * 512), 0xCD);
+  EXPECT_EQ(g->blockmaps, calls);
+  EXPECT_EQ(fs.on_device(g)[0], char(0xCD));
   EXPECT_EQ(stats().writes, 2u);
-
-  bp = buf_getblk(vp_, 2, 4096, 0, 0, BLK_META);
-  buf_clear(bp);
-  EXPECT_EQ(buf_bwrite(bp), EIO);
   bp = nullptr;
-  EXPECT_EQ(buf_meta_bread(vp_, 5, 4096, NOCRED, &bp), EINVAL);  // no extent there
+  EXPECT_EQ(buf_meta_bread(g->vp, 5, 4096, NOCRED, &bp), EINVAL);  // past the end
   buf_brelse(bp);
-  EXPECT_EQ(host_buf_count(vp_), 2);  // the failed write keeps its data; the failed read is gone
+  EXPECT_EQ(host_buf_count(g->vp), 1);
 }
 
 // Eviction must not call blockmap (a lock-order hazard); flush and reclaim write them.
 TEST_F(FileBufTest, FileDelayedWritesWaitForTheirFlushOrReclaim) {
-  tf_.read_map = tf_.write_map = {{0, 65536, 700 * 512}};
+  bmfs_file* f = fs.create(16 * 4096, {{100, 16}});
   host_bufcache_set_limit(4096);
-  delayed_write(vp_, 0, 4096, 0x71);
-  int calls = tf_.blockmap_calls;
+  delayed_write(f->vp, 0, 4096, 0x71);
+  int calls = f->blockmaps;
   read_release(0, 4096);
   read_release(8, 4096);  // evicts device block 0, not the file's
-  EXPECT_EQ(tf_.blockmap_calls, calls);
-  EXPECT_EQ(host_buf_count(vp_), 1);
+  EXPECT_EQ(f->blockmaps, calls);
+  EXPECT_EQ(host_buf_count(f->vp), 1);
   EXPECT_EQ(host_buf_count(dev_), 1);
   host_bufcache_set_limit(1);
   EXPECT_EQ(host_bufcache_bytes(), 4096u);
   EXPECT_EQ(stats().writes, 0u);
-  buf_flushdirtyblks(vp_, 1, 0, "test");
-  EXPECT_EQ(dev_bytes(700 * 512, 4096), std::vector<uint8_t>(4096, 0x71));
+  buf_flushdirtyblks(f->vp, 1, 0, "test");
+  EXPECT_EQ(dev_bytes(100 * 4096, 4096), std::vector<uint8_t>(4096, 0x71));
   host_bufcache_set_limit(1);
   EXPECT_EQ(host_bufcache_bytes(), 0u);
 
   host_bufcache_set_limit(0);
-  buf_t bp = nullptr;
-  ASSERT_EQ(buf_meta_bread(vp_, 0, 4096, NOCRED, &bp), 0);
-  buf_brelse(bp);
-  delayed_write(vp_, 1, 4096, 0x99);
-  ASSERT_EQ(host_buf_count(vp_), 2);
-  host_test::discard(vp_);  // the last reference: reclaimed now
-  EXPECT_EQ(host_buf_count(vp_), 0);
-  vp_ = nullptr;
-  EXPECT_EQ(dev_bytes(700 * 512 + 4096, 4096), std::vector<uint8_t>(4096, 0x99));
-  EXPECT_EQ(host_bufcache_bytes(), 0u);
+  delayed_write(f->vp, 1, 4096, 0x99);
+  vnode_t vp = f->vp;
+  ASSERT_EQ(host_buf_count(vp), 1);
+  fs.release(f);  // the last reference: reclaimed now
+  EXPECT_EQ(host_buf_count(vp), 0);
+  EXPECT_EQ(dev_bytes(101 * 4096, 4096), std::vector<uint8_t>(4096, 0x99));
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 // what reaches the device must match it after a push.
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <iterator>
@@ -18,8 +17,6 @@
 #include "host_test_util.h"
 
 namespace {
-
-using host_test::PoolLimit;
 
 class ClusterTest : public ::testing::Test {
  protected:
@@ -45,7 +42,8 @@ TEST_F(ClusterTest, BytesPastFilesizeInTheLastPageReadAsZerosAfterGrowth) {
   EXPECT_EQ(buf[999], char(0xAA));
 }
 
-// Catches any misplaced, torn or lost byte, pages left dirty, an invalidate that keeps.
+// Catches any misplaced, torn or lost byte, pages left dirty, an invalidate that keeps,
+// appends that lose the previous tail.
 TEST_F(ClusterTest, RandomReadsAndWritesMatchAReferenceModel) {
   const off_t size = 3 << 20;
   bmfs_file* f = fs.create(size, {{0, 100}, {-1, 50}, {300, 200}, {200, 20}});
@@ -62,21 +60,18 @@ TEST_F(ClusterTest, RandomReadsAndWritesMatchAReferenceModel) {
   std::vector<char> all(static_cast<size_t>(size));
   ASSERT_EQ(fs.read(f, 0, all.data(), all.size()), 0);
   EXPECT_TRUE(all == model);
-}
 
-// Catches appends whose growth loses the previous tail page.
-TEST_F(ClusterTest, AppendingWritesGrowTheFileAndLandOnTheDevice) {
-  bmfs_file* f = fs.create(0, {});
-  std::vector<char> model;
-  std::mt19937 rng(3);
+  // Appends grow the file without losing the previous tail page.
+  bmfs_file* g = fs.create(0, {});
+  model.clear();
   for (int i = 0; i < 60; i++) {
     size_t len = 1 + rng() % 50000;
     std::vector<char> d = random_bytes(len, uint32_t(i));
-    ASSERT_EQ(fs.write(f, off_t(model.size()), d.data(), len), 0);
+    ASSERT_EQ(fs.write(g, off_t(model.size()), d.data(), len), 0);
     model.insert(model.end(), d.begin(), d.end());
   }
-  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
-  EXPECT_TRUE(fs.on_device(f) == model);
+  ASSERT_EQ(cluster_push(g->vp, IO_SYNC), 0);
+  EXPECT_TRUE(fs.on_device(g) == model);
 }
 
 // --- Partial pages and zero-fill ------------------------------------------------
@@ -142,7 +137,8 @@ TEST_F(ZeroFillTest, HeadZeroFillSparesWhatItsFlagsProtect) {
   }
 }
 
-// Catches a tail zero-fill that runs past its end or fills the head.
+// Catches a tail zero-fill that runs past its end or fills the head, and a zero-fill
+// without data not written with IO_SYNC or zeroing a dirty page.
 TEST_F(ZeroFillTest, TailZeroFillZeroesAfterTheWriteOnly) {
   ASSERT_EQ(write_page3(0, 3 * 4096 + 3000, IO_TAILZEROFILL), 0);
   std::vector<char> v = contents();
@@ -150,10 +146,9 @@ TEST_F(ZeroFillTest, TailZeroFillZeroesAfterTheWriteOnly) {
   for (int i = 3 * 4096 + 1; i < 3 * 4096 + 3000; i++) ASSERT_EQ(v[i], 0) << i;
   EXPECT_EQ(v[3 * 4096 + 3000], 0x11);
   EXPECT_EQ(v[0], 0x11) << "no head zero-fill without its flag";
-}
 
-// Catches a zero-fill without data not written with IO_SYNC, or zeroing a dirty page.
-TEST_F(ZeroFillTest, NullUioOnlyZeroFillsAndTheZerosReachTheDevice) {
+  // Without data only the zero-fill is done, and IO_SYNC writes it.
+  f = make_file(40);
   {
     std::lock_guard<std::mutex> io(f->io_lock);
     ASSERT_EQ(cluster_write(f->vp, nullptr, 4096 + 10, 3 * 4096 + 5, 4096 + 10, 0,
@@ -215,12 +210,13 @@ TEST_F(ClusterTest, IoErrorsAreReportedAndLoseNothing) {
 
 // --- Request sizes -------------------------------------------------------------------
 
-// Catches I/O split per page, and whole-page overwrites that read first.
+// Catches I/O split per page, whole-page overwrites that read first, and an advisory
+// read that does nothing.
 TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
   const off_t size = 8 << 20;
   bmfs_file* f = fs.create(size, {{1000, uint32_t(size / 4096)}});
   std::vector<char> d = random_bytes(size_t(size), 13);
-  fs.poke_device(f, 0, d.data(), d.size());
+  ASSERT_EQ(host_memdev_load(fs.devvp(), d.data(), d.size(), 1000 * 4096), 0);
 
   host_blkdev_reset_stats(fs.devvp());
   std::vector<char> got(static_cast<size_t>(size));
@@ -229,6 +225,15 @@ TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
   EXPECT_TRUE(got == d);
   EXPECT_LE(st.reads, 10u) << "one request per maximal transfer, not per page";
   EXPECT_EQ(st.bytes_read, uint64_t(size));
+
+  // An advisory read fills the cache ahead: reading after it needs no request.
+  ASSERT_EQ(ubc_msync(f->vp, 0, size, nullptr, UBC_INVALIDATE), 0);
+  ASSERT_EQ(advisory_read(f->vp, size, 0, 64 * 4096), 0);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 64u) << "pages under way are resident (busy)";
+  ASSERT_EQ(ubc_msync(f->vp, 0, 64 * 4096, nullptr, UBC_SYNC), 0);  // waits for them
+  host_blkdev_reset_stats(fs.devvp());
+  ASSERT_EQ(fs.read(f, 0, got.data(), 64 * 4096), 0);
+  EXPECT_EQ(host_test::devstats(fs.devvp()).reads, 0u);
 
   ASSERT_EQ(ubc_msync(f->vp, 0, size, nullptr, UBC_INVALIDATE), 0);
   host_blkdev_reset_stats(fs.devvp());
@@ -249,18 +254,6 @@ TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
   EXPECT_EQ(st.bytes_written, uint64_t(size));
   EXPECT_EQ(st.reads, 0u) << "whole pages are never read before being overwritten";
   EXPECT_TRUE(fs.on_device(f) == w);
-}
-
-// Catches an advisory read that does nothing, or whose pages are fetched again.
-TEST_F(ClusterTest, AdvisoryReadFillsTheCacheAhead) {
-  bmfs_file* f = fs.create(64 * 4096, {{2000, 64}});
-  ASSERT_EQ(advisory_read(f->vp, 64 * 4096, 0, 64 * 4096), 0);
-  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 64u) << "pages under way are resident (busy)";
-  ASSERT_EQ(ubc_msync(f->vp, 0, 64 * 4096, nullptr, UBC_SYNC), 0);  // waits for them
-  host_blkdev_reset_stats(fs.devvp());
-  std::vector<char> buf(64 * 4096);
-  ASSERT_EQ(fs.read(f, 0, buf.data(), buf.size()), 0);
-  EXPECT_EQ(host_test::devstats(fs.devvp()).reads, 0u);
 }
 
 }  // namespace

@@ -89,7 +89,8 @@ TEST_F(NameCacheTest, PositiveEntries) {
   host_test::discard(never);
 }
 
-// Negative entries answer lookups and deletes, not a create or rename of the last name.
+// Negative entries answer lookups and deletes, not a create or rename of the last name;
+// the cache is bounded.
 TEST_F(NameCacheTest, NegativeEntries) {
   enter("missing", nullptr);
   vnode_t vp = nullptr;
@@ -108,6 +109,20 @@ TEST_F(NameCacheTest, NegativeEntries) {
   EXPECT_EQ(lookup("missing", &vp), 0);
   EXPECT_EQ(lookup("n2", &vp), 0);
   EXPECT_EQ(hit("a"), a);
+
+  // The cache is bounded, least recently used first out.
+  host_namecache_set_limit(0);  // empty, so that only these entries count
+  EXPECT_EQ(host_namecache_count(), 0u);
+  host_namecache_set_limit(3);
+  enter("n1", nullptr);
+  enter("n2", nullptr);
+  enter("n3", nullptr);
+  EXPECT_EQ(lookup("n1", &vp), ENOENT);  // n1 is now the most recent
+  enter("n4", nullptr);
+  EXPECT_EQ(host_namecache_count(), 3u);
+  EXPECT_EQ(lookup("n2", &vp), 0) << "the least recently used entry survived";
+  EXPECT_EQ(lookup("n1", &vp), ENOENT);
+  EXPECT_EQ(lookup("n4", &vp), ENOENT);
 }
 
 // Purges drop the entries naming a vnode and those inside it; so does a reclaim.
@@ -130,22 +145,6 @@ TEST_F(NameCacheTest, PurgeAndReclaimDropEntries) {
   vnode_t vp = nullptr;
   EXPECT_EQ(lookup("c", &vp), 0);
   EXPECT_EQ(vp, nullptr);
-}
-
-TEST_F(NameCacheTest, BoundedLeastRecentlyUsedFirst) {
-  host_namecache_set_limit(0);  // empty, so that only this test's entries count
-  EXPECT_EQ(host_namecache_count(), 0u);
-  host_namecache_set_limit(3);
-  enter("n1", nullptr);
-  enter("n2", nullptr);
-  enter("n3", nullptr);
-  vnode_t vp = nullptr;
-  EXPECT_EQ(lookup("n1", &vp), ENOENT);  // n1 is now the most recent
-  enter("n4", nullptr);
-  EXPECT_EQ(host_namecache_count(), 3u);
-  EXPECT_EQ(lookup("n2", &vp), 0) << "the least recently used entry survived";
-  EXPECT_EQ(lookup("n1", &vp), ENOENT);
-  EXPECT_EQ(lookup("n4", &vp), ENOENT);
 }
 
 // A hit racing reclaims always carries a live vnode of the right file.

@@ -1,5 +1,5 @@
-// The page cache proper: page lists, sizes, mapped access, the page-out
-// role and the pool's bound.
+// The page cache proper: page lists, sizes, mapped access and the page-out
+// role.
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -8,17 +8,13 @@
 #include <vector>
 
 #include "blockmapfs.h"
-#include "host/blkdev.h"
 #include "host/cluster.h"
-#include "host/kern.h"
 #include "host/malloc.h"
 #include "host/ubc.h"
 #include "host/uio.h"
 #include "host_test_util.h"
 
 namespace {
-
-using host_test::PoolLimit;
 
 class UbcTest : public ::testing::Test {
  protected:
@@ -37,7 +33,8 @@ class UbcTest : public ::testing::Test {
   bmfs_file* f = nullptr;
 };
 
-// Catches lists holding resident pages for a page-in, clean ones for a page-out.
+// Catches lists holding resident pages for a page-in, clean ones for a page-out, and
+// failures that leave busy pages behind.
 TEST_F(UbcTest, ListsHoldExactlyTheAbsentOrDirtyPages) {
   upl_t upl;
   upl_page_info_t* pl;
@@ -45,7 +42,6 @@ TEST_F(UbcTest, ListsHoldExactlyTheAbsentOrDirtyPages) {
   for (int i = 0; i < 8; i++) {
     bool absent = i != 1 && i != 2 && i != 4;
     EXPECT_EQ(upl_page_present(pl, i), absent) << i;
-    EXPECT_FALSE(upl_valid_page(pl, i)) << i;
   }
   EXPECT_EQ(host_ubc_vnode_pages(f->vp), 8u) << "absent pages are entered busy";
   ubc_upl_abort(upl, UPL_ABORT_FREE_ON_EMPTY);
@@ -56,9 +52,18 @@ TEST_F(UbcTest, ListsHoldExactlyTheAbsentOrDirtyPages) {
     EXPECT_EQ(upl_page_present(pl, i), i == 4) << i;
     EXPECT_EQ(upl_dirty_page(pl, i), i == 4) << i;
   }
-  EXPECT_TRUE(upl_valid_page(pl, 4));
   ASSERT_EQ(ubc_upl_abort_range(upl, 0, 8 * 4096, UPL_ABORT_FREE_ON_EMPTY), 0);
   EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 1u) << "abort leaves the page dirty";
+
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, nullptr, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT),
+            ENOMEM);
+  host_malloc_fail_nth(0);
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
+  EXPECT_EQ(ubc_create_upl(f->vp, 100, 4096, &upl, nullptr, 0), EINVAL) << "unaligned";
+  uintptr_t addr;
+  EXPECT_EQ(ubc_page_fault(f->vp, 9 * 4096, 0, &addr), EINVAL) << "past the end";
+  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
 }
 
 // Catches readers let at a page a list still holds (half filled).
@@ -72,32 +77,14 @@ TEST_F(UbcTest, PagesInAListAreBusyUntilCommitted) {
     uio_addiov(uio, reinterpret_cast<user_addr_t>(&b), 1);
     EXPECT_EQ(cluster_read(f->vp, uio, 8 * 4096, 0), 0);
     uio_free(uio);
-    EXPECT_EQ(b, 0x66);
+    EXPECT_EQ(b, 0x44);
     done = true;
   });
   usleep(50000);
   EXPECT_FALSE(done.load()) << "a reader waits for a busy page";
-  uintptr_t addr;
-  ASSERT_EQ(ubc_upl_map(upl, &addr), 0);
-  *reinterpret_cast<char*>(addr) = 0x66;
-  ASSERT_EQ(ubc_upl_unmap(upl), 0);
   ASSERT_EQ(ubc_upl_commit_range(upl, 0, 4096, UPL_COMMIT_SET_DIRTY), 0);
   reader.join();
   ubc_upl_abort(upl, 0);  // an empty list is still freed by a whole abort
-}
-
-// Catches failures that leave busy pages behind (later readers would hang).
-TEST_F(UbcTest, FailuresLeaveThePagesAsTheyWere) {
-  upl_t upl;
-  host_malloc_fail_nth(1);
-  EXPECT_EQ(ubc_create_upl(f->vp, 0, 8 * 4096, &upl, nullptr, UPL_UBC_PAGEIN | UPL_RET_ONLY_ABSENT),
-            ENOMEM);
-  host_malloc_fail_nth(0);
-  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
-  EXPECT_EQ(ubc_create_upl(f->vp, 100, 4096, &upl, nullptr, 0), EINVAL) << "unaligned";
-  uintptr_t addr;
-  EXPECT_EQ(ubc_page_fault(f->vp, 9 * 4096, 0, &addr), EINVAL) << "past the end";
-  EXPECT_EQ(host_ubc_vnode_pages(f->vp), 3u);
 }
 
 // Catches a shrink that keeps pages past the end or stale bytes a growth exposes.
@@ -114,11 +101,20 @@ TEST_F(UbcTest, ShrinkingDropsPagesAndZeroesThePartialTail) {
   ASSERT_EQ(fs.read(f, 4096, buf, sizeof buf), 0);
   EXPECT_EQ(buf[9], 0x11);
   for (int i = 10; i < 4096; i++) ASSERT_EQ(buf[i], 0) << i;
+
+  // A page still mapped survives the truncate until unpinned (ASan shows a use after free).
+  uintptr_t addr;
+  ASSERT_EQ(ubc_page_fault(f->vp, 7 * 4096, 1, &addr), 0);
+  ubc_setsize(f->vp, 4096);
+  memset(reinterpret_cast<char*>(addr), 1, 4096);
+  ubc_page_dirty(f->vp, 7 * 4096);
+  ubc_page_unpin(f->vp, 7 * 4096);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
 }
 
 // --- Mapped access and the page-out role -------------------------------------------------
 
-// Catches faults that bypass pagein or page in twice, msync missing dirty pages.
+// Catches faults that bypass pagein or page in twice, msync or reclaim missing dirty pages.
 TEST_F(UbcTest, FaultsPageInThroughTheFileSystemAndMsyncPagesOut) {
   uintptr_t addr;
   ASSERT_EQ(ubc_page_fault(f->vp, 6 * 4096 + 17, 1, &addr), 0);
@@ -140,49 +136,16 @@ TEST_F(UbcTest, FaultsPageInThroughTheFileSystemAndMsyncPagesOut) {
   std::vector<char> d = fs.on_device(f);
   EXPECT_EQ(d[6 * 4096 + 100], 0x77);
   EXPECT_EQ(d[4 * 4096], 0x44);
-}
 
-// Catches a truncate that frees a page still mapped (a use after free under ASan).
-TEST_F(UbcTest, APinnedPageSurvivesTruncationUntilUnpinned) {
-  uintptr_t addr;
-  ASSERT_EQ(ubc_page_fault(f->vp, 7 * 4096, 1, &addr), 0);
-  ubc_setsize(f->vp, 4096);
-  memset(reinterpret_cast<char*>(addr), 1, 4096);  // still mapped memory
-  ubc_page_dirty(f->vp, 7 * 4096);
-  ubc_page_unpin(f->vp, 7 * 4096);
-  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
-}
-
-// Catches a reclaim that drops dirty pages unwritten.
-TEST_F(UbcTest, ReclaimPushesDirtyPagesThroughPageout) {
+  // A reclaim pushes what is dirty through pageout.
+  ASSERT_EQ(ubc_page_fault(f->vp, 3 * 4096, 1, &addr), 0);
+  memset(reinterpret_cast<char*>(addr), 0x33, 4096);
+  ubc_page_dirty(f->vp, 3 * 4096);
+  ubc_page_unpin(f->vp, 3 * 4096);
+  int pageouts = f->pageouts.load();
   fs.release(f);
-  EXPECT_GE(f->pageouts.load(), 1);
-  EXPECT_EQ(fs.on_device(f)[4 * 4096], 0x44);
-}
-
-// Catches a pool over its bound, or mapped dirty pages evicted without a pageout.
-TEST_F(UbcTest, EvictionOfMappedDirtyPagesGoesThroughPageoutAndLosesNothing) {
-  PoolLimit limit(8 * 4096);
-  const int npages = 64;
-  bmfs_file* g = fs.create(npages * 4096, {{1000, npages}});
-  std::vector<char> model(npages * 4096, 0);
-  for (int i = 0; i < npages; i++) {
-    uintptr_t addr;
-    ASSERT_EQ(ubc_page_fault(g->vp, off_t(i) * 4096, 1, &addr), 0);
-    memset(reinterpret_cast<char*>(addr), char(i + 1), 4096);
-    memset(model.data() + i * 4096, char(i + 1), 4096);
-    ubc_page_dirty(g->vp, off_t(i) * 4096);
-    ubc_page_unpin(g->vp, off_t(i) * 4096);
-  }
-  // The page-out thread catches up without any call from us.
-  host_test::eventually([] { return host_ubc_resident_bytes() <= 8 * 4096; });
-  EXPECT_LE(host_ubc_resident_bytes(), size_t(8 * 4096));
-  EXPECT_GT(g->pageouts.load(), 0);
-  ASSERT_EQ(ubc_msync(g->vp, 0, npages * 4096, nullptr, UBC_PUSHDIRTY | UBC_SYNC), 0);
-  EXPECT_TRUE(fs.on_device(g) == model);
-  std::vector<char> back(model.size());
-  ASSERT_EQ(fs.read(g, 0, back.data(), back.size()), 0);
-  EXPECT_TRUE(back == model);
+  EXPECT_GT(f->pageouts.load(), pageouts);
+  EXPECT_EQ(fs.on_device(f)[3 * 4096], 0x33);
 }
 
 }  // namespace

@@ -25,8 +25,7 @@ VOPFUNC* tinyfs_vnodeop_p;
 tinyfs_mount* tm_of(mount_t mp) { return static_cast<tinyfs_mount*>(vfs_fsprivate(mp)); }
 tinyfs_mount* tm_of(vnode_t vp) { return tm_of(vnode_mount(vp)); }
 
-tinyfs_node* new_node(tinyfs_mount* tm, enum vtype type, const std::string& name,
-                      tinyfs_node* parent) {
+tinyfs_node* new_node(enum vtype type, const std::string& name, tinyfs_node* parent) {
   auto* n = new tinyfs_node{type, name, parent, {}, false, nullptr, 0};
   if (parent != nullptr) parent->children[name] = n;
   return n;
@@ -42,21 +41,19 @@ void free_tree(tinyfs_node* n) {
 // progress (vnode_getwithvid does) and tries again.
 int get_vnode_locked(std::unique_lock<std::mutex>& lk, tinyfs_mount* tm, mount_t mp,
                      tinyfs_node* node, vnode_t dvp, struct componentname* cnp, vnode_t* vpp) {
+  bool enter = cnp != nullptr && (cnp->cn_flags & MAKEENTRY) && dvp != nullptr;
   while (node->vp != nullptr) {
     vnode_t vp = node->vp;
     uint32_t vid = node->vid;
     lk.unlock();
     int error = vnode_getwithvid(vp, vid);
-    if (error == 0 && cnp != nullptr && (cnp->cn_flags & MAKEENTRY) && dvp != nullptr) {
-      cache_enter(dvp, vp, cnp);
-    }
+    if (error == 0 && enter) cache_enter(dvp, vp, cnp);
     lk.lock();
     if (error == 0) {
       *vpp = vp;
       return 0;
     }
   }
-  bool enter = cnp != nullptr && (cnp->cn_flags & MAKEENTRY) && dvp != nullptr;
   struct vnode_fsparam p = {};
   p.vnfs_mp = mp;
   p.vnfs_vtype = node->type;
@@ -96,8 +93,6 @@ int t_lookup(void* v) {
   auto it = dir->children.find(name_of(cnp));
   if (it == dir->children.end()) {
     lk.unlock();
-    bool creating = cnp->cn_nameiop == CREATE || cnp->cn_nameiop == RENAME;
-    if (creating && (cnp->cn_flags & ISLASTCN)) return EJUSTRETURN;
     if (cnp->cn_flags & MAKEENTRY) cache_enter(ap->a_dvp, nullptr, cnp);
     return ENOENT;
   }
@@ -110,7 +105,7 @@ int make_node(vnode_t dvp, vnode_t* vpp, struct componentname* cnp, enum vtype t
   std::unique_lock<std::mutex> lk(tm->lock);
   std::string name = name_of(cnp);
   if (dir->children.count(name)) return EEXIST;
-  tinyfs_node* n = new_node(tm, type, name, dir);
+  tinyfs_node* n = new_node(type, name, dir);
   int error = get_vnode_locked(lk, tm, vnode_mount(dvp), n, dvp, cnp, vpp);
   if (error != 0) {
     dir->children.erase(name);
@@ -205,8 +200,6 @@ void observe_mount_state(tinyfs_stats& s, mount_t mp) {
   s.saw_update = vfs_isupdate(mp);
   s.saw_rdonly = vfs_isrdonly(mp);
   s.saw_writeupgrade = vfs_iswriteupgrade(mp);
-  s.saw_reload = vfs_isreload(mp);
-  s.saw_force = vfs_isforce(mp);
 }
 
 int t_vfs_mount(mount_t mp, vnode_t devvp, user_addr_t data, vfs_context_t ctx) {
@@ -222,7 +215,7 @@ int t_vfs_mount(mount_t mp, vnode_t devvp, user_addr_t data, vfs_context_t ctx) 
   if (copy_error != 0) return copy_error;
   if (h.mount_error != 0) return h.mount_error;
   auto* tm = new tinyfs_mount;
-  tm->root = new_node(tm, VDIR, "", nullptr);
+  tm->root = new_node(VDIR, "", nullptr);
   observe_mount_state(tm->stats, mp);
   tm->stats.args_magic = args.magic;
   vfs_setfsprivate(mp, tm);
@@ -242,7 +235,6 @@ int t_vfs_unmount(mount_t mp, int mntflags, vfs_context_t ctx) {
   bool force = (mntflags & MNT_FORCE) != 0;
   if (!force && tinyfs_get_hooks().unmount_error != 0) return tinyfs_get_hooks().unmount_error;
   int error = vflush(mp, nullptr, force ? FORCECLOSE : 0);
-  tm->stats.unmount_vflush_error = error;
   if (error != 0 && !force) return error;
   vfs_setfsprivate(mp, nullptr);
   free_tree(tm->root);

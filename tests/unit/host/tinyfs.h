@@ -38,10 +38,8 @@ tinyfs_hooks& tinyfs_get_hooks(void);
 struct tinyfs_stats {
   std::atomic<int> fsync{0}, sync{0}, start{0};
   // Mount state observed during the last VFS_MOUNT call.
-  std::atomic<bool> saw_update{false}, saw_rdonly{false}, saw_writeupgrade{false},
-      saw_reload{false}, saw_force{false};
+  std::atomic<bool> saw_update{false}, saw_rdonly{false}, saw_writeupgrade{false};
   std::atomic<uint32_t> args_magic{0};  // the mount argument copied in, 0 without
-  std::atomic<int> unmount_vflush_error{0};
 };
 
 struct tinyfs_args {
