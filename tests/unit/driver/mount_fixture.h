@@ -12,6 +12,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -144,13 +145,14 @@ class MountedVolume {
   struct exfat_mount* xm = nullptr;
 };
 
-// The gtest fixture: a MountedVolume plus the module and leak checks.
 // A builder with the system entries every mountable volume needs.
 inline ImageBuilder mountable(Geometry g = {}) {
   ImageBuilder b(g);
   b.add_bitmap_entry().add_upcase_entry();
   return b;
 }
+
+// The gtest fixture: a MountedVolume plus the module and leak checks.
 
 class MountTest : public ::testing::Test, public MountedVolume {
  protected:
@@ -173,8 +175,23 @@ class MountTest : public ::testing::Test, public MountedVolume {
     EXPECT_EQ(baseline_vnodes_ + (devvp != nullptr ? 1 : 0), host_vnode_count()) << what;
   }
 
+  // Mounts a mountable() volume of geometry g once `edit` changed the
+  // builder and `patch` the image; built_ keeps the builder's layout.
+  void mount_volume(const Geometry& g, const std::function<void(ImageBuilder&)>& edit = {},
+                    const std::function<void(std::vector<uint8_t>&)>& patch = {}) {
+    built_ = mountable(g);
+    if (edit)
+      edit(built_);
+    std::vector<uint8_t> image = built_.build();
+    if (patch)
+      patch(image);
+    ASSERT_EQ(0, load(image));
+    ASSERT_EQ(0, mount());
+  }
+
   DriverMemory baseline_memory_;
   int baseline_vnodes_ = 0;
+  ImageBuilder built_;
 };
 
 }  // namespace exvol::test

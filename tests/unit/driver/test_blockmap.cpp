@@ -32,15 +32,6 @@ Extent extent_of(const struct exfat_node& n) {
 
 class BlockmapTest : public MountTest {
  protected:
-  void mount_volume(const std::function<void(ImageBuilder&)>& edit = {}, Geometry g = {}) {
-    ImageBuilder b(g);
-    b.add_bitmap_entry().add_upcase_entry();
-    if (edit)
-      edit(b);
-    ASSERT_EQ(0, load(b.build()));
-    ASSERT_EQ(0, mount());
-  }
-
   // A node that has only what block mapping looks at.
   struct exfat_node node(uint32_t start, uint64_t size, bool contiguous = false) {
     struct exfat_node n {};
@@ -104,7 +95,7 @@ void five_cluster_chain(ImageBuilder& b) {
 }
 
 TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
-  mount_volume(five_cluster_chain);
+  mount_volume({}, five_cluster_chain);
   struct exfat_node n = node(10, 5 * kClusterSize);
   uint64_t sector = 0, bytes = 0;
   uint32_t cluster = 0;
@@ -145,7 +136,7 @@ TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
 }
 
 TEST_F(BlockmapTest, IndexesPastTheDataAreE2BIG) {
-  mount_volume(five_cluster_chain);
+  mount_volume({}, five_cluster_chain);
   uint64_t sector = 0;
 
   // The chain is longer than the size says.
@@ -167,7 +158,7 @@ TEST_F(BlockmapTest, IndexesPastTheDataAreE2BIG) {
 // A contiguous file of two clusters holding 1000 valid bytes.
 TEST_F(BlockmapTest, ReadsPastTheValidDataAreHolesAndWritesAreNot) {
   uint32_t offset = 0, cluster = 0;
-  mount_volume([&](ImageBuilder& b) {
+  mount_volume({}, [&](ImageBuilder& b) {
     cluster = b.allocate(2, Alloc::Contiguous);
     FileDesc s;
     s.name = u"valid1000";

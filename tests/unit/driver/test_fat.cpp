@@ -34,19 +34,6 @@ constexpr uint8_t kSentinel = 0xA5;
 
 class FatTest : public MountTest {
  protected:
-  // Mounts a standard volume of geometry g; `edit` may change the builder
-  // (FAT chains) before the image is made.
-  void mount_volume(const Geometry& g, const std::function<void(ImageBuilder&)>& edit = {}) {
-    ImageBuilder b(g);
-    b.add_bitmap_entry().add_upcase_entry();
-    if (edit)
-      edit(b);
-    std::vector<uint8_t> image = b.build();
-    fat_byte_offset_ = b.fat_byte_offset();
-    ASSERT_EQ(0, load(image));
-    ASSERT_EQ(0, mount());
-  }
-
   uint32_t get(uint32_t cluster) {
     uint32_t value = 0;
     EXPECT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET, xm, cluster, &value, 0));
@@ -58,13 +45,12 @@ class FatTest : public MountTest {
 
   // The FAT entry of `cluster` as stored on the device.
   uint32_t disk_entry(uint32_t cluster) {
-    return le32dec(read_device(fat_byte_offset_ + 4ull * cluster, 4).data());
+    return le32dec(read_device(built_.fat_byte_offset() + 4ull * cluster, 4).data());
   }
 
   // Writes the FAT cache and the FAT vnode's pages to the device.
   void fsync_fat() { ASSERT_EQ(0, VNOP_FSYNC(xm->xm_fat_vp, MNT_WAIT, vfs_context_kernel())); }
 
-  uint64_t fat_byte_offset_ = 0;
 };
 
 // A stand-in node for the walks that only look at the allocation fields.
@@ -131,20 +117,15 @@ TEST_F(FatTest, CacheWritesBackADirtyBlockBeforeMovingAndEntriesAreLittleEndian)
   fsync_fat();
   EXPECT_EQ(0x01020304u, disk_entry(40));
   EXPECT_EQ((std::vector<uint8_t>{0x04, 0x03, 0x02, 0x01}),
-            read_device(fat_byte_offset_ + 40 * 4, 4));
+            read_device(built_.fat_byte_offset() + 40 * 4, 4));
 }
 
 // Only the short last block's FAT bytes are written; the FAT vnode doesn't grow.
 TEST_F(FatTest, ShortLastBlockIsWrittenWithoutTouchingWhatFollowsTheFat) {
-  Geometry g = two_block_fat();
-  ImageBuilder b(g);
-  b.add_bitmap_entry().add_upcase_entry();
-  std::vector<uint8_t> image = b.build();
-  fat_byte_offset_ = b.fat_byte_offset();
-  const uint64_t fat_end = fat_byte_offset_ + 5120;
-  std::memset(image.data() + fat_end, kSentinel, 6 * 512);
-  ASSERT_EQ(0, load(image));
-  ASSERT_EQ(0, mount());
+  const uint64_t fat_end = mountable(two_block_fat()).fat_byte_offset() + 5120;
+  mount_volume(two_block_fat(), {}, [&](std::vector<uint8_t>& image) {
+    std::memset(image.data() + fat_end, kSentinel, 6 * 512);
+  });
   ASSERT_EQ(5120u, xm->xm_fat_size);
 
   // The highest cluster's entry lies in the short block.

@@ -215,7 +215,7 @@ class Unmount : public MountTest {};
 // A read-only mount and unmount leave every byte as it was.
 TEST_F(Unmount, ReadOnlyUnmountWritesNothing) {
   ImageBuilder b = mountable();
-  b.volume_flags(0x0008).percent_in_use(40);
+  b.volume_flags(0x0008).boot_field(112, 40, 1);  // PercentInUse
   std::vector<uint8_t> image = b.build();
   ASSERT_EQ(0, load(image));
   ASSERT_EQ(0, mount(MNT_RDONLY));
