@@ -14,6 +14,8 @@
 #include <cstdio>
 #include <functional>
 #include <mutex>
+#include <chrono>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -61,6 +63,37 @@ inline std::array<uint8_t, 24> exfat_mount_args(uint16_t mask = 0755, int32_t se
   le16enc(&a[12], mask);
   le32enc(&a[16], static_cast<uint32_t>(seconds_west));
   return a;
+}
+
+// Waits (briefly sleeping) until pred holds; false after about 10 seconds.
+template <typename Pred>
+bool wait_for(Pred pred) {
+  for (int i = 0; i < 10000; i++) {
+    if (pred())
+      return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
+}
+
+// Whether a delayed metadata flush is armed and has not run yet.
+inline bool flush_pending(struct exfat_mount* xm) {
+  lck_mtx_lock(xm->xm_meta_lock);
+  bool pending = (xm->xm_meta_state & META_SCHEDULED) != 0;
+  lck_mtx_unlock(xm->xm_meta_lock);
+  return pending;
+}
+
+// A node's extent cache.
+struct Extent {
+  uint32_t cluster, index, length;
+  bool operator==(const Extent&) const = default;
+};
+inline std::ostream& operator<<(std::ostream& os, const Extent& e) {
+  return os << "{" << e.cluster << ", " << e.index << ", " << e.length << "}";
+}
+inline Extent extent_of(const struct exfat_node* n) {
+  return {n->x_extent_cluster, n->x_extent_index, n->x_extent_length};
 }
 
 // The volume UUID as the usual upper-case string.
@@ -124,6 +157,11 @@ class MountedVolume {
   // The whole boot sector's VolumeFlags and PercentInUse as on the device.
   uint16_t disk_volume_flags() const { return le16dec(read_device(106, 2).data()); }
   uint8_t disk_percent_in_use() const { return read_device(112, 1)[0]; }
+  host_devstats stats() const {
+    host_devstats s{};
+    host_blkdev_stats(devvp, &s);
+    return s;
+  }
 
   // Unmounts (forced when needed) and closes the device.
   void release() {

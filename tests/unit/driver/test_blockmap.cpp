@@ -18,18 +18,6 @@ namespace {
 
 constexpr uint32_t kClusterSize = 4096;  // default geometry: 512-byte sectors, 8 per cluster
 
-struct Extent {
-  uint32_t cluster, index, length;
-  bool operator==(const Extent&) const = default;
-};
-std::ostream& operator<<(std::ostream& os, const Extent& e) {
-  return os << "{" << e.cluster << ", " << e.index << ", " << e.length << "}";
-}
-
-Extent extent_of(const struct exfat_node& n) {
-  return {n.x_extent_cluster, n.x_extent_index, n.x_extent_length};
-}
-
 class BlockmapTest : public MountTest {
  protected:
   // A node that has only what block mapping looks at.
@@ -104,14 +92,14 @@ TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
   EXPECT_EQ(11u, cluster);
   EXPECT_EQ(sector_of(11), sector);
   EXPECT_EQ(2u * kClusterSize, bytes);
-  EXPECT_EQ((Extent{10, 0, 3}), extent_of(n));
+  EXPECT_EQ((Extent{10, 0, 3}), extent_of(&n));
 
   // Cluster 10's entry is damaged now: only a walk from the start sees it.
   ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, 10, nullptr, 0));
   ASSERT_EQ(0, exfat_blockmap(&n, 3, 1, &sector, &cluster, &bytes));
   EXPECT_EQ(20u, cluster);
   EXPECT_EQ(kClusterSize, bytes);
-  EXPECT_EQ((Extent{20, 3, 2}), extent_of(n)) << "continued from cluster 12's entry";
+  EXPECT_EQ((Extent{20, 3, 2}), extent_of(&n)) << "continued from cluster 12's entry";
 
   forget_fat_cache();
   ASSERT_EQ(0, exfat_blockmap(&n, 4, 4, &sector, &cluster, &bytes));
@@ -123,7 +111,7 @@ TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
   // whose entry now ends its run after one cluster.
   ASSERT_EQ(0, exfat_blockmap(&n, 0, 1, &sector, &cluster, &bytes));
   EXPECT_EQ(10u, cluster);
-  EXPECT_EQ((Extent{10, 0, 1}), extent_of(n));
+  EXPECT_EQ((Extent{10, 0, 1}), extent_of(&n));
 
   // Going on from there meets the damaged link: corruption, no message, and
   // the cache stays as it was.
@@ -131,7 +119,7 @@ TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
   EXPECT_EQ(EIO, exfat_blockmap(&n, 1, 1, &sector, &cluster, &bytes));
   EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
   EXPECT_TRUE(log.lines().empty());
-  EXPECT_EQ((Extent{10, 0, 1}), extent_of(n));
+  EXPECT_EQ((Extent{10, 0, 1}), extent_of(&n));
   xm->xm_flags &= ~XM_CORRUPT;
 }
 

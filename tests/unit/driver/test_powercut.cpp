@@ -151,12 +151,8 @@ class PowerCut : public NamespaceTest {
 
   // Waits until no delayed metadata flush is pending or running.
   void wait_for_delayed_flush() {
-    EXPECT_TRUE(wait_for([&] {
-      lck_mtx_lock(xm->xm_meta_lock);
-      bool pending = (xm->xm_meta_state & META_SCHEDULED) != 0;
-      lck_mtx_unlock(xm->xm_meta_lock);
-      return !pending;
-    })) << "the delayed metadata flush never ran";
+    EXPECT_TRUE(wait_for([&] { return !flush_pending(xm); }))
+        << "the delayed metadata flush never ran";
   }
 
   // Before the cut everything must succeed; after it any errno will do.

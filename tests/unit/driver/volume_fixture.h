@@ -11,8 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <chrono>
-#include <thread>
 #include <string>
 #include <vector>
 
@@ -44,17 +42,6 @@ inline bool all_zero(const std::vector<uint8_t>& v, size_t from = 0, size_t to =
     if (v[i] != 0)
       return false;
   return true;
-}
-
-// Waits (briefly sleeping) until pred holds; false after about 10 seconds.
-template <typename Pred>
-bool wait_for(Pred pred) {
-  for (int i = 0; i < 10000; i++) {
-    if (pred())
-      return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
 }
 
 // An I/O reference on a vnode, released at scope exit.
@@ -250,11 +237,6 @@ class VolumeTest : public MountTest {
   void settle() {
     exfat_meta_flush_internal(xm, 1);
     host_blkdev_reset_stats(devvp);
-  }
-  host_devstats stats() {
-    host_devstats s{};
-    host_blkdev_stats(devvp, &s);
-    return s;
   }
 
   // The clusters of the builder's volume nobody owns yet.
