@@ -3,15 +3,7 @@
 // region rejections are in test_mount.cpp; EXVOL_FUZZ_SEED and
 // EXVOL_FUZZ_VARIANTS steer the random damage.
 
-#include <csignal>
-#include <cstdlib>
-#include <random>
-
-#if __has_include(<sanitizer/common_interface_defs.h>)
-#include <sanitizer/common_interface_defs.h>
-#define EXVOL_HAVE_SANITIZER_DEATH_CALLBACK 1
-#endif
-
+#include "damage.h"
 #include "mount_fixture.h"
 #include "tests/support/image_builder.h"
 
@@ -70,28 +62,6 @@ TEST_F(FailedMount, EachRootScanRejectionUnwinds) {
   }
 }
 
-TEST_F(FailedMount, ReadErrorsOnEachStructureUnwind) {
-  ImageBuilder b = mountable();
-  b.add_label(u"IOERR");
-  std::vector<uint8_t> image = b.build();
-  struct Case {
-    const char* what;
-    uint64_t byte;
-  } cases[] = {
-      {"boot region", 0},
-      {"FAT", b.fat_byte_offset()},
-      {"root directory", b.cluster_byte_offset(b.root().first_cluster)},
-      {"bitmap", b.cluster_byte_offset(b.bitmap_cluster())},
-      {"up-case table", b.cluster_byte_offset(b.upcase_cluster())},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    host_memdev_faults faults;
-    faults.fail_read_bytes = {c.byte};
-    expect_unwound(image, EIO, &faults);
-  }
-}
-
 // Every allocation a mount makes, failed in turn: the mount fails with an
 // errno and leaves nothing, or (an optional allocation) succeeds.
 TEST_F(FailedMount, EveryAllocationFailureUnwinds) {
@@ -127,38 +97,11 @@ TEST_F(FailedMount, EveryAllocationFailureUnwinds) {
   }
 }
 
-namespace {
-
-// What a crash report says about the variant being mounted.
-char g_fuzz_case[128];
-
-void print_fuzz_case() {
-  fprintf(stderr, "\ndamaged-volume test: crashed on %s\n", g_fuzz_case);
-}
-
-void on_abort(int) {
-  print_fuzz_case();
-  signal(SIGABRT, SIG_DFL);
-  raise(SIGABRT);
-}
-
-struct Region {
-  const char* name;
-  uint64_t offset;
-  uint64_t length;
-};
-
-}  // namespace
-
 class DamagedVolume : public MountTest {};
 
 TEST_F(DamagedVolume, MountsOrFailsWithAnErrnoNeverCrashes) {
-  uint32_t seed = 20240601;
-  if (const char* s = getenv("EXVOL_FUZZ_SEED"))
-    seed = static_cast<uint32_t>(strtoul(s, nullptr, 0));
-  int variants = 4000;
-  if (const char* s = getenv("EXVOL_FUZZ_VARIANTS"))
-    variants = atoi(s);
+  const uint32_t seed = env_or("EXVOL_FUZZ_SEED", 20240601);
+  const int variants = static_cast<int>(env_or("EXVOL_FUZZ_VARIANTS", 4000));
 
   ImageBuilder b(Geometry{.cluster_shift = 0, .cluster_count = 200, .root_clusters = 2});
   b.add_bitmap_entry().add_upcase_entry().add_label(u"DAMAGED");
@@ -177,20 +120,15 @@ TEST_F(DamagedVolume, MountsOrFailsWithAnErrnoNeverCrashes) {
   };
 
   std::mt19937 rng(seed);
-  signal(SIGABRT, on_abort);
-#ifdef EXVOL_HAVE_SANITIZER_DEATH_CALLBACK
-  __sanitizer_set_death_callback(print_fuzz_case);
-#endif
+  arm_crash_report(true);
   int mounted = 0;
   for (int i = 0; i < variants; i++) {
     std::vector<uint8_t> image = base;
-    const Region& r = regions[rng() % std::size(regions)];
-    int changes = 1 + static_cast<int>(rng() % 8);
-    for (int k = 0; k < changes; k++)
-      image[r.offset + rng() % r.length] = static_cast<uint8_t>(rng());
+    const Region& r = damage(image, regions, rng);
     uint64_t flags = (rng() & 1) ? MNT_RDONLY : 0;
-    snprintf(g_fuzz_case, sizeof(g_fuzz_case), "seed %u, variant %d (%s)", seed, i, r.name);
-    SCOPED_TRACE(g_fuzz_case);
+    snprintf(crash_case, sizeof(crash_case), "EXVOL_FUZZ_SEED=%u, variant %d (%s)", seed, i,
+             r.name);
+    SCOPED_TRACE(crash_case);
 
     ASSERT_EQ(0, load(image));
     KernLogCapture quiet;
@@ -207,7 +145,7 @@ TEST_F(DamagedVolume, MountsOrFailsWithAnErrnoNeverCrashes) {
       break;
     }
   }
-  signal(SIGABRT, SIG_DFL);
+  arm_crash_report(false);
   // Neither so heavy that nothing mounts nor so light that nothing fails.
   EXPECT_GT(mounted, variants / 10);
   EXPECT_LT(mounted, variants);

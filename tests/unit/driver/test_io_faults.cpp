@@ -2,8 +2,9 @@
 // bitmap, up-case table, directories, file data): every operation returns 0
 // or a positive errno, nothing of the driver is left after the unmount, and
 // the volume mounts again once the fault is gone. Where it matters the error
-// must be the right one: an unreadable directory is not empty, unreadable
-// data is EIO and not zeros, and a lost write reaches whoever waits for it.
+// must be the right one: a structure the mount reads fails it with EIO, an
+// unreadable directory is not empty, unreadable data is EIO and not zeros,
+// and a lost write reaches whoever waits for it.
 
 #include <gtest/gtest.h>
 
@@ -25,7 +26,8 @@ namespace {
 
 struct Region {
   const char* name;
-  uint64_t byte;  // a byte of the device inside the region
+  uint64_t byte;       // a byte of the device inside the region
+  bool mount_reads_it;  // unreadable, it fails every mount with EIO
 };
 
 }  // namespace
@@ -57,14 +59,17 @@ class IoFaults : public NamespaceTest {
 
   std::vector<Region> regions() {
     return {
-        {"boot sector", 0},
-        {"FAT block of the chained file", builder_.fat_byte_offset() + 4u * chain_.first_cluster},
-        {"bitmap", builder_.cluster_byte_offset(builder_.bitmap_cluster())},
-        {"up-case table", builder_.cluster_byte_offset(builder_.upcase_cluster())},
-        {"root directory", builder_.cluster_byte_offset(builder_.root().first_cluster)},
-        {"subdirectory", builder_.cluster_byte_offset(sub_.first_cluster)},
-        {"chained file's second cluster", builder_.cluster_byte_offset(chain_.first_cluster + 1)},
-        {"contiguous file", builder_.cluster_byte_offset(contig_.first_cluster)},
+        {"boot sector", 0, true},
+        {"first FAT block", builder_.fat_byte_offset(), true},
+        {"FAT block of the chained file", builder_.fat_byte_offset() + 4u * chain_.first_cluster,
+         false},
+        {"bitmap", builder_.cluster_byte_offset(builder_.bitmap_cluster()), true},
+        {"up-case table", builder_.cluster_byte_offset(builder_.upcase_cluster()), true},
+        {"root directory", builder_.cluster_byte_offset(builder_.root().first_cluster), true},
+        {"subdirectory", builder_.cluster_byte_offset(sub_.first_cluster), false},
+        {"chained file's second cluster", builder_.cluster_byte_offset(chain_.first_cluster + 1),
+         false},
+        {"contiguous file", builder_.cluster_byte_offset(contig_.first_cluster), false},
     };
   }
 
@@ -72,9 +77,11 @@ class IoFaults : public NamespaceTest {
   int mount_faulty(const host_memdev_faults& faults, uint64_t flags) {
     EXPECT_EQ(0, load(image_));
     host_memdev_set_faults(devvp, faults);
+    int use = host_vnode_usecount(devvp);
     int error = mount(flags);
     if (error) {
       EXPECT_GT(error, 0);
+      EXPECT_EQ(use, host_vnode_usecount(devvp)) << "the device is released";
       expect_nothing_left("after a failed mount");
       return error;
     }
@@ -145,6 +152,8 @@ TEST_F(IoFaults, ErrorsAnywhereAreReturnedNeverFatal) {
       int error = mount_faulty(faults, m.flags);
       if (m.write_fault) {
         EXPECT_EQ(0, error) << "only reads decide whether a volume mounts";
+      } else if (r.mount_reads_it) {
+        EXPECT_EQ(EIO, error);
       }
       if (error != 0)
         continue;

@@ -31,16 +31,12 @@
 #include "tests/support/fsck.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/vnode_io.h"
+#include "tests/unit/driver/damage.h"
 #include "tests/unit/driver/namespace_fixture.h"
 
 using namespace exvol::test;
 
 namespace {
-
-uint32_t env_or(const char* name, uint32_t fallback) {
-  const char* s = getenv(name);
-  return s != nullptr ? static_cast<uint32_t>(strtoul(s, nullptr, 0)) : fallback;
-}
 
 enum class Device { WriteThrough, WriteCache };
 
