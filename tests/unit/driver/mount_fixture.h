@@ -96,6 +96,31 @@ inline Extent extent_of(const struct exfat_node* n) {
   return {n->x_extent_cluster, n->x_extent_index, n->x_extent_length};
 }
 
+// A stand-in node with only the allocation fields, for the walks that look
+// at nothing else.
+inline struct exfat_node stand_in_node(struct exfat_mount* xm, uint32_t start,
+                                       uint64_t size = 0) {
+  struct exfat_node n {};
+  n.x_mount = xm;
+  n.x_start_cluster = start;
+  n.x_size = size;
+  n.x_valid_size = size;
+  return n;
+}
+
+// Writes the FAT and bitmap caches back and forgets them, so that any later
+// access shows in their offsets.
+inline void forget_caches(struct exfat_mount* xm) {
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  EXPECT_EQ(0, exfat_bitmap_cache_flush(xm, 0));
+  xm->xm_bitmap_cache_offset = EXFAT_CACHE_NONE;
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  lck_mtx_lock(xm->xm_fat_lock);
+  EXPECT_EQ(0, exfat_fat_cache_flush(xm, 0));
+  xm->xm_fat_cache_offset = EXFAT_CACHE_NONE;
+  lck_mtx_unlock(xm->xm_fat_lock);
+}
+
 // The volume UUID as the usual upper-case string.
 inline std::string uuid_string(const uint8_t* u) {
   char s[37];

@@ -19,9 +19,7 @@ namespace {
 // 40,000 clusters of 512 bytes: a bitmap of 5,000 bytes, one full block
 // (clusters 2 .. 32,769) and a short one.
 Geometry two_block_bitmap() {
-  Geometry g = small_cluster_geometry();
-  g.cluster_count = 40000;
-  return g;
+  return Geometry{.cluster_shift = 0, .cluster_count = 40000};
 }
 
 class BitmapTest : public MountTest {

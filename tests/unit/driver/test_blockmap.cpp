@@ -20,31 +20,8 @@ constexpr uint32_t kClusterSize = 4096;  // default geometry: 512-byte sectors, 
 
 class BlockmapTest : public MountTest {
  protected:
-  // A node that has only what block mapping looks at.
-  struct exfat_node node(uint32_t start, uint64_t size, bool contiguous = false) {
-    struct exfat_node n {};
-    n.x_mount = xm;
-    n.x_start_cluster = start;
-    n.x_size = size;
-    n.x_valid_size = size;
-    if (contiguous) {
-      n.x_flags = X_CONTIGUOUS;
-      n.x_extent_cluster = start;
-      n.x_extent_length = static_cast<uint32_t>((size + kClusterSize - 1) / kClusterSize);
-    }
-    return n;
-  }
-
   uint64_t sector_of(uint32_t cluster) {
     return xm->xm_heap_offset + uint64_t(cluster - 2) * (kClusterSize / 512);
-  }
-
-  // Writes the FAT cache back and forgets it, so that any FAT access shows.
-  void forget_fat_cache() {
-    lck_mtx_lock(xm->xm_fat_lock);
-    ASSERT_EQ(0, exfat_fat_cache_flush(xm, 0));
-    xm->xm_fat_cache_offset = EXFAT_CACHE_NONE;
-    lck_mtx_unlock(xm->xm_fat_lock);
   }
 
   // The vnode of the file whose set is at `offset` in the root, with an I/O
@@ -84,7 +61,7 @@ void five_cluster_chain(ImageBuilder& b) {
 
 TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
   mount_volume({}, five_cluster_chain);
-  struct exfat_node n = node(10, 5 * kClusterSize);
+  struct exfat_node n = stand_in_node(xm, 10, 5 * kClusterSize);
   uint64_t sector = 0, bytes = 0;
   uint32_t cluster = 0;
 
@@ -101,7 +78,7 @@ TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
   EXPECT_EQ(kClusterSize, bytes);
   EXPECT_EQ((Extent{20, 3, 2}), extent_of(&n)) << "continued from cluster 12's entry";
 
-  forget_fat_cache();
+  forget_caches(xm);
   ASSERT_EQ(0, exfat_blockmap(&n, 4, 4, &sector, &cluster, &bytes));
   EXPECT_EQ(21u, cluster);
   EXPECT_EQ(kClusterSize, bytes);
@@ -128,13 +105,13 @@ TEST_F(BlockmapTest, IndexesPastTheDataAreE2BIG) {
   uint64_t sector = 0;
 
   // The chain is longer than the size says.
-  struct exfat_node shorter = node(10, 3 * kClusterSize - 1);
+  struct exfat_node shorter = stand_in_node(xm, 10, 3 * kClusterSize - 1);
   EXPECT_EQ(0, exfat_blockmap(&shorter, 2, 1, &sector, nullptr, nullptr));
   EXPECT_EQ(E2BIG, exfat_blockmap(&shorter, 3, 1, &sector, nullptr, nullptr));
 
   // The chain ends before the size says: not corruption.
   KernLogCapture log;
-  struct exfat_node longer = node(10, 6 * kClusterSize);
+  struct exfat_node longer = stand_in_node(xm, 10, 6 * kClusterSize);
   EXPECT_EQ(E2BIG, exfat_blockmap(&longer, 5, 1, &sector, nullptr, nullptr));
   EXPECT_FALSE(xm->xm_flags & XM_CORRUPT);
   EXPECT_TRUE(log.lines().empty());

@@ -65,18 +65,6 @@ class ChainTest : public VolumeTest {
     return error;
   }
 
-  // Writes both caches back and forgets them: any later access shows.
-  void forget_caches() {
-    lck_mtx_lock(xm->xm_bitmap_lock);
-    ASSERT_EQ(0, exfat_bitmap_cache_flush(xm, 0));
-    xm->xm_bitmap_cache_offset = EXFAT_CACHE_NONE;
-    lck_mtx_unlock(xm->xm_bitmap_lock);
-    lck_mtx_lock(xm->xm_fat_lock);
-    ASSERT_EQ(0, exfat_fat_cache_flush(xm, 0));
-    xm->xm_fat_cache_offset = EXFAT_CACHE_NONE;
-    lck_mtx_unlock(xm->xm_fat_lock);
-  }
-
   int fillers_ = 0;
 };
 
@@ -101,7 +89,7 @@ TEST_F(ChainGrowthTest, FirstAllocationAndGrowthInPlaceStayContiguous) {
   struct exfat_node* node = get_node(f);
   ASSERT_NE(nullptr, node);
   uint32_t free_before = xm->xm_free_clusters;
-  forget_caches();
+  forget_caches(xm);
 
   ASSERT_EQ(0, truncate(node, 10 * kCluster - 100));
   EXPECT_EQ(500u, node->x_start_cluster);

@@ -27,11 +27,8 @@ using namespace exvol::test;
 class DamagedWalk : public NamespaceTest {
  protected:
   DamagedWalk() {
-    Geometry g = small_cluster_geometry();
-    g.cluster_count = 200;
-    g.root_clusters = 2;
-    builder_ = ImageBuilder(g);
-    builder_.add_bitmap_entry().add_upcase_entry().add_label(u"WALK");
+    builder_ = mountable(Geometry{.cluster_shift = 0, .cluster_count = 200, .root_clusters = 2});
+    builder_.add_label(u"WALK");
     dir_ = builder_.mkdir(builder_.root(), u"dir", 2);
     Dir sub = builder_.mkdir(dir_, u"a subdirectory with a long name");
     builder_.add_file(sub, u"deep.txt", bytes("deep"));

@@ -22,12 +22,7 @@ namespace {
 // 1,200 clusters of 512 bytes: a FAT of one 4 KiB block and a short one of
 // 1 KiB, followed by six spare sectors that can hold a sentinel.
 Geometry two_block_fat() {
-  Geometry g;
-  g.sector_shift = 9;
-  g.cluster_shift = 0;
-  g.cluster_count = 1200;
-  g.heap_offset = 24 + 10 + 6;
-  return g;
+  return Geometry{.cluster_shift = 0, .cluster_count = 1200, .heap_offset = 24 + 10 + 6};
 }
 
 constexpr uint8_t kSentinel = 0xA5;
@@ -50,17 +45,7 @@ class FatTest : public MountTest {
 
   // Writes the FAT cache and the FAT vnode's pages to the device.
   void fsync_fat() { ASSERT_EQ(0, VNOP_FSYNC(xm->xm_fat_vp, MNT_WAIT, vfs_context_kernel())); }
-
 };
-
-// A stand-in node for the walks that only look at the allocation fields.
-struct exfat_node chained_node(struct exfat_mount* xm, uint32_t start, uint64_t size) {
-  struct exfat_node n {};
-  n.x_mount = xm;
-  n.x_start_cluster = start;
-  n.x_size = size;
-  return n;
-}
 
 // Clusters 0, 1 and past the heap are EIO and corruption; op 3 (get and set)
 // returns the old entry while storing the new one.
@@ -149,32 +134,32 @@ TEST_F(FatTest, FindLastClusterFollowsTheChainToAnyEndMark) {
   });
   const uint64_t bpc = xm->xm_bytes_per_cluster;
 
-  struct exfat_node a = chained_node(xm, 10, 0);
+  struct exfat_node a = stand_in_node(xm, 10);
   uint32_t last = 0;
   uint64_t bytes = 0;
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&a, &last, &bytes));
   EXPECT_EQ(12u, last);
   EXPECT_EQ(3 * bpc, bytes);
 
-  struct exfat_node b = chained_node(xm, 20, 0);
+  struct exfat_node b = stand_in_node(xm, 20);
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&b, &last, nullptr));
   EXPECT_EQ(21u, last);
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&b, nullptr, &bytes));
   EXPECT_EQ(2 * bpc, bytes);
 
-  struct exfat_node c = chained_node(xm, 30, 0);
+  struct exfat_node c = stand_in_node(xm, 30);
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&c, &last, &bytes));
   EXPECT_EQ(30u, last);
   EXPECT_EQ(bpc, bytes);
 
-  struct exfat_node empty = chained_node(xm, 0, 0);
+  struct exfat_node empty = stand_in_node(xm, 0);
   last = 99;
   bytes = 99;
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&empty, &last, &bytes));
   EXPECT_EQ(0u, last);
   EXPECT_EQ(0u, bytes);
 
-  struct exfat_node resumed = chained_node(xm, 40, 0);
+  struct exfat_node resumed = stand_in_node(xm, 40);
   resumed.x_extent_cluster = 40;
   resumed.x_extent_index = 0;
   resumed.x_extent_length = 3;  // 40, 41, 42
@@ -202,7 +187,7 @@ TEST_F(FatTest, FindLastClusterReportsCorruptChains) {
   };
   for (const auto& c : cases) {
     xm->xm_flags &= ~XM_CORRUPT;
-    struct exfat_node n = chained_node(xm, c.start, 0);
+    struct exfat_node n = stand_in_node(xm, c.start);
     uint32_t last = 77;
     uint64_t bytes = 77;
     KernLogCapture log;

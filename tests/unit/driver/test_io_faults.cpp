@@ -37,10 +37,7 @@ class IoFaults : public NamespaceTest {
   // A filler takes the first 1100 of 2048 clusters, so that the chained
   // file's FAT entries lie in a FAT page that mounting never reads.
   IoFaults() {
-    Geometry g = small_cluster_geometry();
-    g.cluster_count = 2048;
-    builder_ = ImageBuilder(g);
-    builder_.add_bitmap_entry().add_upcase_entry();
+    builder_ = mountable(Geometry{.cluster_shift = 0, .cluster_count = 2048});
     builder_.add_file(builder_.root(), u"filler", std::vector<uint8_t>(1100 * 512, 'f'));
     sub_ = builder_.mkdir(builder_.root(), u"d");
     builder_.add_file(sub_, u"a", pattern_bytes(0, 700, 1));

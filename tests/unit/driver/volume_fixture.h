@@ -77,17 +77,11 @@ inline std::vector<uint8_t> link_contents(const std::string& target) {
 }
 
 inline Geometry geometry_with_clusters(uint32_t cluster_count) {
-  Geometry g;
-  g.cluster_count = cluster_count;
-  return g;
+  return Geometry{.cluster_count = cluster_count};
 }
 // 512-byte sectors and clusters: 16 entries per directory cluster.
 inline Geometry small_cluster_geometry() {
-  Geometry g;
-  g.sector_shift = 9;
-  g.cluster_shift = 0;
-  g.cluster_count = 512;
-  return g;
+  return Geometry{.cluster_shift = 0, .cluster_count = 512};
 }
 
 class VolumeTest : public MountTest {
