@@ -9,58 +9,7 @@
 
 using namespace exvol::test;
 
-class FailedMount : public MountTest {
- protected:
-  // Mounts read-write and read-only; both must fail with `error` and leave
-  // nothing behind.
-  void expect_unwound(const std::vector<uint8_t>& image, int error,
-                      const host_memdev_faults* faults = nullptr) {
-    for (uint64_t flags : {uint64_t{0}, uint64_t{MNT_RDONLY}}) {
-      ASSERT_EQ(0, load(image));
-      if (faults != nullptr)
-        host_memdev_set_faults(devvp, *faults);
-      int use = host_vnode_usecount(devvp);
-      KernLogCapture quiet;
-      EXPECT_EQ(error, mount(flags)) << "flags " << flags;
-      EXPECT_EQ(use, host_vnode_usecount(devvp)) << "the device is released";
-      expect_nothing_left("after a failed mount");
-    }
-  }
-};
-
-TEST_F(FailedMount, EachRootScanRejectionUnwinds) {
-  {
-    SCOPED_TRACE("up-case checksum");
-    ImageBuilder b;
-    b.add_bitmap_entry().add_upcase_entry(1);
-    expect_unwound(b.build(), EIO);
-  }
-  {
-    SCOPED_TRACE("up-case too long");
-    ImageBuilder b;
-    b.add_bitmap_entry();
-    b.add_entry(b.root(), upcase_entry(0, b.upcase_cluster(), 0x20001));
-    expect_unwound(b.build(), EIO);
-  }
-  {
-    SCOPED_TRACE("up-case too short");
-    ImageBuilder b;
-    std::vector<uint8_t> data = upcase_items({0xFFFF, 0x1000});
-    b.set_upcase_data(data).add_bitmap_entry().add_upcase_entry();
-    expect_unwound(b.build(), EIO);
-  }
-  {
-    SCOPED_TRACE("bitmap entry with a cluster outside the heap");
-    ImageBuilder b;
-    b.add_entry(b.root(), bitmap_entry(0, 0x7FFFFFF0, b.bitmap_length()));
-    b.add_upcase_entry();
-    std::vector<uint8_t> image = b.build();
-    ASSERT_EQ(0, load(image));
-    KernLogCapture quiet;
-    EXPECT_NE(0, mount(MNT_RDONLY));
-    expect_nothing_left("after a bitmap outside the heap");
-  }
-}
+class FailedMount : public MountTest {};
 
 // Every allocation a mount makes, failed in turn: the mount fails with an
 // errno and leaves nothing, or (an optional allocation) succeeds.
