@@ -78,7 +78,8 @@ class BitmapTest : public MountTest {
   }
   bool disk_used(uint32_t cluster) {
     const uint32_t bit = cluster - 2;
-    return read_device(built_.cluster_byte_offset(built_.bitmap_cluster()) + bit / 8, 1)[0] & (1u << (bit % 8));
+    uint64_t at = built_.cluster_byte_offset(built_.bitmap_cluster()) + bit / 8;
+    return read_device(at, 1)[0] & (1u << (bit % 8));
   }
 
 };
