@@ -86,14 +86,14 @@ std::vector<uint8_t> upcase_items(const std::vector<uint16_t>& items) {
 
 // Identity stretches of two or more code units become 0xFFFF runs; the rest
 // are plain items. A plain 0xFFFF can only stand last, where it is ordinary.
-std::vector<uint8_t> compress_upcase(const std::vector<uint16_t>& table, bool use_runs) {
+std::vector<uint8_t> compress_upcase(const std::vector<uint16_t>& table) {
   if (table.size() != 65536)
     fail("compress_upcase: table must have 65536 entries");
   std::vector<uint16_t> items;
   uint32_t c = 0;
   while (c < 65536) {
     uint32_t run = 0;
-    while (use_runs && c + run < 65536 && table[c + run] == c + run && run < 0xFFFF)
+    while (c + run < 65536 && table[c + run] == c + run && run < 0xFFFF)
       run++;
     if (run >= 2) {
       items.push_back(0xFFFF);
@@ -133,13 +133,13 @@ std::vector<uint8_t> make_file_set(const FileDesc& desc, const std::vector<uint1
   put32(fe + 8, desc.timestamp);
   put32(fe + 12, desc.timestamp);
   put32(fe + 16, desc.timestamp);
-  fe[22] = fe[23] = fe[24] = desc.utc_offset;
+  fe[22] = fe[23] = fe[24] = 0x80;  // UTC
 
   uint8_t* st = set.data() + 32;
   st[0] = 0xC0;
   st[1] = static_cast<uint8_t>(0x01 | (desc.no_fat_chain ? 0x02 : 0));
-  st[3] = desc.name_length.value_or(static_cast<uint8_t>(len));
-  put16(st + 4, desc.name_hash.value_or(name_hash(desc.name, upcase)));
+  st[3] = static_cast<uint8_t>(len);
+  put16(st + 4, name_hash(desc.name, upcase));
   put64(st + 8, desc.valid_length.value_or(desc.data_length));
   put32(st + 20, desc.first_cluster);
   put64(st + 24, desc.data_length);
@@ -209,9 +209,9 @@ std::vector<uint8_t> bytes(const std::string& s) {
 
 // --- The builder ------------------------------------------------------------------
 
-ImageBuilder::ImageBuilder(Geometry geometry, Upcase upcase) : geometry_(geometry) {
+ImageBuilder::ImageBuilder(Geometry geometry) : geometry_(geometry) {
   upcase_table_ = ascii_upcase_table();
-  upcase_data_ = compress_upcase(upcase_table_, upcase == Upcase::Ascii);
+  upcase_data_ = compress_upcase(upcase_table_);
   layout();
 }
 
@@ -243,14 +243,12 @@ void ImageBuilder::layout() {
   Geometry& g = geometry_;
   if (g.sector_shift < 9 || g.sector_shift > 16 || g.sector_shift + g.cluster_shift > 25)
     fail("unsupported sector or cluster shift");
-  if (g.number_of_fats < 1 || g.number_of_fats > 2)
-    fail("number_of_fats must be 1 or 2");
   uint32_t bps = bytes_per_sector();
   if (g.fat_length == 0)
     g.fat_length = static_cast<uint32_t>(((g.cluster_count + 2ull) * 4 + bps - 1) / bps);
   if (g.heap_offset == 0) {
     uint32_t spc = 1u << g.cluster_shift;
-    uint32_t end = g.fat_offset + g.fat_length * g.number_of_fats;
+    uint32_t end = g.fat_offset + g.fat_length;
     g.heap_offset = (end + spc - 1) / spc * spc;
   }
   image_.assign(volume_sectors() * bps, 0);
@@ -307,11 +305,9 @@ uint32_t ImageBuilder::allocate(uint32_t count, Alloc alloc) {
 
 ImageBuilder& ImageBuilder::set_fat(uint32_t cluster, uint32_t value) {
   uint64_t entry = static_cast<uint64_t>(cluster) * 4;
-  uint64_t fat_bytes = static_cast<uint64_t>(geometry_.fat_length) * bytes_per_sector();
-  if (entry + 4 > fat_bytes)
+  if (entry + 4 > static_cast<uint64_t>(geometry_.fat_length) * bytes_per_sector())
     fail("FAT entry outside the FAT");
-  for (unsigned i = 0; i < geometry_.number_of_fats; i++)
-    put32(at(fat_byte_offset() + i * fat_bytes + entry), value);
+  put32(at(fat_byte_offset() + entry), value);
   return *this;
 }
 
@@ -328,11 +324,6 @@ bool ImageBuilder::allocated(uint32_t cluster) const {
 
 ImageBuilder& ImageBuilder::set_allocated(uint32_t cluster, bool used) {
   used_.at(cluster - 2) = used;
-  return *this;
-}
-
-ImageBuilder& ImageBuilder::override_bitmap_bit(uint32_t cluster, bool used) {
-  bitmap_overrides_[cluster] = used;
   return *this;
 }
 
@@ -520,7 +511,7 @@ void ImageBuilder::write_boot_region(std::vector<uint8_t>& image, uint64_t secto
   put16(bs + 104, 0x0100);
   bs[108] = static_cast<uint8_t>(g.sector_shift);
   bs[109] = static_cast<uint8_t>(g.cluster_shift);
-  bs[110] = g.number_of_fats;
+  bs[110] = 1;  // NumberOfFats
   bs[111] = 0x80;
   size_t used = static_cast<size_t>(std::count(used_.begin(), used_.end(), true));
   bs[112] = static_cast<uint8_t>(used * 100 / g.cluster_count);
@@ -543,15 +534,8 @@ void ImageBuilder::write_boot_region(std::vector<uint8_t>& image, uint64_t secto
 
 void ImageBuilder::write_bitmap(std::vector<uint8_t>& image) const {
   std::vector<uint8_t> bits(static_cast<size_t>(bitmap_length()), 0);
-  auto set_bit = [&](uint32_t cluster, bool on) {
-    uint32_t i = cluster - 2;
-    uint8_t mask = static_cast<uint8_t>(1u << (i % 8));
-    bits[i / 8] = static_cast<uint8_t>(on ? bits[i / 8] | mask : bits[i / 8] & ~mask);
-  };
   for (uint32_t i = 0; i < used_.size(); i++)
-    set_bit(i + 2, used_[i]);
-  for (const auto& [cluster, on] : bitmap_overrides_)
-    set_bit(cluster, on);
+    bits[i / 8] |= static_cast<uint8_t>(used_[i] ? 1u << (i % 8) : 0);
   uint32_t bpc = bytes_per_cluster();
   uint32_t cluster = bitmap_cluster_;
   for (size_t done = 0; done < bits.size(); done += bpc) {

@@ -13,11 +13,9 @@
 //   b.add_file(docs, u"a.txt", bytes("hello"));
 //   std::vector<uint8_t> image = b.build();
 //
-// build() writes what depends on the whole volume: the bitmap file from the
-// allocation state (then any deliberate bit overrides), the boot region and
-// its backup with their checksum (or a deliberately wrong one). FAT entries,
-// directory entries and file data are written as they are added. Misuse (a
-// directory that runs out of room, a volume out of clusters) throws
+// build() writes the bitmap file from the allocation state and the boot
+// region and its backup with their checksum (or a deliberately wrong one);
+// everything else is written as it is added. Misuse throws
 // std::runtime_error, which fails the calling test.
 
 #include <array>
@@ -39,7 +37,6 @@ struct Geometry {
   uint32_t fat_length = 0;       // sectors; 0 = just enough for cluster_count + 2 entries
   uint32_t heap_offset = 0;      // sectors; 0 = first cluster-aligned sector after the FAT
   uint32_t serial = 0x1234ABCD;
-  uint8_t number_of_fats = 1;
   uint32_t root_clusters = 1;    // clusters of the root directory's initial chain
 };
 
@@ -47,12 +44,6 @@ struct Geometry {
 enum class Alloc {
   Chain,       // linked through the FAT
   Contiguous,  // one run, NoFatChain set, FAT untouched
-};
-
-// What the compressed up-case table holds.
-enum class Upcase {
-  Ascii,       // identity except a-z -> A-Z, with identity runs
-  AsciiPlain,  // the same mapping as 65,536 plain items (no runs)
 };
 
 // A directory being filled: its clusters in order and the next free slot.
@@ -81,10 +72,7 @@ struct FileDesc {
   std::optional<uint64_t> valid_length;  // default: data_length
   bool no_fat_chain = false;
   uint32_t timestamp = (44u << 25) | (1u << 21) | (1u << 16);  // 2024-01-01 00:00:00
-  uint8_t utc_offset = 0x80;
   std::vector<Entry> extra_secondaries;  // appended after the name entries
-  std::optional<uint16_t> name_hash;     // default: the correct hash
-  std::optional<uint8_t> name_length;    // default: name.size()
 };
 
 // --- Entry-set bytes (free functions, usable without a builder) ------------------
@@ -97,9 +85,9 @@ void fix_set_checksum(std::vector<uint8_t>& set);
 uint16_t name_hash(const std::u16string& name, const std::vector<uint16_t>& upcase);
 // A full up-case table (65,536 entries) with a-z -> A-Z and identity elsewhere.
 std::vector<uint16_t> ascii_upcase_table();
-// Compressed up-case tables.
-std::vector<uint8_t> compress_upcase(const std::vector<uint16_t>& table, bool use_runs = true);
-std::vector<uint8_t> upcase_items(const std::vector<uint16_t>& items);  // raw items
+// A compressed up-case table (identity stretches as runs), and raw items.
+std::vector<uint8_t> compress_upcase(const std::vector<uint16_t>& table);
+std::vector<uint8_t> upcase_items(const std::vector<uint16_t>& items);
 uint32_t upcase_checksum(const std::vector<uint8_t>& data);
 // A File set for desc, hashed through upcase, checksum correct.
 std::vector<uint8_t> make_file_set(const FileDesc& desc, const std::vector<uint16_t>& upcase);
@@ -117,13 +105,12 @@ uint32_t boot_checksum(const uint8_t* region, uint32_t bytes_per_sector);
 
 class ImageBuilder {
  public:
-  explicit ImageBuilder(Geometry geometry = {}, Upcase upcase = Upcase::Ascii);
+  explicit ImageBuilder(Geometry geometry = {});
 
   // Geometry.
   uint32_t bytes_per_sector() const { return 1u << geometry_.sector_shift; }
   uint32_t bytes_per_cluster() const { return bytes_per_sector() << geometry_.cluster_shift; }
   const Geometry& geometry() const { return geometry_; }
-  uint64_t volume_sectors() const;
   uint64_t cluster_byte_offset(uint32_t cluster) const;  // in the image
   uint64_t fat_byte_offset() const;
   const std::vector<uint16_t>& upcase() const { return upcase_table_; }
@@ -145,9 +132,6 @@ class ImageBuilder {
   bool allocated(uint32_t cluster) const;
   // Marks a cluster used or free in the allocation state (written at build).
   ImageBuilder& set_allocated(uint32_t cluster, bool used);
-  // Forces a bitmap bit at build, after the allocation state is written:
-  // makes the bitmap deliberately disagree with the allocation.
-  ImageBuilder& override_bitmap_bit(uint32_t cluster, bool used);
   // Writes data into a file's clusters from its first cluster on.
   ImageBuilder& write_data(uint32_t first_cluster, Alloc alloc, const std::vector<uint8_t>& data);
 
@@ -192,7 +176,6 @@ class ImageBuilder {
   // Makes one 32-bit word (index within sector 11) of the checksum sector wrong.
   ImageBuilder& corrupt_boot_checksum_word(uint32_t word);
   ImageBuilder& volume_flags(uint16_t flags) { return boot_field(106, flags, 2); }
-  ImageBuilder& percent_in_use(uint8_t percent) { return boot_field(112, percent, 1); }
 
   // Writes the volume-wide structures and returns the image. The builder
   // stays usable: later changes show up in the next build().
@@ -202,6 +185,7 @@ class ImageBuilder {
 
  private:
   void layout();
+  uint64_t volume_sectors() const;
   void write_boot_region(std::vector<uint8_t>& image, uint64_t sector) const;
   void write_bitmap(std::vector<uint8_t>& image) const;
   uint32_t free_run(uint32_t count) const;
@@ -211,7 +195,6 @@ class ImageBuilder {
   Geometry geometry_;
   std::vector<uint8_t> image_;
   std::vector<bool> used_;  // index: cluster - 2
-  std::map<uint32_t, bool> bitmap_overrides_;
   std::map<uint32_t, std::pair<uint64_t, unsigned>> boot_fields_;
   std::vector<uint32_t> bad_checksum_words_;
   std::vector<uint16_t> upcase_table_;

@@ -23,44 +23,7 @@
 
 namespace exvol::test {
 
-// Reads from offset 0 in `chunk`-byte requests until a read moves nothing;
-// at most `limit` bytes are kept (the rest is an error: EFBIG).
-inline int vn_read_all(vnode_t vp, std::vector<uint8_t>* out, size_t limit = 1u << 22,
-                       size_t chunk = 3000) {
-  out->clear();
-  std::vector<uint8_t> buffer(chunk);
-  for (;;) {
-    uio_t uio = uio_create(1, static_cast<off_t>(out->size()), UIO_SYSSPACE, UIO_READ);
-    uio_addiov(uio, reinterpret_cast<user_addr_t>(buffer.data()), buffer.size());
-    int error = VNOP_READ(vp, uio, 0, vfs_context_kernel());
-    size_t moved = buffer.size() - static_cast<size_t>(uio_resid(uio));
-    uio_free(uio);
-    if (error)
-      return error;
-    if (moved == 0)
-      return 0;
-    if (out->size() + moved > limit)
-      return EFBIG;
-    out->insert(out->end(), buffer.begin(), buffer.begin() + static_cast<long>(moved));
-  }
-}
-
-// Writes `data` at `offset` with the given I/O flags. A short write without
-// an error is reported as EIO: every caller asks for all or nothing.
-inline int vn_write_at(vnode_t vp, off_t offset, const std::vector<uint8_t>& data,
-                       int ioflag = 0) {
-  uio_t uio = uio_create(1, offset, UIO_SYSSPACE, UIO_WRITE);
-  uio_addiov(uio, reinterpret_cast<user_addr_t>(data.data()), data.size());
-  int error = VNOP_WRITE(vp, uio, ioflag, vfs_context_kernel());
-  user_ssize_t resid = uio_resid(uio);
-  uio_free(uio);
-  if (error == 0 && resid != 0)
-    error = EIO;
-  return error;
-}
-
-// One transfer through VNOP_READ or VNOP_WRITE and what it left in its
-// uio, for the tests that look at partial transfers.
+// One transfer through VNOP_READ or VNOP_WRITE and what it left in its uio.
 struct Transfer {
   int error = 0;
   std::vector<uint8_t> data;  // read: the bytes that came back
@@ -92,6 +55,28 @@ inline Transfer vn_write(vnode_t vp, off_t offset, const std::vector<uint8_t>& d
   t.resid = uio_resid(uio);
   uio_free(uio);
   return t;
+}
+
+// Reads from offset 0 in `chunk`-byte requests until a read moves nothing;
+// at most `limit` bytes are kept (the rest is an error: EFBIG).
+inline int vn_read_all(vnode_t vp, std::vector<uint8_t>* out, size_t limit = 1u << 22,
+                       size_t chunk = 3000) {
+  out->clear();
+  for (;;) {
+    Transfer t = vn_read(vp, static_cast<off_t>(out->size()), chunk);
+    if (t.error != 0 || t.data.empty())
+      return t.error;
+    if (out->size() + t.data.size() > limit)
+      return EFBIG;
+    out->insert(out->end(), t.data.begin(), t.data.end());
+  }
+}
+
+// Writes all of `data` at `offset`; a short write without an error is EIO.
+inline int vn_write_at(vnode_t vp, off_t offset, const std::vector<uint8_t>& data,
+                       int ioflag = 0) {
+  Transfer t = vn_write(vp, offset, data, ioflag);
+  return t.error != 0 ? t.error : (t.resid != 0 ? EIO : 0);
 }
 
 // One entry of a listing.
@@ -190,10 +175,11 @@ struct Component {
   Component& operator=(const Component&) = delete;
 };
 
-// A plain lookup of one name in dvp; the vnode comes back with an I/O
-// reference the caller drops with vnode_put.
-inline int vn_lookup(vnode_t dvp, const std::string& name, vnode_t* vpp) {
-  Component c(name, LOOKUP);
+// A lookup of one name in dvp for `nameiop`; the vnode comes back with an
+// I/O reference the caller drops with vnode_put.
+inline int vn_lookup(vnode_t dvp, const std::string& name, vnode_t* vpp,
+                     uint32_t nameiop = LOOKUP) {
+  Component c(name, nameiop);
   *vpp = NULLVP;
   return VNOP_LOOKUP(dvp, vpp, &c.cn, vfs_context_kernel());
 }

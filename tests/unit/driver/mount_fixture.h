@@ -12,7 +12,10 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <mutex>
+#include <chrono>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -60,6 +63,62 @@ inline std::array<uint8_t, 24> exfat_mount_args(uint16_t mask = 0755, int32_t se
   le16enc(&a[12], mask);
   le32enc(&a[16], static_cast<uint32_t>(seconds_west));
   return a;
+}
+
+// Waits (briefly sleeping) until pred holds; false after about 10 seconds.
+template <typename Pred>
+bool wait_for(Pred pred) {
+  for (int i = 0; i < 10000; i++) {
+    if (pred())
+      return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
+}
+
+// Whether a delayed metadata flush is armed and has not run yet.
+inline bool flush_pending(struct exfat_mount* xm) {
+  lck_mtx_lock(xm->xm_meta_lock);
+  bool pending = (xm->xm_meta_state & META_SCHEDULED) != 0;
+  lck_mtx_unlock(xm->xm_meta_lock);
+  return pending;
+}
+
+// A node's extent cache.
+struct Extent {
+  uint32_t cluster, index, length;
+  bool operator==(const Extent&) const = default;
+};
+inline std::ostream& operator<<(std::ostream& os, const Extent& e) {
+  return os << "{" << e.cluster << ", " << e.index << ", " << e.length << "}";
+}
+inline Extent extent_of(const struct exfat_node* n) {
+  return {n->x_extent_cluster, n->x_extent_index, n->x_extent_length};
+}
+
+// A stand-in node with only the allocation fields, for the walks that look
+// at nothing else.
+inline struct exfat_node stand_in_node(struct exfat_mount* xm, uint32_t start,
+                                       uint64_t size = 0) {
+  struct exfat_node n {};
+  n.x_mount = xm;
+  n.x_start_cluster = start;
+  n.x_size = size;
+  n.x_valid_size = size;
+  return n;
+}
+
+// Writes the FAT and bitmap caches back and forgets them, so that any later
+// access shows in their offsets.
+inline void forget_caches(struct exfat_mount* xm) {
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  EXPECT_EQ(0, exfat_bitmap_cache_flush(xm, 0));
+  xm->xm_bitmap_cache_offset = EXFAT_CACHE_NONE;
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  lck_mtx_lock(xm->xm_fat_lock);
+  EXPECT_EQ(0, exfat_fat_cache_flush(xm, 0));
+  xm->xm_fat_cache_offset = EXFAT_CACHE_NONE;
+  lck_mtx_unlock(xm->xm_fat_lock);
 }
 
 // The volume UUID as the usual upper-case string.
@@ -123,6 +182,11 @@ class MountedVolume {
   // The whole boot sector's VolumeFlags and PercentInUse as on the device.
   uint16_t disk_volume_flags() const { return le16dec(read_device(106, 2).data()); }
   uint8_t disk_percent_in_use() const { return read_device(112, 1)[0]; }
+  host_devstats stats() const {
+    host_devstats s{};
+    host_blkdev_stats(devvp, &s);
+    return s;
+  }
 
   // Unmounts (forced when needed) and closes the device.
   void release() {
@@ -144,13 +208,14 @@ class MountedVolume {
   struct exfat_mount* xm = nullptr;
 };
 
-// The gtest fixture: a MountedVolume plus the module and leak checks.
 // A builder with the system entries every mountable volume needs.
 inline ImageBuilder mountable(Geometry g = {}) {
   ImageBuilder b(g);
   b.add_bitmap_entry().add_upcase_entry();
   return b;
 }
+
+// The gtest fixture: a MountedVolume plus the module and leak checks.
 
 class MountTest : public ::testing::Test, public MountedVolume {
  protected:
@@ -173,8 +238,23 @@ class MountTest : public ::testing::Test, public MountedVolume {
     EXPECT_EQ(baseline_vnodes_ + (devvp != nullptr ? 1 : 0), host_vnode_count()) << what;
   }
 
+  // Mounts a mountable() volume of geometry g once `edit` changed the
+  // builder and `patch` the image; built_ keeps the builder's layout.
+  void mount_volume(const Geometry& g, const std::function<void(ImageBuilder&)>& edit = {},
+                    const std::function<void(std::vector<uint8_t>&)>& patch = {}) {
+    built_ = mountable(g);
+    if (edit)
+      edit(built_);
+    std::vector<uint8_t> image = built_.build();
+    if (patch)
+      patch(image);
+    ASSERT_EQ(0, load(image));
+    ASSERT_EQ(0, mount());
+  }
+
   DriverMemory baseline_memory_;
   int baseline_vnodes_ = 0;
+  ImageBuilder built_;
 };
 
 }  // namespace exvol::test

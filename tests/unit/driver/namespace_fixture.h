@@ -26,9 +26,8 @@ class NamespaceTest : public VolumeTest {
 
   // VNOP_LOOKUP of the last component `name` in dvp with `nameiop`.
   int lookup(vnode_t dvp, const std::string& name, uint32_t nameiop, Vref* out) {
-    Component c(name, nameiop);
     vnode_t vp = NULLVP;
-    int error = VNOP_LOOKUP(dvp, &vp, &c.cn, ctx_);
+    int error = vn_lookup(dvp, name, &vp, nameiop);
     if (error == 0)
       out->vp = vp;
     return error;
@@ -43,67 +42,54 @@ class NamespaceTest : public VolumeTest {
     return error == EJUSTRETURN ? 0 : (error == 0 ? EEXIST : error);
   }
 
+  // Makes `name` in dvp with op(&vp, &cn) once lookup_free allowed it.
+  template <typename Op>
+  int make(vnode_t dvp, const std::string& name, Vref* out, Op op) {
+    int error = lookup_free(dvp, name);
+    if (error)
+      return error;
+    Component c(name, CREATE);
+    vnode_t vp = NULLVP;
+    error = op(&vp, &c.cn);
+    if (error == 0)
+      out->vp = vp;
+    return error;
+  }
   int create(vnode_t dvp, const std::string& name, Vref* out, struct vnode_attr* vap = nullptr) {
-    int error = lookup_free(dvp, name);
-    if (error)
-      return error;
-    Component c(name, CREATE);
     struct vnode_attr va;
     VATTR_INIT(&va);
-    vnode_t vp = NULLVP;
-    error = VNOP_CREATE(dvp, &vp, &c.cn, vap != nullptr ? vap : &va, ctx_);
-    if (error == 0)
-      out->vp = vp;
-    return error;
+    return make(dvp, name, out, [&](vnode_t* vpp, struct componentname* cn) {
+      return VNOP_CREATE(dvp, vpp, cn, vap != nullptr ? vap : &va, ctx_);
+    });
   }
-
   int mkdir(vnode_t dvp, const std::string& name, Vref* out, struct vnode_attr* vap = nullptr) {
-    int error = lookup_free(dvp, name);
-    if (error)
-      return error;
-    Component c(name, CREATE);
     struct vnode_attr va;
     VATTR_INIT(&va);
-    vnode_t vp = NULLVP;
-    error = VNOP_MKDIR(dvp, &vp, &c.cn, vap != nullptr ? vap : &va, ctx_);
-    if (error == 0)
-      out->vp = vp;
-    return error;
+    return make(dvp, name, out, [&](vnode_t* vpp, struct componentname* cn) {
+      return VNOP_MKDIR(dvp, vpp, cn, vap != nullptr ? vap : &va, ctx_);
+    });
   }
-
   int symlink(vnode_t dvp, const std::string& name, const std::string& target, Vref* out) {
-    int error = lookup_free(dvp, name);
-    if (error)
-      return error;
-    Component c(name, CREATE);
     struct vnode_attr va;
     VATTR_INIT(&va);
     std::string t = target;
-    vnode_t vp = NULLVP;
-    error = VNOP_SYMLINK(dvp, &vp, &c.cn, &va, t.data(), ctx_);
-    if (error == 0)
-      out->vp = vp;
-    return error;
+    return make(dvp, name, out, [&](vnode_t* vpp, struct componentname* cn) {
+      return VNOP_SYMLINK(dvp, vpp, cn, &va, t.data(), ctx_);
+    });
   }
 
   // Looks `name` up for DELETE and removes it with VNOP_REMOVE or
   // VNOP_RMDIR.
-  int remove(vnode_t dvp, const std::string& name, int flags = 0) {
+  int remove(vnode_t dvp, const std::string& name, int flags = 0, bool directory = false) {
     Vref victim;
     int error = lookup(dvp, name, DELETE, &victim);
     if (error)
       return error;
     Component c(name, DELETE);
-    return VNOP_REMOVE(dvp, victim.vp, &c.cn, flags, ctx_);
+    return directory ? VNOP_RMDIR(dvp, victim.vp, &c.cn, ctx_)
+                     : VNOP_REMOVE(dvp, victim.vp, &c.cn, flags, ctx_);
   }
-  int rmdir(vnode_t dvp, const std::string& name) {
-    Vref victim;
-    int error = lookup(dvp, name, DELETE, &victim);
-    if (error)
-      return error;
-    Component c(name, DELETE);
-    return VNOP_RMDIR(dvp, victim.vp, &c.cn, ctx_);
-  }
+  int rmdir(vnode_t dvp, const std::string& name) { return remove(dvp, name, 0, true); }
 
   // Looks both names up (the source for DELETE, the target for RENAME,
   // which may find nothing) and renames.

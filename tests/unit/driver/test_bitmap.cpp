@@ -10,47 +10,20 @@
 #include "host/cluster.h"
 #include "host/kern.h"
 #include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/volume_fixture.h"
 
 using namespace exvol::test;
 
 namespace {
 
-Geometry small_volume(uint32_t clusters) {
-  Geometry g;
-  g.cluster_count = clusters;
-  return g;
-}
-
 // 40,000 clusters of 512 bytes: a bitmap of 5,000 bytes, one full block
 // (clusters 2 .. 32,769) and a short one.
 Geometry two_block_bitmap() {
-  Geometry g;
-  g.sector_shift = 9;
-  g.cluster_shift = 0;
-  g.cluster_count = 40000;
-  return g;
+  return Geometry{.cluster_shift = 0, .cluster_count = 40000};
 }
 
 class BitmapTest : public MountTest {
  protected:
-  void mount_volume(const Geometry& g, const std::function<void(ImageBuilder&)>& edit = {},
-                    const std::function<void(ImageBuilder&, std::vector<uint8_t>&)>& patch = {}) {
-    ImageBuilder b(g);
-    b.add_bitmap_entry().add_upcase_entry();
-    if (edit)
-      edit(b);
-    std::vector<uint8_t> image = b.build();
-    if (patch)
-      patch(b, image);
-    bitmap_byte_offset_ = b.cluster_byte_offset(b.bitmap_cluster());
-    expected_free_ = 0;
-    for (uint32_t c = 2; c <= g.cluster_count + 1; ++c)
-      expected_free_ += b.allocated(c) ? 0 : 1;
-    ASSERT_EQ(0, load(image));
-    ASSERT_EQ(0, mount());
-  }
-
   // Bitmap word `index` (32 clusters from cluster 2 + 32 * index) through
   // the cache.
   uint32_t word(uint32_t index) {
@@ -105,15 +78,14 @@ class BitmapTest : public MountTest {
   }
   bool disk_used(uint32_t cluster) {
     const uint32_t bit = cluster - 2;
-    return read_device(bitmap_byte_offset_ + bit / 8, 1)[0] & (1u << (bit % 8));
+    uint64_t at = built_.cluster_byte_offset(built_.bitmap_cluster()) + bit / 8;
+    return read_device(at, 1)[0] & (1u << (bit % 8));
   }
 
-  uint64_t bitmap_byte_offset_ = 0;
-  uint32_t expected_free_ = 0;
 };
 
 TEST_F(BitmapTest, MarkingWorksAcrossWordsAndKeepsTheFreeCount) {
-  mount_volume(small_volume(512));
+  mount_volume(geometry_with_clusters(512));
   const uint32_t w0 = word(0), w2 = word(2), w3 = word(3);
   const uint32_t free_before = xm->xm_free_clusters;
 
@@ -170,7 +142,7 @@ TEST_F(BitmapTest, MarkingExactlyToTheEndOfABlockReadsNoFurtherBlock) {
 }
 
 TEST_F(BitmapTest, CountFreeContigStopsAtUsedClustersLimitsAndTheEnd) {
-  mount_volume(small_volume(512), [](ImageBuilder& b) {
+  mount_volume(geometry_with_clusters(512), [](ImageBuilder& b) {
     b.set_allocated(80, true).set_allocated(300, true);
   });
   const uint32_t max = xm->xm_max_cluster;
@@ -214,7 +186,7 @@ void three_stretches(ImageBuilder& b) {
 }
 
 TEST_F(BitmapTest, FindFreeStopsAtTheFirstStretchLongEnough) {
-  mount_volume(small_volume(512), three_stretches);
+  mount_volume(geometry_with_clusters(512), three_stretches);
   using Runs = std::vector<std::pair<uint32_t, uint32_t>>;
   EXPECT_EQ((Runs{{20, 4}, {10, 3}}), find_free(4));
   EXPECT_EQ((Runs{{20, 5}, {10, 3}, {40, 2}}), find_free(6));
@@ -224,7 +196,7 @@ TEST_F(BitmapTest, FindFreeStopsAtTheFirstStretchLongEnough) {
   release();
 
   // Free: 100 .. 513, the end; the last run is measured to the end.
-  mount_volume(small_volume(512), [](ImageBuilder& b) {
+  mount_volume(geometry_with_clusters(512), [](ImageBuilder& b) {
     for (uint32_t c = 2; c < 100; ++c)
       b.set_allocated(c, true);
   });
@@ -266,30 +238,29 @@ TEST(ExtentInsert, OrdersByLengthThenClusterAndDropsTheWorst) {
   EXPECT_EQ(std::make_pair(1u, 5u), at(1));
 }
 
-// Sets the padding bits of the bitmap's last byte (bits past ClusterCount),
-// which must never be counted.
-void set_padding_bits(ImageBuilder& b, std::vector<uint8_t>& image) {
-  const uint32_t count = b.geometry().cluster_count;
-  ASSERT_NE(0u, count % 8);
-  const uint64_t last_byte = b.cluster_byte_offset(b.bitmap_cluster()) + count / 8;
-  image[last_byte] |= static_cast<uint8_t>(0xFF << (count % 8));
-  image[last_byte + 1] = 0xFF;  // past the bitmap file
-}
-
-// Counting ignores the padding bits past ClusterCount, below 32 clusters
-// and after whole words alike.
+// Counting ignores the padding bits of the bitmap's last byte (and what
+// follows the bitmap file), below 32 clusters and after whole words alike.
 TEST_F(BitmapTest, CountingLooksOnlyAtRealBits) {
-  mount_volume(small_volume(20), [](ImageBuilder& b) { b.set_allocated(15, true); },
-               set_padding_bits);
-  EXPECT_EQ(21u, xm->xm_max_cluster);
-  EXPECT_EQ(expected_free_, xm->xm_free_clusters);
-  EXPECT_GT(expected_free_, 0u);
-  release();
-
-  mount_volume(small_volume(45), [](ImageBuilder& b) {
-    b.set_allocated(33, true).set_allocated(40, true).set_allocated(46, true);
-  }, set_padding_bits);
-  EXPECT_EQ(expected_free_, xm->xm_free_clusters);
+  for (uint32_t count : {20u, 45u}) {
+    SCOPED_TRACE(count);
+    uint64_t last_byte = 0;
+    mount_volume(
+        geometry_with_clusters(count),
+        [&](ImageBuilder& b) {
+          b.set_allocated(15, true).set_allocated(count + 1, true);  // the last cluster
+          last_byte = b.cluster_byte_offset(b.bitmap_cluster()) + count / 8;
+        },
+        [&](std::vector<uint8_t>& image) {
+          image[last_byte] |= static_cast<uint8_t>(0xFF << (count % 8));
+          image[last_byte + 1] = 0xFF;
+        });
+    EXPECT_EQ(count + 1, xm->xm_max_cluster);
+    uint32_t expected_free = 0;
+    for (uint32_t c = 2; c <= count + 1; ++c)
+      expected_free += built_.allocated(c) ? 0 : 1;
+    EXPECT_EQ(expected_free, xm->xm_free_clusters);
+    release();
+  }
 }
 
 }  // namespace

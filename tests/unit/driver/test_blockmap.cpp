@@ -18,54 +18,10 @@ namespace {
 
 constexpr uint32_t kClusterSize = 4096;  // default geometry: 512-byte sectors, 8 per cluster
 
-struct Extent {
-  uint32_t cluster, index, length;
-  bool operator==(const Extent&) const = default;
-};
-std::ostream& operator<<(std::ostream& os, const Extent& e) {
-  return os << "{" << e.cluster << ", " << e.index << ", " << e.length << "}";
-}
-
-Extent extent_of(const struct exfat_node& n) {
-  return {n.x_extent_cluster, n.x_extent_index, n.x_extent_length};
-}
-
 class BlockmapTest : public MountTest {
  protected:
-  void mount_volume(const std::function<void(ImageBuilder&)>& edit = {}, Geometry g = {}) {
-    ImageBuilder b(g);
-    b.add_bitmap_entry().add_upcase_entry();
-    if (edit)
-      edit(b);
-    ASSERT_EQ(0, load(b.build()));
-    ASSERT_EQ(0, mount());
-  }
-
-  // A node that has only what block mapping looks at.
-  struct exfat_node node(uint32_t start, uint64_t size, bool contiguous = false) {
-    struct exfat_node n {};
-    n.x_mount = xm;
-    n.x_start_cluster = start;
-    n.x_size = size;
-    n.x_valid_size = size;
-    if (contiguous) {
-      n.x_flags = X_CONTIGUOUS;
-      n.x_extent_cluster = start;
-      n.x_extent_length = static_cast<uint32_t>((size + kClusterSize - 1) / kClusterSize);
-    }
-    return n;
-  }
-
   uint64_t sector_of(uint32_t cluster) {
     return xm->xm_heap_offset + uint64_t(cluster - 2) * (kClusterSize / 512);
-  }
-
-  // Writes the FAT cache back and forgets it, so that any FAT access shows.
-  void forget_fat_cache() {
-    lck_mtx_lock(xm->xm_fat_lock);
-    ASSERT_EQ(0, exfat_fat_cache_flush(xm, 0));
-    xm->xm_fat_cache_offset = EXFAT_CACHE_NONE;
-    lck_mtx_unlock(xm->xm_fat_lock);
   }
 
   // The vnode of the file whose set is at `offset` in the root, with an I/O
@@ -104,8 +60,8 @@ void five_cluster_chain(ImageBuilder& b) {
 }
 
 TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
-  mount_volume(five_cluster_chain);
-  struct exfat_node n = node(10, 5 * kClusterSize);
+  mount_volume({}, five_cluster_chain);
+  struct exfat_node n = stand_in_node(xm, 10, 5 * kClusterSize);
   uint64_t sector = 0, bytes = 0;
   uint32_t cluster = 0;
 
@@ -113,16 +69,16 @@ TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
   EXPECT_EQ(11u, cluster);
   EXPECT_EQ(sector_of(11), sector);
   EXPECT_EQ(2u * kClusterSize, bytes);
-  EXPECT_EQ((Extent{10, 0, 3}), extent_of(n));
+  EXPECT_EQ((Extent{10, 0, 3}), extent_of(&n));
 
   // Cluster 10's entry is damaged now: only a walk from the start sees it.
   ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, 10, nullptr, 0));
   ASSERT_EQ(0, exfat_blockmap(&n, 3, 1, &sector, &cluster, &bytes));
   EXPECT_EQ(20u, cluster);
   EXPECT_EQ(kClusterSize, bytes);
-  EXPECT_EQ((Extent{20, 3, 2}), extent_of(n)) << "continued from cluster 12's entry";
+  EXPECT_EQ((Extent{20, 3, 2}), extent_of(&n)) << "continued from cluster 12's entry";
 
-  forget_fat_cache();
+  forget_caches(xm);
   ASSERT_EQ(0, exfat_blockmap(&n, 4, 4, &sector, &cluster, &bytes));
   EXPECT_EQ(21u, cluster);
   EXPECT_EQ(kClusterSize, bytes);
@@ -132,7 +88,7 @@ TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
   // whose entry now ends its run after one cluster.
   ASSERT_EQ(0, exfat_blockmap(&n, 0, 1, &sector, &cluster, &bytes));
   EXPECT_EQ(10u, cluster);
-  EXPECT_EQ((Extent{10, 0, 1}), extent_of(n));
+  EXPECT_EQ((Extent{10, 0, 1}), extent_of(&n));
 
   // Going on from there meets the damaged link: corruption, no message, and
   // the cache stays as it was.
@@ -140,22 +96,22 @@ TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
   EXPECT_EQ(EIO, exfat_blockmap(&n, 1, 1, &sector, &cluster, &bytes));
   EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
   EXPECT_TRUE(log.lines().empty());
-  EXPECT_EQ((Extent{10, 0, 1}), extent_of(n));
+  EXPECT_EQ((Extent{10, 0, 1}), extent_of(&n));
   xm->xm_flags &= ~XM_CORRUPT;
 }
 
 TEST_F(BlockmapTest, IndexesPastTheDataAreE2BIG) {
-  mount_volume(five_cluster_chain);
+  mount_volume({}, five_cluster_chain);
   uint64_t sector = 0;
 
   // The chain is longer than the size says.
-  struct exfat_node shorter = node(10, 3 * kClusterSize - 1);
+  struct exfat_node shorter = stand_in_node(xm, 10, 3 * kClusterSize - 1);
   EXPECT_EQ(0, exfat_blockmap(&shorter, 2, 1, &sector, nullptr, nullptr));
   EXPECT_EQ(E2BIG, exfat_blockmap(&shorter, 3, 1, &sector, nullptr, nullptr));
 
   // The chain ends before the size says: not corruption.
   KernLogCapture log;
-  struct exfat_node longer = node(10, 6 * kClusterSize);
+  struct exfat_node longer = stand_in_node(xm, 10, 6 * kClusterSize);
   EXPECT_EQ(E2BIG, exfat_blockmap(&longer, 5, 1, &sector, nullptr, nullptr));
   EXPECT_FALSE(xm->xm_flags & XM_CORRUPT);
   EXPECT_TRUE(log.lines().empty());
@@ -167,7 +123,7 @@ TEST_F(BlockmapTest, IndexesPastTheDataAreE2BIG) {
 // A contiguous file of two clusters holding 1000 valid bytes.
 TEST_F(BlockmapTest, ReadsPastTheValidDataAreHolesAndWritesAreNot) {
   uint32_t offset = 0, cluster = 0;
-  mount_volume([&](ImageBuilder& b) {
+  mount_volume({}, [&](ImageBuilder& b) {
     cluster = b.allocate(2, Alloc::Contiguous);
     FileDesc s;
     s.name = u"valid1000";

@@ -20,14 +20,6 @@ namespace {
 constexpr uint32_t kCluster = 4096;  // 512-byte sectors, 8 per cluster
 constexpr uint32_t kSizeDirty = X_MODIFIED | X_DIRTY | X_STREAM_DIRTY;
 
-struct Extent {
-  uint32_t cluster, index, length;
-  bool operator==(const Extent&) const = default;
-};
-std::ostream& operator<<(std::ostream& os, const Extent& e) {
-  return os << "{" << e.cluster << ", " << e.index << ", " << e.length << "}";
-}
-
 class ChainTest : public VolumeTest {
  protected:
   ChainTest() : VolumeTest(geometry_with_clusters(1024)) {}
@@ -66,29 +58,11 @@ class ChainTest : public VolumeTest {
     return builder_.add_set(builder_.root(), desc).offset;
   }
 
-  struct exfat_node* get(uint32_t offset) { return get_node(offset); }
-
   int truncate(struct exfat_node* node, uint64_t size, int flags = 0) {
     exfat_node_lock(node);
     int error = exfat_truncate(node, size, flags, ctx_);
     exfat_node_unlock(node);
     return error;
-  }
-
-  // Writes both caches back and forgets them: any later access shows.
-  void forget_caches() {
-    lck_mtx_lock(xm->xm_bitmap_lock);
-    ASSERT_EQ(0, exfat_bitmap_cache_flush(xm, 0));
-    xm->xm_bitmap_cache_offset = EXFAT_CACHE_NONE;
-    lck_mtx_unlock(xm->xm_bitmap_lock);
-    lck_mtx_lock(xm->xm_fat_lock);
-    ASSERT_EQ(0, exfat_fat_cache_flush(xm, 0));
-    xm->xm_fat_cache_offset = EXFAT_CACHE_NONE;
-    lck_mtx_unlock(xm->xm_fat_lock);
-  }
-
-  static Extent extent_of(const struct exfat_node* n) {
-    return {n->x_extent_cluster, n->x_extent_index, n->x_extent_length};
   }
 
   int fillers_ = 0;
@@ -112,10 +86,10 @@ TEST_F(ChainGrowthTest, FirstAllocationAndGrowthInPlaceStayContiguous) {
   shape(15);
   uint32_t f = empty_file(u"f");
   mount_built();
-  struct exfat_node* node = get(f);
+  struct exfat_node* node = get_node(f);
   ASSERT_NE(nullptr, node);
   uint32_t free_before = xm->xm_free_clusters;
-  forget_caches();
+  forget_caches(xm);
 
   ASSERT_EQ(0, truncate(node, 10 * kCluster - 100));
   EXPECT_EQ(500u, node->x_start_cluster);
@@ -154,7 +128,7 @@ TEST_F(ChainGrowthTest, GrowthElsewhereTurnsTheFileIntoAChain) {
   shape(10);  // cluster 510 is owned
   uint32_t f = empty_file(u"f");
   mount_built();
-  struct exfat_node* node = get(f);
+  struct exfat_node* node = get_node(f);
   ASSERT_NE(nullptr, node);
   uint32_t free_before = xm->xm_free_clusters;
 
@@ -198,7 +172,7 @@ TEST_F(ChainTest, FragmentedGrowthTakesTheLongestRunsFirst) {
   occupy(405, 1025);
   uint32_t f = empty_file(u"f");
   mount_built();
-  struct exfat_node* node = get(f);
+  struct exfat_node* node = get_node(f);
   ASSERT_NE(nullptr, node);
   ASSERT_EQ(23u, xm->xm_free_clusters);
 
@@ -220,7 +194,7 @@ TEST_F(ChainTest, FragmentedGrowthTakesTheLongestRunsFirst) {
 TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
   uint32_t f = empty_file(u"f");
   mount_built();
-  struct exfat_node* node = get(f);
+  struct exfat_node* node = get_node(f);
   ASSERT_NE(nullptr, node);
   const uint32_t free_clusters = xm->xm_free_clusters;
   const uint32_t flags = node->x_flags;
@@ -260,7 +234,7 @@ TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
 TEST_F(ChainTest, ShrinkingAndTruncatingAChain) {
   uint32_t f = chained_file(u"f", {30, 31, 32, 50, 51}, 5 * kCluster);
   mount_built();
-  struct exfat_node* node = get(f);
+  struct exfat_node* node = get_node(f);
   ASSERT_NE(nullptr, node);
   uint32_t free_before = xm->xm_free_clusters;
   ASSERT_FALSE(node->x_flags & X_CONTIGUOUS);

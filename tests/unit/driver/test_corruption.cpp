@@ -3,94 +3,13 @@
 // region rejections are in test_mount.cpp; EXVOL_FUZZ_SEED and
 // EXVOL_FUZZ_VARIANTS steer the random damage.
 
-#include <csignal>
-#include <cstdlib>
-#include <random>
-
-#if __has_include(<sanitizer/common_interface_defs.h>)
-#include <sanitizer/common_interface_defs.h>
-#define EXVOL_HAVE_SANITIZER_DEATH_CALLBACK 1
-#endif
-
+#include "damage.h"
 #include "mount_fixture.h"
 #include "tests/support/image_builder.h"
 
 using namespace exvol::test;
 
-class FailedMount : public MountTest {
- protected:
-  // Mounts read-write and read-only; both must fail with `error` and leave
-  // nothing behind.
-  void expect_unwound(const std::vector<uint8_t>& image, int error,
-                      const host_memdev_faults* faults = nullptr) {
-    for (uint64_t flags : {uint64_t{0}, uint64_t{MNT_RDONLY}}) {
-      ASSERT_EQ(0, load(image));
-      if (faults != nullptr)
-        host_memdev_set_faults(devvp, *faults);
-      int use = host_vnode_usecount(devvp);
-      KernLogCapture quiet;
-      EXPECT_EQ(error, mount(flags)) << "flags " << flags;
-      EXPECT_EQ(use, host_vnode_usecount(devvp)) << "the device is released";
-      expect_nothing_left("after a failed mount");
-    }
-  }
-};
-
-TEST_F(FailedMount, EachRootScanRejectionUnwinds) {
-  {
-    SCOPED_TRACE("up-case checksum");
-    ImageBuilder b;
-    b.add_bitmap_entry().add_upcase_entry(1);
-    expect_unwound(b.build(), EIO);
-  }
-  {
-    SCOPED_TRACE("up-case too long");
-    ImageBuilder b;
-    b.add_bitmap_entry();
-    b.add_entry(b.root(), upcase_entry(0, b.upcase_cluster(), 0x20001));
-    expect_unwound(b.build(), EIO);
-  }
-  {
-    SCOPED_TRACE("up-case too short");
-    ImageBuilder b;
-    std::vector<uint8_t> data = upcase_items({0xFFFF, 0x1000});
-    b.set_upcase_data(data).add_bitmap_entry().add_upcase_entry();
-    expect_unwound(b.build(), EIO);
-  }
-  {
-    SCOPED_TRACE("bitmap entry with a cluster outside the heap");
-    ImageBuilder b;
-    b.add_entry(b.root(), bitmap_entry(0, 0x7FFFFFF0, b.bitmap_length()));
-    b.add_upcase_entry();
-    std::vector<uint8_t> image = b.build();
-    ASSERT_EQ(0, load(image));
-    KernLogCapture quiet;
-    EXPECT_NE(0, mount(MNT_RDONLY));
-    expect_nothing_left("after a bitmap outside the heap");
-  }
-}
-
-TEST_F(FailedMount, ReadErrorsOnEachStructureUnwind) {
-  ImageBuilder b = mountable();
-  b.add_label(u"IOERR");
-  std::vector<uint8_t> image = b.build();
-  struct Case {
-    const char* what;
-    uint64_t byte;
-  } cases[] = {
-      {"boot region", 0},
-      {"FAT", b.fat_byte_offset()},
-      {"root directory", b.cluster_byte_offset(b.root().first_cluster)},
-      {"bitmap", b.cluster_byte_offset(b.bitmap_cluster())},
-      {"up-case table", b.cluster_byte_offset(b.upcase_cluster())},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    host_memdev_faults faults;
-    faults.fail_read_bytes = {c.byte};
-    expect_unwound(image, EIO, &faults);
-  }
-}
+class FailedMount : public MountTest {};
 
 // Every allocation a mount makes, failed in turn: the mount fails with an
 // errno and leaves nothing, or (an optional allocation) succeeds.
@@ -127,38 +46,11 @@ TEST_F(FailedMount, EveryAllocationFailureUnwinds) {
   }
 }
 
-namespace {
-
-// What a crash report says about the variant being mounted.
-char g_fuzz_case[128];
-
-void print_fuzz_case() {
-  fprintf(stderr, "\ndamaged-volume test: crashed on %s\n", g_fuzz_case);
-}
-
-void on_abort(int) {
-  print_fuzz_case();
-  signal(SIGABRT, SIG_DFL);
-  raise(SIGABRT);
-}
-
-struct Region {
-  const char* name;
-  uint64_t offset;
-  uint64_t length;
-};
-
-}  // namespace
-
 class DamagedVolume : public MountTest {};
 
 TEST_F(DamagedVolume, MountsOrFailsWithAnErrnoNeverCrashes) {
-  uint32_t seed = 20240601;
-  if (const char* s = getenv("EXVOL_FUZZ_SEED"))
-    seed = static_cast<uint32_t>(strtoul(s, nullptr, 0));
-  int variants = 4000;
-  if (const char* s = getenv("EXVOL_FUZZ_VARIANTS"))
-    variants = atoi(s);
+  const uint32_t seed = env_or("EXVOL_FUZZ_SEED", 20240601);
+  const int variants = static_cast<int>(env_or("EXVOL_FUZZ_VARIANTS", 4000));
 
   ImageBuilder b(Geometry{.cluster_shift = 0, .cluster_count = 200, .root_clusters = 2});
   b.add_bitmap_entry().add_upcase_entry().add_label(u"DAMAGED");
@@ -177,20 +69,15 @@ TEST_F(DamagedVolume, MountsOrFailsWithAnErrnoNeverCrashes) {
   };
 
   std::mt19937 rng(seed);
-  signal(SIGABRT, on_abort);
-#ifdef EXVOL_HAVE_SANITIZER_DEATH_CALLBACK
-  __sanitizer_set_death_callback(print_fuzz_case);
-#endif
+  arm_crash_report(true);
   int mounted = 0;
   for (int i = 0; i < variants; i++) {
     std::vector<uint8_t> image = base;
-    const Region& r = regions[rng() % std::size(regions)];
-    int changes = 1 + static_cast<int>(rng() % 8);
-    for (int k = 0; k < changes; k++)
-      image[r.offset + rng() % r.length] = static_cast<uint8_t>(rng());
+    const Region& r = damage(image, regions, rng);
     uint64_t flags = (rng() & 1) ? MNT_RDONLY : 0;
-    snprintf(g_fuzz_case, sizeof(g_fuzz_case), "seed %u, variant %d (%s)", seed, i, r.name);
-    SCOPED_TRACE(g_fuzz_case);
+    snprintf(crash_case, sizeof(crash_case), "EXVOL_FUZZ_SEED=%u, variant %d (%s)", seed, i,
+             r.name);
+    SCOPED_TRACE(crash_case);
 
     ASSERT_EQ(0, load(image));
     KernLogCapture quiet;
@@ -207,7 +94,7 @@ TEST_F(DamagedVolume, MountsOrFailsWithAnErrnoNeverCrashes) {
       break;
     }
   }
-  signal(SIGABRT, SIG_DFL);
+  arm_crash_report(false);
   // Neither so heavy that nothing mounts nor so light that nothing fails.
   EXPECT_GT(mounted, variants / 10);
   EXPECT_LT(mounted, variants);

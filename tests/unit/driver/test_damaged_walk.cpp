@@ -9,16 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
-#include <cstdlib>
-#include <random>
 #include <string>
 #include <vector>
-
-#if __has_include(<sanitizer/common_interface_defs.h>)
-#include <sanitizer/common_interface_defs.h>
-#define EXVOL_HAVE_SANITIZER_DEATH_CALLBACK 1
-#endif
 
 #include "exfat_proto.h"
 #include "host/blkdev.h"
@@ -27,41 +19,16 @@
 #include "host/vfs.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/vnode_io.h"
+#include "tests/unit/driver/damage.h"
 #include "tests/unit/driver/namespace_fixture.h"
 
 using namespace exvol::test;
 
-namespace {
-
-// The variant being walked, for the crash and hang reports.
-char g_walk_case[160];
-
-void print_walk_case() {
-  fprintf(stderr, "\ndamaged-walk test: stopped on %s\n", g_walk_case);
-}
-
-void on_abort(int) {
-  print_walk_case();
-  signal(SIGABRT, SIG_DFL);
-  raise(SIGABRT);
-}
-
-struct Region {
-  const char* name;
-  uint64_t offset;
-  uint64_t length;
-};
-
-}  // namespace
-
 class DamagedWalk : public NamespaceTest {
  protected:
   DamagedWalk() {
-    Geometry g = small_cluster_geometry();
-    g.cluster_count = 200;
-    g.root_clusters = 2;
-    builder_ = ImageBuilder(g);
-    builder_.add_bitmap_entry().add_upcase_entry().add_label(u"WALK");
+    builder_ = mountable(Geometry{.cluster_shift = 0, .cluster_count = 200, .root_clusters = 2});
+    builder_.add_label(u"WALK");
     dir_ = builder_.mkdir(builder_.root(), u"dir", 2);
     Dir sub = builder_.mkdir(dir_, u"a subdirectory with a long name");
     builder_.add_file(sub, u"deep.txt", bytes("deep"));
@@ -137,12 +104,8 @@ class DamagedWalk : public NamespaceTest {
 };
 
 TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
-  uint32_t seed = 20241107;
-  if (const char* s = getenv("EXVOL_WALK_SEED"))
-    seed = static_cast<uint32_t>(strtoul(s, nullptr, 0));
-  int variants = 2000;
-  if (const char* s = getenv("EXVOL_WALK_VARIANTS"))
-    variants = atoi(s);
+  const uint32_t seed = env_or("EXVOL_WALK_SEED", 20241107);
+  const int variants = static_cast<int>(env_or("EXVOL_WALK_VARIANTS", 2000));
 
   make_base();
   ASSERT_FALSE(HasFatalFailure());
@@ -160,10 +123,7 @@ TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
   };
 
   std::mt19937 rng(seed);
-  signal(SIGABRT, on_abort);
-#ifdef EXVOL_HAVE_SANITIZER_DEATH_CALLBACK
-  __sanitizer_set_death_callback(print_walk_case);
-#endif
+  arm_crash_report(true);
 
   // Undamaged, the walk reaches every name of the volume.
   ASSERT_EQ(0, load(base_));
@@ -177,15 +137,11 @@ TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
   int mounted = 0;
   for (int i = 0; i < variants && !HasFailure(); i++) {
     std::vector<uint8_t> image = base_;
-    const Region& r = regions[rng() % std::size(regions)];
-    int changes = 1 + static_cast<int>(rng() % 8);
-    for (int k = 0; k < changes; k++)
-      image[r.offset + rng() % r.length] = static_cast<uint8_t>(rng());
+    const Region& r = damage(image, regions, rng);
     bool writable = rng() % 4 == 0;
-    snprintf(g_walk_case, sizeof(g_walk_case),
-             "EXVOL_WALK_SEED=%u, variant %d (%s%s)", seed, i, r.name,
-             writable ? ", read-write" : "");
-    SCOPED_TRACE(g_walk_case);
+    snprintf(crash_case, sizeof(crash_case), "EXVOL_WALK_SEED=%u, variant %d (%s%s)", seed, i,
+             r.name, writable ? ", read-write" : "");
+    SCOPED_TRACE(crash_case);
 
     ASSERT_EQ(0, load(image));
     KernLogCapture quiet;
@@ -208,7 +164,7 @@ TEST_F(DamagedWalk, EveryCallReturnsAValueOrAnErrno) {
       break;
     }
   }
-  signal(SIGABRT, SIG_DFL);
+  arm_crash_report(false);
   // Most variants must mount, or the walk tests little.
   EXPECT_GT(mounted, variants / 2);
 }

@@ -30,11 +30,7 @@ constexpr uint32_t kBlock = 4096;
 constexpr uint32_t kCluster = 8192;
 
 Geometry dir_geometry() {
-  Geometry g;
-  g.sector_shift = 9;
-  g.cluster_shift = 4;
-  g.cluster_count = 256;
-  return g;
+  return Geometry{.cluster_shift = 4, .cluster_count = 256};
 }
 
 // One callback invocation as the walk reported it.

@@ -22,31 +22,13 @@ namespace {
 // 1,200 clusters of 512 bytes: a FAT of one 4 KiB block and a short one of
 // 1 KiB, followed by six spare sectors that can hold a sentinel.
 Geometry two_block_fat() {
-  Geometry g;
-  g.sector_shift = 9;
-  g.cluster_shift = 0;
-  g.cluster_count = 1200;
-  g.heap_offset = 24 + 10 + 6;
-  return g;
+  return Geometry{.cluster_shift = 0, .cluster_count = 1200, .heap_offset = 24 + 10 + 6};
 }
 
 constexpr uint8_t kSentinel = 0xA5;
 
 class FatTest : public MountTest {
  protected:
-  // Mounts a standard volume of geometry g; `edit` may change the builder
-  // (FAT chains) before the image is made.
-  void mount_volume(const Geometry& g, const std::function<void(ImageBuilder&)>& edit = {}) {
-    ImageBuilder b(g);
-    b.add_bitmap_entry().add_upcase_entry();
-    if (edit)
-      edit(b);
-    std::vector<uint8_t> image = b.build();
-    fat_byte_offset_ = b.fat_byte_offset();
-    ASSERT_EQ(0, load(image));
-    ASSERT_EQ(0, mount());
-  }
-
   uint32_t get(uint32_t cluster) {
     uint32_t value = 0;
     EXPECT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET, xm, cluster, &value, 0));
@@ -58,23 +40,12 @@ class FatTest : public MountTest {
 
   // The FAT entry of `cluster` as stored on the device.
   uint32_t disk_entry(uint32_t cluster) {
-    return le32dec(read_device(fat_byte_offset_ + 4ull * cluster, 4).data());
+    return le32dec(read_device(built_.fat_byte_offset() + 4ull * cluster, 4).data());
   }
 
   // Writes the FAT cache and the FAT vnode's pages to the device.
   void fsync_fat() { ASSERT_EQ(0, VNOP_FSYNC(xm->xm_fat_vp, MNT_WAIT, vfs_context_kernel())); }
-
-  uint64_t fat_byte_offset_ = 0;
 };
-
-// A stand-in node for the walks that only look at the allocation fields.
-struct exfat_node chained_node(struct exfat_mount* xm, uint32_t start, uint64_t size) {
-  struct exfat_node n {};
-  n.x_mount = xm;
-  n.x_start_cluster = start;
-  n.x_size = size;
-  return n;
-}
 
 // Clusters 0, 1 and past the heap are EIO and corruption; op 3 (get and set)
 // returns the old entry while storing the new one.
@@ -131,20 +102,15 @@ TEST_F(FatTest, CacheWritesBackADirtyBlockBeforeMovingAndEntriesAreLittleEndian)
   fsync_fat();
   EXPECT_EQ(0x01020304u, disk_entry(40));
   EXPECT_EQ((std::vector<uint8_t>{0x04, 0x03, 0x02, 0x01}),
-            read_device(fat_byte_offset_ + 40 * 4, 4));
+            read_device(built_.fat_byte_offset() + 40 * 4, 4));
 }
 
 // Only the short last block's FAT bytes are written; the FAT vnode doesn't grow.
 TEST_F(FatTest, ShortLastBlockIsWrittenWithoutTouchingWhatFollowsTheFat) {
-  Geometry g = two_block_fat();
-  ImageBuilder b(g);
-  b.add_bitmap_entry().add_upcase_entry();
-  std::vector<uint8_t> image = b.build();
-  fat_byte_offset_ = b.fat_byte_offset();
-  const uint64_t fat_end = fat_byte_offset_ + 5120;
-  std::memset(image.data() + fat_end, kSentinel, 6 * 512);
-  ASSERT_EQ(0, load(image));
-  ASSERT_EQ(0, mount());
+  const uint64_t fat_end = mountable(two_block_fat()).fat_byte_offset() + 5120;
+  mount_volume(two_block_fat(), {}, [&](std::vector<uint8_t>& image) {
+    std::memset(image.data() + fat_end, kSentinel, 6 * 512);
+  });
   ASSERT_EQ(5120u, xm->xm_fat_size);
 
   // The highest cluster's entry lies in the short block.
@@ -168,32 +134,32 @@ TEST_F(FatTest, FindLastClusterFollowsTheChainToAnyEndMark) {
   });
   const uint64_t bpc = xm->xm_bytes_per_cluster;
 
-  struct exfat_node a = chained_node(xm, 10, 0);
+  struct exfat_node a = stand_in_node(xm, 10);
   uint32_t last = 0;
   uint64_t bytes = 0;
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&a, &last, &bytes));
   EXPECT_EQ(12u, last);
   EXPECT_EQ(3 * bpc, bytes);
 
-  struct exfat_node b = chained_node(xm, 20, 0);
+  struct exfat_node b = stand_in_node(xm, 20);
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&b, &last, nullptr));
   EXPECT_EQ(21u, last);
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&b, nullptr, &bytes));
   EXPECT_EQ(2 * bpc, bytes);
 
-  struct exfat_node c = chained_node(xm, 30, 0);
+  struct exfat_node c = stand_in_node(xm, 30);
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&c, &last, &bytes));
   EXPECT_EQ(30u, last);
   EXPECT_EQ(bpc, bytes);
 
-  struct exfat_node empty = chained_node(xm, 0, 0);
+  struct exfat_node empty = stand_in_node(xm, 0);
   last = 99;
   bytes = 99;
   ASSERT_EQ(0, exfat_fat_find_last_cluster(&empty, &last, &bytes));
   EXPECT_EQ(0u, last);
   EXPECT_EQ(0u, bytes);
 
-  struct exfat_node resumed = chained_node(xm, 40, 0);
+  struct exfat_node resumed = stand_in_node(xm, 40);
   resumed.x_extent_cluster = 40;
   resumed.x_extent_index = 0;
   resumed.x_extent_length = 3;  // 40, 41, 42
@@ -221,7 +187,7 @@ TEST_F(FatTest, FindLastClusterReportsCorruptChains) {
   };
   for (const auto& c : cases) {
     xm->xm_flags &= ~XM_CORRUPT;
-    struct exfat_node n = chained_node(xm, c.start, 0);
+    struct exfat_node n = stand_in_node(xm, c.start);
     uint32_t last = 77;
     uint64_t bytes = 77;
     KernLogCapture log;

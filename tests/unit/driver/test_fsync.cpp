@@ -1,5 +1,6 @@
-// The node life cycle: close writes a changed entry back once, a directory's
-// fsync writes its dirty blocks, F_FULLFSYNC flushes the device.
+// The node life cycle and the volume sync (on MNT_ASYNC mounts, so nothing
+// else writes): close writes a changed entry back once, a directory's fsync
+// writes its dirty blocks, F_FULLFSYNC flushes the device, sync writes all.
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,7 @@
 #include "host/kern.h"
 #include "host/mount.h"
 #include "host/vfs.h"
+#include "tests/support/fsck.h"
 #include "tests/support/vnode_io.h"
 #include "tests/unit/driver/volume_fixture.h"
 
@@ -20,10 +22,6 @@ using namespace exvol::test;
 namespace {
 
 constexpr uint32_t kCluster = 4096;
-
-int write_at(vnode_t vp, off_t offset, const std::vector<uint8_t>& data) {
-  return vn_write(vp, offset, data).error;
-}
 
 class LifeCycleTest : public VolumeTest {
  protected:
@@ -60,7 +58,7 @@ TEST_F(LifeCycleTest, CloseWritesAChangedEntryOnceAndAnUnchangedOneNever) {
   EXPECT_EQ(0u, stats().writes) << "closing an unchanged file";
 
   ASSERT_EQ(0, VNOP_OPEN(vp, FREAD | FWRITE, ctx_));
-  ASSERT_EQ(0, write_at(vp, 0, pattern_bytes(1, 5000)));
+  ASSERT_EQ(0, vn_write_at(vp, 0, pattern_bytes(1, 5000)));
   ASSERT_EQ(0, VNOP_CLOSE(vp, FREAD | FWRITE, ctx_));
   EXPECT_EQ(0u, node_of(vp)->x_flags & (X_DIRTY | X_STREAM_DIRTY | X_MODIFIED));
   exfat_meta_flush_internal(xm, 1);
@@ -90,13 +88,13 @@ TEST_F(LifeCycleTest, FullFsyncFlushesTheDeviceCacheAfterTheData) {
   uint32_t other_first = node_of(other)->x_start_cluster;
 
   std::vector<uint8_t> data(2 * kCluster, 0x3C);
-  ASSERT_EQ(0, write_at(vp, 0, data));
+  ASSERT_EQ(0, vn_write_at(vp, 0, data));
   ASSERT_EQ(0, VNOP_IOCTL(vp, 51, nullptr, 0, ctx_));
   EXPECT_EQ(1u, stats().flushes);
   EXPECT_EQ(ENOTTY, VNOP_IOCTL(vp, 52, nullptr, 0, ctx_));
   EXPECT_EQ(ENOTTY, VNOP_IOCTL(root_vp_, 0x20006416u, nullptr, 0, ctx_));
 
-  ASSERT_EQ(0, write_at(other, 0, data));
+  ASSERT_EQ(0, vn_write_at(other, 0, data));
   ASSERT_EQ(0, VNOP_FSYNC(other, MNT_WAIT, ctx_));
   host_memdev_power_cut(devvp);
   EXPECT_EQ(data, read_device(builder_.cluster_byte_offset(first), data.size()));
@@ -135,6 +133,39 @@ TEST_F(LifeCycleTest, DirectoryFsyncWritesItsCachedDirtyBlocksOnly) {
   EXPECT_EQ(1u, s.writes);
   EXPECT_EQ(0x05, read_device(uint64_t(start + spb) * xm->xm_bytes_per_sector, 1)[0]);
   unmount_and_check();
+}
+
+// A volume sync writes the data, entries and caches of files still open,
+// and percentInUse.
+TEST_F(LifeCycleTest, SyncWritesOpenFilesAndTheCaches) {
+  uint32_t f = empty_file(u"f");
+  uint32_t g = empty_file(u"g");
+  mount_built();
+  vnode_t fv = get(f);
+  vnode_t gv = get(g);
+  std::vector<uint8_t> big(40 * kCluster, 0x11);  // moves percentInUse off 0
+  std::vector<uint8_t> small(3000, 0x22);
+  ASSERT_EQ(0, vn_write_at(fv, 0, big));
+  ASSERT_EQ(0, vn_write_at(gv, 0, small));
+
+  ASSERT_EQ(0, VFS_SYNC(mp, MNT_WAIT, vfs_context_kernel()));
+  auto* fnode = node_of(fv);
+  EXPECT_EQ(0u, fnode->x_flags & (X_DIRTY | X_STREAM_DIRTY));
+  EXPECT_EQ(0u, xm->xm_fat_cache_dirty);
+  EXPECT_EQ(0u, xm->xm_bitmap_cache_dirty);
+  EXPECT_EQ(big.size(), le64dec(&disk_stream(f)[24]));
+  EXPECT_EQ(small.size(), le64dec(&disk_stream(g)[8]));
+  EXPECT_EQ(big, read_device(builder_.cluster_byte_offset(fnode->x_start_cluster), big.size()));
+  EXPECT_NE(0, disk_percent_in_use());
+
+  if (!fsck_program().empty()) {
+    // The checker sees the device as a later mount would: dirty (mounted),
+    // but with nothing else to complain about.
+    std::vector<uint8_t> image = device_image();
+    le16enc(&image[106], 0);
+    FsckResult r = run_fsck(image);
+    EXPECT_EQ(0, r.status) << r.output;
+  }
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include "exfat_proto.h"
 #include "tests/support/fsck.h"
 #include "tests/support/image_builder.h"
+#include "tests/unit/driver/mount_fixture.h"
 
 using namespace exvol::test;
 
@@ -16,12 +17,6 @@ void expect_fsck(const std::vector<uint8_t>& image, bool clean) {
     GTEST_SKIP() << "fsck.exfat is not installed; skipping the checker test";
   FsckResult r = run_fsck(image);
   EXPECT_EQ(clean, r.status == 0) << r.output;
-}
-
-ImageBuilder standard(Geometry g = {}) {
-  ImageBuilder b(g);
-  b.add_bitmap_entry().add_upcase_entry();
-  return b;
 }
 
 // A populated volume: label, GUID, nested directories, chained and
@@ -55,7 +50,7 @@ TEST(ImageBuilderFsck, ValidVolumesPassAcrossSectorAndClusterSizes) {
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "sector shift " << c.sector_shift << ", cluster shift "
                                     << c.cluster_shift);
-    ImageBuilder b = standard({.sector_shift = c.sector_shift,
+    ImageBuilder b = mountable({.sector_shift = c.sector_shift,
                                .cluster_shift = c.cluster_shift,
                                .cluster_count = c.clusters});
     populate(b);

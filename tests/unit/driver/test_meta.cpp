@@ -14,12 +14,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-uint64_t device_writes(vnode_t devvp) {
-  host_devstats stats;
-  host_blkdev_stats(devvp, &stats);
-  return stats.writes;
-}
-
 // A block past the volume's end, free for the tests to dirty.
 constexpr daddr64_t kScratchBlock = 16384;
 
@@ -35,18 +29,9 @@ uint8_t scratch_on_disk(const MountedVolume& v) {
   return v.read_device(kScratchBlock * 512, 1)[0];
 }
 
-bool flush_pending(struct exfat_mount* xm) {
-  lck_mtx_lock(xm->xm_meta_lock);
-  bool pending = (xm->xm_meta_state & META_SCHEDULED) != 0;
-  lck_mtx_unlock(xm->xm_meta_lock);
-  return pending;
-}
-
-// Waits (up to two seconds) for the armed flush to have run.
+// Waits for the armed flush to have run.
 bool wait_for_flush(struct exfat_mount* xm) {
-  for (int i = 0; i < 2000 && flush_pending(xm); i++)
-    std::this_thread::sleep_for(1ms);
-  return !flush_pending(xm);
+  return wait_for([&] { return !flush_pending(xm); });
 }
 
 }  // namespace
@@ -68,9 +53,9 @@ TEST_F(DirtyMark, MountMarksDirtyAndCleanUnmountClears) {
   EXPECT_EQ(0x0003, disk_volume_flags());
   ASSERT_EQ(0, exfat_mark_vol_dirty(xm, 0, vfs_context_kernel()));
   EXPECT_EQ(0x0001, disk_volume_flags());
-  uint64_t writes = device_writes(devvp);
+  uint64_t writes = stats().writes;
   ASSERT_EQ(0, exfat_mark_vol_dirty(xm, 0, vfs_context_kernel()));
-  EXPECT_EQ(writes, device_writes(devvp)) << "an unchanged mark is not rewritten";
+  EXPECT_EQ(writes, stats().writes) << "an unchanged mark is not rewritten";
   ASSERT_EQ(0, exfat_mark_vol_dirty(xm, 1, vfs_context_kernel()));
   EXPECT_EQ(0x0003, disk_volume_flags());
   ASSERT_EQ(0, unmount());

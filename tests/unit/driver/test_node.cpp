@@ -34,22 +34,11 @@ class NodeTest : public VolumeTest {
     VolumeTest::TearDown();
   }
 
-  int get(uint32_t offset, struct exfat_node** node, enum vtype type = VNON) {
-    return node_get(offset, node, type);
-  }
-  std::vector<uint8_t> disk_set(uint32_t offset, uint32_t entries) {
-    return root_set(offset, entries);
-  }
 };
 
 class RootNodeTest : public NodeTest {
  protected:
-  static Geometry three_cluster_root() {
-    Geometry g;
-    g.root_clusters = 3;
-    return g;
-  }
-  RootNodeTest() : NodeTest(three_cluster_root()) {}
+  RootNodeTest() : NodeTest(Geometry{.root_clusters = 3}) {}
 };
 
 // The root has no entry set: fixed attributes and 1980 times, and a size and
@@ -80,7 +69,7 @@ TEST_F(NodeTest, FileNodeFromItsEntrySet) {
   mount_built();
 
   struct exfat_node* node = nullptr;
-  ASSERT_EQ(0, get(f.offset, &node));
+  ASSERT_EQ(0, node_get(f.offset, &node));
   EXPECT_EQ(VREG, vnode_vtype(node->x_vnode));
   EXPECT_EQ(5u, node->x_size);
   EXPECT_EQ(5u, node->x_valid_size);
@@ -102,13 +91,13 @@ TEST_F(NodeTest, FileNodeFromItsEntrySet) {
     vnode_put(parent);
 
   struct exfat_node* again = nullptr;
-  ASSERT_EQ(0, get(f.offset, &again));
+  ASSERT_EQ(0, node_get(f.offset, &again));
   EXPECT_EQ(node, again);
   EXPECT_EQ(2, host_vnode_iocount(node->x_vnode));
   vnode_put(again->x_vnode);
   vnode_put(node->x_vnode);
 
-  ASSERT_EQ(0, get(run.offset, &node));
+  ASSERT_EQ(0, node_get(run.offset, &node));
   EXPECT_NE(0u, node->x_flags & X_CONTIGUOUS);
   EXPECT_EQ(run.first_cluster, node->x_extent_cluster);
   EXPECT_EQ(0u, node->x_extent_index);
@@ -140,17 +129,17 @@ TEST_F(NodeTest, SizeLimits) {
   uint64_t nodes_before = host_malloc_outstanding("exfat node");
   KernLogCapture log;
   struct exfat_node* node = reinterpret_cast<struct exfat_node*>(1);
-  EXPECT_EQ(EIO, get(huge_dir.offset, &node));
+  EXPECT_EQ(EIO, node_get(huge_dir.offset, &node));
   EXPECT_EQ(nullptr, node);
   EXPECT_EQ(1u, log.count("exfat: ExFAT directory is too large (0x100000000)"));
   EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
   EXPECT_EQ(0u, root_->x_lock_count);
   EXPECT_EQ(nodes_before, host_malloc_outstanding("exfat node"));
 
-  EXPECT_EQ(EIO, get(too_big.offset, &node));
+  EXPECT_EQ(EIO, node_get(too_big.offset, &node));
   EXPECT_EQ(1u, log.count("exfat: ExFAT file is too large (0x8000000000000000)"));
 
-  ASSERT_EQ(0, get(huge_file.offset, &node));
+  ASSERT_EQ(0, node_get(huge_file.offset, &node));
   EXPECT_EQ(0x100000000ull, node->x_size);
   EXPECT_EQ(VREG, vnode_vtype(node->x_vnode));
   vnode_put(node->x_vnode);
@@ -174,7 +163,7 @@ TEST_F(NodeTest, UpdateWritesSixtyFourBytesForAStreamChange) {
   };
 
   struct exfat_node* node = nullptr;
-  ASSERT_EQ(0, get(f.offset, &node));
+  ASSERT_EQ(0, node_get(f.offset, &node));
   exfat_node_lock(node);
   node->x_valid_size = 4;
   node->x_flags |= X_DIRTY | X_STREAM_DIRTY;
@@ -182,14 +171,14 @@ TEST_F(NodeTest, UpdateWritesSixtyFourBytesForAStreamChange) {
   update(node);
   EXPECT_EQ(0u, node->x_flags & (X_DIRTY | X_STREAM_DIRTY));
   uint64_t marker_at = plant_marker(kCluster);
-  std::vector<uint8_t> set = disk_set(f.offset, 4);
+  std::vector<uint8_t> set = root_set(f.offset, 4);
   EXPECT_EQ(4u, le64dec(&set[32 + 8]));
   EXPECT_EQ(10u, le64dec(&set[32 + 24]));
   EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));
   EXPECT_EQ(0xEE, read_device(marker_at, 1)[0]) << "the name entries' block was written";
   vnode_put(node->x_vnode);
 
-  ASSERT_EQ(0, get(g.offset, &node));
+  ASSERT_EQ(0, node_get(g.offset, &node));
   exfat_node_lock(node);
   node->x_valid_size = 1;  // not written without X_STREAM_DIRTY
   node->x_attributes |= EXFAT_ATTR_HIDDEN;
@@ -197,7 +186,7 @@ TEST_F(NodeTest, UpdateWritesSixtyFourBytesForAStreamChange) {
   exfat_node_unlock(node);
   update(node);
   marker_at = plant_marker(2 * kCluster);
-  set = disk_set(g.offset, 3);
+  set = root_set(g.offset, 3);
   EXPECT_EQ(EXFAT_ATTR_ARCHIVE | EXFAT_ATTR_HIDDEN, le16dec(&set[4]));
   EXPECT_EQ(3u, le64dec(&set[32 + 8]));
   EXPECT_EQ(exfat_checksum_file_set(set.data()), le16dec(&set[2]));

@@ -28,16 +28,8 @@ bool holds_pattern(const uint8_t* p, uint64_t offset, size_t length) {
   return true;
 }
 
-bool all_zero(const uint8_t* p, size_t length) {
-  return std::all_of(p, p + length, [](uint8_t b) { return b == 0; });
-}
-
 class PagingTest : public VolumeTest {
  protected:
-  File file(const std::u16string& name, uint64_t size, uint64_t valid) {
-    return junk_file(name, size, valid);
-  }
-
   // A copy of the page at `offset` as mapped access sees it.
   std::vector<uint8_t> fault(vnode_t vp, off_t offset) {
     uintptr_t addr = 0;
@@ -64,17 +56,17 @@ class PagingTest : public VolumeTest {
 
 // Valid length 5,000, inside the second page.
 TEST_F(PagingTest, MappedPagesReadZerosPastTheValidLength) {
-  File f = file(u"f", 4 * kCluster, 5000);
+  File f = junk_file(u"f", 4 * kCluster, 5000);
   mount_built();
   vnode_t vp = get(f.offset);
 
   std::vector<uint8_t> page = fault(vp, 4096);
   ASSERT_EQ(size_t(PAGE_SIZE), page.size());
   EXPECT_TRUE(holds_pattern(page.data(), 4096, 5000 - 4096));
-  EXPECT_TRUE(all_zero(page.data() + (5000 - 4096), 8192 - 5000));
+  EXPECT_TRUE(all_zero(page, 5000 - 4096));
   for (off_t at : {off_t(8192), off_t(12288)}) {
     page = fault(vp, at);
-    EXPECT_TRUE(all_zero(page.data(), page.size())) << at;
+    EXPECT_TRUE(all_zero(page)) << at;
   }
   page = fault(vp, 0);
   EXPECT_TRUE(holds_pattern(page.data(), 0, PAGE_SIZE));
@@ -82,8 +74,8 @@ TEST_F(PagingTest, MappedPagesReadZerosPastTheValidLength) {
 
 // A store through a mapping two pages beyond the valid length.
 TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
-  File f = file(u"f", 4 * kCluster, 1000);
-  File g = file(u"g", 10000, 1000);
+  File f = junk_file(u"f", 4 * kCluster, 1000);
+  File g = junk_file(u"g", 10000, 1000);
   mount_built();
   vnode_t vp = get(f.offset);
   vnode_t short_vp = get(g.offset);
@@ -95,7 +87,7 @@ TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
   ASSERT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
   std::vector<uint8_t> disk = disk_data(f.first_cluster, 0, 12288);
   EXPECT_TRUE(holds_pattern(disk.data(), 0, 1000));
-  EXPECT_TRUE(all_zero(disk.data() + 1000, 8192 - 1000)) << "the gap on the device";
+  EXPECT_TRUE(all_zero(disk, 1000, 8192)) << "the gap on the device";
   EXPECT_TRUE(holds_pattern(disk.data() + 8192, 8192, 4096));
 
   store(short_vp, 8192);

@@ -31,16 +31,12 @@
 #include "tests/support/fsck.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/vnode_io.h"
+#include "tests/unit/driver/damage.h"
 #include "tests/unit/driver/namespace_fixture.h"
 
 using namespace exvol::test;
 
 namespace {
-
-uint32_t env_or(const char* name, uint32_t fallback) {
-  const char* s = getenv(name);
-  return s != nullptr ? static_cast<uint32_t>(strtoul(s, nullptr, 0)) : fallback;
-}
 
 enum class Device { WriteThrough, WriteCache };
 
@@ -151,12 +147,8 @@ class PowerCut : public NamespaceTest {
 
   // Waits until no delayed metadata flush is pending or running.
   void wait_for_delayed_flush() {
-    EXPECT_TRUE(wait_for([&] {
-      lck_mtx_lock(xm->xm_meta_lock);
-      bool pending = (xm->xm_meta_state & META_SCHEDULED) != 0;
-      lck_mtx_unlock(xm->xm_meta_lock);
-      return !pending;
-    })) << "the delayed metadata flush never ran";
+    EXPECT_TRUE(wait_for([&] { return !flush_pending(xm); }))
+        << "the delayed metadata flush never ran";
   }
 
   // Before the cut everything must succeed; after it any errno will do.

@@ -115,30 +115,64 @@ TEST_F(RootScan, VolumeGuidGivesTheUuidOnlyWithItsChecksum) {
   }
 }
 
-// Without an up-case table or an active bitmap the mount fails with EINVAL
-// and its messages, writing nothing and leaving nothing behind.
-TEST_F(RootScan, MissingSystemFilesAreRefused) {
+// Root scans the mount refuses, read-write and read-only: without an
+// up-case table or an active bitmap EINVAL and its messages, with a broken
+// up-case table EIO, with a bitmap outside the heap an errno. Nothing is
+// left behind, and nothing is written read-only or when a system file is
+// missing.
+TEST_F(RootScan, RefusedRootDirectoriesUnwind) {
+  const std::string kNoUpcase = "exfat_scan_root_dir: No upcase table!";
+  const std::string kNoBitmap = "exfat_scan_root_dir: No volume bitmap!";
   struct Case {
     const char* what;
     std::function<void(ImageBuilder&)> entries;
+    int error;  // 0: any errno
     bool no_upcase, no_bitmap;
   } cases[] = {
-      {"no up-case", [](ImageBuilder& b) { b.add_bitmap_entry(); }, true, false},
+      {"no up-case", [](ImageBuilder& b) { b.add_bitmap_entry(); }, EINVAL, true, false},
       {"second-FAT bitmap only",
-       [](ImageBuilder& b) { b.add_bitmap_entry(0x01).add_upcase_entry(); }, false, true},
-      {"neither", [](ImageBuilder& b) { b.add_label(u"EMPTY"); }, true, true},
+       [](ImageBuilder& b) { b.add_bitmap_entry(0x01).add_upcase_entry(); }, EINVAL, false, true},
+      {"neither", [](ImageBuilder& b) { b.add_label(u"EMPTY"); }, EINVAL, true, true},
+      {"up-case checksum", [](ImageBuilder& b) { b.add_bitmap_entry().add_upcase_entry(1); }, EIO},
+      {"up-case too long",
+       [](ImageBuilder& b) {
+         b.add_bitmap_entry().add_entry(b.root(), upcase_entry(0, b.upcase_cluster(), 0x20001));
+       },
+       EIO},
+      {"up-case too short",
+       [](ImageBuilder& b) {
+         b.set_upcase_data(upcase_items({0xFFFF, 0x1000})).add_bitmap_entry().add_upcase_entry();
+       },
+       EIO},
+      {"bitmap outside the heap",
+       [](ImageBuilder& b) {
+         b.add_entry(b.root(), bitmap_entry(0, 0x7FFFFFF0, b.bitmap_length()));
+         b.add_upcase_entry();
+       },
+       0},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    ImageBuilder b;
-    c.entries(b);
-    std::vector<uint8_t> image = b.build();
-    ASSERT_EQ(0, load(image));
-    KernLogCapture log;
-    EXPECT_EQ(EINVAL, mount());
-    EXPECT_EQ(c.no_upcase ? 1u : 0u, log.count("exfat_scan_root_dir: No upcase table!"));
-    EXPECT_EQ(c.no_bitmap ? 1u : 0u, log.count("exfat_scan_root_dir: No volume bitmap!"));
-    EXPECT_EQ(image, read_device(0, image.size())) << "nothing may be written";
-    expect_nothing_left(c.what);
+    for (uint64_t flags : {uint64_t{0}, uint64_t{MNT_RDONLY}}) {
+      SCOPED_TRACE(std::string(c.what) + (flags ? ", read-only" : ""));
+      ImageBuilder b;
+      c.entries(b);
+      std::vector<uint8_t> image = b.build();
+      ASSERT_EQ(0, load(image));
+      int use = host_vnode_usecount(devvp);
+      KernLogCapture log;
+      int error = mount(flags);
+      if (c.error != 0) {
+        EXPECT_EQ(c.error, error);
+      } else {
+        EXPECT_GT(error, 0);
+      }
+      EXPECT_EQ(c.no_upcase ? 1u : 0u, log.count(kNoUpcase));
+      EXPECT_EQ(c.no_bitmap ? 1u : 0u, log.count(kNoBitmap));
+      EXPECT_EQ(use, host_vnode_usecount(devvp)) << "the device is released";
+      if (flags == MNT_RDONLY || c.error == EINVAL) {
+        EXPECT_EQ(image, read_device(0, image.size())) << "nothing may be written";
+      }
+      expect_nothing_left(c.what);
+    }
   }
 }

@@ -26,17 +26,14 @@ constexpr uint32_t kCluster = 4096;  // 512-byte sectors, 8 per cluster
 class RwTest : public VolumeTest {
  protected:
   explicit RwTest(uint32_t cluster_count = 256) : VolumeTest(geometry_with_clusters(cluster_count)) {}
-
-  File file(const std::u16string& name, uint64_t size, uint64_t valid) {
-    return junk_file(name, size, valid);
-  }
 };
 
 // Reads across the valid length, or starting past it with nothing cached,
-// get zeros after it although the disk holds junk there.
+// get zeros after it although the disk holds junk there; a write past the
+// pages read puts the zeros on the device.
 TEST_F(RwTest, ReadsZerosFromTheValidLengthOn) {
-  File f = file(u"f", 3 * kCluster, 1000);
-  File g = file(u"g", 3 * kCluster, 1000);
+  File f = junk_file(u"f", 3 * kCluster, 1000);
+  File g = junk_file(u"g", 3 * kCluster, 1000);
   mount_built();
   vnode_t vp = get(f.offset);
   vnode_t cold = get(g.offset);
@@ -56,13 +53,21 @@ TEST_F(RwTest, ReadsZerosFromTheValidLengthOn) {
   ASSERT_EQ(0, t.error);
   EXPECT_EQ(pattern_bytes(0, 1000), std::vector<uint8_t>(t.data.begin(), t.data.begin() + 1000));
   EXPECT_TRUE(all_zero(t.data, 1000));
+
+  // Those zeros are only in the page cache: a write past them must still
+  // put zeros on the device.
+  ASSERT_EQ(0, vn_write(cold, 9000, pattern_bytes(9000, 10)).error);
+  ASSERT_EQ(0, VNOP_FSYNC(cold, MNT_WAIT, ctx_));
+  std::vector<uint8_t> disk = disk_data(g.first_cluster, 0, 9010);
+  EXPECT_EQ(pattern_bytes(0, 1000), std::vector<uint8_t>(disk.begin(), disk.begin() + 1000));
+  EXPECT_TRUE(all_zero(disk, 1000, 9000)) << "junk left under the new valid length";
   unmount_and_check();
 }
 
 // Reads stop at the size (also with a sector-aligned valid length); reads at
 // or past it move nothing; a negative offset is refused.
 TEST_F(RwTest, ReadStopsAtTheSizeAndRefusesNegativeOffsets) {
-  File f = file(u"f", 2 * kCluster - 300, 1024);
+  File f = junk_file(u"f", 2 * kCluster - 300, 1024);
   mount_built();
   vnode_t vp = get(f.offset);
 
@@ -86,7 +91,7 @@ TEST_F(RwTest, ReadStopsAtTheSizeAndRefusesNegativeOffsets) {
 // A write at 5,000 past a valid length of 1,000 zero-fills the gap on the
 // device and moves the valid length; the size stays.
 TEST_F(RwTest, WritePastTheValidLengthZeroFillsTheGap) {
-  File f = file(u"f", 3 * kCluster, 1000);
+  File f = junk_file(u"f", 3 * kCluster, 1000);
   mount_built();
   vnode_t vp = get(f.offset);
   struct exfat_node* node = node_of(vp);
@@ -117,26 +122,10 @@ TEST_F(RwTest, WritePastTheValidLengthZeroFillsTheGap) {
   EXPECT_EQ(3u * kCluster, le64dec(&stream[24]));
 }
 
-// Gap pages a read brought in hold zeros only in the page cache: a later
-// write past them must still put the zeros on the device.
-TEST_F(RwTest, GapPagesAlreadyReadStillReachTheDisk) {
-  File f = file(u"f", 4 * kCluster, 1000);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  ASSERT_TRUE(all_zero(vn_read(vp, 0, 4 * kCluster).data, 1000));
-
-  ASSERT_EQ(0, vn_write(vp, 9000, pattern_bytes(9000, 10)).error);
-  ASSERT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
-  std::vector<uint8_t> disk = disk_data(f.first_cluster, 0, 9010);
-  EXPECT_EQ(pattern_bytes(0, 1000), std::vector<uint8_t>(disk.begin(), disk.begin() + 1000));
-  EXPECT_TRUE(all_zero(disk, 1000, 9000)) << "junk left under the new valid length";
-  unmount_and_check();
-}
-
 // A write ending in the last cluster takes no cluster; IO_APPEND writes at
 // the size whatever the uio's offset says.
 TEST_F(RwTest, WriteInsideTheLastClusterOnlyMovesTheSize) {
-  File f = file(u"f", 100, 100);
+  File f = junk_file(u"f", 100, 100);
   mount_built();
   vnode_t vp = get(f.offset);
   struct exfat_node* node = node_of(vp);
@@ -166,7 +155,7 @@ class RwFullTest : public RwTest {
 // On a full volume IO_UNIT fails before anything changes; without it the
 // write fills what is free and leaves the rest in the uio.
 TEST_F(RwFullTest, WritesOnAFullVolume) {
-  File f = file(u"f", 100, 100);
+  File f = junk_file(u"f", 100, 100);
   leave_free(3);
   mount_built();
   vnode_t vp = get(f.offset);
@@ -201,7 +190,7 @@ TEST_F(RwFullTest, WritesOnAFullVolume) {
 
 // IO_SYNC: on return the device holds the data and the entry the new sizes.
 TEST_F(RwTest, SynchronousWriteUpdatesTheEntry) {
-  File f = file(u"f", 0, 0);
+  File f = junk_file(u"f", 0, 0);
   mount_built(MNT_ASYNC);  // no delayed flush: what is on disk came from the write
   vnode_t vp = get(f.offset);
   std::vector<uint8_t> data = pattern_bytes(0, 2 * kCluster + 10);
@@ -219,8 +208,8 @@ TEST_F(RwTest, SynchronousWriteUpdatesTheEntry) {
 
 // Refused writes, with their log lines.
 TEST_F(RwTest, RefusedWritesSayWhy) {
-  File f = file(u"f", 100, 100);
-  File g = file(u"g", 100, 100);
+  File f = junk_file(u"f", 100, 100);
+  File g = junk_file(u"g", 100, 100);
   mount_built();
   vnode_t vp = get(f.offset);
   struct exfat_node* node = node_of(vp);
@@ -262,7 +251,7 @@ constexpr uint32_t kRecords = 48;
 
 // Two writers fill disjoint records of one file while two readers read it.
 TEST_F(RwConcurrency, ReadersAndWritersOnOneFile) {
-  File shared = file(u"shared", 0, 0);
+  File shared = junk_file(u"shared", 0, 0);
   mount_built();
   vnode_t vp = get(shared.offset);
   std::atomic<int> failures{0};

@@ -11,8 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <chrono>
-#include <thread>
 #include <string>
 #include <vector>
 
@@ -44,17 +42,6 @@ inline bool all_zero(const std::vector<uint8_t>& v, size_t from = 0, size_t to =
     if (v[i] != 0)
       return false;
   return true;
-}
-
-// Waits (briefly sleeping) until pred holds; false after about 10 seconds.
-template <typename Pred>
-bool wait_for(Pred pred) {
-  for (int i = 0; i < 10000; i++) {
-    if (pred())
-      return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
 }
 
 // An I/O reference on a vnode, released at scope exit.
@@ -90,17 +77,11 @@ inline std::vector<uint8_t> link_contents(const std::string& target) {
 }
 
 inline Geometry geometry_with_clusters(uint32_t cluster_count) {
-  Geometry g;
-  g.cluster_count = cluster_count;
-  return g;
+  return Geometry{.cluster_count = cluster_count};
 }
 // 512-byte sectors and clusters: 16 entries per directory cluster.
 inline Geometry small_cluster_geometry() {
-  Geometry g;
-  g.sector_shift = 9;
-  g.cluster_shift = 0;
-  g.cluster_count = 512;
-  return g;
+  return Geometry{.cluster_shift = 0, .cluster_count = 512};
 }
 
 class VolumeTest : public MountTest {
@@ -197,21 +178,19 @@ class VolumeTest : public MountTest {
 
   std::vector<uint8_t> device_image() const { return read_device(0, image_bytes_); }
 
-  // A set of `entries` entries at `offset` of a directory as it is on the
+  // A set of `entries` entries at `offset` of the root as it is on the
   // device, once the delayed directory writes went out. Entry by entry:
-  // a directory's clusters need not be adjacent.
-  std::vector<uint8_t> disk_set(const Dir& dir, uint32_t offset, uint32_t entries) {
+  // the root's clusters need not be adjacent.
+  std::vector<uint8_t> root_set(uint32_t offset, uint32_t entries = 3) {
     if (mp != nullptr)
       buf_flushdirtyblks(devvp, 1, 0, "test");
     std::vector<uint8_t> set;
     for (uint32_t i = 0; i < entries; i++) {
-      std::vector<uint8_t> entry = read_device(builder_.dir_byte_offset(dir, offset + 32 * i), 32);
+      uint64_t at = builder_.dir_byte_offset(builder_.root(), offset + 32 * i);
+      std::vector<uint8_t> entry = read_device(at, 32);
       set.insert(set.end(), entry.begin(), entry.end());
     }
     return set;
-  }
-  std::vector<uint8_t> root_set(uint32_t offset, uint32_t entries = 3) {
-    return disk_set(builder_.root(), offset, entries);
   }
   // The stream extension of the root's set at `offset`, as the device holds
   // it now (nothing is flushed first).
@@ -251,24 +230,13 @@ class VolumeTest : public MountTest {
     exfat_meta_flush_internal(xm, 1);
     host_blkdev_reset_stats(devvp);
   }
-  host_devstats stats() {
-    host_devstats s{};
-    host_blkdev_stats(devvp, &s);
-    return s;
-  }
-
-  // The clusters of the builder's volume nobody owns yet.
-  uint32_t builder_free_clusters() {
-    uint32_t free = 0;
-    for (uint32_t c = 2; c < builder_.geometry().cluster_count + 2; c++)
-      free += builder_.allocated(c) ? 0 : 1;
-    return free;
-  }
 
   // Leaves exactly `free` clusters of the builder's volume unallocated by
   // giving the others to one filler file, so the volume stays consistent.
   void leave_free(uint32_t free, const std::u16string& name = u"filler") {
-    uint32_t unallocated = builder_free_clusters();
+    uint32_t unallocated = 0;
+    for (uint32_t c = 2; c < builder_.geometry().cluster_count + 2; c++)
+      unallocated += builder_.allocated(c) ? 0 : 1;
     ASSERT_GE(unallocated, free);
     uint32_t take = unallocated - free;
     if (take == 0)
