@@ -3,9 +3,10 @@
 // and unmount system calls.
 //
 // Locking: g_mount_lock protects the list of mounts, each mount's busy
-// bit and its syncer schedule. Mount, update, sync and unmount of one mount run one at a time: each
-// marks the mount busy (waiting while another holds it) and calls the file
-// system without g_mount_lock. A caller that loses the race to an unmount
+// bit and its syncer schedule. Mount, update, sync and unmount of one mount
+// run one at a time (the syncer's periodic sync too): each marks the mount
+// busy (waiting while another holds it) and calls the file system without
+// g_mount_lock. A caller that loses the race to an unmount
 // finds the mount gone from the list and gets EINVAL; it never touches the
 // freed record. Mount flags are atomic so that file-system code on other
 // threads can read them while an update runs.
