@@ -228,7 +228,9 @@ int node_get_found(struct exfat_node* node, vnode_t parent_vp, struct componentn
     return EIO;
   }
   *nodep = node;
-  if (wants_cache_entry(parent_vp, cnp) && (node->x_flags & X_ROOT) == 0)
+  // Whether it is the root is asked of its vnode, whose marks never change:
+  // the node's flags change under the node's lock, which is not held here.
+  if (wants_cache_entry(parent_vp, cnp) && !vnode_isvroot(node->x_vnode))
     cache_enter(parent_vp, node->x_vnode, cnp);
   lck_mtx_unlock(exfat_hash_lock);
   return 0;
