@@ -297,8 +297,9 @@ uint16_t exfat_new_attributes(const struct componentname* cnp, struct vnode_attr
 int exfat_new_set_write(struct exfat_node* dir, uint8_t* buffer, const uint16_t* name,
                         uint32_t length, uint16_t hash, uint16_t attributes, uint32_t* offset,
                         vfs_context_t context);
-int exfat_new_node_undo(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
-                        uint32_t entries, vfs_context_t context);
+int exfat_new_node_allocate(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
+                            uint32_t entries, uint64_t size, const char* operation,
+                            const char* kind, vfs_context_t context);
 void exfat_new_node_ready(struct exfat_node* node);
 
 // --- Namespace: inactive, close, fsync, reclaim, attributes ------------------------------

@@ -97,17 +97,16 @@ int exfat_new_set_write(struct exfat_node* dir, uint8_t* buffer, const uint16_t*
   return exfat_dir_write(dir, nullptr, buffer, *offset, entries * EXFAT_ENTRY_SIZE, true, context);
 }
 
-// Undoes a new node whose first allocation failed (mkdir, symlink): its
-// vnode is purged from the name cache and marked for recycling, the node
-// goes stale in the hash, is marked deleted and parentless, and its entry
-// set of `entries` entries at `offset` is deleted again, unless the parent
-// itself has been removed meanwhile. The caller holds the parent's and the
-// node's locks and logs the failure itself. Returns 0, or the error of the
-// deletion (the set then stays on disk).
-int exfat_new_node_undo(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
-                        uint32_t entries, vfs_context_t context) {
-  lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
-  lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
+namespace {
+
+// Undoes a new node whose first allocation failed: its vnode is purged from
+// the name cache and marked for recycling, the node goes stale in the hash,
+// is marked deleted and parentless, and its entry set of `entries` entries
+// at `offset` is deleted again, unless the parent itself has been removed
+// meanwhile. The caller holds the parent's and the node's locks. Returns 0,
+// or the error of the deletion (the set then stays on disk).
+int new_node_undo(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
+                  uint32_t entries, vfs_context_t context) {
   cache_purge(node->x_vnode);
   vnode_recycle(node->x_vnode);
   lck_mtx_lock(exfat_hash_lock);
@@ -118,6 +117,32 @@ int exfat_new_node_undo(struct exfat_node* dir, struct exfat_node* node, uint32_
   if (dir->x_flags & X_DELETED)
     return 0;
   return exfat_delete_dirents(dir, offset, entries, 1, context);
+}
+
+}  // namespace
+
+// Gives a new node (a directory or a link, `kind` in the message) its first
+// `size` bytes of clusters. When they can't be had, the creation is undone
+// (its set of `entries` entries at `offset` deleted again); when even that
+// fails, "exfat_vnop_<operation>: Error %d removing zero-length <kind>" is
+// logged and the volume marked corrupt. The caller holds the parent's and
+// the node's locks. Returns 0; the allocation's error (ENOSPC when no
+// cluster is free) after an undo; or EIO when the undo failed.
+int exfat_new_node_allocate(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
+                            uint32_t entries, uint64_t size, const char* operation,
+                            const char* kind, vfs_context_t context) {
+  lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
+  lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
+  int error = exfat_truncate(node, size, IO_UNIT, context);
+  if (!error)
+    return 0;
+  int undo_error = new_node_undo(dir, node, offset, entries, context);
+  if (undo_error) {
+    kprintf("exfat_vnop_%s: Error %d removing zero-length %s", operation, undo_error, kind);
+    dir->x_mount->xm_flags |= XM_CORRUPT;
+    return EIO;
+  }
+  return error;
 }
 
 // Ends the initialisation of a node made with keep-locked: clears
@@ -197,30 +222,6 @@ unlock:
   return error;
 }
 
-namespace {
-
-// Gives a new directory its first cluster, zero-filled, so that it holds
-// only end-of-directory markers. On failure the creation is undone. The
-// caller holds the parent's and the new node's locks. Returns 0; the
-// allocation's error (ENOSPC when no cluster is free); or EIO when the set
-// could not be deleted again (logged, the volume marked corrupt).
-int mkdir_first_cluster(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
-                        uint32_t entries, vfs_context_t context) {
-  struct exfat_mount* mount = dir->x_mount;
-  int error = exfat_truncate(node, mount->xm_bytes_per_cluster, IO_UNIT, context);
-  if (!error)
-    return 0;
-  int undo_error = exfat_new_node_undo(dir, node, offset, entries, context);
-  if (undo_error) {
-    kprintf("exfat_vnop_mkdir: Error %d removing zero-length directory", undo_error);
-    mount->xm_flags |= XM_CORRUPT;
-    return EIO;
-  }
-  return error;
-}
-
-}  // namespace
-
 // Makes a directory named by a_cnp in a_dvp with one zero-filled cluster
 // and returns its vnode in a_vpp with an I/O reference. exFAT directories
 // have no "." or ".." entries. The caller holds no driver lock; the parent's
@@ -266,7 +267,10 @@ int exfat_vnop_mkdir(struct vnop_mkdir_args* ap) {
   // it wait until its cluster exists. The parent stays locked.
   error = exfat_node_get(mount, dvp, ap->a_cnp, offset, VDIR, 1, &node, ap->a_context);
   if (!error) {
-    error = mkdir_first_cluster(dir, node, offset, buffer[1] + 1u, ap->a_context);
+    // One zero-filled cluster: it holds only end-of-directory markers.
+    error = exfat_new_node_allocate(dir, node, offset, buffer[1] + 1u,
+                                    mount->xm_bytes_per_cluster, "mkdir", "directory",
+                                    ap->a_context);
     exfat_new_node_ready(node);
     if (!error)
       *ap->a_vpp = node->x_vnode;

@@ -84,22 +84,13 @@ int symlink_write_contents(struct exfat_node* node, const char* target, size_t l
 
 // Gives a new link its clusters and contents, undoing the creation when
 // the clusters can't be had. The caller holds the parent's and the new
-// node's locks. Returns 0; the allocation's error (ENOSPC), after which
-// the set is gone again; EIO when that undoing failed (logged, the volume
-// marked corrupt); or the contents' write error.
+// node's locks. Returns 0; exfat_new_node_allocate's error; or the
+// contents' write error.
 int symlink_finish(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
                    uint32_t entries, const char* target, size_t length, vfs_context_t context) {
-  struct exfat_mount* mount = dir->x_mount;
-  int error = exfat_truncate(node, kSymlinkFileSize, IO_UNIT, context);
-  if (!error)
-    return symlink_write_contents(node, target, length);
-  int undo_error = exfat_new_node_undo(dir, node, offset, entries, context);
-  if (undo_error) {
-    kprintf("exfat_vnop_symlink: Error %d removing zero-length symlink", undo_error);
-    mount->xm_flags |= XM_CORRUPT;
-    return EIO;
-  }
-  return error;
+  int error = exfat_new_node_allocate(dir, node, offset, entries, kSymlinkFileSize, "symlink",
+                                      "symlink", context);
+  return error ? error : symlink_write_contents(node, target, length);
 }
 
 }  // namespace

@@ -227,7 +227,10 @@ TEST_F(ApiFiles, FullVolumeGivesShortWriteThenNoSpace) {
   ASSERT_FALSE(f.close());
   data.resize(free_bytes);
   EXPECT_EQ(data, read_file("/fill"));
+  // A directory or link that gets no cluster is undone, name and all.
   EXPECT_EQ(ENOSPC, err(volume_->mkdir("/nodir")));
+  EXPECT_EQ(ENOSPC, err(volume_->symlink("target", "/nolink")));
+  EXPECT_EQ(std::vector<std::string>{"fill"}, names("/"));
   unmount_and_check();
 }
 
