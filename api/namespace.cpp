@@ -120,50 +120,55 @@ int op_open(const std::shared_ptr<MountState>& ms, vnode_t start, std::string_vi
   });
 }
 
-int op_mkdir(MountState& ms, vnode_t start, std::string_view path, IoRef* made) {
-  return restartable([&] {
-    Nameidata nd;
-    if (int error = namei(ms, start, path, CREATE, kWantParent, &nd))
-      return error;
-    if (nd.vp)
-      return EEXIST;
-    if (ms.read_only)
-      return EROFS;
-    Component c(nd.last, CREATE, ISLASTCN | MAKEENTRY);
-    struct vnode_attr va;
-    VATTR_INIT(&va);
-    vnode_t vp = NULLVP;
-    if (int error = VNOP_MKDIR(nd.dvp.get(), &vp, c.cn(), &va, ctx()))
-      return error;
-    IoRef dir(vp);
-    return take(dir, made);
-  });
-}
+namespace {
 
-int op_symlink(MountState& ms, vnode_t start, std::string_view path, std::string_view target,
-               IoRef* made) {
-  if (target.empty())
-    return ENOENT;
+// Resolves `path` to a name that does not exist yet and makes it with
+// `make` (VNOP_MKDIR, VNOP_SYMLINK), from the lookup again after ERESTART.
+// EEXIST when the name exists; ENOENT for a trailing slash unless
+// `slash_ok`; EROFS on a read-only volume.
+template <typename Make>
+int make_name(MountState& ms, vnode_t start, std::string_view path, bool slash_ok, IoRef* made,
+              Make make) {
   return restartable([&] {
     Nameidata nd;
     if (int error = namei(ms, start, path, CREATE, kWantParent, &nd))
       return error;
     if (nd.vp)
       return EEXIST;
-    if (nd.trailing_slash)
+    if (nd.trailing_slash && !slash_ok)
       return ENOENT;
     if (ms.read_only)
       return EROFS;
     Component c(nd.last, CREATE, ISLASTCN | MAKEENTRY);
     struct vnode_attr va;
     VATTR_INIT(&va);
-    std::string t(target);
     vnode_t vp = NULLVP;
-    if (int error = VNOP_SYMLINK(nd.dvp.get(), &vp, c.cn(), &va, t.data(), ctx()))
+    if (int error = make(nd.dvp.get(), &vp, c.cn(), &va))
       return error;
-    IoRef link(vp);
-    return take(link, made);
+    IoRef ref(vp);
+    return take(ref, made);
   });
+}
+
+}  // namespace
+
+int op_mkdir(MountState& ms, vnode_t start, std::string_view path, IoRef* made) {
+  return make_name(ms, start, path, true, made,
+                   [](vnode_t dvp, vnode_t* vpp, struct componentname* cn, struct vnode_attr* va) {
+                     return VNOP_MKDIR(dvp, vpp, cn, va, ctx());
+                   });
+}
+
+int op_symlink(MountState& ms, vnode_t start, std::string_view path, std::string_view target,
+               IoRef* made) {
+  if (target.empty())
+    return ENOENT;
+  std::string t(target);
+  return make_name(ms, start, path, false, made,
+                   [&t](vnode_t dvp, vnode_t* vpp, struct componentname* cn,
+                        struct vnode_attr* va) {
+                     return VNOP_SYMLINK(dvp, vpp, cn, va, t.data(), ctx());
+                   });
 }
 
 int op_unlink(MountState& ms, vnode_t start, std::string_view path) {
