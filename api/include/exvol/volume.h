@@ -125,8 +125,9 @@ class Volume {
   std::error_code sync(bool wait = true);
   // Changes the options of the mounted volume: read-only or read-write,
   // mask, time zone, asynchronous, no access times, sync interval
-  // (echo_kernel_log is not used). Going read-only refuses with EBUSY while files are open for
-  // writing or mapped writable, unless `force`, which revokes them first.
+  // (echo_kernel_log is not used). Going read-only refuses with EBUSY while
+  // files are open for writing or mapped writable, unless `force`, which
+  // revokes them first.
   // Going read-write fails with EROFS when the device can't be written.
   std::error_code update(const MountOptions& options, bool force = false);
   // Unmounts. Unforced, a volume with open files or mappings stays mounted
