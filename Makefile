@@ -7,12 +7,13 @@ JOBS ?= $(shell nproc)
 BUILD_TEST ?= build/test
 BUILD_TSAN ?= build/tsan
 BUILD_REL ?= build/release
+BUILD_COV ?= build/coverage
 CMAKE_COMMON := -G Ninja -DEXVOL_WERROR=ON
 
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config libfuse3-dev fuse3 \
-	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs
+	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs gcovr
 
-.PHONY: all deps build build-tsan release test test-unit test-tsan run bench clean
+.PHONY: all deps build build-tsan release test test-unit test-tsan run bench coverage clean
 
 all: build
 
@@ -59,6 +60,16 @@ run: deps release
 
 bench: deps release
 	@for b in $(BUILD_REL)/bench/exvol_bench_*; do [ -x "$$b" ] && "$$b"; done; true
+
+# Line coverage of the driver (and, separately, of the host and library) from
+# the whole test suite (the fault tests need the sanitizer runtime).
+coverage: deps
+	cmake -S . -B $(BUILD_COV) $(CMAKE_COMMON) -DCMAKE_BUILD_TYPE=Debug -DEXVOL_SANITIZE=asan -DEXVOL_COVERAGE=ON
+	cmake --build $(BUILD_COV) -j $(JOBS)
+	find $(BUILD_COV) -name '*.gcda' -delete
+	-ctest --test-dir $(BUILD_COV) -j $(JOBS) --timeout 600 > $(BUILD_COV)/ctest.log 2>&1
+	gcovr -r . $(BUILD_COV) --filter 'vfsops/' --filter 'vnops/' --filter 'alloc/' --filter 'node/' --filter 'include/' --print-summary -o $(BUILD_COV)/driver.txt
+	gcovr -r . $(BUILD_COV) --filter 'host/' --filter 'api/' --print-summary -o $(BUILD_COV)/host-api.txt
 
 clean:
 	rm -rf build
