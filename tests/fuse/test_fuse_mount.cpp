@@ -202,7 +202,10 @@ TEST_F(FuseMount, AnImageIsMountedOnceAtATime) {
   std::filesystem::create_directories(second);
   RunResult r = run_program({EXVOL_MOUNT_BIN, image_, second, "-f"});
   EXPECT_EQ(32, r.status);
-  EXPECT_NE(std::string::npos, r.err.find("already mounted")) << r.err;
+  EXPECT_NE(std::string::npos,
+            r.err.find(image_ + " is in use by another program (mount.exvol, pid " +
+                       std::to_string(m.pid()) + ")"))
+      << r.err;
   EXPECT_FALSE(is_mountpoint(second));
 }
 
