@@ -20,7 +20,8 @@ namespace exvol::detail {
 namespace {
 
 int open_for_lock(const std::string& path) {
-  return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  // Without O_NONBLOCK a FIFO named by mistake would block the open.
+  return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
 }
 
 // The loop driver reports its backing file's device in the kernel's own
