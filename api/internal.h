@@ -27,6 +27,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "api/device_lock.h"
 #include "exvol/types.h"
 #include "exvol/volume.h"
 #include "host/mount.h"
@@ -62,6 +63,14 @@ struct MountState {
   vnode_t devvp = nullptr;    // lock
   bool read_only = false;     // lock
   bool device_writable = false;
+
+  // Who may use the device beside us, and whether we may write it
+  // (volume.cpp). The lock is held from before the device is opened until
+  // after it is closed: exclusive while the volume is mounted read-write,
+  // shared while read-only. write_refusal says why the volume can't be
+  // mounted read-write ("" when it can). Both guarded by lock.
+  DeviceLock device_lock;
+  std::string write_refusal;
 
   std::mutex registry_lock;
   std::unordered_set<OpenFile*> files;

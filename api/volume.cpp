@@ -9,8 +9,11 @@
 
 #include "exvol/volume.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <shared_mutex>
 #include <vector>
@@ -141,25 +144,143 @@ void revoke(MountState& ms, bool writers_only) {
     detail::file_revoke(f);
 }
 
+uint64_t get_le64(const uint8_t* p) {
+  return uint64_t{get_le32(p)} | uint64_t{get_le32(p + 4)} << 32;
+}
+
+// "8.0 MiB": sizes in messages.
+std::string size_text(uint64_t bytes) {
+  const char* units[] = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
+  double v = static_cast<double>(bytes);
+  size_t u = 0;
+  while (v >= 1024 && u + 1 < std::size(units)) {
+    v /= 1024;
+    u++;
+  }
+  char s[32];
+  snprintf(s, sizeof(s), u == 0 ? "%.0f %s" : "%.1f %s", v, units[u]);
+  return s;
+}
+
+// What the boot sector says about where the volume ends, in sectors: its
+// VolumeLength, or the end of the cluster heap when that lies further.
+// False when the sector isn't one the driver would take (it then says why
+// when mounting).
+bool volume_sectors(const uint8_t* boot, uint64_t* sectors) {
+  static const uint8_t kSignature[11] = {0xEB, 0x76, 0x90, 'E', 'X', 'F', 'A', 'T', ' ', ' ', ' '};
+  uint8_t sector_shift = boot[108], cluster_shift = boot[109];
+  if (memcmp(boot, kSignature, sizeof(kSignature)) != 0 || sector_shift < 9 ||
+      sector_shift > 16 || cluster_shift > 16)
+    return false;
+  uint64_t heap_end = get_le32(boot + 88) + (uint64_t{get_le32(boot + 92)} << cluster_shift);
+  *sectors = std::max(get_le64(boot + 72), heap_end);
+  return true;
+}
+
 // Reads the boot sector from the device (through the device's buffer cache,
-// which the driver's own boot-sector writes go through as well).
-int read_boot_sector(vnode_t devvp, VolumeInfo* out) {
+// which the driver's own boot-sector writes go through as well). *exfat
+// says whether it is one the driver would take; only then are the volume's
+// size and the rest meaningful. `keep` false drops the buffer from the
+// cache (before a mount, which changes the device's block size).
+int read_boot_sector(vnode_t devvp, VolumeInfo* out, bool* exfat, bool keep = true) {
   uint32_t block_size = 0;
+  uint64_t blocks = 0;
   int error = VNOP_IOCTL(devvp, DKIOCGETBLOCKSIZE, reinterpret_cast<caddr_t>(&block_size), 0,
                          vfs_context_kernel());
+  if (error == 0)
+    error = VNOP_IOCTL(devvp, DKIOCGETBLOCKCOUNT, reinterpret_cast<caddr_t>(&blocks), 0,
+                       vfs_context_kernel());
   if (error)
     return error;
+  out->device_bytes = blocks * block_size;
   buf_t bp = nullptr;
   error = buf_meta_bread(devvp, 0, static_cast<int>(block_size), NOCRED, &bp);
   if (error == 0) {
     const uint8_t* boot = reinterpret_cast<const uint8_t*>(buf_dataptr(bp));
+    uint64_t sectors = 0;
+    *exfat = volume_sectors(boot, &sectors);
     out->serial_number = get_le32(boot + 100);
     out->volume_flags = static_cast<uint16_t>(boot[106] | boot[107] << 8);
     out->bytes_per_sector = 1u << (boot[108] & 31);
     out->percent_in_use = boot[112];
+    // Saturates rather than wraps for a length no device has.
+    out->volume_bytes = *exfat && sectors <= UINT64_MAX >> boot[108] ? sectors << boot[108]
+                                                                       : UINT64_MAX;
   }
-  if (bp != nullptr)
+  if (bp != nullptr) {
+    if (!keep)
+      buf_markinvalid(bp);
     buf_brelse(bp);
+  }
+  return error;
+}
+
+// Why the volume on devvp can't be mounted read-write, or "". The driver
+// takes the boot sector's geometry as it comes and never looks at
+// VolumeLength: on a device shorter than the volume (an image cut short,
+// a partial copy) its writes beyond the end would fail long after the
+// calls that made them, when they could no longer be reported. So the
+// library looks first: read-write is refused, read-only goes ahead with a
+// warning, since what the device does hold is still readable.
+std::string check_device(vnode_t devvp, bool device_writable, std::string* warning) {
+  if (!device_writable)
+    return "the device is write-protected";
+  VolumeInfo v;
+  bool exfat = false;
+  if (read_boot_sector(devvp, &v, &exfat, false) != 0 || !exfat || !v.truncated())
+    return "";
+  uint64_t sector = v.bytes_per_sector;
+  std::string claim = "the volume claims " +
+                      (v.volume_bytes == UINT64_MAX ? std::string("more")
+                                                    : std::to_string(v.volume_bytes / sector)) +
+                      " sectors of " + std::to_string(sector) + " bytes (" +
+                      size_text(v.volume_bytes) + ") but the device holds only " +
+                      std::to_string(v.device_bytes / sector) + " (" +
+                      size_text(v.device_bytes) + ")";
+  *warning = claim + "; what lies beyond is missing";
+  return claim;
+}
+
+// Locks and opens the device for a mount and decides whether it may be
+// written; lines receives the reasons and warnings. On failure the caller
+// closes what was opened (ms.devvp) and drops the lock.
+int take_device(MountState& ms, const std::string& path, bool read_only,
+                std::vector<std::string>* lines) {
+  std::string message;
+  if (int error = ms.device_lock.acquire(path, !read_only, &message)) {
+    if (!message.empty())
+      lines->push_back(message);
+    return error;
+  }
+  if (int error = open_device(path, read_only, &ms.devvp, &ms.device_writable)) {
+    if (error == EROFS)
+      lines->push_back("the device is write-protected; it can only be mounted read-only");
+    return error;
+  }
+  std::string warning;
+  ms.write_refusal = check_device(ms.devvp, ms.device_writable, &warning);
+  if (!ms.write_refusal.empty() && !read_only) {
+    lines->push_back(ms.write_refusal + "; it can only be mounted read-only");
+    return EROFS;
+  }
+  if (!warning.empty())
+    lines->push_back(warning);
+  return 0;
+}
+
+// Closes the device of an unmounted volume and then drops its lock, so
+// that whoever waits for the lock finds the volume complete. Returns the
+// error of any write that failed on the device while it was mounted,
+// delayed ones included: a volume's last writes happen here, at unmount,
+// or on timer threads, with nobody else to tell. Caller holds
+// MountState::lock exclusively.
+int release_device(MountState& ms) {
+  if (!ms.read_only)
+    VNOP_FSYNC(ms.devvp, MNT_WAIT, vfs_context_kernel());
+  int error = host_blkdev_write_error(ms.devvp);
+  host_blkdev_close(ms.devvp);
+  ms.devvp = nullptr;
+  ms.device_lock.release();
   return error;
 }
 
@@ -210,18 +331,16 @@ std::error_code Volume::mount(const std::string& path, const MountOptions& optio
 
   auto ms = std::make_shared<MountState>();
   ms->read_only = options.read_only;
-  int error = open_device(path, options.read_only, &ms->devvp, &ms->device_writable);
-  if (error)
-    return make_error(error);
-
-  std::vector<uint8_t> args = mount_args(options);
   std::vector<std::string> lines;
-  {
+  int error = take_device(*ms, path, options.read_only, &lines);
+  if (error == 0) {
+    std::vector<uint8_t> args = mount_args(options);
     std::lock_guard<std::mutex> guard(g_mount_lock);
     KernLogCapture capture;
     error = host_mount("exfat", ms->devvp, mount_flags(options), args.data(), args.size(),
                        &ms->mp);
-    lines = capture.lines();
+    for (const std::string& line : capture.lines())
+      lines.push_back(line);
   }
   // Passed on to whoever listened before the capture (stderr by default).
   if (options.echo_kernel_log) {
@@ -231,7 +350,9 @@ std::error_code Volume::mount(const std::string& path, const MountOptions& optio
   if (diagnostic != nullptr)
     *diagnostic = join_lines(lines);
   if (error) {
-    host_blkdev_close(ms->devvp);
+    if (ms->devvp != nullptr)
+      host_blkdev_close(ms->devvp);
+    ms->device_lock.release();
     return make_error(error);
   }
   host_set_sync_interval(ms->mp, options.sync_interval_ms);
@@ -261,21 +382,30 @@ std::error_code Volume::unmount(bool force) {
   if (error)
     return make_error(error);
   ms.mp = nullptr;
-  host_blkdev_close(ms.devvp);
-  ms.devvp = nullptr;
-  return {};
+  return make_error(release_device(ms));
 }
 
 // A downgrade first settles the files that could still write: EBUSY while
 // any is open unless forced, then they are revoked so that the driver's
-// own flush of writers finds none.
-std::error_code Volume::update(const MountOptions& options, bool force) {
+// own flush of writers finds none. An upgrade first makes the volume's
+// lock exclusive; the lock follows whatever state the update leaves.
+std::error_code Volume::update(const MountOptions& options, bool force,
+                               std::string* diagnostic) {
   MountState& ms = *impl_->ms;
   std::unique_lock<std::shared_mutex> guard(ms.lock);
+  if (diagnostic != nullptr)
+    diagnostic->clear();
   if (ms.mp == nullptr)
     return make_error(ENXIO);
-  if (!options.read_only && ms.read_only && !ms.device_writable)
-    return make_error(EROFS);
+  if (!options.read_only && ms.read_only) {
+    std::string why = ms.write_refusal;
+    int error = why.empty() ? ms.device_lock.set_exclusive(true, &why) : EROFS;
+    if (error) {
+      if (diagnostic != nullptr)
+        *diagnostic = why;
+      return make_error(error);
+    }
+  }
   if (options.read_only && !ms.read_only) {
     if (!force && in_use(ms, true))
       return make_error(EBUSY);
@@ -285,6 +415,7 @@ std::error_code Volume::update(const MountOptions& options, bool force) {
   uint64_t flags = mount_flags(options) | (force ? MNT_FORCE : 0);
   int error = host_mount_update(ms.mp, flags, args.data(), args.size());
   ms.read_only = vfs_isrdonly(ms.mp) != 0;
+  ms.device_lock.set_exclusive(!ms.read_only, nullptr);  // giving up a lock can't fail
   if (error == 0)
     host_set_sync_interval(ms.mp, options.sync_interval_ms);
   return make_error(error);
@@ -330,7 +461,8 @@ std::error_code Volume::info(VolumeInfo* out) const {
   out->free_clusters = va.f_bfree;
   out->io_size = va.f_iosize;
   out->read_only = ms.read_only;
-  return make_error(read_boot_sector(ms.devvp, out));
+  bool exfat = false;
+  return make_error(read_boot_sector(ms.devvp, out, &exfat));
 }
 
 std::error_code Volume::label(std::string* out) const {
@@ -362,7 +494,8 @@ std::error_code Volume::sync(bool wait) {
   CallGuard guard(*impl_->ms);
   if (int error = guard.error())
     return make_error(error);
-  return make_error(host_sync(impl_->ms->mp, wait ? MNT_WAIT : MNT_NOWAIT));
+  int error = host_sync(impl_->ms->mp, wait ? MNT_WAIT : MNT_NOWAIT);
+  return make_error(error != 0 ? error : host_blkdev_write_error(impl_->ms->devvp));
 }
 
 }  // namespace exvol

@@ -199,6 +199,10 @@ void Reporter::error(const std::string& message) {
   failed_ = true;
 }
 
+void Reporter::warn(const std::string& message) const {
+  fprintf(stderr, "exvol: %s: warning: %s\n", command_.c_str(), message.c_str());
+}
+
 int Reporter::usage(const std::string& message) const {
   fprintf(stderr, "exvol: %s: %s\n", command_.c_str(), message.c_str());
   if (const CommandInfo* c = find_command(command_))

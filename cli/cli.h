@@ -83,6 +83,8 @@ class Reporter {
   void error(const std::string& what, std::error_code ec);
   // "exvol: CMD: message"; the status becomes 1.
   void error(const std::string& message);
+  // "exvol: CMD: warning: message"; the status stays.
+  void warn(const std::string& message) const;
   // "exvol: CMD: message" and the usage hint; returns 2.
   int usage(const std::string& message) const;
   // The status becomes 1 without a message (the failure speaks for itself).

@@ -12,14 +12,15 @@ namespace exvol::cli {
 namespace {
 
 std::string state_of(const VolumeInfo& v) {
-  if (!v.dirty() && !v.media_failure())
-    return "clean";
   std::string s;
+  auto add = [&s](const char* word) { s += s.empty() ? word : std::string(", ") + word; };
   if (v.dirty())
-    s = "dirty";
+    add("dirty");
   if (v.media_failure())
-    s += s.empty() ? "media failure" : ", media failure";
-  return s;
+    add("media failure");
+  if (v.truncated())
+    add("truncated");
+  return s.empty() ? "clean" : s;
 }
 
 void print_human(const std::string& image, const VolumeInfo& v) {
@@ -38,6 +39,10 @@ void print_human(const std::string& image, const VolumeInfo& v) {
          human_size(v.used_clusters() * v.bytes_per_cluster).c_str());
   printf("Free:            %llu (%s)\n", static_cast<unsigned long long>(v.free_bytes()),
          human_size(v.free_bytes()).c_str());
+  if (v.truncated())
+    printf("Image holds:     %llu (%s) of a %s volume\n",
+           static_cast<unsigned long long>(v.device_bytes), human_size(v.device_bytes).c_str(),
+           human_size(v.volume_bytes).c_str());
   printf("Percent in use:  %u\n", v.percent_in_use);
   printf("Volume flags:    0x%04X (%s)\n", v.volume_flags, state_of(v).c_str());
 }
@@ -57,7 +62,10 @@ void print_json(const std::string& image, const VolumeInfo& v) {
   printf("  \"percent_in_use\": %u,\n", v.percent_in_use);
   printf("  \"volume_flags\": %u,\n", v.volume_flags);
   printf("  \"dirty\": %s,\n", v.dirty() ? "true" : "false");
-  printf("  \"media_failure\": %s\n", v.media_failure() ? "true" : "false");
+  printf("  \"media_failure\": %s,\n", v.media_failure() ? "true" : "false");
+  printf("  \"volume_bytes\": %llu,\n", static_cast<unsigned long long>(v.volume_bytes));
+  printf("  \"device_bytes\": %llu,\n", static_cast<unsigned long long>(v.device_bytes));
+  printf("  \"truncated\": %s\n", v.truncated() ? "true" : "false");
   printf("}\n");
 }
 
@@ -89,6 +97,8 @@ int info_command(const std::vector<std::string>& args) {
   std::unique_ptr<Volume> volume;
   std::string diagnostic;
   std::error_code ec = Volume::mount(image, options, &volume, &diagnostic);
+  if (ec == std::errc::device_or_resource_busy && !diagnostic.empty())
+    return failure(diagnostic);  // names the image and who holds it
   if (ec) {
     std::string message = image + ": cannot mount: " + ec.message();
     if (!diagnostic.empty())

@@ -4,6 +4,8 @@
 
 #include <sys/stat.h>
 
+#include "text.h"
+
 namespace exvol::cli {
 
 namespace {
@@ -123,11 +125,10 @@ Volume* Session::volume(const std::string& image, bool writable) {
   std::string diagnostic;
   std::error_code ec = Volume::mount(image, options(writable), &m.volume, &diagnostic);
   if (ec) {
-    std::string message = image + ": cannot mount: " + ec.message();
-    if (!diagnostic.empty())
-      message += " (" + diagnostic + ")";
-    reporter_.error(message);
+    report_mount_failure(reporter_, image, ec, diagnostic);
     m.volume.reset();
+  } else if (options(writable).read_only) {
+    warn_if_truncated(reporter_, image, *m.volume);
   }
   mounted_.push_back(std::move(m));
   return mounted_.back().volume.get();
@@ -141,36 +142,57 @@ std::unique_ptr<Tree> Session::tree(const Address& address, bool writable) {
 }
 
 Volume* Session::remount_writable(Mounted& m) {
-  std::error_code ec = m.volume->update(options(true));
+  std::string why;
+  std::error_code ec = m.volume->update(options(true), false, &why);
+  if (ec == std::errc::device_or_resource_busy && !why.empty()) {
+    reporter_.error(why);
+    return nullptr;
+  }
   if (ec) {
-    reporter_.error(m.image + ": cannot mount read-write: " + ec.message());
+    reporter_.error(m.image + ": cannot mount read-write: " + ec.message() +
+                    (why.empty() ? "" : " (" + why + ")"));
     return nullptr;
   }
   m.writable = true;
   return m.volume.get();
 }
 
+// A sync first, on volumes that were written: unmount writes the caches
+// and the clean mark but leaves percentInUse as the volume's last flush had
+// it, and other systems show that figure. Both report a write that failed
+// on the device at any time before; one message says so.
 int Session::finish() {
-  int status = reporter_.status();
   for (Mounted& m : mounted_) {
     if (!m.volume)
       continue;
-    // A sync first, on volumes that were written: unmount writes the
-    // caches and the clean mark but leaves percentInUse as the volume's
-    // last flush had it, and other systems show that figure.
-    std::error_code ec;
-    if (m.writable && (ec = m.volume->sync(true)))
-      reporter_.error(m.image + ": sync", ec);
-    ec = m.volume->unmount();
-    if (ec == std::errc::device_or_resource_busy)
-      ec = m.volume->unmount(true);
-    if (ec) {
-      reporter_.error(m.image + ": unmount", ec);
-      status = 1;
-    }
+    std::error_code ec = m.writable ? m.volume->sync(true) : std::error_code();
+    std::error_code unmounted = m.volume->unmount();
+    if (unmounted == std::errc::device_or_resource_busy)
+      unmounted = m.volume->unmount(true);
+    if (!ec)
+      ec = unmounted;
+    if (ec)
+      reporter_.error(m.image + ": not everything could be written", ec);
   }
   mounted_.clear();
-  return status;
+  return reporter_.status();
+}
+
+void report_mount_failure(Reporter& reporter, const std::string& image, std::error_code ec,
+                          const std::string& diagnostic) {
+  // The diagnostic of a volume in use names the image and its holder.
+  if (ec == std::errc::device_or_resource_busy && !diagnostic.empty())
+    reporter.error(diagnostic);
+  else
+    reporter.error(image + ": cannot mount: " + ec.message() +
+                   (diagnostic.empty() ? "" : " (" + diagnostic + ")"));
+}
+
+void warn_if_truncated(Reporter& reporter, const std::string& image, Volume& volume) {
+  VolumeInfo info;
+  if (!volume.info(&info) && info.truncated())
+    reporter.warn(image + ": the image holds " + human_size(info.device_bytes) + " of a " +
+                  human_size(info.volume_bytes) + " volume; what lies beyond is missing");
 }
 
 }  // namespace exvol::cli

@@ -66,8 +66,9 @@ class Session {
   // volume() does). nullptr after reporting why the image can't be used.
   std::unique_ptr<Tree> tree(const Address& address, bool writable);
 
-  // Unmounts every image, reporting failures. Returns the command's exit
-  // status: the reporter's, or 1 when an unmount failed.
+  // Unmounts every image, reporting failures: an unmount, or a sync, that
+  // says a write to the image failed, whenever it was made. Returns the
+  // command's exit status.
   int finish();
 
  private:
@@ -86,6 +87,14 @@ class Session {
   MountSettings settings_;
   std::vector<Mounted> mounted_;
 };
+
+// Reports a failed Volume::mount of `image`: the reason and the driver's
+// diagnostic, or only the diagnostic of a volume in use, which says it all.
+void report_mount_failure(Reporter& reporter, const std::string& image, std::error_code ec,
+                          const std::string& diagnostic);
+// Warns when the image is shorter than its volume (it was mounted
+// read-only: writing commands can't mount it).
+void warn_if_truncated(Reporter& reporter, const std::string& image, Volume& volume);
 
 // Parses every operand of `args` as an image address before anything is
 // done, so that a wrong command line changes nothing. Returns 0, or 2

@@ -7,18 +7,23 @@
 //      mount(8) and scripts see the result. Forking comes first because the
 //      library starts threads when it mounts, and threads don't survive a
 //      fork;
-//   3. lock the image, mount the volume, create the FUSE session and mount
-//      it on the mount point (failures exit 32, mount(8)'s "mount failure");
+//   3. mount the volume, create the FUSE session and mount it on the mount
+//      point (failures exit 32, mount(8)'s "mount failure"). The volume's
+//      lock is the library's: taken with the mount, here in the process
+//      that serves, and never shared with the parent, which only waits;
+//      flock locks go with the open file, so the lock holds as long as
+//      this process does;
 //   4. serve requests on several threads until the kernel unmounts
 //      (umount, fusermount3 -u) or SIGTERM/SIGINT/SIGHUP arrives;
 //   5. detach the FUSE mount if it is still there, close what the kernel
 //      left open and unmount the volume, which writes everything and marks
-//      it clean. The image lock is released last: whoever waits for it
-//      knows that the image is complete.
+//      it clean. The library releases the volume's lock last: whoever waits
+//      for it knows that the image is complete. A write that failed on the
+//      device at any time makes the unmount fail, and the daemon says so
+//      (exit 32 in the foreground, the system log otherwise).
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -108,29 +113,17 @@ void detach_stdio() {
     close(null);
 }
 
-// Two daemons writing one image would destroy it. The lock is advisory
-// and covers only exvol daemons, but those are the writers to fear.
-int lock_image(const std::string& image) {
-  int fd = open(image.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    fprintf(stderr, "mount.exvol: %s: %s\n", image.c_str(), strerror(errno));
-    return -1;
-  }
-  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-    fprintf(stderr, "mount.exvol: %s: %s\n", image.c_str(),
-            errno == EWOULDBLOCK ? "already mounted by another mount.exvol" : strerror(errno));
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 std::unique_ptr<Volume> mount_volume(const Config& c) {
   MountOptions options = c.volume;
   options.echo_kernel_log = false;  // printed below, with the image's name
   std::unique_ptr<Volume> volume;
   std::string diagnostic;
   std::error_code ec = Volume::mount(c.image, options, &volume, &diagnostic);
+  if (ec == std::errc::device_or_resource_busy && !diagnostic.empty()) {
+    // Names the image and the program that holds it.
+    fprintf(stderr, "mount.exvol: %s\n", diagnostic.c_str());
+    return nullptr;
+  }
   if (ec) {
     fprintf(stderr, "mount.exvol: can't mount %s: %s%s%s\n", c.image.c_str(),
             ec.message().c_str(), diagnostic.empty() ? "" : ": ", diagnostic.c_str());
@@ -174,14 +167,9 @@ int serve(fuse_session* se) {
 }
 
 int run(const Config& c) {
-  int lock_fd = lock_image(c.image);
-  if (lock_fd < 0)
-    return kExitFailure;
   std::unique_ptr<Volume> volume = mount_volume(c);
-  if (!volume) {
-    close(lock_fd);
+  if (!volume)
     return kExitFailure;
-  }
   Daemon daemon(c, std::move(volume));
   fuse_session* se = make_session(c, &daemon);
   if (se == nullptr || fuse_set_signal_handlers(se) != 0 ||
@@ -191,7 +179,6 @@ int run(const Config& c) {
       fuse_session_destroy(se);
     }
     daemon.shut_down();
-    close(lock_fd);
     return kExitFailure;
   }
 
@@ -210,10 +197,11 @@ int run(const Config& c) {
   std::error_code ec = daemon.shut_down();
   fuse_session_destroy(se);
   if (ec && c.foreground)
-    fprintf(stderr, "mount.exvol: unmounting %s: %s\n", c.image.c_str(), ec.message().c_str());
+    fprintf(stderr, "mount.exvol: unmounting %s: not everything could be written: %s\n",
+            c.image.c_str(), ec.message().c_str());
   else if (ec)
-    syslog(LOG_ERR, "unmounting %s: %s", c.image.c_str(), ec.message().c_str());
-  close(lock_fd);
+    syslog(LOG_ERR, "unmounting %s: not everything could be written: %s", c.image.c_str(),
+           ec.message().c_str());
   return ec ? kExitFailure : 0;
 }
 

@@ -63,7 +63,7 @@ class FileBackend final : public Backend {
   int write(uint64_t offset, const struct iovec* iov, int iovcnt) override {
     return transfer(true, offset, iov, iovcnt);
   }
-  int flush() override { return fdatasync(fd_) == 0 ? 0 : EIO; }
+  int flush() override { return fdatasync(fd_) == 0 ? 0 : errno; }
 
  private:
   int transfer(bool write, uint64_t offset, const struct iovec* iov, int iovcnt);
@@ -73,7 +73,9 @@ class FileBackend final : public Backend {
 };
 
 // Loops only for short transfers; a transfer that makes no progress (end
-// of a file that shrank under us) is EIO, as on a disk.
+// of a file that shrank under us) is EIO, as on a disk. Other failures
+// return the system's errno (ENOSPC from a full file system under an
+// image, EPERM from a write-protected block device …).
 int FileBackend::transfer(bool write, uint64_t offset, const struct iovec* iov_in,
                           int iovcnt) {
   struct iovec local[IOV_MAX];
@@ -87,7 +89,8 @@ int FileBackend::transfer(bool write, uint64_t offset, const struct iovec* iov_i
     ssize_t done = write ? pwritev(fd_, local, n, static_cast<off_t>(offset))
                          : preadv(fd_, local, n, static_cast<off_t>(offset));
     if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) return EIO;
+    if (done < 0) return errno;
+    if (done == 0) return EIO;
     offset += static_cast<uint64_t>(done);
     // Step over the vectors the call finished.
     size_t left = static_cast<size_t>(done);
@@ -224,6 +227,7 @@ struct spec_dev {
   uint32_t sd_phys_bsize;
   bool sd_rdonly = false;
   std::atomic<int> sd_refuse_setbsize{0};
+  std::atomic<int> sd_write_error{0};  // the first failed write's or flush's error
   std::atomic<uint64_t> sd_reads{0}, sd_writes{0}, sd_bytes_read{0}, sd_bytes_written{0},
       sd_flushes{0};
 };
@@ -244,9 +248,20 @@ MemBackend* mem_of(vnode_t vp, const char* who) {
   return mem;
 }
 
+// Keeps the first failure for host_blkdev_write_error. A block device that
+// refuses writes says EPERM; the caller of the write learns EIO either way.
+void note_write_error(spec_dev* sd, int error) {
+  if (error == EPERM) error = EROFS;
+  int none = 0;
+  sd->sd_write_error.compare_exchange_strong(none, error);
+}
+
 int spec_flush_cache(spec_dev* sd) {
   sd->sd_flushes.fetch_add(1, std::memory_order_relaxed);
-  return sd->sd_backend->flush();
+  int error = sd->sd_backend->flush();
+  if (error == 0) return 0;
+  note_write_error(sd, error);
+  return EIO;
 }
 
 // --- Vnode operations of device vnodes -------------------------------------------
@@ -364,19 +379,23 @@ int host_blkdev_transfer(vnode_t devvp, bool write, uint64_t offset, const struc
                          int iovcnt) {
   spec_dev* sd = spec_of(devvp);
   uint64_t len = iov_bytes(iov, iovcnt);
-  if (write) {
-    sd->sd_writes.fetch_add(1, std::memory_order_relaxed);
-    sd->sd_bytes_written.fetch_add(len, std::memory_order_relaxed);
-    if (sd->sd_rdonly) return EROFS;
-  } else {
+  uint64_t size = sd->sd_backend->size();
+  bool outside = offset > size || len > size - offset;
+  if (!write) {
     sd->sd_reads.fetch_add(1, std::memory_order_relaxed);
     sd->sd_bytes_read.fetch_add(len, std::memory_order_relaxed);
+    if (outside) return EIO;
+    return sd->sd_backend->read(offset, iov, iovcnt) == 0 ? 0 : EIO;
   }
-  uint64_t size = sd->sd_backend->size();
-  if (offset > size || len > size - offset) return EIO;
-  return write ? sd->sd_backend->write(offset, iov, iovcnt)
-               : sd->sd_backend->read(offset, iov, iovcnt);
+  sd->sd_writes.fetch_add(1, std::memory_order_relaxed);
+  sd->sd_bytes_written.fetch_add(len, std::memory_order_relaxed);
+  int error = sd->sd_rdonly ? EROFS : outside ? EIO : sd->sd_backend->write(offset, iov, iovcnt);
+  if (error == 0) return 0;
+  note_write_error(sd, error);
+  return error == EROFS && sd->sd_rdonly ? EROFS : EIO;
 }
+
+int host_blkdev_write_error(vnode_t devvp) { return spec_of(devvp)->sd_write_error.load(); }
 
 // --- Opening and closing ----------------------------------------------------------------
 
@@ -402,6 +421,14 @@ int host_blkdev_open(const char* path, int rdonly, vnode_t* devvpp) {
     }
     bsize = static_cast<uint32_t>(lsz);
     phys = ioctl(fd, BLKPBSZGET, &psz) == 0 && psz != 0 ? psz : bsize;
+    // Linux opens a write-protected block device for writing and then
+    // fails every write; say so at once, as open(2) does for a file on a
+    // read-only file system.
+    int ro = 0;
+    if (!rdonly && ioctl(fd, BLKROGET, &ro) == 0 && ro != 0) {
+      close(fd);
+      return EROFS;
+    }
   } else if (!S_ISREG(st.st_mode)) {
     close(fd);
     return ENODEV;

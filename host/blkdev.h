@@ -46,9 +46,16 @@ struct host_devstats {
 // Opens a file or block device as a device vnode with an I/O reference.
 // Logical block size: the device's for a block device, 512 for a file
 // (overridable). Physical block size: the device's, 512 for a file.
-// ENOENT, EACCES … from open; ENODEV for anything else (a directory). Writes
-// to a device opened read-only fail with EROFS.
+// ENOENT, EACCES … from open; EROFS for a write-protected block device
+// opened for writing; ENODEV for anything else (a directory). Writes to a
+// device opened read-only fail with EROFS.
 int host_blkdev_open(const char* path, int rdonly, vnode_t* devvpp);
+// The error of the first write or cache flush that failed on the device
+// since it was opened (EIO, ENOSPC, EROFS …), or 0. It stays: a failed
+// write is otherwise known only to the thread that waited for it, and
+// nobody waits for a delayed write or a write-behind, so whoever answers
+// for the device's contents (a sync, an unmount) asks here. Thread-safe.
+int host_blkdev_write_error(vnode_t devvp);
 // An in-memory device of `bytes` bytes with the given block sizes.
 int host_memdev_create(uint64_t bytes, uint32_t logical_block, uint32_t physical_block,
                        vnode_t* devvpp);

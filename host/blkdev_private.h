@@ -17,6 +17,7 @@ uint32_t host_blkdev_bsize(vnode_t devvp);
 // `offset` of the device: a single preadv/pwritev on a file or block device,
 // one copy on an in-memory device. Returns 0, EIO (outside the device, a
 // failed or injected fault, a short transfer) or EROFS (a device opened
-// read-only). Callable from any thread, without locks held.
+// read-only); a failed write is also remembered for host_blkdev_write_error.
+// Callable from any thread, without locks held.
 int host_blkdev_transfer(vnode_t devvp, bool write, uint64_t offset, const struct iovec* iov,
                          int iovcnt);

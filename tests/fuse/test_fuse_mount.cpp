@@ -1,13 +1,15 @@
 // Mounting and unmounting with mount.exvol: the dirty mark while mounted
 // and the clean volume after umount or a signal, the daemon mode mount(8)
 // uses, the options (ro, owner, masks, quiet), and the errors for bad
-// arguments, damaged images and an image mounted twice.
+// arguments, damaged images, an image mounted twice (also through a loop
+// device), devices that can't be written and writes that fail.
 
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
 #include "tests/fuse/mount_fixture.h"
+#include "tests/support/device_faults.h"
 
 namespace exvol::test {
 namespace {
@@ -68,6 +70,13 @@ TEST_F(FuseMount, DaemonModeReturnsWhenTheMountIsReady) {
   ASSERT_EQ(0, r.status) << r.err;
   ASSERT_TRUE(is_mountpoint(mnt_));
   EXPECT_TRUE(write_file(mnt_ + "/bg", pattern(5000, 2)));
+  // The daemon in the background holds the image, not the parent that
+  // returned.
+  RunResult other = run_program({EXVOL_CLI_BIN, "mkdir", image_ + ":/x"});
+  EXPECT_EQ(1, other.status);
+  EXPECT_NE(std::string::npos,
+            other.err.find(image_ + " is in use by another program (mount.exvol, pid "))
+      << other.err;
   EXPECT_TRUE(unmount_dir(mnt_));
   // The daemon holds a lock on the image until it has finished.
   int fd = open(image_.c_str(), O_RDONLY);
@@ -195,15 +204,85 @@ TEST_F(FuseMount, BadCommandLinesAndImagesFailWithTheReason) {
   EXPECT_EQ(0, run_program({EXVOL_MOUNT_BIN, "--help"}).status);
 }
 
-TEST_F(FuseMount, AnImageIsMountedOnceAtATime) {
-  MountedVolume m(image_, mnt_);
-  ASSERT_TRUE(m.ok());
+// Two daemons on one volume would each lose the other's changes, whatever
+// path leads them there: the image, or a loop device over it.
+TEST_F(FuseMount, AVolumeIsMountedOnceAtATimeByAnyRoute) {
   std::string second = scratch_.sub("mnt2");
   std::filesystem::create_directories(second);
-  RunResult r = run_program({EXVOL_MOUNT_BIN, image_, second, "-f"});
+  auto refused = [&](const std::string& source, const std::string& in_use, pid_t holder) {
+    RunResult r = run_program({EXVOL_MOUNT_BIN, source, second, "-f"});
+    EXPECT_EQ(32, r.status);
+    EXPECT_EQ("mount.exvol: " + in_use + " is in use by another program (mount.exvol, pid " +
+                  std::to_string(holder) + ")\n",
+              r.err);
+    EXPECT_FALSE(is_mountpoint(second));
+  };
+  {
+    MountedVolume m(image_, mnt_);
+    ASSERT_TRUE(m.ok());
+    refused(image_, image_, m.pid());
+  }
+  ATTACH_LOOP_OR_SKIP(loop, image_, false);
+  std::string route = loop.device() + " (a loop device of " +
+                      std::filesystem::canonical(image_).string() + ")";
+  {
+    MountedVolume m(image_, mnt_);
+    ASSERT_TRUE(m.ok());
+    refused(loop.device(), route, m.pid());
+  }
+  MountedVolume m(loop.device(), mnt_);
+  ASSERT_TRUE(m.ok());
+  refused(image_, image_, m.pid());
+  EXPECT_EQ(0, m.unmount()) << m.log();
+}
+
+// A device that can't be written, or that is shorter than its volume, is
+// refused read-write with the reason and mounted read-only, unchanged.
+TEST_F(FuseMount, ReadOnlyDevicesMountOnlyReadOnly) {
+  std::filesystem::resize_file(image_, 8 << 20);
+  std::vector<uint8_t> before = read_file(image_);
+  RunResult r = run_program({EXVOL_MOUNT_BIN, image_, mnt_, "-f"});
   EXPECT_EQ(32, r.status);
-  EXPECT_NE(std::string::npos, r.err.find("already mounted")) << r.err;
-  EXPECT_FALSE(is_mountpoint(second));
+  EXPECT_NE(std::string::npos, r.err.find("but the device holds only 16384 (8.0 MiB); it can "
+                                          "only be mounted read-only\n"))
+      << r.err;
+  {
+    MountedVolume m(image_, mnt_, "ro");
+    ASSERT_TRUE(m.ok());
+    EXPECT_EQ(0, m.unmount());
+    EXPECT_NE(std::string::npos, m.log().find("; what lies beyond is missing\n")) << m.log();
+  }
+  EXPECT_TRUE(read_file(image_) == before);
+
+  make_builder_image(image_);
+  ATTACH_LOOP_OR_SKIP(loop, image_, true);
+  r = run_program({EXVOL_MOUNT_BIN, loop.device(), mnt_, "-f"});
+  EXPECT_EQ(32, r.status);
+  EXPECT_EQ("mount.exvol: can't mount " + loop.device() +
+                ": Read-only file system: the device is write-protected; it can only be mounted "
+                "read-only\n",
+            r.err);
+  MountedVolume m(loop.device(), mnt_, "ro");
+  ASSERT_TRUE(m.ok());
+  EXPECT_EQ(0, m.unmount());
+}
+
+// Device writes that fail (here: all beyond 8 MiB of the image) make the
+// unmount fail with exit status 32 and the reason, though the writes
+// happened long before, on the daemon's timers.
+TEST_F(FuseMount, FailedDeviceWritesFailTheUnmount) {
+  std::unique_ptr<MountedVolume> m;
+  {
+    FileSizeLimit limit(8 << 20);  // the daemon keeps it
+    m = std::make_unique<MountedVolume>(image_, mnt_);
+  }
+  ASSERT_TRUE(m->ok());
+  write_file(m->path("big"), pattern(20 << 20, 4));  // its close may fail too
+  EXPECT_EQ(32, m->unmount());
+  EXPECT_NE(std::string::npos, m->log().find("mount.exvol: unmounting " + image_ +
+                                             ": not everything could be written: File too "
+                                             "large\n"))
+      << m->log();
 }
 
 }  // namespace

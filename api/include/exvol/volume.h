@@ -80,12 +80,18 @@ struct VolumeInfo {
   uint16_t volume_flags = 0;         // bit 1 VolumeDirty, bit 2 MediaFailure
   uint8_t percent_in_use = 0;
   bool read_only = false;
+  // What the boot sector claims (VolumeLength, or the end of the cluster
+  // heap when that lies further) and what the device holds, in bytes.
+  uint64_t volume_bytes = 0;
+  uint64_t device_bytes = 0;
 
   uint64_t used_clusters() const { return cluster_count - free_clusters; }
   uint64_t total_bytes() const { return cluster_count * bytes_per_cluster; }
   uint64_t free_bytes() const { return free_clusters * bytes_per_cluster; }
   bool dirty() const { return (volume_flags & 0x0002) != 0; }
   bool media_failure() const { return (volume_flags & 0x0004) != 0; }
+  // The device is shorter than the volume: what lies beyond is missing.
+  bool truncated() const { return device_bytes < volume_bytes; }
   // "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX", upper case.
   std::string uuid_string() const;
 };
@@ -103,9 +109,19 @@ void set_log_handler(LogHandler handler);
 class Volume {
  public:
   // Mounts the image file or block device at `path`. On success *out holds
-  // the mounted volume. diagnostic, when given, receives the kernel log
-  // lines the driver printed while mounting, joined by "; " (why a mount
-  // failed, or warnings about a volume that mounted).
+  // the mounted volume. diagnostic, when given, receives the reasons and
+  // warnings of the mount, joined by "; ": the library's and the kernel log
+  // lines the driver printed while mounting (why a mount failed, or
+  // warnings about a volume that mounted).
+  //
+  // The volume is locked for as long as it is mounted (flock(2) on the
+  // image or device, and on a loop device's backing file): exclusively
+  // for read-write, shared for read-only. A volume that another program
+  // (or another Volume) holds fails with EBUSY, the diagnostic naming the
+  // holder where the system tells. A read-write mount fails with EROFS when
+  // the device is write-protected, or when the boot sector claims more
+  // sectors than the device holds (writes would fail beyond its end); a
+  // read-only mount of such a volume goes ahead with a warning.
   static std::error_code mount(const std::string& path, const MountOptions& options,
                                std::unique_ptr<Volume>* out, std::string* diagnostic = nullptr);
 
@@ -122,18 +138,27 @@ class Volume {
   // label). EROFS on a read-only volume.
   std::error_code set_label(const std::string& label);
   // Writes everything pending to the device; with `wait`, waits for it.
+  // Once a write to the device has failed, whenever it was made (a delayed
+  // metadata flush, a write-behind of file data), sync and unmount return
+  // that write's error (EIO, ENOSPC, EROFS …): the volume on the device
+  // lacks something it was given.
   std::error_code sync(bool wait = true);
   // Changes the options of the mounted volume: read-only or read-write,
   // mask, time zone, asynchronous, no access times, sync interval
   // (echo_kernel_log is not used). Going read-only refuses with EBUSY while
   // files are open for writing or mapped writable, unless `force`, which
   // revokes them first.
-  // Going read-write fails with EROFS when the device can't be written.
-  std::error_code update(const MountOptions& options, bool force = false);
+  // Going read-write fails with EROFS when the volume can't be written
+  // (as mount refuses it), and with EBUSY while others share the volume
+  // read-only; diagnostic, when given, receives the reason.
+  std::error_code update(const MountOptions& options, bool force = false,
+                         std::string* diagnostic = nullptr);
   // Unmounts. Unforced, a volume with open files or mappings stays mounted
   // and EBUSY is returned; forced, they are revoked and the unmount always
   // completes. Node references (see lookup) are dropped either way. Later
-  // calls return ENXIO.
+  // calls return ENXIO. A completed unmount still returns the error of a
+  // failed device write (see sync); the volume's lock is released last,
+  // once everything is on the device.
   std::error_code unmount(bool force = false);
   bool mounted() const;
 

@@ -162,6 +162,29 @@ TEST_F(MemdevTest, PowerCutDropsWritesSinceTheLastCacheFlush) {
   EXPECT_EQ(byte_at(7 * 512), 0);
 }
 
+// Catches a failed write that is forgotten once its buffer is gone (a
+// delayed write flushed by someone who doesn't look), one that a later
+// success wipes out, and failed reads counted as lost writes.
+TEST_F(MemdevTest, TheFirstFailedWriteIsRemembered) {
+  host_memdev_faults f;
+  f.fail_read_bytes = {0};
+  f.fail_write_bytes = {30 * 512};
+  host_memdev_set_faults(dev_, f);
+  std::vector<uint8_t> v(512);
+  EXPECT_EQ(dev_io(dev_, false, 0, v.data(), 512), EIO);
+  EXPECT_EQ(write_fill(dev_, 29, 512, 1), 0);
+  EXPECT_EQ(host_blkdev_write_error(dev_), 0);
+
+  // A delayed write fails inside a flush that reports nothing.
+  buf_t bp = buf_getblk(dev_, 30, 512, 0, 0, BLK_META);
+  memset(reinterpret_cast<void*>(buf_dataptr(bp)), 0x5A, 512);
+  buf_bdwrite(bp);
+  VNOP_FSYNC(dev_, MNT_WAIT, nullptr);
+  EXPECT_EQ(host_blkdev_write_error(dev_), EIO);
+  EXPECT_EQ(write_fill(dev_, 31, 512, 1), 0);
+  EXPECT_EQ(host_blkdev_write_error(dev_), EIO) << "a later write that works changes nothing";
+}
+
 // --- Devices over files --------------------------------------------------------------
 
 class FiledevTest : public ::testing::Test {
@@ -215,7 +238,9 @@ TEST_F(FiledevTest, ReadsAndWritesTheFileInOneRequestEach) {
 
   ASSERT_EQ(host_blkdev_open(path_.c_str(), 1, &dev), 0);
   ASSERT_EQ(buf_meta_bread(dev, 0, 512, NOCRED, &bp), 0);
+  EXPECT_EQ(host_blkdev_write_error(dev), 0);
   EXPECT_EQ(buf_bwrite(bp), EROFS);
+  EXPECT_EQ(host_blkdev_write_error(dev), EROFS);
   host_blkdev_close(dev);
   EXPECT_EQ(host_blkdev_open((path_ + "-missing").c_str(), 0, &dev), ENOENT);
   EXPECT_EQ(host_blkdev_open(::testing::TempDir().c_str(), 1, &dev), ENODEV);
