@@ -210,6 +210,7 @@ std::error_code Volume::mount(const std::string& path, const MountOptions& optio
 
   auto ms = std::make_shared<MountState>();
   ms->read_only = options.read_only;
+  ms->decomposed_names = options.decomposed_names;
   int error = open_device(path, options.read_only, &ms->devvp, &ms->device_writable);
   if (error)
     return make_error(error);
@@ -285,8 +286,10 @@ std::error_code Volume::update(const MountOptions& options, bool force) {
   uint64_t flags = mount_flags(options) | (force ? MNT_FORCE : 0);
   int error = host_mount_update(ms.mp, flags, args.data(), args.size());
   ms.read_only = vfs_isrdonly(ms.mp) != 0;
-  if (error == 0)
+  if (error == 0) {
     host_set_sync_interval(ms.mp, options.sync_interval_ms);
+    ms.decomposed_names = options.decomposed_names;
+  }
   return make_error(error);
 }
 

@@ -297,6 +297,24 @@ TEST_F(FuseFiles, TimesSetOnNewDirectoriesAndLinksAreKept) {
   }
 }
 
+// Names are listed in the composed form the volume holds, however they
+// were typed, so that a listing matches the names a copy was made from;
+// either form still names the file.
+TEST_F(FuseFiles, NamesAreListedComposed) {
+  const std::string composed = "caf\u00e9", decomposed = "cafe\u0301";
+  ASSERT_TRUE(write_file(path(decomposed), pattern(10, 4)));
+  ASSERT_TRUE(write_file(path("d\u00e9j\u00e0"), pattern(10, 5)));
+  ASSERT_NO_FATAL_FAILURE(remount());
+  std::map<std::string, ino_t> names = list_dir(path(""));
+  EXPECT_EQ(1u, names.count(composed));
+  EXPECT_EQ(1u, names.count("d\u00e9j\u00e0"));
+  EXPECT_EQ(0u, names.count(decomposed));
+  struct stat a {}, b {};
+  ASSERT_EQ(0, stat(path(composed).c_str(), &a));
+  ASSERT_EQ(0, stat(path(decomposed).c_str(), &b));
+  EXPECT_EQ(a.st_ino, b.st_ino);
+}
+
 // A shared mapping reads the file and its stores reach the volume through
 // the kernel's write-back, also after the descriptor is closed.
 TEST_F(FuseFiles, SharedMappingReadsAndWritesTheFile) {

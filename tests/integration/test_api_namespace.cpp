@@ -267,7 +267,7 @@ TEST_F(ApiNamespace, VolumeLabel) {
   std::string label;
   ASSERT_FALSE(volume_->label(&label));
   EXPECT_EQ("FIRST", label);
-  // Labels, like listed names, come back decomposed.
+  // Labels come back decomposed, as the driver reports them.
   const std::string decomposed = "Zweite U\xcc\x88";
   ASSERT_FALSE(volume_->set_label("Zweite \xc3\x9c"));
   ASSERT_FALSE(volume_->label(&label));
