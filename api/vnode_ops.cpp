@@ -34,11 +34,11 @@ uint32_t type_bits(FileType type) {
   }
 }
 
-// The volume stamps a node's modification and access times lazily: a
-// write, a directory's growth or a read only marks the node, and the time
-// is taken when its entry is next written back, which the entry rewrite of
-// a setattr is too. Times set over such a mark would be replaced by "now"
-// at once. So the marks are taken first, by the write-back that a close
+// The driver stamps modification and access times lazily: a write, a
+// directory's growth or a read just marks the node, and the time is taken
+// when the node's entry is next written back, which includes the entry
+// rewrite of a setattr. Times set over such a mark would be replaced by
+// "now" at once. So the marks are taken first, by the write-back that a close
 // performs (dirty pages pushed, pending times stamped, the entry
 // rewritten), and the times set afterwards find nothing left to replace
 // them. An open/close pair is the cheapest call that does this: unlike
@@ -153,10 +153,10 @@ int vn_utimes(MountState& ms, vnode_t vp, const TimeChange& times) {
     if (t && (t->tv_nsec < 0 || t->tv_nsec >= 1000000000))
       return EINVAL;
   }
-  if (va.va_active == 0)
-    return ms.read_only ? EROFS : 0;
   if (ms.read_only)
     return EROFS;
+  if (va.va_active == 0)
+    return 0;
   if (int error = take_pending_stamps(vp))
     return error;
   return setattr(ms, vp, &va);
