@@ -254,8 +254,8 @@ std::error_code File::chflags(uint32_t flags) {
 std::error_code File::readdir(uint64_t cookie, const DirCallback& callback, uint64_t* next_cookie,
                               bool* end) const {
   auto fetch = [this](uint64_t position, detail::DirBatch* batch) {
-    return detail::with_file(state_, [&](OpenFile&, vnode_t vp) {
-      return detail::vn_readdir_batch(vp, position, batch);
+    return detail::with_file(state_, [&](OpenFile& f, vnode_t vp) {
+      return detail::vn_readdir_batch(*f.ms, vp, position, batch);
     });
   };
   return make_error(detail::deliver_listing(fetch, cookie, callback, next_cookie, end));

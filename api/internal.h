@@ -63,6 +63,7 @@ struct MountState {
   vnode_t devvp = nullptr;    // lock
   bool read_only = false;     // lock
   bool device_writable = false;
+  bool decomposed_names = false;  // lock; MountOptions::decomposed_names
 
   // Who may use the device beside us, and whether we may write it
   // (volume.cpp). The lock is held from before the device is opened until
@@ -207,12 +208,21 @@ int vn_readlink(vnode_t vp, std::string* target);
 
 // One batch of a directory listing from `cookie`: entries (each with its
 // own cookie), the cookie after the batch and whether the end was reached.
+// Names are composed unless the mount asks for them decomposed; entries
+// whose names no path can reach are left out (see readdir.cpp).
 struct DirBatch {
   std::vector<DirEntry> entries;
   uint64_t next = 0;
   bool end = false;
 };
-int vn_readdir_batch(vnode_t dvp, uint64_t cookie, DirBatch* out);
+int vn_readdir_batch(MountState& ms, vnode_t dvp, uint64_t cookie, DirBatch* out);
+
+// A name as the driver lists it (decomposed), in the form a listing hands
+// on: composed (NFC), or as it is when `decomposed`.
+std::string listed_name(std::string_view name, bool decomposed);
+// Whether a listed name can be a path component: not empty, not "." or
+// "..", without '/' or NUL. Only a damaged or crafted volume holds others.
+bool reachable_name(std::string_view name);
 
 // Hands a listing to `callback` batch by batch. fetch(cookie, batch) reads
 // one batch under the caller's own guards; none is held while the callback

@@ -156,7 +156,7 @@ int namei(MountState& ms, vnode_t start, std::string_view path, uint32_t nameiop
       if (rest.size() > kPathMax)
         return ENAMETOOLONG;
       pos = 0;
-      if (target.front() == '/' && (error = root_vnode(ms, &dir)))
+      if (rest.front() == '/' && (error = root_vnode(ms, &dir)))
         return error;
       continue;
     }

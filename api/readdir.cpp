@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "api/internal.h"
+#include "host/kern.h"
 #include "host/uio.h"
 #include "vnops/exfat_dirent.h"
 
@@ -88,23 +89,49 @@ FileType resolve_type(vnode_t dvp, const std::string& name) {
   return type;
 }
 
-DirEntry make_entry(vnode_t dvp, const Record& rec, uint64_t cookie) {
+// The record of an entry set whose name no path can reach: "." or ".."
+// past the two records of that name that every listing begins with (at
+// cookies 0 and 32), an empty name, or one with '/' or NUL. Only a damaged
+// or crafted volume holds such a name. It is left out of the listing, with
+// a line in the log, rather than failing the listing: the rest of the
+// directory stays listable, and no program that joins listed names to a
+// path of its own (a copy out of the volume, a FUSE client) is ever handed
+// a name that would lead it outside the directory.
+bool unreachable(const Record& rec, uint64_t start) {
+  if (start < 64)
+    return false;  // the "." and ".." the listing begins with
+  if (reachable_name(rec.name))
+    return false;
+  std::string shown;
+  for (char c : rec.name)
+    shown += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
+  kprintf("exvol: directory listing: left out an entry named \"%s\", which no path can name",
+          shown.c_str());
+  return true;
+}
+
+// Adds the entry of `rec`, listed from cookie `start`, with `after` as its
+// cookie.
+void add_entry(MountState& ms, vnode_t dvp, const Record& rec, uint64_t start, uint64_t after,
+               DirBatch* out) {
+  if (unreachable(rec, start))
+    return;
   DirEntry e;
-  e.name = rec.name;
+  e.name = start < 64 ? rec.name : listed_name(rec.name, ms.decomposed_names);
   e.file_id = rec.ino;
-  e.cookie = cookie;
+  e.cookie = after;
   if (rec.type == DT_DIR)
     e.type = FileType::Directory;
   else if (rec.type == DT_REG)
     e.type = FileType::Regular;
-  else if (rec.name != "." && rec.name != "..")
+  else if (start >= 64)
     e.type = resolve_type(dvp, rec.name);
-  return e;
+  out->entries.push_back(std::move(e));
 }
 
 }  // namespace
 
-int vn_readdir_batch(vnode_t dvp, uint64_t cookie, DirBatch* out) {
+int vn_readdir_batch(MountState& ms, vnode_t dvp, uint64_t cookie, DirBatch* out) {
   if (!vnode_isdir(dvp))
     return ENOTDIR;
   std::vector<Record> records;
@@ -118,7 +145,7 @@ int vn_readdir_batch(vnode_t dvp, uint64_t cookie, DirBatch* out) {
   uint64_t position = cookie;
   for (size_t i = 0; i < records.size(); i++) {
     if (i + 1 == records.size()) {
-      out->entries.push_back(make_entry(dvp, records[i], batch_next));
+      add_entry(ms, dvp, records[i], position, batch_next, out);
       return 0;
     }
     std::vector<Record> one;
@@ -130,7 +157,7 @@ int vn_readdir_batch(vnode_t dvp, uint64_t cookie, DirBatch* out) {
     // returned is current; the rest of the batch is not to be trusted.
     bool changed = one.size() != 1 || one[0].name != records[i].name;
     if (one.size() == 1)
-      out->entries.push_back(make_entry(dvp, one[0], after));
+      add_entry(ms, dvp, one[0], position, after, out);
     if (changed) {
       out->next = one.size() == 1 ? after : position;
       out->end = end && one.empty();

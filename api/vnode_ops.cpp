@@ -34,6 +34,25 @@ uint32_t type_bits(FileType type) {
   }
 }
 
+// The driver stamps modification and access times lazily: a write, a
+// directory's growth or a read just marks the node, and the time is taken
+// when the node's entry is next written back, which includes the entry
+// rewrite of a setattr. Times set over such a mark would be replaced by
+// "now" at once. So the marks are taken first, by the write-back that a close
+// performs (dirty pages pushed, pending times stamped, the entry
+// rewritten), and the times set afterwards find nothing left to replace
+// them. An open/close pair is the cheapest call that does this: unlike
+// fsync it writes nothing synchronously.
+//
+// A write racing with the call may still mark the node between the two
+// steps; such a write has no order relative to the times, and its stamp
+// wins then.
+int take_pending_stamps(vnode_t vp) {
+  if (int error = VNOP_OPEN(vp, FREAD, vfs_context_kernel()))
+    return error;
+  return VNOP_CLOSE(vp, FREAD, vfs_context_kernel());
+}
+
 int setattr(MountState& ms, vnode_t vp, struct vnode_attr* va) {
   if (ms.read_only)
     return EROFS;
@@ -134,8 +153,12 @@ int vn_utimes(MountState& ms, vnode_t vp, const TimeChange& times) {
     if (t && (t->tv_nsec < 0 || t->tv_nsec >= 1000000000))
       return EINVAL;
   }
+  if (ms.read_only)
+    return EROFS;
   if (va.va_active == 0)
-    return ms.read_only ? EROFS : 0;
+    return 0;
+  if (int error = take_pending_stamps(vp))
+    return error;
   return setattr(ms, vp, &va);
 }
 

@@ -331,6 +331,7 @@ std::error_code Volume::mount(const std::string& path, const MountOptions& optio
 
   auto ms = std::make_shared<MountState>();
   ms->read_only = options.read_only;
+  ms->decomposed_names = options.decomposed_names;
   std::vector<std::string> lines;
   int error = take_device(*ms, path, options.read_only, &lines);
   if (error == 0) {
@@ -416,8 +417,10 @@ std::error_code Volume::update(const MountOptions& options, bool force,
   int error = host_mount_update(ms.mp, flags, args.data(), args.size());
   ms.read_only = vfs_isrdonly(ms.mp) != 0;
   ms.device_lock.set_exclusive(!ms.read_only, nullptr);  // giving up a lock can't fail
-  if (error == 0)
+  if (error == 0) {
     host_set_sync_interval(ms.mp, options.sync_interval_ms);
+    ms.decomposed_names = options.decomposed_names;
+  }
   return make_error(error);
 }
 

@@ -152,7 +152,7 @@ std::error_code Volume::readdir(const std::string& path, uint64_t cookie,
   auto fetch = [&](uint64_t position, detail::DirBatch* batch) {
     return call(*impl_, [&](MountState& ms) {
              return on_path(ms, path, true, [&](vnode_t vp) {
-               return detail::vn_readdir_batch(vp, position, batch);
+               return detail::vn_readdir_batch(ms, vp, position, batch);
              });
            }).value();
   };
@@ -307,7 +307,7 @@ std::error_code Volume::readdir(NodeId node, uint64_t cookie, const DirCallback&
   auto fetch = [&](uint64_t position, detail::DirBatch* batch) {
     return call(*impl_, [&](MountState& ms) {
              return on_node(ms, node, [&](vnode_t vp) {
-               return detail::vn_readdir_batch(vp, position, batch);
+               return detail::vn_readdir_batch(ms, vp, position, batch);
              });
            }).value();
   };

@@ -20,10 +20,6 @@ Daemon::~Daemon() {
 }
 
 uint64_t Daemon::add_handle(std::unique_ptr<Handle> handle) {
-  if (handle->writer) {
-    std::lock_guard<std::mutex> guard(writers_lock_);
-    writers_[static_cast<uint64_t>(handle->node)].count++;
-  }
   Handle* raw = handle.release();
   std::lock_guard<std::mutex> guard(handles_lock_);
   handles_.insert(raw);
@@ -39,71 +35,7 @@ std::error_code Daemon::close_handle(uint64_t fh) {
   return close(std::unique_ptr<Handle>(raw));
 }
 
-// The file's close stamps its pending times; the times set while it was
-// open go on top of them.
-std::error_code Daemon::close(std::unique_ptr<Handle> h) {
-  std::error_code ec = h->file.close();
-  if (!h->writer)
-    return ec;
-  std::optional<TimeChange> times;
-  {
-    std::lock_guard<std::mutex> guard(writers_lock_);
-    auto it = writers_.find(static_cast<uint64_t>(h->node));
-    if (it != writers_.end() && --it->second.count == 0) {
-      times = it->second.times;
-      if (times)
-        remembered_--;
-      writers_.erase(it);
-    }
-  }
-  if (times)
-    volume_->utimes(h->node, *times);
-  return ec;
-}
-
-bool Daemon::has_writers(NodeId node) {
-  std::lock_guard<std::mutex> guard(writers_lock_);
-  return writers_.count(static_cast<uint64_t>(node)) != 0;
-}
-
-void Daemon::times_set(NodeId node, const TimeChange& times) {
-  std::lock_guard<std::mutex> guard(writers_lock_);
-  auto it = writers_.find(static_cast<uint64_t>(node));
-  if (it == writers_.end())
-    return;
-  std::optional<TimeChange>& kept = it->second.times;
-  if (!kept) {
-    kept = TimeChange{};
-    remembered_++;
-  }
-  if (times.accessed)
-    kept->accessed = times.accessed;
-  if (times.modified)
-    kept->modified = times.modified;
-  if (times.birth)
-    kept->birth = times.birth;
-}
-
-void Daemon::reapply_times(NodeId node) {
-  std::optional<TimeChange> times;
-  {
-    std::lock_guard<std::mutex> guard(writers_lock_);
-    auto it = writers_.find(static_cast<uint64_t>(node));
-    if (it != writers_.end())
-      times = it->second.times;
-  }
-  if (times)
-    volume_->utimes(node, *times);
-}
-
-void Daemon::forget_times(NodeId node) {
-  std::lock_guard<std::mutex> guard(writers_lock_);
-  auto it = writers_.find(static_cast<uint64_t>(node));
-  if (it != writers_.end() && it->second.times) {
-    it->second.times.reset();
-    remembered_--;
-  }
-}
+std::error_code Daemon::close(std::unique_ptr<Handle> h) { return h->file.close(); }
 
 std::error_code Daemon::shut_down() {
   // The kernel releases every file before the unmount completes, but a

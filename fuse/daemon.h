@@ -15,21 +15,12 @@
 // lookup or a lock; the registry exists only so that handles the kernel
 // never released can be closed before the volume is unmounted.
 //
-// Times of written files. The driver stamps a written file's modification
-// time when the file is next closed or synced, and also when its entry is
-// rewritten for any other reason, times set explicitly included. So:
-//  - times set on a file that has writers are set after a sync of the
-//    file, which stamps what its writes left pending (cp -p sets times
-//    through the descriptor it wrote with);
-//  - a descriptor's close (flush) syncs a handle that has written since
-//    its last flush. A kernel file system closes at close(2), but the
-//    kernel sends FUSE's release without waiting for it; without this,
-//    "write, close, utimes" (tar, rsync) could reach the volume as "write,
-//    utimes, close";
-//  - times set while writers are open are remembered and set again after
-//    each such sync and after the last writer's close, unless data changed
-//    after them: pages written back later (a mapped file) mark the file
-//    modified again.
+// Times. The library sets explicit times over any modification stamp the
+// volume still had pending, so times set through the kernel (utimensat,
+// futimens on a descriptor that wrote) need nothing of the daemon. A
+// descriptor's close (flush) syncs a handle that has written since its last
+// flush, so that close(2) reports write errors; the kernel sends FUSE's
+// release without waiting for it.
 
 #define FUSE_USE_VERSION 314
 #include <fuse3/fuse_lowlevel.h>
@@ -37,9 +28,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <system_error>
-#include <unordered_map>
 #include <unordered_set>
 
 #include "exvol/file.h"
@@ -50,9 +39,7 @@ namespace exvol::fuse {
 
 struct Handle {
   File file;
-  NodeId node{};
   bool directory = false;
-  bool writer = false;  // opened for writing
   // Written since the last flush; set by write, cleared by flush.
   std::atomic<bool> written{false};
 };
@@ -74,18 +61,6 @@ class Daemon {
   // Takes a handle out of the registry and closes its file (release).
   std::error_code close_handle(uint64_t fh);
 
-  // Whether the node is open for writing through some handle.
-  bool has_writers(NodeId node);
-  // Times set on a node: remembered while it has writers.
-  void times_set(NodeId node, const TimeChange& times);
-  // Sets the times remembered for a node again (after a sync stamped it).
-  void reapply_times(NodeId node);
-  // Data or size changed: the times remembered for the node no longer hold.
-  void data_changed(NodeId node) {
-    if (remembered_.load(std::memory_order_relaxed) != 0)
-      forget_times(node);
-  }
-
   // Closes what the kernel left open and unmounts the volume: cleanly when
   // possible, else forcibly. Returns the unmount's result. Call once, after
   // the request loop has ended.
@@ -105,25 +80,14 @@ class Daemon {
   static constexpr double kEntryTimeout = 1.0;
 
  private:
-  struct Writers {
-    int count = 0;
-    std::optional<TimeChange> times;
-  };
-
-  void forget_times(NodeId node);
   // Closes a handle already out of the registry.
   std::error_code close(std::unique_ptr<Handle> h);
 
   Config config_;
   std::unique_ptr<Volume> volume_;
-  // Lock order: handles_lock_ is never held while taking writers_lock_
-  // or calling the library.
+  // Never held while calling the library.
   std::mutex handles_lock_;
   std::unordered_set<Handle*> handles_;  // protected by handles_lock_
-  std::mutex writers_lock_;
-  std::unordered_map<uint64_t, Writers> writers_;  // by NodeId; protected by writers_lock_
-  // Entries of writers_ with times; read without the lock by data_changed.
-  std::atomic<int> remembered_{0};
 };
 
 // The operation table; the userdata of the session is the Daemon.

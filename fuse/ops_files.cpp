@@ -28,11 +28,9 @@ int library_flags(int kernel_flags, const Config& c) {
 // Hands an open File to the kernel. If the reply can't be delivered the
 // kernel will never release the handle, so it is closed here.
 // Registers the handle of a newly opened file in fi.
-void add_handle(Daemon& d, fuse_file_info* fi, File file, NodeId node, bool directory) {
+void add_handle(Daemon& d, fuse_file_info* fi, File file, bool directory) {
   auto h = std::make_unique<Handle>();
-  h->writer = !directory && (file.flags() & O_ACCMODE) != O_RDONLY;
   h->file = std::move(file);
-  h->node = node;
   h->directory = directory;
   fi->fh = d.add_handle(std::move(h));
   // Nothing but this daemon changes the volume, so what the kernel has
@@ -40,9 +38,9 @@ void add_handle(Daemon& d, fuse_file_info* fi, File file, NodeId node, bool dire
   fi->keep_cache = directory ? 0 : 1;
 }
 
-void reply_open(fuse_req_t req, fuse_file_info* fi, File file, NodeId node, bool directory) {
+void reply_open(fuse_req_t req, fuse_file_info* fi, File file, bool directory) {
   Daemon& d = daemon_of(req);
-  add_handle(d, fi, std::move(file), node, directory);
+  add_handle(d, fi, std::move(file), directory);
   if (fuse_reply_open(req, fi) != 0)
     d.close_handle(fi->fh);
 }
@@ -108,7 +106,7 @@ void op_open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   if (ec)
     reply_error(req, ec);
   else
-    reply_open(req, fi, std::move(file), node_of(ino), false);
+    reply_open(req, fi, std::move(file), false);
 }
 
 // The mode is not kept (exFAT has none): the new file reports the mount's.
@@ -124,7 +122,7 @@ void op_create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse
     reply_error(req, ec);
     return;
   }
-  add_handle(d, fi, std::move(file), node, false);
+  add_handle(d, fi, std::move(file), false);
   fuse_entry_param e = d.entry(node, st);
   if (fuse_reply_create(req, &e, fi) != 0) {
     d.close_handle(fi->fh);
@@ -148,15 +146,13 @@ void op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info*
 
 // A short write (the volume filled up) reports what was written; the
 // kernel then retries the rest and gets ENOSPC.
-void op_write(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_t off,
+void op_write(fuse_req_t req, fuse_ino_t, const char* buf, size_t size, off_t off,
               fuse_file_info* fi) {
   size_t done = 0;
   Handle& h = Daemon::handle(fi->fh);
   std::error_code ec = h.file.pwrite(buf, size, off, &done);
-  if (done != 0) {
+  if (done != 0)
     h.written.store(true);
-    daemon_of(req).data_changed(node_of(ino));
-  }
   if (ec && done == 0)
     reply_error(req, ec);
   else
@@ -164,16 +160,12 @@ void op_write(fuse_req_t req, fuse_ino_t ino, const char* buf, size_t size, off_
 }
 
 // close(2) of a descriptor: a handle written since its last flush is
-// synced, so that its modification time is stamped now and not at the
-// release that follows without waiting (see daemon.h), and so that close
-// reports write errors.
-void op_flush(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+// synced, so that close reports write errors (see daemon.h).
+void op_flush(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
   Handle& h = Daemon::handle(fi->fh);
   std::error_code ec;
-  if (h.written.exchange(false)) {
+  if (h.written.exchange(false))
     ec = h.file.fsync();
-    daemon_of(req).reapply_times(node_of(ino));
-  }
   fuse_reply_err(req, ec.value());
 }
 
@@ -189,7 +181,7 @@ void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   if (ec)
     reply_error(req, ec);
   else
-    reply_open(req, fi, std::move(file), node_of(ino), true);
+    reply_open(req, fi, std::move(file), true);
 }
 
 // Plain listings carry no reference, so names other than "." and ".."

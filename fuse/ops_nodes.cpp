@@ -71,7 +71,6 @@ std::error_code check_owner(const Config& c, const struct stat* attr, int to_set
 }
 
 std::error_code change_size(Daemon& d, NodeId node, off_t size, fuse_file_info* fi) {
-  d.data_changed(node);
   // ftruncate comes with the handle; a handle open for writing truncates
   // through the open file, as the descriptor would.
   if (fi != nullptr && fi->fh != 0) {
@@ -84,23 +83,10 @@ std::error_code change_size(Daemon& d, NodeId node, off_t size, fuse_file_info* 
   return d.volume().truncate(node, size);
 }
 
-// Syncs a file that writers have open, so that the modification time its
-// writes left pending is stamped now rather than over times set next.
-std::error_code sync_written(Daemon& d, NodeId node, fuse_file_info* fi) {
-  if (!d.has_writers(node))
-    return {};
-  if (fi != nullptr && fi->fh != 0)
-    return Daemon::handle(fi->fh).file.fsync();
-  File file;
-  if (std::error_code ec = d.volume().open(node, O_RDONLY, &file))
-    return ec;
-  std::error_code ec = file.fsync();
-  file.close();
-  return ec;
-}
-
-std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, int to_set,
-                             fuse_file_info* fi) {
+// The library keeps times set over a modification stamp still pending (a
+// file's writes, a new directory's first cluster), so they go straight to
+// it, with or without a handle.
+std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, int to_set) {
   TimeChange tc;
   if (to_set & FUSE_SET_ATTR_ATIME_NOW)
     tc.accessed = now();
@@ -112,12 +98,7 @@ std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, in
     tc.modified = attr->st_mtim;
   if (!tc.accessed && !tc.modified)
     return {};
-  if (std::error_code ec = sync_written(d, node, fi))
-    return ec;
-  std::error_code ec = d.volume().utimes(node, tc);
-  if (!ec)
-    d.times_set(node, tc);
-  return ec;
+  return d.volume().utimes(node, tc);
 }
 
 // Whether the caller may access a file with the given kernel mode, by the
@@ -213,7 +194,7 @@ void op_setattr(fuse_req_t req, fuse_ino_t ino, struct stat* attr, int to_set,
   if (!ec && (to_set & FUSE_SET_ATTR_SIZE))
     ec = change_size(d, node, attr->st_size, fi);
   if (!ec)
-    ec = change_times(d, node, attr, to_set, fi);
+    ec = change_times(d, node, attr, to_set);
   if (!ec && (to_set & FUSE_SET_ATTR_MODE))
     ec = change_mode(d, node, attr->st_mode);
   if (ec)

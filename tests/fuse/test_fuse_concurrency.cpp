@@ -3,6 +3,8 @@
 // Every byte is checked, and the unmount must leave a clean volume.
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <barrier>
@@ -16,12 +18,15 @@ using FuseConcurrency = FuseVolumeTest;
 
 constexpr int kWriters = 4;
 constexpr size_t kFileBytes = 3 << 20;
+const struct timespec kTimes[2] = {{1400000000, 0}, {1500000000, 0}};
 
 // Writers of different files in unaligned pieces of different sizes (so
 // their requests interleave at different places in the clusters), names
 // coming and going in a shared directory that is listed meanwhile, then
 // every writer reading one file through one shared descriptor at once:
-// requests on one handle run in parallel in the daemon.
+// requests on one handle run in parallel in the daemon. Times are set on
+// the files being written meanwhile, which writes back what their writes
+// left pending while they go on.
 TEST_F(FuseConcurrency, WritersReadersAndListingsShareTheMount) {
   ASSERT_EQ(0, mkdir(path("churn").c_str(), 0755));
   std::barrier sync(kWriters + 1);
@@ -63,6 +68,11 @@ TEST_F(FuseConcurrency, WritersReadersAndListingsShareTheMount) {
       }
       if (d != nullptr)
         closedir(d);
+      // Times set on files other threads are writing: the stamps their
+      // writes left pending are taken meanwhile.
+      int err = ERRNO_OF(utimensat(AT_FDCWD, path("w" + std::to_string(i % kWriters)).c_str(),
+                                   kTimes, 0));
+      bad += err != 0 && err != ENOENT;
     }
     shared_fd = open(path("w0").c_str(), O_RDONLY | O_DIRECT);
     if (shared_fd < 0)

@@ -269,6 +269,52 @@ TEST_F(FuseFiles, TimesSetAroundCloseAreKeptToTheVolumesResolution) {
   EXPECT_GT(st.st_mtim.tv_sec, 1500000000);
 }
 
+// A directory or link just made, and a directory just given a child, have
+// a modification stamp pending while the kernel holds them; times set then
+// (as cp -a, tar and rsync set them) must be the ones kept.
+TEST_F(FuseFiles, TimesSetOnNewDirectoriesAndLinksAreKept) {
+  struct timespec times[2];
+  times[0] = {1400000000, 0};
+  times[1] = {1500000000, 500000000};
+  ASSERT_EQ(0, mkdir(path("fresh").c_str(), 0755));
+  ASSERT_EQ(0, utimensat(AT_FDCWD, path("fresh").c_str(), times, 0));
+  ASSERT_EQ(0, mkdir(path("parent").c_str(), 0755));
+  ASSERT_TRUE(write_file(path("parent/child"), pattern(10, 3)));
+  ASSERT_EQ(0, utimensat(AT_FDCWD, path("parent").c_str(), times, 0));
+  ASSERT_EQ(0, symlink("fresh", path("link").c_str()));
+  ASSERT_EQ(0, utimensat(AT_FDCWD, path("link").c_str(), times, AT_SYMLINK_NOFOLLOW));
+  for (int pass = 0; pass < 2; pass++) {
+    for (const char* name : {"fresh", "parent", "link"}) {
+      struct stat st {};
+      ASSERT_EQ(0, lstat(path(name).c_str(), &st));
+      EXPECT_EQ(1500000000, st.st_mtim.tv_sec) << name << (pass ? " after a remount" : "");
+      EXPECT_EQ(500000000, st.st_mtim.tv_nsec) << name;
+      EXPECT_EQ(1400000000, st.st_atim.tv_sec) << name;
+    }
+    if (pass == 0) {
+      ASSERT_NO_FATAL_FAILURE(remount());
+    }
+  }
+}
+
+// Names are listed in the composed form the volume holds, however they
+// were typed, so that a listing matches the names a copy was made from;
+// either form still names the file.
+TEST_F(FuseFiles, NamesAreListedComposed) {
+  const std::string composed = "caf\u00e9", decomposed = "cafe\u0301";
+  ASSERT_TRUE(write_file(path(decomposed), pattern(10, 4)));
+  ASSERT_TRUE(write_file(path("d\u00e9j\u00e0"), pattern(10, 5)));
+  ASSERT_NO_FATAL_FAILURE(remount());
+  std::map<std::string, ino_t> names = list_dir(path(""));
+  EXPECT_EQ(1u, names.count(composed));
+  EXPECT_EQ(1u, names.count("d\u00e9j\u00e0"));
+  EXPECT_EQ(0u, names.count(decomposed));
+  struct stat a {}, b {};
+  ASSERT_EQ(0, stat(path(composed).c_str(), &a));
+  ASSERT_EQ(0, stat(path(decomposed).c_str(), &b));
+  EXPECT_EQ(a.st_ino, b.st_ino);
+}
+
 // A shared mapping reads the file and its stores reach the volume through
 // the kernel's write-back, also after the descriptor is closed.
 TEST_F(FuseFiles, SharedMappingReadsAndWritesTheFile) {

@@ -126,10 +126,15 @@ TEST_F(ApiNamespace, SymbolicLinks) {
   EXPECT_EQ(ENAMETOOLONG, err(volume_->symlink(std::string(1025, 't'), "/long")));
   ASSERT_FALSE(volume_->symlink(std::string(1024, 't'), "/longest"));
 
-  // Followed in the middle and at the end, not by lstat.
+  // Followed in the middle and at the end, not by lstat. An absolute
+  // target starts at the root wherever its link lives.
+  ASSERT_FALSE(volume_->symlink("/dir/file", "/dir/abs-file"));
+  ASSERT_FALSE(volume_->symlink("/dir", "/dir/abs-dir"));
   EXPECT_EQ((std::vector<uint8_t>{7, 7}), read_file("/rel"));
   EXPECT_EQ((std::vector<uint8_t>{7, 7}), read_file("/abs/file"));
   EXPECT_EQ((std::vector<uint8_t>{7, 7}), read_file("/abs/up"));
+  EXPECT_EQ((std::vector<uint8_t>{7, 7}), read_file("/dir/abs-file"));
+  EXPECT_EQ((std::vector<uint8_t>{7, 7}), read_file("/dir/abs-dir/abs-dir/file"));
   Stat st;
   ASSERT_FALSE(volume_->lstat("/rel", &st));
   EXPECT_EQ(FileType::Symlink, st.type);
@@ -262,7 +267,7 @@ TEST_F(ApiNamespace, VolumeLabel) {
   std::string label;
   ASSERT_FALSE(volume_->label(&label));
   EXPECT_EQ("FIRST", label);
-  // Labels, like listed names, come back decomposed.
+  // Labels come back decomposed, as the driver reports them.
   const std::string decomposed = "Zweite U\xcc\x88";
   ASSERT_FALSE(volume_->set_label("Zweite \xc3\x9c"));
   ASSERT_FALSE(volume_->label(&label));

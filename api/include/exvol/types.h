@@ -67,7 +67,11 @@ struct TimeChange {
 
 // One name of a directory listing.
 struct DirEntry {
-  std::string name;  // UTF-8, in decomposed form (NFD), as the volume lists it
+  // UTF-8, composed (NFC) as the volume holds it, unless the volume was
+  // mounted with MountOptions::decomposed_names. A listing leaves out
+  // entries whose names no path can name ("." or ".." past the first two
+  // entries, names with '/' or NUL: only damaged volumes hold them).
+  std::string name;
   FileType type = FileType::Unknown;
   uint64_t file_id = 0;  // as Stat::file_id
   // The position just after this entry: a listing started with this cookie

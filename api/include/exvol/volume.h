@@ -48,6 +48,10 @@ struct MountOptions {
   // writes and without flushing the device's cache. 0: only sync, fsync,
   // memory pressure and unmount write it.
   uint32_t sync_interval_ms = 0;
+  // Names in listings in decomposed form (NFD), as the driver lists them.
+  // By default they are composed (NFC), the form the volume holds and Linux
+  // programs expect. Lookups find a name typed in either form.
+  bool decomposed_names = false;
   // The kernel log lines printed while mounting are passed on to the kernel
   // log (stderr unless redirected) as well as returned through mount's
   // diagnostic argument. Off, they are only returned.
@@ -144,8 +148,8 @@ class Volume {
   // lacks something it was given.
   std::error_code sync(bool wait = true);
   // Changes the options of the mounted volume: read-only or read-write,
-  // mask, time zone, asynchronous, no access times, sync interval
-  // (echo_kernel_log is not used). Going read-only refuses with EBUSY while
+  // mask, time zone, asynchronous, no access times, sync interval, name
+  // form (echo_kernel_log is not used). Going read-only refuses with EBUSY while
   // files are open for writing or mapped writable, unless `force`, which
   // revokes them first.
   // Going read-write fails with EROFS when the volume can't be written
