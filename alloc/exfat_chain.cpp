@@ -452,7 +452,8 @@ static void exfat_extend_undo(struct exfat_node* node, uint64_t old_size) {
 // exfat_file_extend or released with exfat_file_shrink under
 // xm_bitmap_lock, taken here. With IO_UNIT in `flags` growth is all or
 // nothing: refused up front when the free clusters cannot hold it, and
-// given back when it fails halfway (but for directories). Neither the page cache's size nor any file data is changed.
+// given back when it fails halfway (but for directories). Neither the page
+// cache's size nor any file data is changed.
 //
 // The caller holds the node lock. A size equal to x_size is a caller error
 // (fatal): callers acting on a size read from disk compare first. Returns

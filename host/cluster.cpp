@@ -794,11 +794,12 @@ int cluster_write(vnode_t vp, uio_t uio, off_t oldEOF, off_t newEOF, off_t headO
 
 // The caller holds no host lock. Writes every dirty page of vp in large
 // transfers, but those stored to through a mapping, which are left to the
-// file system's page-out (ubc_msync); with IO_SYNC waits for them (and for any earlier asynchronous
-// ones) and returns the first error. A write nobody waited for (write-behind,
-// the page-out thread) that failed is remembered for the file until it is
-// reported: by this call with IO_SYNC (as an error of the writes waited
-// for) or with IO_CLOSE (a close is the last chance to tell the writer).
+// file system's page-out (ubc_msync); with IO_SYNC waits for them (and for
+// any earlier asynchronous ones) and returns the first error. A write nobody
+// waited for (write-behind, the page-out thread) that failed is remembered
+// for the file until it is reported: by this call with IO_SYNC (as an error
+// of the writes waited for) or with IO_CLOSE (a close is the last chance to
+// tell the writer).
 int cluster_push(vnode_t vp, int flags) {
   if (flags & ~(IO_SYNC | IO_CLOSE | IO_PASSIVE)) panic("cluster_push: unsupported flags 0x%x", flags);
   Info* info = info_of(vp);

@@ -117,8 +117,9 @@ int exfat_page_walk(struct exfat_page_walk* walk) {
 }
 
 // Zero-fills the file on the disk from the valid length up to a page-out's
-// offset, without touching dirty pages, and moves the valid length there. The caller holds x_io_lock and the node lock (dropped
-// around the fill). Returns 0 or cluster_write's error (nothing changed).
+// offset, without touching dirty pages, and moves the valid length there.
+// The caller holds x_io_lock and the node lock (dropped around the fill).
+// Returns 0 or cluster_write's error (nothing changed).
 int exfat_pageout_fill_gap(vnode_t vp, struct exfat_node* node, off_t f_offset) {
   off_t valid = static_cast<off_t>(node->x_valid_size);
   exfat_node_unlock(node);

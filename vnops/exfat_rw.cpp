@@ -196,8 +196,8 @@ int exfat_write_copy(vnode_t vp, struct exfat_node* node, uio_t uio, uint64_t ol
 }
 
 // Undoes a write that failed with IO_UNIT, or without writing a byte: the
-// allocation goes back to the old size and the uio to its state at entry. The caller holds x_io_lock and the
-// node lock (dropped around ubc_setsize).
+// allocation goes back to the old size and the uio to its state at entry.
+// The caller holds x_io_lock and the node lock (dropped around ubc_setsize).
 void exfat_write_rollback(vnode_t vp, struct exfat_node* node, uio_t uio, uint64_t old_size,
                           off_t old_offset, user_ssize_t old_resid, int ioflag,
                           vfs_context_t context) {
