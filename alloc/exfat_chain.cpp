@@ -425,12 +425,35 @@ int exfat_file_shrink(struct exfat_node* node, uint64_t new_size) {
   return 0;
 }
 
+// Gives back what a failed all-or-nothing extension of a regular file took:
+// the clusters past the old size, and the size itself. A directory keeps its
+// new clusters (zeroed, part of its valid length, harmless as free entry
+// slots): their zeroes are delayed writes in the buffer cache, which must
+// not land on clusters that were freed and handed to someone else. The
+// caller holds the node lock and xm_bitmap_lock. A failure to shrink is
+// logged; the file then keeps the clusters, covered by its size.
+static void exfat_extend_undo(struct exfat_node* node, uint64_t old_size) {
+  if ((node->x_attributes & EXFAT_ATTR_DIRECTORY) || node->x_size <= old_size)
+    return;
+  struct exfat_mount* mount = node->x_mount;
+  if (exfat_clusters_for(mount, node->x_size) == exfat_clusters_for(mount, old_size)) {
+    node->x_size = old_size;
+    node->x_flags |= EXFAT_SIZE_DIRTY;
+    return;
+  }
+  int error = exfat_file_shrink(node, old_size);
+  if (error)
+    kprintf("exfat_truncate: error %d giving back a failed extension\n", error);
+}
+
 // Sets the size of a node up or down. A size inside the same number of
 // clusters changes only x_size (and lowers x_valid_size when shrinking
 // below it): no bitmap or FAT data. Otherwise clusters are added with
 // exfat_file_extend or released with exfat_file_shrink under
 // xm_bitmap_lock, taken here. With IO_UNIT in `flags` growth is all or
-// nothing. Neither the page cache's size nor any file data is changed.
+// nothing: refused up front when the free clusters cannot hold it, and
+// given back when it fails halfway (but for directories). Neither the page
+// cache's size nor any file data is changed.
 //
 // The caller holds the node lock. A size equal to x_size is a caller error
 // (fatal): callers acting on a size read from disk compare first. Returns
@@ -451,11 +474,15 @@ int exfat_truncate(struct exfat_node* node, uint64_t new_size, int flags, vfs_co
       node->x_flags |= EXFAT_SIZE_DIRTY;
       return 0;
     }
+    const uint64_t old_size = node->x_size;
     lck_mtx_lock(mount->xm_bitmap_lock);
-    if ((flags & IO_UNIT) && new_clusters - old_clusters > mount->xm_free_clusters)
+    if ((flags & IO_UNIT) && new_clusters - old_clusters > mount->xm_free_clusters) {
       error = ENOSPC;
-    else
+    } else {
       error = exfat_file_extend(node, new_size, flags);
+      if (error && (flags & IO_UNIT))
+        exfat_extend_undo(node, old_size);
+    }
     lck_mtx_unlock(mount->xm_bitmap_lock);
     return error;
   }

@@ -204,11 +204,16 @@ void transfer_thread() {
     l.unlock();
     int err = xfer_exec(*x);
     Info* info = x->info;
-    bool read = x->read;
+    // The error is recorded before the pages are released, so that whoever
+    // waits for them (a push that meets them busy) finds it.
+    if (err && !x->read) {
+      l.relock();
+      if (info->error == 0) info->error = err;
+      l.unlock();
+    }
     xfer_finish(*x, err);
     delete x;
     l.relock();
-    if (err && !read && info->error == 0) info->error = err;
     // After this the file may be reclaimed and its Info freed.
     info->inflight--;
     pool().inflight--;
@@ -469,8 +474,58 @@ void release_batch(Page** pages, uint32_t n, uint32_t done) {
   }
 }
 
-// Zero-fills [a, b) in the page cache, leaving valid (IO_NOZEROVALID) or
-// dirty (IO_NOZERODIRTY) pages alone.
+void write_behind(Info* info, uint64_t first, uint64_t full);
+
+// Absent pages wholly inside a zero fill, in runs at least this long, are
+// zeroed on the device at once instead of in the cache. A large gap (a write
+// far past the end of a file) then needs no more memory than one batch of
+// pages, whatever its length, and does not push other files' pages out of
+// the cache with pages of zeros. Shorter runs are zeroed in the cache and
+// written behind together with the data around them, in fewer requests.
+constexpr uint32_t kZeroDirectPages = 64;
+
+// Zeroes the fresh pages `pages` (file pages [first, first + n), wholly
+// inside the zero fill, which ends at `end`) and writes them to the device
+// in one transfer; then drops them, written or not (they never became
+// valid, so nothing of the file is lost). The caller holds no host lock.
+// Returns 0, ENOMEM, or the mapping or device error.
+int zero_on_device(Info* info, uint64_t first, Page** pages, uint32_t n, off_t end) {
+  for (uint32_t i = 0; i < n; i++) memset(pages[i]->data, 0, PAGE_SIZE);
+  upl_t upl = make_list(info, first, pages, n);
+  int err = ENOMEM;
+  if (upl != nullptr) {
+    Xfer x;
+    x.vp = info->vp;
+    x.info = info;
+    x.upl = upl;
+    x.foff = off_t(first) * PAGE_SIZE;
+    x.size = n * PAGE_SIZE;
+    x.read = false;
+    x.commit = false;
+    err = xfer_map(x, end);
+    if (err == 0) err = xfer_exec(x);
+    xfer_finish(x, err);
+  }
+  drop_fresh(pages, n);
+  return err;
+}
+
+// The length of the run of pages from pages[0] on that zero_range writes
+// straight to the device: fresh and wholly inside [a, b). 0 when shorter
+// than kZeroDirectPages.
+uint32_t direct_run(uint64_t first, const uint32_t* st, uint32_t n, off_t a, off_t b) {
+  uint32_t run = 0;
+  while (run < n && (st[run] & PG_FRESH) && off_t(first + run) * PAGE_SIZE >= a &&
+         off_t(first + run + 1) * PAGE_SIZE <= b)
+    run++;
+  return run >= kZeroDirectPages ? run : 0;
+}
+
+// Zero-fills [a, b), leaving valid (IO_NOZEROVALID) or dirty
+// (IO_NOZERODIRTY) pages alone: long runs of absent pages on the device,
+// the rest in the page cache, batch by batch, each batch's dirty pages
+// handed to write-behind before the next is taken, so that the pages in
+// use stay bounded however long the range.
 int zero_range(Info* info, off_t a, off_t b, off_t oldEOF, int flags) {
   Page* pages[kMaxIO / PAGE_SIZE];
   uint32_t st[kMaxIO / PAGE_SIZE];
@@ -483,7 +538,18 @@ int zero_range(Info* info, off_t a, off_t b, off_t oldEOF, int flags) {
       release_batch(pages, n, 0);
       return err;
     }
+    // One direct run at most: it starts at the first page of the batch or
+    // after the page cache's pages that precede it.
+    uint32_t run_at = n, run = 0;
     for (uint32_t i = 0; i < n; i++) {
+      if ((run = direct_run(pg + i, st + i, n - i, a, b)) != 0) {
+        run_at = i;
+        break;
+      }
+    }
+    bool dirtied = false;
+    for (uint32_t i = 0; i < n; i++) {
+      if (i >= run_at && i < run_at + run) continue;
       Page* p = pages[i];
       bool fresh = st[i] & PG_FRESH;
       bool dirty = st[i] & PG_DIRTY;
@@ -492,21 +558,25 @@ int zero_range(Info* info, off_t a, off_t b, off_t oldEOF, int flags) {
       off_t ps = off_t(pg + i) * PAGE_SIZE;
       off_t zs = std::max(a, ps), ze = std::min(b, ps + PAGE_SIZE);
       memset(p->data + (zs - ps), 0, size_t(ze - zs));
-      {
-        Locker l;
-        page_set_dirty_locked(p);
-      }
+      Locker l;
+      page_set_dirty_locked(p);
+      dirtied = true;
     }
     {
       Locker l;
-      for (uint32_t i = 0; i < n; i++) page_release_locked(pages[i]);
+      for (uint32_t i = 0; i < n; i++)
+        if (i < run_at || i >= run_at + run) page_release_locked(pages[i]);
     }
+    if (run != 0) err = zero_on_device(info, pg + run_at, pages + run_at, run, b);
+    if (err) return err;
+    if (dirtied) write_behind(info, pg, page_of(std::min<off_t>(b, off_t(pg + n) * PAGE_SIZE)));
     pg += n;
   }
   return 0;
 }
 
-// Copies the uio into [its offset, end) of the file.
+// Copies the uio into [its offset, end) of the file, batch by batch, each
+// batch handed to write-behind before the next is taken.
 int write_copy(Info* info, uio_t uio, off_t end, off_t oldEOF) {
   Page* pages[kMaxIO / PAGE_SIZE];
   uint32_t st[kMaxIO / PAGE_SIZE];
@@ -536,6 +606,7 @@ int write_copy(Info* info, uio_t uio, off_t end, off_t oldEOF) {
     }
     release_batch(pages, n, done);
     if (err) return err;
+    write_behind(info, page_of(a), page_of(uio_offset(uio)));
   }
   return 0;
 }
@@ -575,12 +646,19 @@ void write_behind(Info* info, uint64_t first, uint64_t full) {
   while (info->inflight > kMaxInflightPerFile) sleep_locked();
 }
 
-// Takes a run of up to `max` dirty pages busy: the first dirty page at or
-// after *pg (below `last`), waiting for it if it is busy, and the dirty idle
+// Whether a push writes page p: dirty, and not stored to through a mapping
+// unless `mapped_too`.
+bool pushable_locked(const Page* p, bool mapped_too) {
+  return (p->flags & PG_DIRTY) && (mapped_too || !(p->flags & PG_MAPDIRTY));
+}
+
+// Takes a run of up to `max` pushable pages busy: the first one at or after
+// *pg (below `last`), waiting for it if it is busy, and the pushable idle
 // pages that follow it (a busy one ends the run rather than being waited
-// for). *pg moves past the run. Returns the run's length, 0 when no dirty
+// for). *pg moves past the run. Returns the run's length, 0 when no such
 // page is left.
-uint32_t take_dirty_run_locked(Info* info, uint64_t* pg, uint64_t last, Page** out, uint32_t max) {
+uint32_t take_dirty_run_locked(Info* info, uint64_t* pg, uint64_t last, Page** out, uint32_t max,
+                               bool mapped_too) {
   for (;;) {
     Page* found = find_dirty_locked(info, *pg, last);
     if (found == nullptr) {
@@ -588,9 +666,13 @@ uint32_t take_dirty_run_locked(Info* info, uint64_t* pg, uint64_t last, Page** o
       return 0;
     }
     uint64_t idx = found->index;
+    if (!pushable_locked(found, mapped_too)) {
+      *pg = idx + 1;
+      continue;
+    }
     if (!page_acquire_locked(found)) continue;  // gone while we waited: search again
     *pg = idx + 1;
-    if (!(found->flags & PG_DIRTY)) {  // written by someone else meanwhile
+    if (!pushable_locked(found, mapped_too)) {  // written (or stored to) meanwhile
       page_release_locked(found);
       continue;
     }
@@ -598,7 +680,8 @@ uint32_t take_dirty_run_locked(Info* info, uint64_t* pg, uint64_t last, Page** o
     uint32_t n = 1;
     while (n < max && *pg < last) {
       Page* p = page_lookup_locked(info, *pg);
-      if (p == nullptr || !(p->flags & PG_DIRTY) || (p->flags & PG_BUSY) || p->readers) break;
+      if (p == nullptr || !pushable_locked(p, mapped_too) || (p->flags & PG_BUSY) || p->readers)
+        break;
       p->flags |= PG_BUSY;
       page_relist_locked(p);
       out[n++] = p;
@@ -610,7 +693,7 @@ uint32_t take_dirty_run_locked(Info* info, uint64_t* pg, uint64_t last, Page** o
 
 }  // namespace
 
-int cl_push_range(Info* info, uint64_t first, uint64_t last, bool wait) {
+int cl_push_range(Info* info, uint64_t first, uint64_t last, bool wait, bool mapped_too) {
   Page* pages[kMaxIO / PAGE_SIZE];
   int error = 0;
   uint64_t pg = first;
@@ -621,7 +704,7 @@ int cl_push_range(Info* info, uint64_t first, uint64_t last, bool wait) {
       Locker l;
       filesize = info->size;
       uint64_t lim = std::min<uint64_t>(last, pages_to(filesize));
-      n = take_dirty_run_locked(info, &pg, lim, pages, kMaxIO / PAGE_SIZE);
+      n = take_dirty_run_locked(info, &pg, lim, pages, kMaxIO / PAGE_SIZE, mapped_too);
     }
     if (n == 0) break;
     uint64_t start = pages[0]->index;
@@ -690,15 +773,14 @@ int cluster_write(vnode_t vp, uio_t uio, off_t oldEOF, off_t newEOF, off_t headO
   if (we < ws) we = ws;
   off_t lo = ws, hi = we;
   int err = 0;
-  if ((flags & IO_HEADZEROFILL) && headOff < ws) {
-    err = zero_range(info, headOff, ws, oldEOF, flags);
+  // Nothing at or past newEOF is zero-filled, even for a write that starts
+  // there (and so writes nothing).
+  off_t head_end = std::min(ws, newEOF);
+  if ((flags & IO_HEADZEROFILL) && headOff < head_end) {
+    err = zero_range(info, headOff, head_end, oldEOF, flags);
     lo = headOff;
-    if (err == 0 && !(flags & IO_SYNC)) write_behind(info, page_of(headOff), page_of(ws));
   }
-  if (err == 0 && uio && we > ws) {
-    err = write_copy(info, uio, we, oldEOF);
-    if (err == 0 && !(flags & IO_SYNC)) write_behind(info, page_of(ws), page_of(uio_offset(uio)));
-  }
+  if (err == 0 && uio && we > ws) err = write_copy(info, uio, we, oldEOF);
   if (err == 0 && (flags & IO_TAILZEROFILL) && tailOff > we) {
     off_t te = std::min(tailOff, newEOF);
     if (te > we) {
@@ -711,8 +793,13 @@ int cluster_write(vnode_t vp, uio_t uio, off_t oldEOF, off_t newEOF, off_t headO
 }
 
 // The caller holds no host lock. Writes every dirty page of vp in large
-// transfers; with IO_SYNC waits for them (and for any earlier asynchronous
-// ones) and returns the first error.
+// transfers, but those stored to through a mapping, which are left to the
+// file system's page-out (ubc_msync); with IO_SYNC waits for them (and for
+// any earlier asynchronous ones) and returns the first error. A write nobody
+// waited for (write-behind, the page-out thread) that failed is remembered
+// for the file until it is reported: by this call with IO_SYNC (as an error
+// of the writes waited for) or with IO_CLOSE (a close is the last chance to
+// tell the writer).
 int cluster_push(vnode_t vp, int flags) {
   if (flags & ~(IO_SYNC | IO_CLOSE | IO_PASSIVE)) panic("cluster_push: unsupported flags 0x%x", flags);
   Info* info = info_of(vp);
@@ -721,7 +808,13 @@ int cluster_push(vnode_t vp, int flags) {
     Locker l;
     info->wb_start = info->wb_end = 0;
   }
-  return cl_push_range(info, 0, UINT64_MAX, flags & IO_SYNC);
+  int error = cl_push_range(info, 0, UINT64_MAX, flags & IO_SYNC);
+  if (flags & IO_CLOSE) {
+    Locker l;
+    if (error == 0) error = info->error;
+    info->error = 0;
+  }
+  return error;
 }
 
 namespace {

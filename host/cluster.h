@@ -15,11 +15,16 @@ int cluster_read(vnode_t vp, uio_t uio, off_t filesize, int xflags);
 // [headOff, uio offset); IO_TAILZEROFILL zeroes [end of the write, tailOff);
 // IO_NOZEROVALID / IO_NOZERODIRTY leave valid / dirty pages alone while
 // zero-filling. A page partially written is read first unless it lies at or
-// past oldEOF. IO_SYNC writes the range before returning; otherwise dirty
-// pages are written behind in large requests.
+// past oldEOF. Nothing at or past newEOF is zero-filled. IO_SYNC writes the
+// range before returning; otherwise dirty pages are written behind in large
+// requests. Long runs of absent pages inside a zero fill are zeroed on the
+// device at once; the pages a call holds are bounded whatever its length.
 int cluster_write(vnode_t vp, uio_t uio, off_t oldEOF, off_t newEOF, off_t headOff,
                   off_t tailOff, int flags);
-// Writes every dirty page of vp (IO_SYNC: waits; IO_CLOSE accepted).
+// Writes every dirty page of vp but those stored to through a mapping, which
+// only the file system's page-out writes (IO_SYNC: waits). A failed write
+// that nobody waited for (write-behind, the page-out thread) is returned by
+// the next call with IO_SYNC or IO_CLOSE.
 int cluster_push(vnode_t vp, int flags);
 // Transfers a run of a page list: pagein reads (zero-filling past filesize),
 // pageout writes; both commit or abort the run's pages unless UPL_NOCOMMIT.

@@ -9,11 +9,13 @@ namespace ubc {
 
 // Writes the dirty pages of [first, last) (page numbers) with the cluster
 // layer's own transfers (blockmap + strategy), in runs of contiguous dirty
-// pages. Asynchronous unless `wait`; with `wait` it also waits for the
-// file's transfers in flight. The caller holds no host lock and is the
-// file's writer or holds an I/O reference. Returns the first error (an
-// earlier asynchronous write's error included, when waiting).
-int cl_push_range(Info* info, uint64_t first, uint64_t last, bool wait);
+// pages; pages stored to through a mapping (PG_MAPDIRTY) only with
+// `mapped_too`, for file systems without a page-out of their own.
+// Asynchronous unless `wait`; with `wait` it also waits for the file's
+// transfers in flight. The caller holds no host lock and is the file's
+// writer or holds an I/O reference. Returns the first error (an earlier
+// asynchronous write's error included, when waiting).
+int cl_push_range(Info* info, uint64_t first, uint64_t last, bool wait, bool mapped_too = false);
 
 // Hands the dirty pages of [beg, end) (bytes, clipped to the file size) to
 // the file system's VNOP_PAGEOUT, one call per window of up to one maximal

@@ -159,7 +159,8 @@ void index_insert_locked(Info* info, Page* p) {
   c->pages[p->index & (kChunkPages - 1)] = p;
   c->count++;
   info->npages++;
-  pool().resident++;
+  Pool& pl = pool();
+  if (++pl.resident > pl.peak) pl.peak = pl.resident;
 }
 
 void index_remove_locked(Info* info, Page* p) {
@@ -308,7 +309,7 @@ void page_set_dirty_locked(Page* p) {
 
 void page_set_clean_locked(Page* p) {
   if (p->flags & PG_DIRTY) {
-    p->flags &= ~PG_DIRTY;
+    p->flags &= ~(PG_DIRTY | PG_MAPDIRTY);
     count_dirty_locked(p, -1);
   }
 }
@@ -502,6 +503,16 @@ size_t host_ubc_limit(void) {
 size_t host_ubc_resident_bytes(void) {
   Locker l;
   return pool().resident * PAGE_SIZE;
+}
+
+size_t host_ubc_resident_peak_bytes(void) {
+  Locker l;
+  return pool().peak * PAGE_SIZE;
+}
+
+void host_ubc_reset_resident_peak(void) {
+  Locker l;
+  pool().peak = pool().resident;
 }
 
 size_t host_ubc_vnode_pages(vnode_t vp) {

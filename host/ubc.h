@@ -94,5 +94,9 @@ void ubc_page_unpin(vnode_t vp, off_t f_offset);
 void host_ubc_set_limit(size_t bytes);
 size_t host_ubc_limit(void);
 size_t host_ubc_resident_bytes(void);
+// The most bytes resident at once since the last reset (which starts it at
+// what is resident now).
+size_t host_ubc_resident_peak_bytes(void);
+void host_ubc_reset_resident_peak(void);
 size_t host_ubc_vnode_pages(vnode_t vp);
 size_t host_ubc_vnode_dirty_pages(vnode_t vp);

@@ -1,5 +1,6 @@
 // The page-out role: dirty pages that their writer did not push go to the
-// device through the file system's VNOP_PAGEOUT.
+// device through the file system's VNOP_PAGEOUT. Pages stored to through a
+// mapping go to the device only this way (see PG_MAPDIRTY).
 //
 // Three callers: ubc_msync (UBC_PUSHDIRTY), the reclaim of a vnode, and the
 // page-out thread, which runs when dirty pages exceed their share of the
@@ -39,7 +40,7 @@ int pageout_window(vnode_t vp, Info* info, uint64_t first, uint64_t last, int fl
   off_t off = off_t(first) * PAGE_SIZE;
   size_t len = size_t(last - first) * PAGE_SIZE;
   int err = VNOP_PAGEOUT(vp, nullptr, 0, off, len, flags, vfs_context_kernel());
-  if (err == ENOTSUP) err = cl_push_range(info, first, last, true);
+  if (err == ENOTSUP) err = cl_push_range(info, first, last, true, true);
   return err;
 }
 
@@ -66,7 +67,14 @@ bool pageout_round(Locker& l) {
   if (info->reclaiming || first >= last) return false;
   l.unlock();
   if (vnode_getwithvid(vp, vid) == 0) {
-    pageout_window(vp, info_of(vp), first, last, 0);
+    Info* cur = info_of(vp);  // the I/O reference keeps it until vnode_put
+    int err = pageout_window(vp, cur, first, last, 0);
+    if (err) {
+      // Nobody waits for this write: the file's next fsync or close is told.
+      l.relock();
+      if (cur->error == 0) cur->error = err;
+      l.unlock();
+    }
     vnode_put(vp);
   }
   l.relock();

@@ -66,6 +66,12 @@ enum : uint32_t {
   PG_REDIRTY = 0x10,  // stored to through a mapping while busy: stays dirty at commit
   PG_GONE = 0x20,     // detached from its file while pinned; freed at the last unpin
   PG_FRESH = 0x40,    // created by the page list it is busy in (was absent)
+  // Stored to through a mapping since it was last clean. Such a page goes to
+  // the device only through the file system's page-out, never through the
+  // cluster layer's own pushes: only the file system knows what a store
+  // made outside any write means for the file (a valid length to move past
+  // it, a gap before it to zero).
+  PG_MAPDIRTY = 0x80,
 };
 
 enum class PageList : uint8_t { None, Clean, Dirty };
@@ -135,6 +141,7 @@ struct Pool {
   std::condition_variable cv;  // page state changes and transfer completions
   size_t limit_pages = 0;
   size_t resident = 0;   // pages in use by files
+  size_t peak = 0;       // the most pages resident at once since the last reset
   size_t ndirty = 0;     // dirty pages, busy ones included
   size_t nfree = 0;      // free pages in slabs
   uint32_t inflight = 0; // asynchronous transfers queued or running, all files

@@ -341,6 +341,7 @@ void ubc_page_dirty(vnode_t vp, off_t f_offset) {
   if (p->flags & PG_GONE) return;  // truncated away: the store is lost, as on a kernel
   if (p->flags & PG_BUSY) p->flags |= PG_REDIRTY;
   page_set_dirty_locked(p);
+  p->flags |= PG_MAPDIRTY;
 }
 
 void ubc_page_unpin(vnode_t vp, off_t f_offset) {

@@ -112,7 +112,8 @@ int exfat_vnop_open(struct vnop_open_args* ap) {
 // Pushes the file's dirty data, then rewrites its entry set if it is dirty
 // and asks for the delayed metadata flush. The data is pushed before the
 // node lock is taken; the parent is locked for the rewrite. Returns 0, the
-// parent-lock error or the rewrite's error.
+// parent-lock error, the rewrite's error, or the error of an earlier data
+// write that nobody waited for (write-behind, page-out).
 int exfat_vnop_close(struct vnop_close_args* ap) {
   vnode_t vp = ap->a_vp;
   auto* node = static_cast<struct exfat_node*>(vnode_fsnode(vp));
@@ -122,14 +123,15 @@ int exfat_vnop_close(struct vnop_close_args* ap) {
   exfat_node_lock(node);
   off_t size = static_cast<off_t>(node->x_size);
   exfat_node_unlock(node);
-  cluster_push(vp, IO_CLOSE);
-  ubc_msync(vp, 0, size, nullptr, UBC_PUSHDIRTY);
+  int push_error = cluster_push(vp, IO_CLOSE);
+  // Stores through a mapping reach the disk only through page-out.
+  int page_error = vnode_isreg(vp) ? ubc_msync(vp, 0, size, nullptr, UBC_PUSHDIRTY) : 0;
 
   exfat_node_lock(node);
   exfat_update_times(node);
   int error = exfat_close_update(node, ap->a_context);
   exfat_node_unlock(node);
-  return error;
+  return error ? error : push_error ? push_error : page_error;
 }
 
 // The fsync vnode operation: the node's data and entry through
@@ -185,10 +187,14 @@ int exfat_fsync_internal(vnode_t vp, bool wait, bool flush_dir_blocks, vfs_conte
     lck_mtx_unlock(mount->xm_bitmap_lock);
   }
   // A data write that failed is this fsync's error: the caller is told
-  // that its data did not reach the disk. (ubc_msync's result is not: it
-  // refuses an empty range, and the push has written the dirty pages.)
+  // that its data did not reach the disk. The push writes what write()
+  // dirtied; stores through a mapping reach the disk only through page-out
+  // (ubc_msync, which a vnode without a page cache refuses).
   int push_error = cluster_push(vp, wait ? IO_SYNC : 0);
-  ubc_msync(vp, 0, size, nullptr, UBC_PUSHDIRTY | (wait ? UBC_SYNC : 0));
+  int page_error =
+      vnode_isreg(vp) ? ubc_msync(vp, 0, size, nullptr, UBC_PUSHDIRTY | (wait ? UBC_SYNC : 0)) : 0;
+  if (push_error == 0)
+    push_error = page_error;
   buf_flushdirtyblks(vp, wait, 0, "exfat_fsync_internal");
   if (error == 0)
     error = push_error;

@@ -28,8 +28,12 @@ constexpr int kMsyncListFlags = UPL_UBC_MSYNC | UPL_RET_ONLY_DIRTY;      // 0x02
 // The gap fill ahead of a page-out past the valid length leaves dirty pages
 // (data stored through a mapping) alone but zeroes valid ones: their zeros
 // exist only in the page cache, and must reach the disk before the valid
-// length covers them.
-constexpr int kHeadZeroFill = IO_HEADZEROFILL | IO_NOZERODIRTY;
+// length covers them. Synchronously: the page-out itself writes only the
+// pages of its own window, and once the valid length has moved, the entry
+// that records it may be written (an fsync under way does it next) while
+// zeros still waiting in the cache would leave the disk's old bytes inside
+// the valid length.
+constexpr int kHeadZeroFill = IO_HEADZEROFILL | IO_NOZERODIRTY | IO_SYNC;
 constexpr uint64_t kNoAccessTime = MNT_RDONLY | MNT_NOATIME;  // 0x10000001
 
 bool page_misaligned(uint64_t value) {
@@ -112,10 +116,10 @@ int exfat_page_walk(struct exfat_page_walk* walk) {
   return result;
 }
 
-// Zero-fills the file from the valid length up to a page-out's offset in the
-// page cache, without touching dirty pages, and moves the
-// valid length there. The caller holds x_io_lock and the node lock (dropped
-// around the fill). Returns 0 or cluster_write's error (nothing changed).
+// Zero-fills the file on the disk from the valid length up to a page-out's
+// offset, without touching dirty pages, and moves the valid length there.
+// The caller holds x_io_lock and the node lock (dropped around the fill).
+// Returns 0 or cluster_write's error (nothing changed).
 int exfat_pageout_fill_gap(vnode_t vp, struct exfat_node* node, off_t f_offset) {
   off_t valid = static_cast<off_t>(node->x_valid_size);
   exfat_node_unlock(node);

@@ -124,12 +124,16 @@ int exfat_read_dir(struct exfat_node* node, uio_t uio, vfs_context_t context) {
   return error;
 }
 
-// Grows the allocation for a write ending at `end`. The caller holds
-// x_io_lock and the node lock. Without IO_UNIT a volume that runs out of
-// space is not an error here: *short_space is set and the file keeps the
-// whole clusters that could be found. Returns 0, ENOSPC (IO_UNIT: checked
-// before anything changes) or the extension's error.
-int exfat_write_grow(struct exfat_node* node, uint64_t end, int ioflag, bool* short_space) {
+// Grows the allocation for a write of [offset, end). The caller holds
+// x_io_lock and the node lock. With IO_UNIT all of it must fit; without,
+// at least the first byte: when the free clusters cannot hold that much the
+// answer is known before anything changes, and the write fails with ENOSPC
+// having changed nothing. Otherwise a volume that runs out of space is not
+// an error here: *short_space is set and the file keeps the whole clusters
+// that could be found, which reach past `offset`. Returns 0, ENOSPC or the
+// extension's error (the caller rolls a failed extension back).
+int exfat_write_grow(struct exfat_node* node, uint64_t offset, uint64_t end, int ioflag,
+                     bool* short_space) {
   struct exfat_mount* mount = node->x_mount;
   const uint64_t cluster_size = mount->xm_bytes_per_cluster;
   uint64_t have = clusters_of(node->x_size, cluster_size);
@@ -141,13 +145,16 @@ int exfat_write_grow(struct exfat_node* node, uint64_t end, int ioflag, bool* sh
   }
 
   lck_mtx_lock(mount->xm_bitmap_lock);
-  if ((ioflag & IO_UNIT) && want - have > mount->xm_free_clusters) {
+  uint64_t must = (ioflag & IO_UNIT) ? want : clusters_of(offset + 1, cluster_size);
+  if (must > have && must - have > mount->xm_free_clusters) {
     lck_mtx_unlock(mount->xm_bitmap_lock);
     return ENOSPC;
   }
   int error = exfat_file_extend(node, end, ioflag);
   lck_mtx_unlock(mount->xm_bitmap_lock);
-  if (error == ENOSPC && !(ioflag & IO_UNIT)) {
+  // A free count above what the bitmap holds may still leave the write's
+  // start outside the file: then nothing fits after all.
+  if (error == ENOSPC && !(ioflag & IO_UNIT) && node->x_size > offset) {
     *short_space = true;
     return 0;
   }
@@ -188,9 +195,9 @@ int exfat_write_copy(vnode_t vp, struct exfat_node* node, uio_t uio, uint64_t ol
   return error;
 }
 
-// Undoes an IO_UNIT write that failed: the allocation goes back to the old
-// size and the uio to its state at entry. The caller holds x_io_lock and the
-// node lock (dropped around ubc_setsize).
+// Undoes a write that failed with IO_UNIT, or without writing a byte: the
+// allocation goes back to the old size and the uio to its state at entry.
+// The caller holds x_io_lock and the node lock (dropped around ubc_setsize).
 void exfat_write_rollback(vnode_t vp, struct exfat_node* node, uio_t uio, uint64_t old_size,
                           off_t old_offset, user_ssize_t old_resid, int ioflag,
                           vfs_context_t context) {
@@ -266,7 +273,8 @@ int exfat_vnop_read(struct vnop_read_args* ap) {
 // writes at x_size; IO_UNIT is all or nothing (free space checked first,
 // size and uio rolled back on failure); IO_SYNC writes the data, the entry
 // set and the metadata before returning. Without IO_UNIT a volume that runs
-// out of space gives a short write that succeeds.
+// out of space gives a short write that succeeds, and a write that cannot
+// write a single byte fails with the file as it was.
 //
 // Takes x_io_lock, then the node lock (dropped around the copy), then the
 // parent's lock for an IO_SYNC entry update. Returns 0, EINVAL (negative
@@ -314,17 +322,21 @@ int exfat_vnop_write(struct vnop_write_args* ap) {
       kprintf("exfat_vnop_write: end of write overflow\n");
       error = EFBIG;
     } else if (end > node->x_size) {
-      error = exfat_write_grow(node, end, ioflag, &short_space);
+      error = exfat_write_grow(node, static_cast<uint64_t>(uio_offset(uio)), end, ioflag,
+                               &short_space);
     }
   }
   if (!error) {
     error = exfat_write_copy(vp, node, uio, old_size, ioflag);
-    if (static_cast<uint64_t>(uio_offset(uio)) > node->x_valid_size) {
-      node->x_valid_size = static_cast<uint64_t>(uio_offset(uio));
-      node->x_flags |= kSizeDirty;
-    }
-    if (uio_resid(uio) < old_resid)
+    // Bytes copied mean that the zero fill ahead of them is done: only then
+    // may the valid length pass over the gap.
+    if (uio_resid(uio) < old_resid) {
+      if (static_cast<uint64_t>(uio_offset(uio)) > node->x_valid_size) {
+        node->x_valid_size = static_cast<uint64_t>(uio_offset(uio));
+        node->x_flags |= kSizeDirty;
+      }
       node->x_flags |= X_MODIFIED | X_DIRTY;
+    }
     // Running out of space earlier is the result when nothing fitted at
     // all; a short write that moved some bytes is a success below.
     if (!error && short_space)
@@ -332,9 +344,11 @@ int exfat_vnop_write(struct vnop_write_args* ap) {
   }
 
   if (error) {
-    if (ioflag & IO_UNIT) {
+    // A write that wrote nothing leaves nothing behind either: no size,
+    // allocation or free count of a growth it could not use.
+    if ((ioflag & IO_UNIT) || uio_resid(uio) == old_resid) {
       exfat_write_rollback(vp, node, uio, old_size, old_offset, old_resid, ioflag, ap->a_context);
-    } else if (error == ENOSPC && uio_resid(uio) < old_resid) {
+    } else if (error == ENOSPC) {
       error = 0;
     }
   } else if (ioflag & IO_SYNC) {

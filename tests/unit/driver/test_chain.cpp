@@ -210,6 +210,24 @@ TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
   EXPECT_EQ(flags, node->x_flags);
   EXPECT_EQ(free_clusters, xm->xm_free_clusters);
 
+  // A free count above what the bitmap holds lets an all-or-nothing size
+  // past the check; what it took before running short is given back.
+  for (uint64_t from : {uint64_t(0), uint64_t(3 * kCluster + 5)}) {
+    if (from != 0) {
+      ASSERT_EQ(0, truncate(node, from));
+    }
+    const uint32_t before = xm->xm_free_clusters;
+    xm->xm_free_clusters += 3;
+    EXPECT_EQ(ENOSPC, truncate(node, uint64_t(before + 3) * kCluster + from, IO_UNIT)) << from;
+    xm->xm_free_clusters -= 3;
+    EXPECT_EQ(from, node->x_size);
+    EXPECT_EQ(before, xm->xm_free_clusters) << from;
+    EXPECT_EQ(from == 0 ? 0u : node->x_start_cluster + 3, node->x_last_cluster);
+    if (from != 0) {
+      ASSERT_EQ(0, truncate(node, 0));
+    }
+  }
+
   exfat_node_lock(node);
   lck_mtx_lock(xm->xm_bitmap_lock);
   host_malloc_fail_nth(1);

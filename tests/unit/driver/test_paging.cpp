@@ -72,13 +72,24 @@ TEST_F(PagingTest, MappedPagesReadZerosPastTheValidLength) {
   EXPECT_TRUE(holds_pattern(page.data(), 0, PAGE_SIZE));
 }
 
-// A store through a mapping two pages beyond the valid length.
+// A store through a mapping two pages beyond the valid length, paged out
+// by msync, or left to fsync (which must not write it without moving the
+// valid length over it).
 TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
   File f = junk_file(u"f", 4 * kCluster, 1000);
   File g = junk_file(u"g", 10000, 1000);
+  File h = junk_file(u"h", 4 * kCluster, 1000);
   mount_built();
   vnode_t vp = get(f.offset);
   vnode_t short_vp = get(g.offset);
+  vnode_t synced_vp = get(h.offset);
+
+  store(synced_vp, 8192);
+  ASSERT_EQ(0, VNOP_FSYNC(synced_vp, MNT_WAIT, ctx_));
+  EXPECT_EQ(12288u, node_of(synced_vp)->x_valid_size);
+  std::vector<uint8_t> synced = disk_data(h.first_cluster, 0, 12288);
+  EXPECT_TRUE(all_zero(synced, 1000, 8192));
+  EXPECT_TRUE(holds_pattern(synced.data() + 8192, 8192, 4096));
 
   store(vp, 8192);
   ASSERT_EQ(0, ubc_msync(vp, 0, 4 * kCluster, nullptr, UBC_PUSHDIRTY | UBC_SYNC));
@@ -97,6 +108,7 @@ TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
   unmount_and_check();
   EXPECT_EQ(12288u, le64dec(&disk_stream(f.offset)[8]));
   EXPECT_EQ(10000u, le64dec(&disk_stream(g.offset)[8]));
+  EXPECT_EQ(12288u, le64dec(&disk_stream(h.offset)[8]));
 }
 
 }  // namespace

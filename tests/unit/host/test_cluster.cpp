@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <iterator>
 #include <random>
@@ -254,6 +255,90 @@ TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
   EXPECT_EQ(st.bytes_written, uint64_t(size));
   EXPECT_EQ(st.reads, 0u) << "whole pages are never read before being overwritten";
   EXPECT_TRUE(fs.on_device(f) == w);
+}
+
+// --- Memory bounds ------------------------------------------------------------------
+
+// Catches a zero fill or a copy that holds all its pages before any is written: the
+// pages a write holds must not grow with a gap or with its length, and a long gap
+// must reach the device as zeros in maximal requests.
+TEST_F(ClusterTest, LongGapsAndLongWritesHoldBoundedPages) {
+  const off_t gap_end = 28 << 20;  // inside the half of the device the test lays out
+  bmfs_file* f = fs.create(1000, {{100, uint32_t(gap_end / 4096) + 1}});
+  fs.fill(f, char(0xAA));
+  host_ubc_reset_resident_peak();
+  size_t before = host_ubc_resident_bytes();
+  host_blkdev_reset_stats(fs.devvp());
+  char z = 'z';
+  ASSERT_EQ(fs.write(f, gap_end, &z, 1), 0);
+  host_devstats st = host_test::devstats(fs.devvp());
+  EXPECT_LE(host_ubc_resident_peak_bytes(), before + (2u << 20)) << "pages held for the gap";
+  EXPECT_LE(st.writes, uint64_t(gap_end >> 20) + 2) << "the gap in maximal requests";
+  EXPECT_GE(st.bytes_written, uint64_t(gap_end) - 2 * 4096);
+  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  std::vector<char> disk = fs.on_device(f);
+  ASSERT_EQ(disk.size(), size_t(gap_end) + 1);
+  EXPECT_EQ(disk[999], char(0xAA));
+  EXPECT_EQ(size_t(std::find_if(disk.begin() + 1000, disk.end() - 1, [](char c) { return c != 0; }) -
+                   disk.begin()),
+            size_t(gap_end))
+      << "the first byte of the gap that is not zero on the device";
+  EXPECT_EQ(disk.back(), 'z');
+
+  // One long write into a small pool: written behind as it goes.
+  host_test::PoolLimit limit(4 << 20);
+  std::vector<char> d = random_bytes(24 << 20, 15);
+  host_ubc_reset_resident_peak();
+  ASSERT_EQ(fs.write(f, 0, d.data(), d.size()), 0);
+  EXPECT_LE(host_ubc_resident_peak_bytes(), size_t(4 << 20) + (2u << 20));
+  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  disk = fs.on_device(f);
+  EXPECT_TRUE(std::equal(d.begin(), d.end(), disk.begin()));
+}
+
+// --- Writes nobody waits for ------------------------------------------------------
+
+// Catches a failed write-behind or page-out that no later fsync or close reports,
+// an error reported twice, and stores through a mapping pushed past the file
+// system's page-out.
+TEST_F(ClusterTest, FailedWritesNobodyWaitedForAreReportedOnce) {
+  bmfs_file* f = fs.create(2 << 20, {{2000, 512}});
+  host_memdev_faults faults;
+  faults.fail_write_bytes.push_back(2000 * 4096 + 5000);
+  host_memdev_set_faults(fs.devvp(), faults);
+  std::vector<char> d = random_bytes(2 << 20, 16);
+  ASSERT_EQ(fs.write(f, 0, d.data(), d.size()), 0) << "written behind, not waited for";
+  EXPECT_EQ(cluster_push(f->vp, IO_CLOSE), EIO);
+  EXPECT_EQ(cluster_push(f->vp, IO_SYNC), EIO) << "the pages stay dirty and fail again";
+  host_memdev_set_faults(fs.devvp(), host_memdev_faults());
+  EXPECT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  EXPECT_EQ(cluster_push(f->vp, IO_CLOSE), 0) << "reported once";
+  EXPECT_TRUE(fs.on_device(f) == d);
+
+  // A store through a mapping is left to pageout by pushes; the page-out
+  // thread's failure is reported by the next close.
+  bmfs_file* g = fs.create(2 << 20, {{3000, 512}});
+  auto store = [&](off_t off) {
+    uintptr_t addr = 0;
+    ASSERT_EQ(ubc_page_fault(g->vp, off, 1, &addr), 0);
+    reinterpret_cast<char*>(addr)[7] = 'm';
+    ubc_page_dirty(g->vp, off);
+    ubc_page_unpin(g->vp, off);
+  };
+  store(0);
+  ASSERT_EQ(cluster_push(g->vp, IO_SYNC), 0);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(g->vp), 1u);
+  EXPECT_EQ(g->pageouts.load(), 0);
+  ASSERT_EQ(ubc_msync(g->vp, 0, 4096, nullptr, UBC_PUSHDIRTY | UBC_SYNC), 0);
+  EXPECT_EQ(g->pageouts.load(), 1);
+  EXPECT_EQ(fs.on_device(g)[7], 'm');
+
+  faults.fail_write_bytes = {3000 * 4096 + 100};
+  host_memdev_set_faults(fs.devvp(), faults);
+  host_test::PoolLimit limit(1 << 20);
+  for (off_t off = 0; off < (2 << 20); off += 4096) store(off);
+  EXPECT_TRUE(host_test::eventually([&] { return cluster_push(g->vp, IO_CLOSE) == EIO; }));
+  host_memdev_set_faults(fs.devvp(), host_memdev_faults());
 }
 
 }  // namespace
