@@ -194,12 +194,27 @@ int rename_read_set(struct rename_state* rs) {
   return 0;
 }
 
+// Whether the set read into the buffer still fits the 255 secondaries a
+// set may have once its name entries are replaced by the new name's. A set
+// from another system may carry many extra secondaries after a short name;
+// such a file can only take names that need no more name entries.
+bool rename_set_fits(const struct rename_state* rs) {
+  const uint32_t per_entry = EXFAT_NAME_CHARS_PER_ENTRY;
+  uint32_t old_names = (rs->buffer[EXFAT_SET_STREAM_OFFSET + 3] + per_entry - 1) / per_entry;
+  uint32_t new_names = (rs->name_length + per_entry - 1) / per_entry;
+  return rs->buffer[1] - old_names + new_names <= EXFAT_MAX_SET_ENTRIES - 1;
+}
+
 // Steps 8 and 9: a name beginning with a dot is Hidden, any other is not;
 // the source's attributes (in the node and in the set) follow the new name,
 // and the set's File Name entries are replaced by it, with a new
-// SecondaryCount and checksum. The caller holds the source's lock.
-void rename_build_set(struct rename_state* rs) {
+// SecondaryCount and checksum. The caller holds the source's lock. Returns
+// 0, or ENAMETOOLONG, with nothing changed, when the new name does not fit
+// beside the set's other secondaries.
+int rename_build_set(struct rename_state* rs) {
   lck_mtx_assert(rs->source->x_lock, LCK_MTX_ASSERT_OWNED);
+  if (!rename_set_fits(rs))
+    return ENAMETOOLONG;
   rs->old_attributes = rs->source->x_attributes;
   rs->attributes_changed = true;
   if (rs->tcnp->cn_namelen > 0 && rs->tcnp->cn_nameptr[0] == '.')
@@ -209,6 +224,7 @@ void rename_build_set(struct rename_state* rs) {
   auto* file = reinterpret_cast<struct exfat_file_entry*>(rs->buffer);
   le16enc(file->FileAttributes, rs->source->x_attributes);
   exfat_file_set_rename(rs->buffer, rs->name, rs->name_length, rs->name_hash);
+  return 0;
 }
 
 // Step 11: checks that the victim may be replaced by the source and deletes
@@ -300,7 +316,9 @@ int rename_rewrite(struct rename_state* rs, bool* flush) {
   int error = rename_read_set(rs);
   if (error)
     return error;
-  rename_build_set(rs);
+  error = rename_build_set(rs);
+  if (error)
+    return error;
   error = exfat_find_empty_entries(rs->tdir, rs->buffer[1] + 1u, &rs->new_offset, rs->context);
   if (error)
     return error;
@@ -326,7 +344,9 @@ int rename_rewrite(struct rename_state* rs, bool* flush) {
 //
 // Returns 0; ERESTART when a node was removed, the source name moved or the
 // target vnode no longer matches its name (the kernel looks them up
-// again); the target name's conversion error; EEXIST; EINVAL for a
+// again); the target name's conversion error; ENAMETOOLONG also when the
+// new name needs more name entries than the source's set has room for
+// beside its other secondaries; EEXIST; EINVAL for a
 // directory moved into itself or below itself; ENOMEM; EISDIR (file onto
 // directory); ENOTDIR (directory onto file); ENOTEMPTY; ENOSPC when the
 // target directory can't grow; or an I/O error.
