@@ -40,7 +40,8 @@ constexpr uint32_t kFileAndStreamBytes = 2 * EXFAT_ENTRY_SIZE;
 // The longest a directory may be. A longer one is damage, and refusing it
 // here keeps every walk over a directory's clusters short.
 constexpr uint64_t kMaxDirectorySize = EXFAT_MAX_DIR_SIZE;
-// Files must fit in a signed 64-bit offset.
+// Files must fit in a signed 64-bit offset (and, like directories, in the
+// heap: the page cache's arithmetic then never nears the offset's limit).
 constexpr uint64_t kMaxFileSize = 0x7FFFFFFFFFFFFFFFull;
 
 // Time stamps of the root directory, which has no entry set: 1980-01-01.
@@ -125,6 +126,11 @@ void node_load_entries(struct exfat_node* node, const uint8_t* entries) {
   node->x_start_cluster = le32dec(stream->FirstCluster);
   node->x_valid_size = le64dec(stream->ValidDataLength);
   node->x_size = le64dec(stream->DataLength);
+  // Decision: a ValidDataLength past DataLength is taken as DataLength.
+  // Nothing past the allocation can hold valid data, and every reader and
+  // writer relies on the valid length lying within the file.
+  if (node->x_valid_size > node->x_size)
+    node->x_valid_size = node->x_size;
 
   if (stream->GeneralSecondaryFlags & EXFAT_SECONDARY_NO_FAT_CHAIN) {
     // A contiguous file never needs the FAT: the extent cache describes the
@@ -152,9 +158,29 @@ bool node_run_in_heap(const struct exfat_node* node) {
          clusters <= uint64_t(mount->xm_max_cluster) - node->x_start_cluster + 1;
 }
 
+// Whether a node's DataLength is one its kind may have: a directory no
+// longer than the format allows, a file below 2^63 bytes; neither larger
+// than the cluster heap, which would have to hold it. Logs the refusal.
+bool node_size_ok(const struct exfat_node* node) {
+  const struct exfat_mount* mount = node->x_mount;
+  const uint64_t heap = (uint64_t(mount->xm_max_cluster) - 1) * mount->xm_bytes_per_cluster;
+  if (node->x_attributes & EXFAT_ATTR_DIRECTORY) {
+    if (node->x_size <= kMaxDirectorySize && node->x_size <= heap)
+      return true;
+    kprintf("exfat: ExFAT directory is too large (0x%llx)\n",
+            static_cast<unsigned long long>(node->x_size));
+    return false;
+  }
+  if (node->x_size <= kMaxFileSize && node->x_size <= heap)
+    return true;
+  kprintf("exfat: ExFAT file is too large (0x%llx)\n",
+          static_cast<unsigned long long>(node->x_size));
+  return false;
+}
+
 // Fills a child node from the head of its entry set in the parent and
 // decides its vnode type. Caller holds the node's lock and the parent's.
-// Returns EIO (with XM_CORRUPT set) for a size the format can't have or a
+// Returns EIO (with XM_CORRUPT set) for a size the node can't have or a
 // contiguous run outside the heap, or the read error.
 int node_init_child(struct exfat_node* node, struct exfat_node* parent, enum vtype* type,
                     vfs_context_t context) {
@@ -167,31 +193,21 @@ int node_init_child(struct exfat_node* node, struct exfat_node* parent, enum vty
     return error;
   node_load_entries(node, entries);
 
+  // ValidDataLength is deliberately not compared with DataLength here.
+  if (!node_size_ok(node)) {
+    mount->xm_flags |= XM_CORRUPT;
+    return EIO;
+  }
   if (!node_run_in_heap(node)) {
     kprintf("exfat: ExFAT file's clusters lie outside the volume (first %u, length 0x%llx)\n",
             node->x_start_cluster, static_cast<unsigned long long>(node->x_size));
     mount->xm_flags |= XM_CORRUPT;
     return EIO;
   }
-  // ValidDataLength is deliberately not compared with DataLength here.
-  if (node->x_attributes & EXFAT_ATTR_DIRECTORY) {
-    if (node->x_size > kMaxDirectorySize) {
-      kprintf("exfat: ExFAT directory is too large (0x%llx)\n",
-              static_cast<unsigned long long>(node->x_size));
-      mount->xm_flags |= XM_CORRUPT;
-      return EIO;
-    }
+  if (node->x_attributes & EXFAT_ATTR_DIRECTORY)
     *type = VDIR;  // whatever the caller asked for
-  } else {
-    if (node->x_size > kMaxFileSize) {
-      kprintf("exfat: ExFAT file is too large (0x%llx)\n",
-              static_cast<unsigned long long>(node->x_size));
-      mount->xm_flags |= XM_CORRUPT;
-      return EIO;
-    }
-    if (*type == VNON)
-      *type = exfat_check_link(node, context);
-  }
+  else if (*type == VNON)
+    *type = exfat_check_link(node, context);
   return 0;
 }
 

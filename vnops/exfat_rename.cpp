@@ -10,8 +10,9 @@
 // Outline of exfat_vnop_rename, one helper per step:
 //   1. lock the source directory, source, target directory and target
 //      (exfat_lock_four, ascending address order);
-//   2. revalidate: nothing removed meanwhile, the source name still leads
-//      to the source (ERESTART otherwise)              rename_revalidate
+//   2. revalidate: nothing removed or moved away meanwhile, the source
+//      name still leads to the source (ERESTART otherwise)
+//                                                      rename_revalidate
 //   3. convert the target name                         rename_convert_target
 //   4. find the target name in the target directory;
 //   5. pick the victim (none for a case-only rename)   rename_find_target
@@ -80,17 +81,20 @@ struct rename_state {
   bool rename_locked;     // xm_rename_lock is held
 };
 
-// Step 2: checks that none of the four nodes was removed and that the
-// source name still leads to the source's set, remembering where that set
-// is. The caller holds the four locks. Returns 0, or ERESTART after purging
-// the name cache of the vnode found wanting.
+// Step 2: checks that none of the four nodes was removed, that the source
+// still lives in the source directory and that the source name still leads
+// to its set, remembering where that set is. The caller holds the four
+// locks. Returns 0, or ERESTART after purging the name cache of the vnode
+// found wanting.
 int rename_revalidate(struct rename_state* rs) {
   lck_mtx_assert(rs->source->x_lock, LCK_MTX_ASSERT_OWNED);
   if (rs->fdir->x_flags & X_DELETED) {
     cache_purge(rs->fdvp);
     return ERESTART;
   }
-  if (rs->source->x_flags & X_DELETED) {
+  // The source may have moved to another directory, even to the same
+  // offset there, since the kernel looked it up.
+  if ((rs->source->x_flags & X_DELETED) || rs->source->x_parent != rs->fdir) {
     cache_purge(rs->fvp);
     return ERESTART;
   }
@@ -127,8 +131,8 @@ int rename_convert_target(struct rename_state* rs) {
 }
 
 // Steps 4 and 5: searches the target directory for the target name. With
-// a target vnode the name must lead to the target's set; without one it
-// must be absent. Picks the victim. The caller holds the four locks.
+// a target vnode the name must lead to the target's set, in the target
+// directory; without one it must be absent. Picks the victim. The caller holds the four locks.
 // Returns 0; ERESTART when the target vnode no longer matches its name (no
 // cache purge: the target directory's entries are still right); or EEXIST
 // when a name the kernel thought free exists, or the search fails.
@@ -138,7 +142,8 @@ int rename_find_target(struct rename_state* rs) {
                                 rs->mount->xm_upcase, &rs->target_offset, &rs->target_count,
                                 rs->context);
   if (rs->target != nullptr) {
-    if (error || rs->target_offset != rs->target->x_dir_offset)
+    if (error || rs->target_offset != rs->target->x_dir_offset ||
+        (rs->target != rs->source && rs->target->x_parent != rs->tdir))
       return ERESTART;
   } else if (error != ENOENT) {
     return EEXIST;
