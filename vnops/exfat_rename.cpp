@@ -133,9 +133,9 @@ int rename_convert_target(struct rename_state* rs) {
 // Steps 4 and 5: searches the target directory for the target name. With
 // a target vnode the name must lead to the target's set, in the target
 // directory; without one it must be absent. Picks the victim. The caller holds the four locks.
-// Returns 0; ERESTART when the target vnode no longer matches its name (no
-// cache purge: the target directory's entries are still right); or EEXIST
-// when a name the kernel thought free exists, or the search fails.
+// Returns 0; ERESTART, after purging the target's name-cache entries, when
+// the target vnode no longer matches its name; or EEXIST when a name the
+// kernel thought free exists, or the search fails.
 int rename_find_target(struct rename_state* rs) {
   lck_mtx_assert(rs->tdir->x_lock, LCK_MTX_ASSERT_OWNED);
   int error = exfat_lookup_name(rs->tdir, rs->name, rs->name_length, rs->name_hash,
@@ -143,8 +143,14 @@ int rename_find_target(struct rename_state* rs) {
                                 rs->context);
   if (rs->target != nullptr) {
     if (error || rs->target_offset != rs->target->x_dir_offset ||
-        (rs->target != rs->source && rs->target->x_parent != rs->tdir))
+        (rs->target != rs->source && rs->target->x_parent != rs->tdir)) {
+      // Decision: the target's name-cache entries go too. The kernel's
+      // lookup may have come from the cache, and a directory that changed
+      // behind it (or that can no longer be searched) would otherwise be
+      // answered from the cache again on every restart.
+      cache_purge(rs->tvp);
       return ERESTART;
+    }
   } else if (error != ENOENT) {
     return EEXIST;
   }

@@ -176,6 +176,29 @@ TEST_F(RenameTest, FullSetKeepsNamesOfItsSize) {
   EXPECT_EQ(le16dec(&set[2]), exfat_checksum_file_set(set.data()));
 }
 
+// A target the kernel found in its name cache, in a directory that can no
+// longer be searched past a corrupt entry before it: the restart is not
+// answered from the cache again, so the rename ends with the walk's error
+// instead of restarting forever.
+TEST_F(RenameTest, RestartDoesNotReuseAStaleCachedTarget) {
+  builder_.add_file(builder_.root(), u"src", bytes("s"));
+  uint32_t bad = builder_.root().next_offset;
+  builder_.skip_to(builder_.root(), bad + 32);
+  builder_.add_file(builder_.root(), u"t", bytes("t"));
+  mount_built();
+  Vref target;
+  ASSERT_EQ(0, lookup(root_vp_, "t", LOOKUP, &target));
+  target.reset();
+  uint8_t critical = 0x84;
+  exfat_node_lock(root_);
+  ASSERT_EQ(0, exfat_dir_write(root_, nullptr, &critical, bad, 1, false, ctx_));
+  exfat_node_unlock(root_);
+
+  KernLogCapture log;
+  EXPECT_EQ(EIO, settled([&] { return rename(root_vp_, "src", root_vp_, "t"); }));
+  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
+}
+
 class RenameConcurrency : public NamespaceTest {};
 
 // Two threads moving files back and forth between two directories in opposite
