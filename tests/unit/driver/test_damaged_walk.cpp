@@ -1,9 +1,10 @@
 // A small populated volume, damaged at random and then driven by a random
 // sequence of operations. The damage is a few random bytes of one
-// structure, or a field of an entry set, a FAT link or a boot sector field
-// changed to a value picked to hurt (with the set's or the boot region's
-// checksum made right again, so that the change gets past the checks that
-// catch random bytes); up to three of them per variant, or none. Read-only
+// structure, or a field of an entry set, a FAT link, a boot sector field,
+// a directory's first cluster or up-case units changed to values picked to
+// hurt (with the set's, the boot region's or the table's checksum made
+// right again, so that the change gets past the checks that catch random
+// bytes); up to three of them per variant, or none. Read-only
 // mounts list, look up, stat, read, read links, fsync, sync and try to
 // rename the volume; read-write mounts also write, truncate, create, make
 // directories and links, remove, rename, change attributes and rename the
@@ -276,6 +277,26 @@ class DamagedWalk : public NamespaceTest {
     return "boot sector field";
   }
 
+  // Changes a few units of the up-case table and makes its checksum in the
+  // root's up-case entry right again: the table is then parsed, and may
+  // fold names together or apart.
+  std::string damage_upcase(std::vector<uint8_t>& image, std::mt19937& rng) {
+    const uint64_t table = builder_.cluster_byte_offset(builder_.upcase_cluster());
+    const uint32_t length = static_cast<uint32_t>(builder_.upcase_data().size());
+    for (int k = 1 + static_cast<int>(rng() % 3); k > 0; k--) {
+      const uint16_t units[] = {0, 1, 'A', 0xFFFF, static_cast<uint16_t>(rng())};
+      le16enc(&image[table + (rng() % (length / 2)) * 2], pick(units, rng));
+    }
+    std::vector<uint8_t> data(image.begin() + static_cast<long>(table),
+                              image.begin() + static_cast<long>(table + length));
+    for (uint32_t o = 0; o < builder_.bytes_per_cluster(); o += EXFAT_ENTRY_SIZE) {
+      uint64_t entry = builder_.dir_byte_offset(builder_.root(), o);
+      if (image[entry] == EXFAT_ENTRY_UPCASE)
+        le32enc(&image[entry + 4], upcase_checksum(data));
+    }
+    return "up-case table";
+  }
+
   // A few random bytes of one structure, as a failing medium would leave.
   std::string damage_bytes(std::vector<uint8_t>& image, std::mt19937& rng) {
     const uint32_t cluster = builder_.bytes_per_cluster();
@@ -301,11 +322,12 @@ class DamagedWalk : public NamespaceTest {
     for (int k = 0; k < count; k++) {
       if (!what.empty())
         what += ", ";
-      switch (rng() % 6) {
+      switch (rng() % 7) {
         case 0: case 1: what += damage_set(image, rng); break;
         case 2: what += damage_fat(image, rng); break;
         case 3: what += damage_boot(image, rng); break;
         case 4: what += damage_cross_link(image, rng); break;
+        case 5: what += damage_upcase(image, rng); break;
         default: what += damage_bytes(image, rng); break;
       }
     }
