@@ -118,10 +118,10 @@ class DamagedWalk : public NamespaceTest {
         raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, EXFAT_SECONDARY_ALLOCATION_POSSIBLE, owned, 512));
     add(dir_, builder_.add_set(dir_, owner));
 
-    Entry primary = raw_entry(0xA5, 1);
-    Entry secondary = raw_entry(EXFAT_ENTRY_VENDOR_EXT);
-    std::vector<uint8_t> set(primary.begin(), primary.end());
-    set.insert(set.end(), secondary.begin(), secondary.end());
+    std::vector<uint8_t> set(2 * EXFAT_ENTRY_SIZE, 0);
+    set[0] = 0xA5;  // an unknown benign primary
+    set[1] = 1;
+    set[EXFAT_ENTRY_SIZE] = EXFAT_ENTRY_VENDOR_EXT;
     fix_set_checksum(set);
     builder_.add_entries(builder_.root(), set);
   }
