@@ -152,7 +152,8 @@ bool node_run_in_heap(const struct exfat_node* node) {
   if (!(node->x_flags & X_CONTIGUOUS) || node->x_size == 0)
     return true;
   const struct exfat_mount* mount = node->x_mount;
-  uint64_t clusters = (node->x_size + mount->xm_bytes_per_cluster - 1) / mount->xm_bytes_per_cluster;
+  const uint64_t cluster_size = mount->xm_bytes_per_cluster;
+  uint64_t clusters = (node->x_size + cluster_size - 1) / cluster_size;
   return node->x_start_cluster >= EXFAT_FIRST_CLUSTER &&
          node->x_start_cluster <= mount->xm_max_cluster &&
          clusters <= uint64_t(mount->xm_max_cluster) - node->x_start_cluster + 1;
@@ -193,7 +194,7 @@ int node_init_child(struct exfat_node* node, struct exfat_node* parent, enum vty
     return error;
   node_load_entries(node, entries);
 
-  // ValidDataLength is deliberately not compared with DataLength here.
+  // A ValidDataLength past DataLength was cut to it; it refuses nothing.
   if (!node_size_ok(node)) {
     mount->xm_flags |= XM_CORRUPT;
     return EIO;

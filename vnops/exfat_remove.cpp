@@ -33,10 +33,10 @@ constexpr uint32_t kDataLengthOffset = 24;
 
 // Checks, under the locks of a directory and of the node named in it, that
 // neither has been removed, that the node still lives in that directory and
-// that the name still leads to the node's entry set. The caller holds both locks (exfat_lock_two). Returns 0 with
-// the set's entry count in *count, or ERESTART after purging the name
-// cache of the vnode found wanting, so that the kernel looks the name up
-// again.
+// that the name still leads to the node's entry set. The caller holds both
+// locks (exfat_lock_two). Returns 0 with the set's entry count in *count,
+// or ERESTART after purging the name cache of the vnode found wanting, so
+// that the kernel looks the name up again.
 int victim_revalidate(vnode_t dvp, vnode_t vp, struct componentname* cnp, uint32_t* count,
                       vfs_context_t context) {
   auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));

@@ -24,6 +24,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -198,15 +199,16 @@ class DamagedWalk : public NamespaceTest {
     if ((set[1] + 1u) * 32 <= set.size())
       le16enc(&set[2], set_checksum(set.data()));
     for (size_t i = 0; i < at.size(); i++)
-      std::copy(set.begin() + static_cast<long>(32 * i), set.begin() + static_cast<long>(32 * i + 32),
-                image.begin() + static_cast<long>(at[i]));
+      std::copy_n(set.begin() + static_cast<long>(32 * i), 32,
+                  image.begin() + static_cast<long>(at[i]));
   }
 
   // Changes one field of a set to a value picked to hurt.
   std::string damage_set(std::vector<uint8_t>& image, std::mt19937& rng) {
     const SetPlace& place = sets_[rng() % sets_.size()];
     const char* field = nullptr;
-    edit_set(image, place, [&](std::vector<uint8_t>& set) { field = damage_field(set, place, rng); });
+    edit_set(image, place,
+             [&](std::vector<uint8_t>& set) { field = damage_field(set, place, rng); });
     return std::string("entry set ") + field;
   }
 
@@ -241,7 +243,8 @@ class DamagedWalk : public NamespaceTest {
     const SetPlace& place = dir_sets_[rng() % dir_sets_.size()];
     const uint32_t clusters[] = {place.dir->first_cluster, builder_.root().first_cluster,
                                  dir_.first_cluster, big_.first_cluster};
-    edit_set(image, place, [&](std::vector<uint8_t>& set) { le32enc(&set[52], pick(clusters, rng)); });
+    edit_set(image, place,
+             [&](std::vector<uint8_t>& set) { le32enc(&set[52], pick(clusters, rng)); });
     return "cross-linked directory";
   }
 

@@ -141,7 +141,8 @@ TEST_F(NodeTest, SizeAndRunLimits) {
     FileDesc spec;
     spec.name = c.name;
     spec.attributes = c.attributes;
-    spec.first_cluster = c.first_cluster != 0 ? c.first_cluster : builder_.allocate(1, Alloc::Chain);
+    spec.first_cluster =
+        c.first_cluster != 0 ? c.first_cluster : builder_.allocate(1, Alloc::Chain);
     spec.data_length = c.length;
     spec.valid_length = 0;
     spec.no_fat_chain = c.contiguous;
