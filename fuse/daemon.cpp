@@ -59,7 +59,7 @@ std::error_code Daemon::shut_down() {
 struct stat Daemon::to_kernel(NodeId node, const Stat& st) const {
   struct stat out {};
   out.st_ino = static_cast<ino_t>(node);
-  out.st_nlink = st.nlink != 0 ? st.nlink : 1;
+  out.st_nlink = st.nlink;  // 0 for a removed file still open
   out.st_uid = config_.uid;
   out.st_gid = config_.gid;
   out.st_size = static_cast<off_t>(st.size);

@@ -144,6 +144,7 @@ static_assert(offsetof(struct exfat_boot_sector, bsBootSignature) == 510);
 #define EXFAT_ENTRY_SIZE 32
 #define EXFAT_SET_BUFFER_SIZE 8192  // 256 entries: the largest entry set
 #define EXFAT_MAX_SET_ENTRIES 256
+#define EXFAT_MAX_DIR_SIZE (256u << 20)  // bytes: the longest directory the format allows
 
 #define EXFAT_ENTRY_INUSE 0x80
 #define EXFAT_ENTRY_SECONDARY 0x40

@@ -265,8 +265,9 @@ int dir_for_each_block(struct exfat_node* dir, uint64_t offset, uint32_t length,
 // Caller holds the directory node's lock. Returns 0 at the end of the
 // directory (the end marker, or the end of its last cluster); the callback's
 // nonzero result when it stopped the walk; EIO for an unknown critical
-// primary (XM_CORRUPT set) or a short block; ENOMEM; or an I/O error. Nothing
-// is held on return.
+// primary or a directory longer than the format allows (XM_CORRUPT set
+// for both) or a short block; ENOMEM; or an I/O error. Nothing is held on
+// return.
 int exfat_dir_iterate(struct exfat_node* dir, uint32_t offset, void* argument,
                       exfat_iterate_callback callback, int flags, vfs_context_t context) {
   lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
@@ -292,6 +293,14 @@ int exfat_dir_iterate(struct exfat_node* dir, uint32_t offset, void* argument,
     }
     if (result)
       break;
+    if (offset >= EXFAT_MAX_DIR_SIZE) {
+      // Only a root directory whose chain runs on gets here. Stopping keeps
+      // the 32-bit offset from wrapping back to the start.
+      kprintf("exfat_dir_iterate: directory longer than %u bytes\n", EXFAT_MAX_DIR_SIZE);
+      mount->xm_flags |= XM_CORRUPT;
+      result = EIO;
+      break;
+    }
     result = dir_read_block(mount, sector, offset, context, &walk.bp);
     if (result)
       break;

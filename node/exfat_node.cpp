@@ -37,9 +37,11 @@ constexpr uint32_t kNoEntrySetFlags = X_ROOT | X_DELETED | X_SYSTEM;  // 0x0C01
 // Bytes of the File and Stream Extension entries at the head of a set.
 constexpr uint32_t kFileAndStreamBytes = 2 * EXFAT_ENTRY_SIZE;
 
-// The longest a directory may be: iteration offsets are 32-bit.
-constexpr uint64_t kMaxDirectorySize = 0xFFFFFFFFull;
-// Files must fit in a signed 64-bit offset.
+// The longest a directory may be. A longer one is damage, and refusing it
+// here keeps every walk over a directory's clusters short.
+constexpr uint64_t kMaxDirectorySize = EXFAT_MAX_DIR_SIZE;
+// Files must fit in a signed 64-bit offset (and, like directories, in the
+// heap: the page cache's arithmetic then never nears the offset's limit).
 constexpr uint64_t kMaxFileSize = 0x7FFFFFFFFFFFFFFFull;
 
 // Time stamps of the root directory, which has no entry set: 1980-01-01.
@@ -124,6 +126,11 @@ void node_load_entries(struct exfat_node* node, const uint8_t* entries) {
   node->x_start_cluster = le32dec(stream->FirstCluster);
   node->x_valid_size = le64dec(stream->ValidDataLength);
   node->x_size = le64dec(stream->DataLength);
+  // Decision: a ValidDataLength past DataLength is taken as DataLength.
+  // Nothing past the allocation can hold valid data, and every reader and
+  // writer relies on the valid length lying within the file.
+  if (node->x_valid_size > node->x_size)
+    node->x_valid_size = node->x_size;
 
   if (stream->GeneralSecondaryFlags & EXFAT_SECONDARY_NO_FAT_CHAIN) {
     // A contiguous file never needs the FAT: the extent cache describes the
@@ -137,10 +144,45 @@ void node_load_entries(struct exfat_node* node, const uint8_t* entries) {
   }
 }
 
+// Whether a contiguous node's run lies within the cluster heap. The run is
+// mapped by arithmetic alone (no FAT link is read to check it), so one that
+// begins before cluster 2 or runs past the last cluster would reach sectors
+// outside the heap. A chain is checked link by link as it is walked.
+bool node_run_in_heap(const struct exfat_node* node) {
+  if (!(node->x_flags & X_CONTIGUOUS) || node->x_size == 0)
+    return true;
+  const struct exfat_mount* mount = node->x_mount;
+  const uint64_t cluster_size = mount->xm_bytes_per_cluster;
+  uint64_t clusters = (node->x_size + cluster_size - 1) / cluster_size;
+  return node->x_start_cluster >= EXFAT_FIRST_CLUSTER &&
+         node->x_start_cluster <= mount->xm_max_cluster &&
+         clusters <= uint64_t(mount->xm_max_cluster) - node->x_start_cluster + 1;
+}
+
+// Whether a node's DataLength is one its kind may have: a directory no
+// longer than the format allows, a file below 2^63 bytes; neither larger
+// than the cluster heap, which would have to hold it. Logs the refusal.
+bool node_size_ok(const struct exfat_node* node) {
+  const struct exfat_mount* mount = node->x_mount;
+  const uint64_t heap = (uint64_t(mount->xm_max_cluster) - 1) * mount->xm_bytes_per_cluster;
+  if (node->x_attributes & EXFAT_ATTR_DIRECTORY) {
+    if (node->x_size <= kMaxDirectorySize && node->x_size <= heap)
+      return true;
+    kprintf("exfat: ExFAT directory is too large (0x%llx)\n",
+            static_cast<unsigned long long>(node->x_size));
+    return false;
+  }
+  if (node->x_size <= kMaxFileSize && node->x_size <= heap)
+    return true;
+  kprintf("exfat: ExFAT file is too large (0x%llx)\n",
+          static_cast<unsigned long long>(node->x_size));
+  return false;
+}
+
 // Fills a child node from the head of its entry set in the parent and
 // decides its vnode type. Caller holds the node's lock and the parent's.
-// Returns EIO (with XM_CORRUPT set) for a size the format can't have, or the
-// read error.
+// Returns EIO (with XM_CORRUPT set) for a size the node can't have or a
+// contiguous run outside the heap, or the read error.
 int node_init_child(struct exfat_node* node, struct exfat_node* parent, enum vtype* type,
                     vfs_context_t context) {
   struct exfat_mount* mount = node->x_mount;
@@ -152,25 +194,21 @@ int node_init_child(struct exfat_node* node, struct exfat_node* parent, enum vty
     return error;
   node_load_entries(node, entries);
 
-  // ValidDataLength is deliberately not compared with DataLength here.
-  if (node->x_attributes & EXFAT_ATTR_DIRECTORY) {
-    if (node->x_size > kMaxDirectorySize) {
-      kprintf("exfat: ExFAT directory is too large (0x%llx)\n",
-              static_cast<unsigned long long>(node->x_size));
-      mount->xm_flags |= XM_CORRUPT;
-      return EIO;
-    }
-    *type = VDIR;  // whatever the caller asked for
-  } else {
-    if (node->x_size > kMaxFileSize) {
-      kprintf("exfat: ExFAT file is too large (0x%llx)\n",
-              static_cast<unsigned long long>(node->x_size));
-      mount->xm_flags |= XM_CORRUPT;
-      return EIO;
-    }
-    if (*type == VNON)
-      *type = exfat_check_link(node, context);
+  // A ValidDataLength past DataLength was cut to it; it refuses nothing.
+  if (!node_size_ok(node)) {
+    mount->xm_flags |= XM_CORRUPT;
+    return EIO;
   }
+  if (!node_run_in_heap(node)) {
+    kprintf("exfat: ExFAT file's clusters lie outside the volume (first %u, length 0x%llx)\n",
+            node->x_start_cluster, static_cast<unsigned long long>(node->x_size));
+    mount->xm_flags |= XM_CORRUPT;
+    return EIO;
+  }
+  if (node->x_attributes & EXFAT_ATTR_DIRECTORY)
+    *type = VDIR;  // whatever the caller asked for
+  else if (*type == VNON)
+    *type = exfat_check_link(node, context);
   return 0;
 }
 
@@ -215,18 +253,42 @@ int node_create_vnode(struct exfat_node* node, vnode_t parent_vp, struct compone
   return vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &param, &node->x_vnode);
 }
 
-// Takes an existing node found in the hash: handles keep-locked callers and
-// the name cache. Entered with exfat_hash_lock held and an I/O reference on
-// the node's vnode; returns with the hash lock released.
+// Drops a found node that can't be handed out: the hash lock first, then
+// the I/O reference (its release may end in reclaim, which takes the hash
+// lock). Returns `error`.
+int node_get_refuse(struct exfat_node* node, struct exfat_node** nodep, int error) {
+  lck_mtx_unlock(exfat_hash_lock);
+  vnode_put(node->x_vnode);
+  *nodep = nullptr;
+  return error;
+}
+
+// Says why a node found in the hash under the key (dev, dir_cluster,
+// offset) can't be the child sought in `parent` (NULL for the root): 0 when
+// it can; ENOENT when it moved or went away after the hash search (the
+// caller looks again); EIO (XM_CORRUPT set) when it lives in another
+// directory. Two directories share a key only when they share their
+// clusters, which damage can do: a directory that lists itself or an
+// ancestor would otherwise hand out a directory as its own child, and the
+// node locks that operations take on both would meet. Caller holds
+// exfat_hash_lock, which guards the key and x_parent of a hashed node.
+int node_found_mismatch(const struct exfat_node* node, const struct exfat_node* parent,
+                        uint32_t dev, uint32_t dir_cluster, uint32_t offset) {
+  if (!node_matches(node, dev, dir_cluster, offset))
+    return ENOENT;
+  if (node->x_parent == parent)
+    return 0;
+  kprintf("exfat_node_get: entry at offset %u of the directory at cluster %u belongs to "
+          "another directory\n", offset, dir_cluster);
+  node->x_mount->xm_flags |= XM_CORRUPT;
+  return EIO;
+}
+
+// Takes an existing node found in the hash and fit to be handed out: enters
+// it in the name cache when asked. Entered with exfat_hash_lock held and an
+// I/O reference on the node's vnode; returns with the hash lock released.
 int node_get_found(struct exfat_node* node, vnode_t parent_vp, struct componentname* cnp,
-                   int keep_locked, struct exfat_node** nodep) {
-  if (keep_locked) {
-    // A freshly written entry set must not already have a node.
-    vnode_put(node->x_vnode);
-    lck_mtx_unlock(exfat_hash_lock);
-    *nodep = nullptr;
-    return EIO;
-  }
+                   struct exfat_node** nodep) {
   *nodep = node;
   // Whether it is the root is asked of its vnode, whose marks never change:
   // the node's flags change under the node's lock, which is not held here.
@@ -429,9 +491,11 @@ void exfat_node_unlock(struct exfat_node* node) {
 //
 // On success *nodep is the node and its vnode carries one I/O reference that
 // the caller owns. Errors: EIO when a keep-locked caller's key already has a
-// live node, or for a size the format can't have (XM_CORRUPT set); ENOENT
-// (from the vnode layer) when the key's node is being reclaimed, which
-// lookup retries; ENOMEM; a directory read, chain walk or vnode_create error.
+// live node, for a size the format can't have, or for a node that belongs
+// to another directory sharing the parent's clusters (XM_CORRUPT set for
+// the last two); ENOENT when the key's node is being reclaimed or was
+// moved meanwhile, which lookup retries; ENOMEM; a directory read, chain
+// walk or vnode_create error.
 int exfat_node_get(struct exfat_mount* mount, vnode_t parent_vp, struct componentname* cnp,
                    uint32_t offset, enum vtype type, int keep_locked, struct exfat_node** nodep,
                    vfs_context_t context) {
@@ -448,8 +512,13 @@ int exfat_node_get(struct exfat_mount* mount, vnode_t parent_vp, struct componen
   int error = 0;
   struct exfat_node* node =
       exfat_hash_get(dev, dir_cluster, offset, keep_locked ? nullptr : parent, &error);
-  if (node != nullptr)
-    return node_get_found(node, parent_vp, cnp, keep_locked, nodep);
+  if (node != nullptr) {
+    // A freshly written entry set must not already have a node.
+    error = keep_locked ? EIO : node_found_mismatch(node, parent, dev, dir_cluster, offset);
+    if (error)
+      return node_get_refuse(node, nodep, error);
+    return node_get_found(node, parent_vp, cnp, nodep);
+  }
   if (error) {
     // The node's vnode is being recycled; the parent's level was dropped by
     // exfat_hash_get.
@@ -559,7 +628,8 @@ void exfat_update_times(struct exfat_node* node) {
 // nothing on a read-only volume or for the root, a deleted node or a system
 // file. Caller holds the node's lock and the parent's (exfat_lock_parent).
 // On success X_DIRTY and X_STREAM_DIRTY are cleared; on failure they stay.
-// Errors: ENOMEM, or the directory read or write error.
+// Errors: ENOMEM; EIO (XM_CORRUPT set) when the node's place no longer holds
+// a File set of its size; or the directory read or write error.
 int exfat_node_update(struct exfat_node* node, struct exfat_node* parent, vfs_context_t context) {
   lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
   if (vnode_vfsisrdonly(node->x_vnode) || (node->x_flags & kNoEntrySetFlags))
@@ -576,6 +646,14 @@ int exfat_node_update(struct exfat_node* node, struct exfat_node* parent, vfs_co
     return ENOMEM;
   uint32_t set_bytes = (static_cast<uint32_t>(node->x_secondary_count) + 1) * EXFAT_ENTRY_SIZE;
   int error = exfat_dir_read(parent, nullptr, set, node->x_dir_offset, set_bytes, context);
+  if (!error && (set[0] != EXFAT_ENTRY_FILE || set[1] != node->x_secondary_count)) {
+    // Not the set the node was made from: rewriting it would damage
+    // whatever lies there now, and its checksum would cover bytes not read.
+    kprintf("exfat_node_update: no entry set of %u entries at offset %u\n",
+            node->x_secondary_count + 1u, node->x_dir_offset);
+    node->x_mount->xm_flags |= XM_CORRUPT;
+    error = EIO;
+  }
   if (!error) {
     node_store_entries(node, set);
     le16enc(set + 2, exfat_checksum_file_set(set));

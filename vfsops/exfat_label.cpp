@@ -108,7 +108,8 @@ int exfat_update_root_entry(vnode_t root_vp, uint32_t* label_offset, const uint8
 // for.
 //
 // Takes a reference on the root vnode and the root node's lock and drops
-// both before returning. Returns 0; the root's error; the conversion's
+// both before returning. Returns 0; EROFS on a read-only mount (nothing
+// written, nothing locked); the root's error; the conversion's
 // error when the name does not fit 11 UTF-16 units or is not UTF-8
 // (nothing written); exfat_update_root_entry's error (nothing written); or
 // the error of converting the name back (the entry on disk already has the
@@ -117,6 +118,9 @@ int exfat_vfs_setattr(mount_t mp, struct vfs_attr* attr, vfs_context_t context) 
   if (!VFSATTR_IS_ACTIVE(attr, f_vol_name))
     return 0;
   struct exfat_mount* mount = static_cast<struct exfat_mount*>(vfs_fsprivate(mp));
+  // The label entry and the root directory's growth would both be writes.
+  if (mount->xm_flags & XM_RDONLY)
+    return EROFS;
 
   vnode_t root_vp = NULLVP;
   int error = exfat_vfs_root(mp, &root_vp, context);

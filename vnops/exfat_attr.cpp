@@ -70,8 +70,9 @@ uint32_t exfat_attributes_to_flags(const struct exfat_node* node) {
   return flags;
 }
 
-// Fills the sizes, ownership and mode of a node: the values every file
-// reports whatever was asked. A link's size is its target's length, so that
+// Fills the link count, sizes, ownership and mode of a node: the values
+// every file reports whatever was asked. The link count is 1, or 0 once the
+// name is gone. A link's size is its target's length, so that
 // readlink buffers are sized right; its allocation is that of the link file.
 // The caller holds the node lock.
 void exfat_getattr_common(const struct exfat_node* node, struct vnode_attr* vap) {
@@ -83,7 +84,8 @@ void exfat_getattr_common(const struct exfat_node* node, struct vnode_attr* vap)
   const off_t alloc = static_cast<off_t>((node->x_size + cluster - 1) / cluster * cluster);
 
   VATTR_RETURN(vap, va_rdev, 0);
-  VATTR_RETURN(vap, va_nlink, 1);
+  // A removed file that is still open has no name left.
+  VATTR_RETURN(vap, va_nlink, (node->x_flags & X_DELETED) ? 0 : 1);
   VATTR_RETURN(vap, va_total_size, size);
   VATTR_RETURN(vap, va_data_size, size);
   VATTR_RETURN(vap, va_total_alloc, alloc);

@@ -270,9 +270,9 @@ int exfat_vnop_readdir(struct vnop_readdir_args* ap) {
 
   uint64_t cookie = o > kSetCookieBase ? o : kSetCookieBase;
   uint64_t start = cookie - kSetCookieBase;
-  // Decision: directories are at most 4 GiB long, so a start beyond what
-  // the walk's 32-bit offset can express lies past the end of any of them,
-  // and is answered as the end of the directory.
+  // Decision: no directory reaches 4 GiB, so a start beyond what the
+  // walk's 32-bit offset can express lies past the end of any of them, and
+  // is answered as the end of the directory.
   int result = 0;
   if (start <= UINT32_MAX)
     result = exfat_dir_iterate(dir, static_cast<uint32_t>(start), &ctx, exfat_readdir_callback,

@@ -32,11 +32,11 @@ constexpr uint32_t kFirstClusterOffset = 20;
 constexpr uint32_t kDataLengthOffset = 24;
 
 // Checks, under the locks of a directory and of the node named in it, that
-// neither has been removed and that the name still leads to the node's
-// entry set. The caller holds both locks (exfat_lock_two). Returns 0 with
-// the set's entry count in *count, or ERESTART after purging the name
-// cache of the vnode found wanting, so that the kernel looks the name up
-// again.
+// neither has been removed, that the node still lives in that directory and
+// that the name still leads to the node's entry set. The caller holds both
+// locks (exfat_lock_two). Returns 0 with the set's entry count in *count,
+// or ERESTART after purging the name cache of the vnode found wanting, so
+// that the kernel looks the name up again.
 int victim_revalidate(vnode_t dvp, vnode_t vp, struct componentname* cnp, uint32_t* count,
                       vfs_context_t context) {
   auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
@@ -47,7 +47,9 @@ int victim_revalidate(vnode_t dvp, vnode_t vp, struct componentname* cnp, uint32
     cache_purge(dvp);
     return ERESTART;
   }
-  if (victim->x_flags & X_DELETED) {
+  // The node may have moved to another directory, even to the same offset
+  // there, since the kernel looked it up.
+  if ((victim->x_flags & X_DELETED) || victim->x_parent != dir) {
     cache_purge(vp);
     return ERESTART;
   }

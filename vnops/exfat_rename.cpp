@@ -10,8 +10,9 @@
 // Outline of exfat_vnop_rename, one helper per step:
 //   1. lock the source directory, source, target directory and target
 //      (exfat_lock_four, ascending address order);
-//   2. revalidate: nothing removed meanwhile, the source name still leads
-//      to the source (ERESTART otherwise)              rename_revalidate
+//   2. revalidate: nothing removed or moved away meanwhile, the source
+//      name still leads to the source (ERESTART otherwise)
+//                                                      rename_revalidate
 //   3. convert the target name                         rename_convert_target
 //   4. find the target name in the target directory;
 //   5. pick the victim (none for a case-only rename)   rename_find_target
@@ -80,17 +81,20 @@ struct rename_state {
   bool rename_locked;     // xm_rename_lock is held
 };
 
-// Step 2: checks that none of the four nodes was removed and that the
-// source name still leads to the source's set, remembering where that set
-// is. The caller holds the four locks. Returns 0, or ERESTART after purging
-// the name cache of the vnode found wanting.
+// Step 2: checks that none of the four nodes was removed, that the source
+// still lives in the source directory and that the source name still leads
+// to its set, remembering where that set is. The caller holds the four
+// locks. Returns 0, or ERESTART after purging the name cache of the vnode
+// found wanting.
 int rename_revalidate(struct rename_state* rs) {
   lck_mtx_assert(rs->source->x_lock, LCK_MTX_ASSERT_OWNED);
   if (rs->fdir->x_flags & X_DELETED) {
     cache_purge(rs->fdvp);
     return ERESTART;
   }
-  if (rs->source->x_flags & X_DELETED) {
+  // The source may have moved to another directory, even to the same
+  // offset there, since the kernel looked it up.
+  if ((rs->source->x_flags & X_DELETED) || rs->source->x_parent != rs->fdir) {
     cache_purge(rs->fvp);
     return ERESTART;
   }
@@ -127,19 +131,26 @@ int rename_convert_target(struct rename_state* rs) {
 }
 
 // Steps 4 and 5: searches the target directory for the target name. With
-// a target vnode the name must lead to the target's set; without one it
-// must be absent. Picks the victim. The caller holds the four locks.
-// Returns 0; ERESTART when the target vnode no longer matches its name (no
-// cache purge: the target directory's entries are still right); or EEXIST
-// when a name the kernel thought free exists, or the search fails.
+// a target vnode the name must lead to the target's set, in the target
+// directory; without one it must be absent. Picks the victim. The caller holds the four locks.
+// Returns 0; ERESTART, after purging the target's name-cache entries, when
+// the target vnode no longer matches its name; or EEXIST when a name the
+// kernel thought free exists, or the search fails.
 int rename_find_target(struct rename_state* rs) {
   lck_mtx_assert(rs->tdir->x_lock, LCK_MTX_ASSERT_OWNED);
   int error = exfat_lookup_name(rs->tdir, rs->name, rs->name_length, rs->name_hash,
                                 rs->mount->xm_upcase, &rs->target_offset, &rs->target_count,
                                 rs->context);
   if (rs->target != nullptr) {
-    if (error || rs->target_offset != rs->target->x_dir_offset)
+    if (error || rs->target_offset != rs->target->x_dir_offset ||
+        (rs->target != rs->source && rs->target->x_parent != rs->tdir)) {
+      // Decision: the target's name-cache entries go too. The kernel's
+      // lookup may have come from the cache, and a directory that changed
+      // behind it (or that can no longer be searched) would otherwise be
+      // answered from the cache again on every restart.
+      cache_purge(rs->tvp);
       return ERESTART;
+    }
   } else if (error != ENOENT) {
     return EEXIST;
   }
@@ -194,12 +205,27 @@ int rename_read_set(struct rename_state* rs) {
   return 0;
 }
 
+// Whether the set read into the buffer still fits the 255 secondaries a
+// set may have once its name entries are replaced by the new name's. A set
+// from another system may carry many extra secondaries after a short name;
+// such a file can only take names that need no more name entries.
+bool rename_set_fits(const struct rename_state* rs) {
+  const uint32_t per_entry = EXFAT_NAME_CHARS_PER_ENTRY;
+  uint32_t old_names = (rs->buffer[EXFAT_SET_STREAM_OFFSET + 3] + per_entry - 1) / per_entry;
+  uint32_t new_names = (rs->name_length + per_entry - 1) / per_entry;
+  return rs->buffer[1] - old_names + new_names <= EXFAT_MAX_SET_ENTRIES - 1;
+}
+
 // Steps 8 and 9: a name beginning with a dot is Hidden, any other is not;
 // the source's attributes (in the node and in the set) follow the new name,
 // and the set's File Name entries are replaced by it, with a new
-// SecondaryCount and checksum. The caller holds the source's lock.
-void rename_build_set(struct rename_state* rs) {
+// SecondaryCount and checksum. The caller holds the source's lock. Returns
+// 0, or ENAMETOOLONG, with nothing changed, when the new name does not fit
+// beside the set's other secondaries.
+int rename_build_set(struct rename_state* rs) {
   lck_mtx_assert(rs->source->x_lock, LCK_MTX_ASSERT_OWNED);
+  if (!rename_set_fits(rs))
+    return ENAMETOOLONG;
   rs->old_attributes = rs->source->x_attributes;
   rs->attributes_changed = true;
   if (rs->tcnp->cn_namelen > 0 && rs->tcnp->cn_nameptr[0] == '.')
@@ -209,6 +235,7 @@ void rename_build_set(struct rename_state* rs) {
   auto* file = reinterpret_cast<struct exfat_file_entry*>(rs->buffer);
   le16enc(file->FileAttributes, rs->source->x_attributes);
   exfat_file_set_rename(rs->buffer, rs->name, rs->name_length, rs->name_hash);
+  return 0;
 }
 
 // Step 11: checks that the victim may be replaced by the source and deletes
@@ -300,7 +327,9 @@ int rename_rewrite(struct rename_state* rs, bool* flush) {
   int error = rename_read_set(rs);
   if (error)
     return error;
-  rename_build_set(rs);
+  error = rename_build_set(rs);
+  if (error)
+    return error;
   error = exfat_find_empty_entries(rs->tdir, rs->buffer[1] + 1u, &rs->new_offset, rs->context);
   if (error)
     return error;
@@ -326,7 +355,9 @@ int rename_rewrite(struct rename_state* rs, bool* flush) {
 //
 // Returns 0; ERESTART when a node was removed, the source name moved or the
 // target vnode no longer matches its name (the kernel looks them up
-// again); the target name's conversion error; EEXIST; EINVAL for a
+// again); the target name's conversion error; ENAMETOOLONG also when the
+// new name needs more name entries than the source's set has room for
+// beside its other secondaries; EEXIST; EINVAL for a
 // directory moved into itself or below itself; ENOMEM; EISDIR (file onto
 // directory); ENOTDIR (directory onto file); ENOTEMPTY; ENOSPC when the
 // target directory can't grow; or an I/O error.

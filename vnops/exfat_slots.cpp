@@ -54,8 +54,9 @@ int exfat_find_empty_callback(void* argument, uint8_t* set, uint8_t* entry, uint
 //
 // The caller holds the directory's node lock, and keeps it until it has
 // written its set: the slots are not reserved. Returns 0; ENOSPC when the
-// volume has too few free clusters to grow the directory (which is then
-// unchanged); or a read, mapping or allocation error.
+// volume has too few free clusters to grow the directory, or the directory
+// would grow past the longest the format allows (it is then unchanged); or
+// a read, mapping or allocation error.
 int exfat_find_empty_entries(struct exfat_node* dir, uint32_t wanted, uint32_t* offset,
                              vfs_context_t context) {
   lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
@@ -78,6 +79,8 @@ int exfat_find_empty_entries(struct exfat_node* dir, uint32_t wanted, uint32_t* 
   uint64_t needed = dir->x_size + uint64_t(EXFAT_ENTRY_SIZE) * (wanted - search.run_length);
   needed = (needed + mount->xm_bytes_per_cluster - 1) / mount->xm_bytes_per_cluster *
            mount->xm_bytes_per_cluster;
+  if (needed > EXFAT_MAX_DIR_SIZE)
+    return ENOSPC;
   error = exfat_truncate(dir, needed, IO_UNIT, context);
   if (error)
     return error;

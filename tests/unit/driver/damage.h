@@ -10,6 +10,8 @@
 #include <random>
 #include <vector>
 
+#include <unistd.h>
+
 #if __has_include(<sanitizer/common_interface_defs.h>)
 #include <sanitizer/common_interface_defs.h>
 #define EXVOL_HAVE_SANITIZER_DEATH_CALLBACK 1
@@ -58,6 +60,20 @@ inline void arm_crash_report(bool armed) {
 #ifdef EXVOL_HAVE_SANITIZER_DEATH_CALLBACK
   __sanitizer_set_death_callback(armed ? print_crash_case : nullptr);
 #endif
+}
+
+inline void on_watchdog(int) {
+  fprintf(stderr, "\ndamaged-volume test: no progress for too long\n");
+  print_crash_case();
+  signal(SIGABRT, SIG_DFL);
+  abort();
+}
+
+// A variant that does not finish within `seconds` is taken for a hang: the
+// process stops, naming it. 0 disarms.
+inline void arm_watchdog(unsigned seconds) {
+  signal(SIGALRM, seconds != 0 ? on_watchdog : SIG_DFL);
+  alarm(seconds);
 }
 
 }  // namespace exvol::test

@@ -125,6 +125,37 @@ TEST_F(LookupTest, DotAndDotDot) {
   EXPECT_EQ(root_vp_, sub_up.vp);
 }
 
+// A directory whose clusters are another's lists what that one lists. One
+// that lists itself, or an ancestor, must not hand out itself or the
+// ancestor as its own child: such a lookup is refused as corruption.
+TEST_F(LookupTest, DirectorySharingAnothersClustersIsCorrupt) {
+  FileDesc self;
+  self.name = u"self";
+  self.attributes = EXFAT_ATTR_DIRECTORY;
+  self.first_cluster = builder_.root().first_cluster;
+  self.data_length = builder_.bytes_per_cluster();
+  builder_.add_set(builder_.root(), self);
+  Dir a = builder_.mkdir(builder_.root(), u"a");
+  FileDesc up = self;
+  up.name = u"up";
+  builder_.add_set(a, up);
+  mount_built();
+
+  Vref selfv, av, upv, found;
+  ASSERT_EQ(0, lookup("self", &selfv));
+  ASSERT_EQ(0, lookup("a", &av));
+  ASSERT_EQ(0, lookup(av.vp, "up", LOOKUP, kLastLookup, &upv));
+  EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
+  KernLogCapture log;
+  EXPECT_EQ(EIO, lookup(selfv.vp, "self", LOOKUP, kLastLookup, &found));
+  EXPECT_EQ(EIO, lookup(upv.vp, "a", LOOKUP, kLastLookup, &found));
+  EXPECT_EQ(2u, log.count_prefix("exfat_node_get: entry at offset "));
+  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
+  // What the lookups met is still there, each under its own parent.
+  EXPECT_EQ(0, lookup("a", &found));
+  EXPECT_EQ(av.vp, found.vp);
+}
+
 // A missing last component that a create or rename is about to use is
 // EJUSTRETURN and leaves no negative entry.
 TEST_F(LookupTest, NameCacheEntriesOfHitsAndMisses) {

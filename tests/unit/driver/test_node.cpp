@@ -16,6 +16,7 @@
 #include "host/malloc.h"
 #include "host/mount.h"
 #include "host/time.h"
+#include "tests/support/vnode_io.h"
 #include "tests/unit/driver/volume_fixture.h"
 
 using namespace exvol::test;
@@ -106,43 +107,109 @@ TEST_F(NodeTest, FileNodeFromItsEntrySet) {
   vnode_put(node->x_vnode);
 }
 
-// Directories must fit 32-bit offsets and files 63-bit sizes; a refused
-// entry leaves no node behind and still drops the parent's lock level.
-TEST_F(NodeTest, SizeLimits) {
-  uint32_t cluster = builder_.allocate(1, Alloc::Chain);
-  FileDesc dir_spec;
-  dir_spec.name = u"hugedir";
-  dir_spec.attributes = EXFAT_ATTR_DIRECTORY;
-  dir_spec.first_cluster = cluster;
-  dir_spec.data_length = 0x100000000ull;
-  Placed huge_dir = builder_.add_set(builder_.root(), dir_spec);
-  FileDesc file_spec = dir_spec;
-  file_spec.name = u"hugefile";
-  file_spec.attributes = EXFAT_ATTR_ARCHIVE;
-  Placed huge_file = builder_.add_set(builder_.root(), file_spec);
-  file_spec.name = u"toobig";
-  file_spec.data_length = 0x8000000000000000ull;
-  file_spec.valid_length = 0;
-  Placed too_big = builder_.add_set(builder_.root(), file_spec);
+// A node's size must be one its kind can have, within the heap, and a
+// contiguous run must lie in the heap; a refused entry leaves no node
+// behind, marks the volume corrupt and still drops the parent's lock level.
+TEST_F(NodeTest, SizeAndRunLimits) {
+  const uint64_t heap = 512ull * kCluster;  // default geometry: 512 clusters
+  struct Case {
+    const char16_t* name;
+    uint16_t attributes;
+    uint32_t first_cluster;  // 0: one allocated cluster
+    uint64_t length;
+    bool contiguous;
+    const char* refusal;  // NULL: accepted
+  };
+  const Case cases[] = {
+      {u"hugedir", EXFAT_ATTR_DIRECTORY, 0, 0x100000000ull, false,
+       "exfat: ExFAT directory is too large (0x100000000)"},
+      {u"longdir", EXFAT_ATTR_DIRECTORY, 0, heap + kCluster, false,
+       "exfat: ExFAT directory is too large (0x201000)"},
+      {u"toobig", EXFAT_ATTR_ARCHIVE, 0, 0x8000000000000000ull, false,
+       "exfat: ExFAT file is too large (0x8000000000000000)"},
+      {u"past the heap", EXFAT_ATTR_ARCHIVE, 0, heap + 1, false,
+       "exfat: ExFAT file is too large (0x200001)"},
+      {u"heap sized", EXFAT_ATTR_ARCHIVE, 0, heap, false, nullptr},
+      {u"run past the end", EXFAT_ATTR_ARCHIVE, 512, 3 * kCluster, true,
+       "exfat: ExFAT file's clusters lie outside the volume (first 512, length 0x3000)"},
+      {u"run before the heap", EXFAT_ATTR_DIRECTORY, 1, kCluster, true,
+       "exfat: ExFAT file's clusters lie outside the volume (first 1, length 0x1000)"},
+      {u"run to the end", EXFAT_ATTR_ARCHIVE, 512, 2 * kCluster, true, nullptr},
+  };
+  std::vector<Placed> placed;
+  for (const Case& c : cases) {
+    FileDesc spec;
+    spec.name = c.name;
+    spec.attributes = c.attributes;
+    spec.first_cluster =
+        c.first_cluster != 0 ? c.first_cluster : builder_.allocate(1, Alloc::Chain);
+    spec.data_length = c.length;
+    spec.valid_length = 0;
+    spec.no_fat_chain = c.contiguous;
+    placed.push_back(builder_.add_set(builder_.root(), spec));
+  }
   mount_built();
 
-  uint64_t nodes_before = host_malloc_outstanding("exfat node");
+  for (size_t i = 0; i < std::size(cases); i++) {
+    const Case& c = cases[i];
+    SCOPED_TRACE(testing::Message() << "case " << i);
+    xm->xm_flags &= ~XM_CORRUPT;
+    uint64_t nodes_before = host_malloc_outstanding("exfat node");
+    KernLogCapture log;
+    struct exfat_node* node = reinterpret_cast<struct exfat_node*>(1);
+    int error = node_get(placed[i].offset, &node);
+    EXPECT_EQ(0u, root_->x_lock_count);
+    if (c.refusal == nullptr) {
+      ASSERT_EQ(0, error);
+      EXPECT_EQ(c.length, node->x_size);
+      EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
+      vnode_put(node->x_vnode);
+      continue;
+    }
+    EXPECT_EQ(EIO, error);
+    EXPECT_EQ(nullptr, node);
+    EXPECT_EQ(1u, log.count(c.refusal)) << (log.lines().empty() ? "" : log.lines()[0]);
+    EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
+    EXPECT_EQ(nodes_before, host_malloc_outstanding("exfat node"));
+  }
+}
+
+// A ValidDataLength past DataLength reads as DataLength: the file reads to
+// its end and no further. A node whose slot no longer holds a set of its
+// size (damage, or a directory that shares its clusters with another) is
+// not written over it.
+TEST_F(NodeTest, ValidLengthWithinTheFileAndRewriteOfAVanishedSet) {
+  FileDesc desc;
+  desc.name = u"overlong";
+  desc.first_cluster = builder_.allocate(1, Alloc::Chain);
+  builder_.write_data(desc.first_cluster, Alloc::Chain, bytes("0123456789"));
+  desc.data_length = 10;
+  desc.valid_length = 0x7FFFFFFFFFFFFFFFull;
+  Placed overlong = builder_.add_set(builder_.root(), desc);
+  Placed gone = builder_.add_file(builder_.root(), u"gone", bytes("abc"));
+  mount_built();
+
+  vnode_t vp = get(overlong.offset);
+  EXPECT_EQ(10u, node_of(vp)->x_valid_size);
+  std::vector<uint8_t> data;
+  EXPECT_EQ(0, vn_read_all(vp, &data));
+  EXPECT_EQ(bytes("0123456789"), data);
+
+  struct exfat_node* node = get_node(gone.offset);
+  uint8_t deleted = EXFAT_ENTRY_FILE & ~EXFAT_ENTRY_INUSE;
+  exfat_node_lock(root_);
+  ASSERT_EQ(0, exfat_dir_write(root_, nullptr, &deleted, gone.offset, 1, false, ctx_));
+  exfat_node_unlock(root_);
+  std::vector<uint8_t> slot = root_set(gone.offset);
+  exfat_node_lock(node);
+  node->x_flags |= X_DIRTY;
+  exfat_node_unlock(node);
   KernLogCapture log;
-  struct exfat_node* node = reinterpret_cast<struct exfat_node*>(1);
-  EXPECT_EQ(EIO, node_get(huge_dir.offset, &node));
-  EXPECT_EQ(nullptr, node);
-  EXPECT_EQ(1u, log.count("exfat: ExFAT directory is too large (0x100000000)"));
+  update(node, EIO);
+  EXPECT_EQ(1u, log.count("exfat_node_update: no entry set of 3 entries at offset " +
+                          std::to_string(gone.offset)));
   EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
-  EXPECT_EQ(0u, root_->x_lock_count);
-  EXPECT_EQ(nodes_before, host_malloc_outstanding("exfat node"));
-
-  EXPECT_EQ(EIO, node_get(too_big.offset, &node));
-  EXPECT_EQ(1u, log.count("exfat: ExFAT file is too large (0x8000000000000000)"));
-
-  ASSERT_EQ(0, node_get(huge_file.offset, &node));
-  EXPECT_EQ(0x100000000ull, node->x_size);
-  EXPECT_EQ(VREG, vnode_vtype(node->x_vnode));
-  vnode_put(node->x_vnode);
+  EXPECT_EQ(slot, root_set(gone.offset));
 }
 
 // What is written back is exactly the entries that changed.

@@ -15,6 +15,15 @@ namespace {
 
 class RemoveTest : public NamespaceTest {
  protected:
+  uint64_t link_count(vnode_t vp) {
+    struct vnode_attr va;
+    VATTR_INIT(&va);
+    VATTR_WANTED(&va, va_nlink);
+    EXPECT_EQ(0, VNOP_GETATTR(vp, &va, ctx_));
+    EXPECT_TRUE(VATTR_IS_SUPPORTED(&va, va_nlink));
+    return va.va_nlink;
+  }
+
   // A directory of the builder's root holding one set whose benign primary
   // (0xA5) owns a contiguous run and whose vendor secondary (0xE1) owns a
   // FAT chain. Returns the clusters the two allocations hold.
@@ -42,7 +51,7 @@ class RemoveTest : public NamespaceTest {
 };
 
 // Removing an open file deletes its set at once (only the InUse bits change)
-// and marks the node deleted, stale and parentless.
+// and marks the node deleted, stale and parentless; it reports no link.
 TEST_F(RemoveTest, OpenFileKeepsItsClustersUntilLastReference) {
   std::string contents(3 * 512, 'q');
   Placed placed = builder_.add_file(builder_.root(), u"data", bytes(contents));
@@ -53,7 +62,9 @@ TEST_F(RemoveTest, OpenFileKeepsItsClustersUntilLastReference) {
   Vref file;
   ASSERT_EQ(0, lookup("data", &file));
   ASSERT_EQ(0, vnode_ref(file.vp));  // as an open descriptor holds it
+  EXPECT_EQ(1u, link_count(file.vp));
   ASSERT_EQ(0, remove(root_vp_, "data"));
+  EXPECT_EQ(0u, link_count(file.vp)) << "the name is gone";
 
   std::vector<uint8_t> after = dir_bytes(root_vp_, placed.offset, 96);
   std::vector<uint8_t> expect = before;
@@ -76,6 +87,35 @@ TEST_F(RemoveTest, OpenFileKeepsItsClustersUntilLastReference) {
   file.reset();
   EXPECT_FALSE(used(placed.first_cluster));
   EXPECT_EQ(free_before + 3, free_clusters());
+  unmount_and_check();
+}
+
+// A vnode that no longer lives in the directory it is named in (the kernel
+// looked it up before it moved) is sent back for a new lookup, even when
+// the directory holds a set of that name at the node's offset: remove and
+// rename must not act on that other set.
+TEST_F(RemoveTest, NodeOfAnotherDirectoryIsLookedUpAgain) {
+  Dir a = builder_.mkdir(builder_.root(), u"a");
+  Dir b = builder_.mkdir(builder_.root(), u"b");
+  Placed in_a = builder_.add_file(a, u"x", bytes("in a"));
+  Placed in_b = builder_.add_file(b, u"x", bytes("in b"));
+  ASSERT_EQ(in_a.offset, in_b.offset);
+  mount_built();
+  Vref av, bv, stale;
+  ASSERT_EQ(0, lookup("a", &av));
+  ASSERT_EQ(0, lookup("b", &bv));
+  ASSERT_EQ(0, lookup(bv.vp, "x", LOOKUP, &stale));
+  const std::vector<uint8_t> set_in_a = dir_bytes(av.vp, in_a.offset, 96);
+
+  Component c("x", DELETE);
+  EXPECT_EQ(ERESTART, VNOP_REMOVE(av.vp, stale.vp, &c.cn, 0, ctx_));
+  Component to("y", RENAME);
+  EXPECT_EQ(ERESTART, VNOP_RENAME(av.vp, stale.vp, &c.cn, av.vp, NULLVP, &to.cn, ctx_));
+  EXPECT_EQ(0u, stale.node()->x_flags & X_DELETED);
+  EXPECT_EQ(set_in_a, dir_bytes(av.vp, in_a.offset, 96));
+  stale.reset();
+  av.reset();
+  bv.reset();
   unmount_and_check();
 }
 

@@ -142,6 +142,63 @@ TEST_F(RenameTest, ReplacingChecksTypesAndEmptiness) {
   unmount_and_check();
 }
 
+// A set of 255 secondaries behind a one-entry name (extra vendor entries
+// fill it) can take any name that needs one name entry, and no longer one:
+// that rename is refused with nothing changed, Hidden bit included.
+TEST_F(RenameTest, FullSetKeepsNamesOfItsSize) {
+  Dir dir = builder_.mkdir(builder_.root(), u"d", 34);
+  FileDesc full;
+  full.name = u"full";
+  for (int i = 0; i < 253; i++)
+    full.extra_secondaries.push_back(raw_entry(EXFAT_ENTRY_VENDOR_EXT, 0, 0, i));
+  Placed placed = builder_.add_set(dir, full);
+  mount_built();
+  Vref d, file;
+  ASSERT_EQ(0, lookup("d", &d));
+  ASSERT_EQ(0, lookup(d.vp, "full", LOOKUP, &file));
+  const std::vector<uint8_t> before = dir_bytes(d.vp, 0, 34 * 512);
+
+  for (const std::string& name : {std::string("sixteen chars ab"), std::string(".sixteen chars a"),
+                                  std::string(255, 'x')}) {
+    SCOPED_TRACE(name.substr(0, 16));
+    EXPECT_EQ(ENAMETOOLONG, rename(d.vp, "full", d.vp, name));
+    EXPECT_EQ(placed.offset, file.node()->x_dir_offset);
+    EXPECT_EQ(EXFAT_ATTR_ARCHIVE, file.node()->x_attributes);
+    EXPECT_TRUE(dir_bytes(d.vp, 0, 34 * 512) == before);
+  }
+
+  ASSERT_EQ(0, rename(d.vp, "full", d.vp, ".fifteen chars."));
+  std::vector<uint8_t> set = set_of(d.vp, file.node());
+  EXPECT_EQ(255, set[1]);
+  EXPECT_EQ(u".fifteen chars.", NamespaceTest::set_name(set));
+  EXPECT_EQ(EXFAT_ATTR_ARCHIVE | EXFAT_ATTR_HIDDEN, le16dec(&set[4]));
+  EXPECT_EQ(252u, le64dec(&set[255 * 32 + 24])) << "the last vendor entry moved";
+  EXPECT_EQ(le16dec(&set[2]), exfat_checksum_file_set(set.data()));
+}
+
+// A target the kernel found in its name cache, in a directory that can no
+// longer be searched past a corrupt entry before it: the restart is not
+// answered from the cache again, so the rename ends with the walk's error
+// instead of restarting forever.
+TEST_F(RenameTest, RestartDoesNotReuseAStaleCachedTarget) {
+  builder_.add_file(builder_.root(), u"src", bytes("s"));
+  uint32_t bad = builder_.root().next_offset;
+  builder_.skip_to(builder_.root(), bad + 32);
+  builder_.add_file(builder_.root(), u"t", bytes("t"));
+  mount_built();
+  Vref target;
+  ASSERT_EQ(0, lookup(root_vp_, "t", LOOKUP, &target));
+  target.reset();
+  uint8_t critical = 0x84;
+  exfat_node_lock(root_);
+  ASSERT_EQ(0, exfat_dir_write(root_, nullptr, &critical, bad, 1, false, ctx_));
+  exfat_node_unlock(root_);
+
+  KernLogCapture log;
+  EXPECT_EQ(EIO, settled([&] { return rename(root_vp_, "src", root_vp_, "t"); }));
+  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
+}
+
 class RenameConcurrency : public NamespaceTest {};
 
 // Two threads moving files back and forth between two directories in opposite

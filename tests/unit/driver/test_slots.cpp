@@ -208,3 +208,94 @@ TEST_F(SlotTest, FreeFlagReleasesOnlyExtraSecondaries) {
 }
 
 }  // namespace
+
+namespace {
+
+// A root directory as long as the format allows, or one cluster longer,
+// every slot in use. 1 MiB clusters on a device whose physical block is as
+// large make each cluster one metadata block, so that walking 256 MiB takes
+// 256 block reads. The builder lays out a small volume; its cluster count,
+// bitmap length and root chain are then widened in the image, and the
+// root's later clusters are written to the device directly, past it.
+constexpr uint32_t kMiB = 1u << 20;
+constexpr uint32_t kVolumeClusters = EXFAT_MAX_DIR_SIZE / kMiB + 16;
+constexpr uint32_t kChainStart = 8;  // the root's second cluster; the builder uses fewer
+
+class LongRootTest : public MountTest {
+ protected:
+  LongRootTest() : builder_(Geometry{.cluster_shift = 11, .cluster_count = 4, .fat_length = 8}) {
+    builder_.add_bitmap_entry().add_upcase_entry();
+    uint64_t sectors = builder_.geometry().heap_offset + uint64_t(kVolumeClusters) * 2048;
+    builder_.boot_field(72, sectors, 8).boot_field(92, kVolumeClusters, 4);
+  }
+
+  uint64_t cluster_offset(uint32_t cluster) const {
+    return builder_.cluster_byte_offset(EXFAT_FIRST_CLUSTER) +
+           uint64_t(cluster - EXFAT_FIRST_CLUSTER) * kMiB;
+  }
+
+  // Loads the volume with a root of `clusters` clusters, every slot after
+  // the bitmap and up-case entries holding a TexFAT padding entry (in use,
+  // passed over by every walk).
+  void load_volume(uint32_t clusters) {
+    std::vector<uint8_t> image = builder_.build();
+    const uint32_t root = builder_.root().first_cluster;
+    std::vector<uint8_t> filler(kMiB, 0);
+    for (uint32_t i = 0; i < kMiB; i += EXFAT_ENTRY_SIZE)
+      filler[i] = EXFAT_ENTRY_PADDING;
+    std::copy(filler.begin() + 64, filler.end(), image.begin() + cluster_offset(root) + 64);
+    le64enc(&image[cluster_offset(root) + 24], (kVolumeClusters + 7) / 8);  // bitmap length
+
+    uint8_t* fat = &image[builder_.fat_byte_offset()];
+    uint8_t* bitmap = &image[cluster_offset(builder_.bitmap_cluster())];
+    uint32_t previous = root;
+    for (uint32_t c = kChainStart; c < kChainStart + clusters - 1; c++) {
+      le32enc(fat + 4 * previous, c);
+      bitmap[(c - 2) / 8] |= static_cast<uint8_t>(1u << ((c - 2) % 8));
+      previous = c;
+    }
+    le32enc(fat + 4 * previous, EXFAT_FAT_EOC);
+
+    image_ = image;
+    ASSERT_EQ(0, load(image, 512, kMiB, cluster_offset(kVolumeClusters + 2)));
+    for (uint32_t c = kChainStart; c < kChainStart + clusters - 1; c++)
+      ASSERT_EQ(0, host_memdev_load(devvp, filler.data(), kMiB, cluster_offset(c)));
+  }
+
+  ImageBuilder builder_;
+  std::vector<uint8_t> image_;
+};
+
+// A root as long as the format allows can't grow: no slot is free, and the
+// search says so without taking a cluster.
+TEST_F(LongRootTest, FullRootAtTheLimitDoesNotGrow) {
+  load_volume(EXFAT_MAX_DIR_SIZE / kMiB);
+  ASSERT_EQ(0, mount());
+  vnode_t root_vp = NULLVP;
+  ASSERT_EQ(0, VFS_ROOT(mp, &root_vp, vfs_context_kernel()));
+  auto* root = static_cast<struct exfat_node*>(vnode_fsnode(root_vp));
+  EXPECT_EQ(EXFAT_MAX_DIR_SIZE, root->x_size);
+  uint32_t free_before = xm->xm_free_clusters;
+
+  uint32_t offset = 0;
+  exfat_node_lock(root);
+  EXPECT_EQ(ENOSPC, exfat_find_empty_entries(root, 3, &offset, vfs_context_kernel()));
+  exfat_node_unlock(root);
+  EXPECT_EQ(EXFAT_MAX_DIR_SIZE, root->x_size);
+  EXPECT_EQ(free_before, xm->xm_free_clusters);
+  vnode_put(root_vp);
+}
+
+// One cluster more and the walk stops where the format's limit is, before
+// its 32-bit offset could wrap: the mount's scan of the root fails, the
+// volume is marked corrupt, and a read-only mount writes nothing.
+TEST_F(LongRootTest, WalkStopsAtTheLongestDirectory) {
+  load_volume(EXFAT_MAX_DIR_SIZE / kMiB + 1);
+  KernLogCapture log;
+  EXPECT_EQ(EIO, mount(MNT_RDONLY));
+  EXPECT_EQ(1u, log.count("exfat_dir_iterate: directory longer than 268435456 bytes"));
+  EXPECT_TRUE(read_device(0, image_.size()) == image_);
+  expect_nothing_left("after the refused mount");
+}
+
+}  // namespace
