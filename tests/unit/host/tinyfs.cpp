@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "host/namecache.h"
 
@@ -256,6 +258,7 @@ int sync_one(vnode_t vp, void* arg) {
 
 int t_vfs_sync(mount_t mp, int waitfor, vfs_context_t ctx) {
   tm_of(mp)->stats.sync++;
+  if (int ms = tinyfs_get_hooks().sync_ms) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
   return vnode_iterate(mp, VNODE_ITERATE_ACTIVE, sync_one, &waitfor);
 }
 

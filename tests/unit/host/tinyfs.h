@@ -31,6 +31,7 @@ struct tinyfs_hooks {
   int mount_error = 0;    // VFS_MOUNT of a new mount
   int update_error = 0;   // VFS_MOUNT of an update
   int unmount_error = 0;  // unforced VFS_UNMOUNT
+  int sync_ms = 0;        // how long every VFS_SYNC takes (it counts at its start)
 };
 tinyfs_hooks& tinyfs_get_hooks(void);
 
