@@ -31,9 +31,6 @@ extern VOPFUNC* exfat_fat_vnodeop_p;  // the FAT's vnode
 extern lck_mtx_t* exfat_hash_lock;    // the node hash, chains and x_hash_flags
 extern struct exfat_node** exfat_node_hash;
 extern u_long exfat_hash_mask;
-// The time-zone value of the latest mount or update, in seconds west of UTC;
-// one value for every mounted volume. Written without a lock (a 32-bit store).
-extern int32_t exfat_secondsWest;
 extern uint32_t exfat_meta_delay;     // delayed-flush delay in milliseconds (50)
 
 // --- Volume: boot region, geometry and UUID (vfsops/exfat_boot.cpp) ------------------
@@ -182,7 +179,7 @@ int exfat_valid_entry_set(const uint8_t* set);
 int exfat_entry_set_shape_ok(const uint8_t* set);
 uint16_t exfat_name_hash(const uint16_t* upcase, uint8_t name_length, const uint16_t* name);
 uint16_t exfat_file_set_init(uint8_t* set, const uint16_t* name, long name_length,
-                             uint16_t name_hash, uint16_t attributes);
+                             uint16_t name_hash, uint16_t attributes, int32_t seconds_west);
 void exfat_file_set_copy_name(uint8_t* set, const uint16_t* name, long name_length,
                               uint16_t name_hash);
 uint16_t exfat_file_set_rename(uint8_t* set, const uint16_t* name, long name_length,
@@ -190,12 +187,13 @@ uint16_t exfat_file_set_rename(uint8_t* set, const uint16_t* name, long name_len
 
 // --- Directories: timestamps (node/exfat_time.cpp) -------------------------------------------
 
+// seconds_west: the volume's xm_secondsWest.
 void exfat_timestamp_to_unix(uint32_t timestamp, uint8_t increment, uint8_t utc_offset,
-                             struct timespec* ts);
+                             struct timespec* ts, int32_t seconds_west);
 void exfat_timestamp_from_unix(uint32_t* timestamp, uint8_t* increment, uint8_t* utc_offset,
-                               const struct timespec* ts);
+                               const struct timespec* ts, int32_t seconds_west);
 int64_t exfat_timestamp_to_nanoseconds(uint32_t timestamp, uint8_t increment,
-                                       uint8_t utc_offset);
+                                       uint8_t utc_offset, int32_t seconds_west);
 
 // --- Directories: blocks and iteration -----------------------------------------------------
 

@@ -9,6 +9,7 @@
 // flush, which unmount cancels or waits for under xm_meta_lock.
 
 #include <cstring>
+#include <new>
 
 #include "exfat_proto.h"
 #include "host/blkdev.h"
@@ -347,7 +348,7 @@ int exfat_vfs_mount(mount_t mp, vnode_t devvp, user_addr_t data, vfs_context_t c
     mount = static_cast<struct exfat_mount*>(vfs_fsprivate(mp));
   }
   mount->xm_mask = args.mask & 0xFFF;
-  exfat_secondsWest = args.seconds_west;
+  mount->xm_secondsWest = args.seconds_west;
   exfat_statfs_fill(mount, mp, false);
   return 0;
 }
@@ -374,7 +375,7 @@ int exfat_mount_internal(vnode_t devvp, mount_t mp, vfs_context_t context) {
     host_module_rele();
     return ENOMEM;
   }
-  memset(mount, 0, sizeof(*mount));
+  new (mount) exfat_mount{};  // zero-filled, atomics included
 
   buf_t bp = nullptr;
   error = exfat_check_boot_region(mount, devvp, context, &bp);

@@ -6,6 +6,7 @@
 
 #include "mount_fixture.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/vnode_io.h"
 
 using namespace exvol::test;
 
@@ -148,9 +149,8 @@ TEST_F(MountArguments, UpdateReloadAndWriteUpgrade) {
   auto args = exfat_mount_args(0555, 7200);
   ASSERT_EQ(0, host_mount_update(mp, MNT_RDONLY, args.data(), args.size()));
   EXPECT_EQ(0555, xm->xm_mask);
-  EXPECT_EQ(7200, exfat_secondsWest);
+  EXPECT_EQ(7200, xm->xm_secondsWest);
   EXPECT_EQ(ENOTSUP, host_mount_update(mp, MNT_RDONLY | MNT_RELOAD, args.data(), args.size()));
-  exfat_secondsWest = 0;
 
   EXPECT_EQ(0, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
   args = exfat_mount_args();
@@ -159,6 +159,51 @@ TEST_F(MountArguments, UpdateReloadAndWriteUpgrade) {
   EXPECT_EQ(EXFAT_VOLUME_DIRTY, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
   ASSERT_EQ(0, unmount());
   EXPECT_EQ(0, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
+}
+
+// Two volumes in one process with different time zones each read and
+// stamp their own files with their own: a file's time without a valid UTC
+// offset is local time of its volume's zone, and a time set is stored with
+// that zone's offset byte.
+TEST_F(MountArguments, EachVolumeKeepsItsOwnTimeZone) {
+  FileDesc desc;  // modified 2024-01-01 00:00:00
+  desc.name = u"f";
+  ImageBuilder b = mountable();
+  uint32_t set_offset = b.add_set(b.root(), desc).offset;
+  uint64_t entry = b.dir_byte_offset(b.root(), set_offset);
+  std::vector<uint8_t> image = b.build();
+  std::vector<uint8_t> set(image.begin() + entry, image.begin() + entry + 96);
+  set[23] = 0;  // LastModifiedUtcOffset not valid: the time is local
+  fix_set_checksum(set);
+  std::copy(set.begin(), set.end(), image.begin() + entry);
+  const int64_t local = 1704067200;  // 2024-01-01 00:00:00 as if UTC
+
+  MountedVolume east;  // an hour ahead of UTC: seconds west -3600
+  ASSERT_EQ(0, load(image));
+  ASSERT_EQ(0, east.load(image));
+  ASSERT_EQ(0, mount(0, exfat_mount_args(0755, 7200)));
+  ASSERT_EQ(0, east.mount(0, exfat_mount_args(0755, -3600)));
+  const struct timespec when = {1718446273, 0};
+  for (MountedVolume* v : {static_cast<MountedVolume*>(this), &east}) {
+    int32_t west = v == &east ? -3600 : 7200;
+    SCOPED_TRACE(west);
+    vnode_t root = NULLVP, vp = NULLVP;
+    ASSERT_EQ(0, VFS_ROOT(v->mp, &root, vfs_context_kernel()));
+    ASSERT_EQ(0, vn_lookup(root, "f", &vp));
+    struct vnode_attr va;
+    VATTR_INIT(&va);
+    VATTR_WANTED(&va, va_modify_time);
+    ASSERT_EQ(0, VNOP_GETATTR(vp, &va, vfs_context_kernel()));
+    EXPECT_EQ(local + west, va.va_modify_time.tv_sec);
+    VATTR_INIT(&va);
+    VATTR_SET(&va, va_modify_time, when);
+    ASSERT_EQ(0, VNOP_SETATTR(vp, &va, vfs_context_kernel()));
+    vnode_put(vp);
+    vnode_put(root);
+    ASSERT_EQ(0, v->unmount());
+    std::vector<uint8_t> file = v->read_device(entry, 32);
+    EXPECT_EQ(static_cast<uint8_t>(0x80 | ((west / 900) & 0x7F)), file[23]) << "LastModifiedUtcOffset";
+  }
 }
 
 class VolumeFigures : public MountTest {};
