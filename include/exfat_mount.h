@@ -14,7 +14,9 @@
 #include "host/types.h"
 
 // xm_flags bits.
-#define XM_CORRUPT 0x20000000  // metadata corruption seen: never mark clean
+// XM_CORRUPT: metadata corruption was seen, or a metadata write failed (see
+// exfat_note_write_error): this mount never marks the volume clean.
+#define XM_CORRUPT 0x20000000
 #define XM_RDONLY 0x80000000   // mounted read-only: write nothing
 
 // xm_meta_state bits.

@@ -86,10 +86,23 @@ int exfat_update_root_entry(vnode_t root_vp, uint32_t* label_offset, const uint8
 
 // --- Volume: metadata flush, sync and dirty state ---------------------------------------
 
+// A metadata write that failed (a FAT or bitmap block, their pages, the
+// device's buffers of directory blocks, the boot sector) leaves the
+// metadata on disk in an unknown state, as damage found on disk does, and
+// is recorded the same way: XM_CORRUPT, so that this mount never marks the
+// volume clean and a later dirty mark adds MediaFailure (the format's flag
+// for failed media I/O). A second flag would mean the same in every place
+// that looks. Any thread may call it. Returns `error`.
+static inline int exfat_note_write_error(struct exfat_mount* mount, int error) {
+  if (error != 0)
+    mount->xm_flags |= XM_CORRUPT;
+  return error;
+}
+
 int exfat_mark_vol_dirty(struct exfat_mount* mount, int dirty, vfs_context_t context);
 int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t context);
 void exfat_meta_flush(struct exfat_mount* mount, int sync);
-void exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who);
+int exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who);
 void exfat_meta_flush_internal(struct exfat_mount* mount, int wait);
 void exfat_meta_sync_callback(thread_call_param_t mount, thread_call_param_t unused);
 int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context);
