@@ -35,7 +35,16 @@ extern uint32_t exfat_meta_delay;     // delayed-flush delay in milliseconds (50
 
 // --- Volume: boot region, geometry and UUID (vfsops/exfat_boot.cpp) ------------------
 
-#define EXFAT_MAXBSIZE 1048576u  // the largest cluster the buffer cache can hold
+// The largest cluster the driver mounts: the largest the format allows
+// (32 MiB). The limit is the host's to choose, and nothing here needs a
+// buffer of a whole cluster: metadata goes through the buffer cache in
+// blocks of at most 4 KiB or one physical block (EXFAT_MAX_META_BLOCK), and
+// file data through the page cache, page by page.
+#define EXFAT_MAXBSIZE (32u << 20)
+// The largest metadata block: the largest sector. A device that claims a
+// larger physical block gets sector-sized metadata blocks instead, so that
+// the buffer cache's buffers stay small whatever the device reports.
+#define EXFAT_MAX_META_BLOCK 65536u
 
 uint32_t exfat_boot_checksum(const uint8_t* buffer, uint32_t bytes_per_sector);
 int exfat_bad_boot_checksum(const uint8_t* buffer, uint32_t bytes_per_sector);
@@ -297,6 +306,16 @@ int exfat_vnop_rename(struct vnop_rename_args* ap);
 int exfat_vnop_symlink(struct vnop_symlink_args* ap);
 int exfat_vnop_readlink(struct vnop_readlink_args* ap);
 enum vtype exfat_check_link(struct exfat_node* node, vfs_context_t context);
+
+// The buffer through which a link file's 1067 bytes are read and written
+// (block 0 of its vnode): the contents rounded up to whole sectors, which
+// the link's allocation (whole clusters) always covers. Not a whole
+// cluster: clusters go up to 32 MiB, and the buffer cache's buffers up to
+// 1 MiB.
+static inline uint32_t exfat_link_buffer_size(const struct exfat_mount* mount) {
+  const uint32_t sector = mount->xm_bytes_per_sector;
+  return (1067 + sector - 1) / sector * sector;
+}
 void exfat_md5_digest(const void* data, size_t length, char* digest);
 
 // The steps create, mkdir and symlink share (vnops/exfat_create.cpp states
