@@ -147,10 +147,10 @@ namespace {
 
 std::mutex g_mount_lock;
 // Wakes waiters for a busy mount, and forks waiting for the syncer to rest.
-std::condition_variable g_mount_idle;
 // Wakes the syncer when a schedule changes or a busy mount becomes idle.
-// Never destroyed: a syncer thread may still wait on it while the process
-// exits with a volume mounted.
+// Neither is ever destroyed: a syncer thread may still use them while the
+// process exits (with a volume mounted, or just after the last unmount).
+std::condition_variable& g_mount_idle = *new std::condition_variable;
 std::condition_variable& g_syncer_wake = *new std::condition_variable;
 // The syncer's state, under g_mount_lock: a thread exists, has started
 // running, is syncing a mount; forks waiting to happen.

@@ -111,6 +111,31 @@ int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t co
   return exfat_note_write_error(mount, wait == 1 ? buf_bwrite(bp) : buf_bawrite(bp));
 }
 
+namespace {
+
+// Writes one allocation cache, the FAT's (`fat`) or the bitmap's, and pushes
+// its system vnode's pages, under the cache's lock. See
+// exfat_flush_alloc_caches.
+int exfat_flush_alloc_cache(struct exfat_mount* mount, bool fat, const char* who) {
+  lck_mtx_t* lock = fat ? mount->xm_fat_lock : mount->xm_bitmap_lock;
+  lck_mtx_lock(lock);
+  int error = fat ? exfat_fat_cache_flush(mount, 0) : exfat_bitmap_cache_flush(mount, 0);
+  if (error && fat)
+    mount->xm_fat_cache_dirty = 0;
+  else if (error)
+    mount->xm_bitmap_cache_dirty = 0;
+  int push_error = cluster_push(fat ? mount->xm_fat_vp : mount->xm_bitmap_vp, IO_SYNC);
+  lck_mtx_unlock(lock);
+  if (error == 0)
+    error = push_error;
+  if (error)
+    kprintf("%s: error %d flushing %s cache!\n", who, exfat_note_write_error(mount, error),
+            fat ? "FAT" : "bitmap");
+  return error;
+}
+
+}  // namespace
+
 // Writes the bitmap cache and pushes the bitmap vnode's pages, then does the
 // same for the FAT, each under its own lock and never both at once. A cache
 // block or pages that can't be written are reported as "<who>: error %d
@@ -118,25 +143,8 @@ int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t co
 // dropped as clean, so that a failing block is not retried on every flush.
 // The caller holds neither cache lock. Returns the first error.
 int exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who) {
-  lck_mtx_lock(mount->xm_bitmap_lock);
-  int error = exfat_bitmap_cache_flush(mount, 0);
-  if (error)
-    mount->xm_bitmap_cache_dirty = 0;
-  else
-    error = cluster_push(mount->xm_bitmap_vp, IO_SYNC);
-  lck_mtx_unlock(mount->xm_bitmap_lock);
-  if (error)
-    kprintf("%s: error %d flushing bitmap cache!\n", who, exfat_note_write_error(mount, error));
-
-  lck_mtx_lock(mount->xm_fat_lock);
-  int fat_error = exfat_fat_cache_flush(mount, 0);
-  if (fat_error)
-    mount->xm_fat_cache_dirty = 0;
-  else
-    fat_error = cluster_push(mount->xm_fat_vp, IO_SYNC);
-  lck_mtx_unlock(mount->xm_fat_lock);
-  if (fat_error)
-    kprintf("%s: error %d flushing FAT cache!\n", who, exfat_note_write_error(mount, fat_error));
+  int error = exfat_flush_alloc_cache(mount, false, who);
+  int fat_error = exfat_flush_alloc_cache(mount, true, who);
   return error != 0 ? error : fat_error;
 }
 

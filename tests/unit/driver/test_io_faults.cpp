@@ -226,30 +226,31 @@ TEST_F(IoFaults, UnwritableDataBlockIsReportedToWhoeverWaits) {
 
 // A metadata block whose write fails, in the delayed flush, a sync or the
 // unmount's own flush, leaves the volume dirty on disk for the next mount,
-// even when the device has recovered by the unmount. A sync returns the
-// error; an unforced unmount returns it and keeps the volume mounted. The
-// same steps without the fault end clean.
+// even when the device has recovered by the unmount. The failure is logged;
+// a sync returns the error; an unforced unmount returns it and keeps the
+// volume mounted. The same steps without the fault end clean.
 TEST_F(IoFaults, FailedMetadataWriteLeavesTheVolumeDirty) {
   struct Target {
     const char* name;
+    const char* cache;  // the cache the block goes through, if any
     uint64_t byte;
     std::function<void()> dirty;  // changes nothing, but leaves the block to write
   };
   const Target targets[] = {
-      {"FAT block", builder_.fat_byte_offset() + 4u * chain_.first_cluster,
+      {"FAT block", "FAT", builder_.fat_byte_offset() + 4u * chain_.first_cluster,
        [&] {
          uint32_t next = 0;
          ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET, xm, chain_.first_cluster, &next, 0));
          ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, chain_.first_cluster, nullptr, next));
        }},
-      {"bitmap block", builder_.cluster_byte_offset(builder_.bitmap_cluster()),
+      {"bitmap block", "bitmap", builder_.cluster_byte_offset(builder_.bitmap_cluster()),
        [&] {
          lck_mtx_lock(xm->xm_bitmap_lock);
          EXPECT_EQ(0, exfat_bitmap_mark_used(xm, xm->xm_max_cluster, 1));
          EXPECT_EQ(0, exfat_bitmap_mark_free(xm, xm->xm_max_cluster, 1));
          lck_mtx_unlock(xm->xm_bitmap_lock);
        }},
-      {"directory block", builder_.cluster_byte_offset(sub_.first_cluster),
+      {"directory block", nullptr, builder_.cluster_byte_offset(sub_.first_cluster),
        [&] {
          buf_t bp = nullptr;
          daddr64_t block = static_cast<daddr64_t>(builder_.cluster_byte_offset(sub_.first_cluster) / 512);
@@ -271,14 +272,27 @@ TEST_F(IoFaults, FailedMetadataWriteLeavesTheVolumeDirty) {
         release_nodes();
         t.dirty();
         int expected = fault != 0 ? EIO : 0;
-        if (path == kDelayedFlush) {
-          exfat_meta_flush(xm, 0);
-          ASSERT_TRUE(wait_for([&] { return !flush_pending(xm); }));
-        } else if (path == kSync) {
-          EXPECT_EQ(expected, host_sync(mp, MNT_WAIT));
-        } else {
-          EXPECT_EQ(expected, unmount());
-          EXPECT_EQ(expected != 0, mp != nullptr) << "an unmount that failed keeps the volume";
+        std::string message;
+        {
+          KernLogCapture log;
+          if (path == kDelayedFlush) {
+            exfat_meta_flush(xm, 0);
+            ASSERT_TRUE(wait_for([&] { return !flush_pending(xm); }));
+            message = t.cache ? "exfat_meta_flush_internal: error 5 flushing " + std::string(t.cache) + " cache!"
+                              : "exfat_meta_flush_internal: error 5 writing metadata blocks";
+          } else if (path == kSync) {
+            EXPECT_EQ(expected, host_sync(mp, MNT_WAIT));
+            message = t.cache ? "exfat_vfs_sync: error 5 flushing " + std::string(t.cache) + " cache!" : "";
+          } else {
+            EXPECT_EQ(expected, unmount());
+            EXPECT_EQ(expected != 0, mp != nullptr) << "an unmount that failed keeps the volume";
+            message = "exfat_vfs_unmount: error 5 writing metadata";
+          }
+          if (fault == 0) {
+            EXPECT_TRUE(log.lines().empty());
+          } else if (!message.empty()) {
+            EXPECT_EQ(1u, log.count(message)) << message;
+          }
         }
         if (fault == 2)
           host_memdev_set_faults(devvp, host_memdev_faults{});

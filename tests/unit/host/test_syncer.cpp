@@ -86,14 +86,14 @@ TEST(SyncerConcurrency, UnmountRacesPeriodicSyncs) {
 // doesn't have), and the child has a syncer of its own.
 TEST(SyncerFork, ChildKeepsSyncingItsMounts) {
   TinyFs fs;
-  tinyfs_get_hooks().sync_ms = 100;
+  fs.set_sync_ms(100);
   ASSERT_EQ(0, host_set_sync_interval(fs.mp(), 10));
   ASSERT_TRUE(syncs_reach(fs, 1));  // most likely under way now
   EXPECT_TRUE(host_test::in_child([&] {
     int before = fs.stats().sync.load();
     return host_sync(fs.mp(), MNT_NOWAIT) == 0 && syncs_reach(fs, before + 3);
   }));
-  tinyfs_get_hooks().sync_ms = 0;
+  fs.set_sync_ms(0);
   ASSERT_EQ(0, host_set_sync_interval(fs.mp(), 0));
 }
 

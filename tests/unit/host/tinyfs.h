@@ -31,7 +31,6 @@ struct tinyfs_hooks {
   int mount_error = 0;    // VFS_MOUNT of a new mount
   int update_error = 0;   // VFS_MOUNT of an update
   int unmount_error = 0;  // unforced VFS_UNMOUNT
-  int sync_ms = 0;        // how long every VFS_SYNC takes (it counts at its start)
 };
 tinyfs_hooks& tinyfs_get_hooks(void);
 
@@ -62,6 +61,8 @@ class TinyFs {
 
   mount_t mp() const { return mp_; }
   tinyfs_stats& stats();
+  // How long each VFS_SYNC of this volume takes (it counts at its start).
+  void set_sync_ms(int ms);
   vnode_t root();  // with an I/O reference
   // Operations on one component name, through VNOP_*.
   int lookup(vnode_t dvp, const char* name, vnode_t* vpp);
