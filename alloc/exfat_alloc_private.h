@@ -25,8 +25,8 @@ static inline bool exfat_cluster_valid(const struct exfat_mount* mount, uint32_t
   return cluster >= EXFAT_FIRST_CLUSTER && cluster <= mount->xm_max_cluster;
 }
 
-// Records that on-disk metadata was found inconsistent. xm_flags is changed
-// by a plain read-modify-write, as everywhere else in the driver.
+// Records that on-disk metadata was found inconsistent (an atomic
+// read-modify-write of xm_flags: any thread may do it, without a lock).
 static inline void exfat_set_corrupt(struct exfat_mount* mount) {
   mount->xm_flags |= XM_CORRUPT;
 }

@@ -30,7 +30,9 @@
 // word pointer reaches it. The caller holds xm_bitmap_lock. Returns NULL
 // with the error stored through `error` (may be NULL): the write-back's or
 // the read's error, ENOMEM, or EIO (XM_CORRUPT) for a bit past the end of
-// the bitmap file. After a read or write-back error the cache is empty.
+// the bitmap file. After a read or write-back error the cache is empty (a
+// block that could not be written back has lost its changes: recorded, the
+// volume is not marked clean).
 uint32_t* exfat_bitmap_map(struct exfat_mount* mount, uint32_t bit, uint32_t** block_end,
                            int* error) {
   lck_mtx_assert(mount->xm_bitmap_lock, LCK_MTX_ASSERT_OWNED);
@@ -55,8 +57,9 @@ uint32_t* exfat_bitmap_map(struct exfat_mount* mount, uint32_t bit, uint32_t** b
 
   int err = 0;
   if (block != mount->xm_bitmap_cache_offset) {
+    // The block's changes are lost if its write-back fails (see below).
     if (mount->xm_bitmap_cache_dirty)
-      err = exfat_bitmap_cache_flush(mount, 0);
+      err = exfat_note_write_error(mount, exfat_bitmap_cache_flush(mount, 0));
     if (err == 0) {
       mount->xm_bitmap_cache_offset = block;
       err = exfat_cache_io(mount->xm_bitmap_vp, mount->xm_bitmap_cache, block, length,

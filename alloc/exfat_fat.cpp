@@ -149,7 +149,7 @@ static uint32_t exfat_fat_block_length(const struct exfat_mount* mount, uint32_t
 // is held. Returns NULL with the error stored through `error` (which may be
 // NULL): the write-back's or the read's error, or ENOMEM. After such an
 // error the cache is empty and a block that could not be written back has
-// lost its changes.
+// lost its changes (recorded: the volume is not marked clean).
 uint32_t* exfat_fat_map(struct exfat_mount* mount, uint32_t cluster, int* error) {
   lck_mtx_assert(mount->xm_fat_lock, LCK_MTX_ASSERT_OWNED);
 
@@ -171,8 +171,9 @@ uint32_t* exfat_fat_map(struct exfat_mount* mount, uint32_t cluster, int* error)
 
   int err = 0;
   if (block != mount->xm_fat_cache_offset) {
+    // The block's changes are lost if its write-back fails (see below).
     if (mount->xm_fat_cache_dirty)
-      err = exfat_fat_cache_flush(mount, 0);
+      err = exfat_note_write_error(mount, exfat_fat_cache_flush(mount, 0));
     if (err == 0) {
       mount->xm_fat_cache_offset = block;
       err = exfat_cache_io(mount->xm_fat_vp, mount->xm_fat_cache, block,

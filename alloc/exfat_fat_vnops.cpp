@@ -170,7 +170,9 @@ int exfat_fat_strategy(struct vnop_strategy_args* ap) {
 // VNOP_FSYNC of the FAT vnode: writes the FAT cache into the page cache
 // (under xm_fat_lock, which the caller must not hold) and then pushes the
 // vnode's dirty pages, waiting for them when a_waitfor is MNT_WAIT. Returns
-// the cache write-back's error, in which case nothing is pushed, else 0.
+// the cache write-back's error, in which case nothing is pushed (the block
+// stays dirty for the next try), else the push's; either is recorded (the
+// volume is not marked clean any more).
 int exfat_fat_fsync(struct vnop_fsync_args* ap) {
   vnode_t vp = ap->a_vp;
   struct exfat_mount* mount = exfat_fat_node_of(vp)->xf_mount;
@@ -182,11 +184,9 @@ int exfat_fat_fsync(struct vnop_fsync_args* ap) {
   if (mount->xm_fat_cache_dirty)
     error = exfat_fat_cache_flush(mount, ioflags);
   lck_mtx_unlock(mount->xm_fat_lock);
-  if (error)
-    return error;
-
-  cluster_push(vp, ioflags);
-  return 0;
+  if (error == 0)
+    error = cluster_push(vp, ioflags);
+  return exfat_note_write_error(mount, error);
 }
 
 // VNOP_INACTIVE of the FAT vnode: the vnode is never kept once the mount

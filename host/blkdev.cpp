@@ -308,11 +308,14 @@ int spec_ioctl(void* ap) {
 
 // Writes the device's delayed writes; with MNT_WAIT also flushes the
 // device's write cache, so that what was written survives a power loss.
+// Returns the first write error (see buf_flushdirtyblks), else the cache
+// flush's.
 int spec_fsync(void* ap) {
   auto* a = static_cast<vnop_fsync_args*>(ap);
   bool wait = a->a_waitfor == MNT_WAIT;
-  buf_flushdirtyblks(a->a_vp, wait, 0, "spec_fsync");
-  return wait ? spec_flush_cache(spec_of(a->a_vp)) : 0;
+  int error = buf_flushdirtyblks(a->a_vp, wait, 0, "spec_fsync");
+  int flushed = wait ? spec_flush_cache(spec_of(a->a_vp)) : 0;
+  return error != 0 ? error : flushed;
 }
 
 int spec_blktooff(void* ap) {

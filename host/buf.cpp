@@ -134,6 +134,11 @@ struct bufcache {
   size_t bc_limit = kDefaultLimit;
   int bc_waiters = 0;  // threads in wait_busy_locked
   std::condition_variable bc_wait[kWaitChannels];
+  // Per vnode, the error of a delayed write that failed where no caller
+  // could be told (eviction, a change of block size, dropping idle
+  // buffers), until buf_flushdirtyblks of the vnode reports it or the vnode
+  // is reclaimed.
+  std::unordered_map<vnode_t, int> bc_lost_writes;
 
   bufcache() {
     TAILQ_INIT(&bc_clean);
@@ -369,6 +374,22 @@ int write_and_release(buf* bp, bool async) {
   return error;
 }
 
+// Remembers a failed write of vp that no caller receives, for the vnode's
+// next flush to report (the first one, if several fail meanwhile).
+void note_lost_write_locked(vnode_t vp, int error) {
+  if (error != 0) bc().bc_lost_writes.emplace(vp, error);
+}
+
+// write_and_release for a delayed write nobody waits for. bc_lock is held
+// through `lk` and dropped for the write.
+void write_back_locked(Lock& lk, buf* bp) {
+  vnode_t vp = bp->b_vp;
+  lk.unlock();
+  int error = write_and_release(bp, false);
+  lk.lock();
+  note_lost_write_locked(vp, error);
+}
+
 // Evicts one idle buffer: the oldest clean one, else the oldest delayed
 // write of a device, written first. Returns false when there is nothing to
 // evict. Writing drops bc_lock for the time of the write.
@@ -381,9 +402,7 @@ bool evict_one_locked(Lock& lk) {
   if (buf* bp = TAILQ_FIRST(&c.bc_dirty)) {
     take_busy_locked(bp);
     bp->b_hflags |= BH_INVAL;
-    lk.unlock();
-    write_and_release(bp, false);
-    lk.lock();
+    write_back_locked(lk, bp);
     return true;
   }
   return false;
@@ -426,9 +445,7 @@ buf_t buf_getblk(vnode_t vp, daddr64_t blkno, int size, int slpflag, int slptime
       take_busy_locked(bp);
       if (bp->b_lflags & BL_DELWRI) {
         bp->b_hflags |= BH_INVAL;
-        lk.unlock();
-        write_and_release(bp, false);
-        lk.lock();
+        write_back_locked(lk, bp);
       } else {
         destroy_locked(bp);
       }
@@ -507,8 +524,9 @@ namespace {
 // Drops the buffers of vp (those without B_META too when skip_meta is
 // false), writing delayed writes first when write_data is set. Held buffers
 // are waited for, or left alone with skip_busy. Returns the first write
-// error.
-int invalidate_vnode(vnode_t vp, bool write_data, bool skip_meta, bool skip_busy,
+// error; when `lost` is set, a failed write is also remembered for the
+// vnode's next flush.
+int invalidate_vnode(vnode_t vp, bool write_data, bool skip_meta, bool skip_busy, bool lost,
                      const char* who) {
   int first_error = 0;
   Lock lk(bc().bc_lock);
@@ -538,6 +556,7 @@ int invalidate_vnode(vnode_t vp, bool write_data, bool skip_meta, bool skip_busy
         int error = write_and_release(victim, false);
         if (first_error == 0) first_error = error;
         lk.lock();
+        if (lost) note_lost_write_locked(vp, error);
       } else {
         destroy_locked(victim);
       }
@@ -557,16 +576,21 @@ int invalidate_vnode(vnode_t vp, bool write_data, bool skip_meta, bool skip_busy
 int buf_invalidateblks(vnode_t vp, int flags, int slpflag, int slptimeo) {
   if (flags & ~(BUF_WRITE_DATA | BUF_SKIP_META | BUF_INVALIDATE_LOCKED))
     panic("buf_invalidateblks: unsupported flags 0x%x", static_cast<unsigned>(flags));
-  return invalidate_vnode(vp, flags & BUF_WRITE_DATA, flags & BUF_SKIP_META, false,
+  return invalidate_vnode(vp, flags & BUF_WRITE_DATA, flags & BUF_SKIP_META, false, false,
                           "buf_invalidateblks");
 }
 
 void host_buf_drop_idle(vnode_t vp) {
-  invalidate_vnode(vp, true, false, true, "host_buf_drop_idle");
+  invalidate_vnode(vp, true, false, true, true, "host_buf_drop_idle");
 }
 
+// The vnode's identity ends here: a failed write it never reported is
+// forgotten with it, so that a vnode made later at the same address does
+// not inherit it.
 void host_buf_vnode_reclaim(vnode_t vp) {
-  invalidate_vnode(vp, true, false, false, "host_buf_vnode_reclaim");
+  invalidate_vnode(vp, true, false, false, false, "host_buf_vnode_reclaim");
+  Lock lk(bc().bc_lock);
+  bc().bc_lost_writes.erase(vp);
 }
 
 errno_t buf_invalblkno(vnode_t vp, daddr64_t lblkno, int flags) {
@@ -588,11 +612,17 @@ errno_t buf_invalblkno(vnode_t vp, daddr64_t lblkno, int flags) {
 // msg is ignored: it names the caller for a kernel's diagnostics, and the
 // host prints none. A dirty buffer that the calling thread holds itself is
 // skipped, since waiting for it could never end.
-void buf_flushdirtyblks(vnode_t vp, int wait, int flags, const char* msg) {
+errno_t buf_flushdirtyblks(vnode_t vp, int wait, int flags, const char* msg) {
   if (flags != 0) panic("buf_flushdirtyblks: unsupported flags 0x%x", static_cast<unsigned>(flags));
   Lock lk(bc().bc_lock);
+  int first_error = 0;
+  auto lost = bc().bc_lost_writes.find(vp);
+  if (lost != bc().bc_lost_writes.end()) {
+    first_error = lost->second;
+    bc().bc_lost_writes.erase(lost);
+  }
   bufvnode* bv = bufvnode_locked(vp, false);
-  if (bv == nullptr) return;
+  if (bv == nullptr) return first_error;
   std::vector<daddr64_t> blocks;
   buf* bp;
   TAILQ_FOREACH(bp, &bv->bv_dirty, b_vnbufs) blocks.push_back(bp->b_lblkno);
@@ -616,11 +646,13 @@ void buf_flushdirtyblks(vnode_t vp, int wait, int flags, const char* msg) {
       if (!(bp->b_lflags & BL_DELWRI)) break;
       take_busy_locked(bp);
       lk.unlock();
-      write_and_release(bp, !wait);
+      int error = write_and_release(bp, !wait);
+      if (first_error == 0) first_error = error;
       lk.lock();
       break;
     }
   }
+  return first_error;
 }
 
 // --- Strategy -----------------------------------------------------------------------------

@@ -62,8 +62,9 @@ buf_t buf_getblk(vnode_t vp, daddr64_t blkno, int size, int slpflag, int slptime
 errno_t buf_bread(vnode_t vp, daddr64_t blkno, int size, kauth_cred_t cred, buf_t* bpp);
 errno_t buf_meta_bread(vnode_t vp, daddr64_t blkno, int size, kauth_cred_t cred, buf_t* bpp);
 
-// The writes take a busy buffer and release it. A write that fails loses
-// its data: the buffer is dropped and the error returned.
+// The writes take a busy buffer and release it. A write that fails is not
+// retried: the error is returned, and the buffer stays cached (unless it
+// was being dropped) clean, with the data it was given.
 errno_t buf_bwrite(buf_t bp);   // synchronous write, then released
 errno_t buf_bdwrite(buf_t bp);  // delayed write: marked dirty and released
 errno_t buf_bawrite(buf_t bp);  // asynchronous write; completes before returning here
@@ -83,8 +84,12 @@ errno_t buf_invalblkno(vnode_t vp, daddr64_t lblkno, int flags);
 // Writes every delayed-write buffer of vp; waits for held ones when wait is
 // set (except those the calling thread holds). flags must be 0. msg:
 // ignored; it names the caller in a kernel's diagnostics, and the host
-// prints none here.
-void buf_flushdirtyblks(vnode_t vp, int wait, int flags, const char* msg);
+// prints none here. Returns the first write error, or else, once, the
+// error of a delayed write of vp that failed since the last flush where no
+// caller could be told (written at eviction, at a change of block size).
+// A kernel's version returns nothing; here a file system that must know
+// whether its metadata reached the disk learns it.
+errno_t buf_flushdirtyblks(vnode_t vp, int wait, int flags, const char* msg);
 
 // Performs the I/O described by bp on the device devvp; ap is the
 // vnop_strategy_args of the file system's strategy call. Maps the buffer's

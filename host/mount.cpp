@@ -20,11 +20,13 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <pthread.h>
 #include <thread>
 #include <vector>
 
 #include "host/kern.h"
 #include "host/malloc.h"
+#include "host/thread_call_private.h"
 #include "host/vnode_private.h"
 
 // --- Mount queries and setters ------------------------------------------------
@@ -144,12 +146,18 @@ int host_module_refcount(void) { return g_module_refs.load(); }
 namespace {
 
 std::mutex g_mount_lock;
-std::condition_variable g_mount_idle;
+// Wakes waiters for a busy mount, and forks waiting for the syncer to rest.
 // Wakes the syncer when a schedule changes or a busy mount becomes idle.
-// Never destroyed: a syncer thread may still wait on it while the process
-// exits with a volume mounted.
+// Neither is ever destroyed: a syncer thread may still use them while the
+// process exits (with a volume mounted, or just after the last unmount).
+std::condition_variable& g_mount_idle = *new std::condition_variable;
 std::condition_variable& g_syncer_wake = *new std::condition_variable;
-bool g_syncer_running = false;  // g_mount_lock
+// The syncer's state, under g_mount_lock: a thread exists, has started
+// running, is syncing a mount; forks waiting to happen.
+bool g_syncer_running = false;
+bool g_syncer_up = false;
+bool g_syncer_syncing = false;
+int g_syncer_forks = 0;
 vlist<mount, &mount::mnt_list> g_mounts;
 
 bool mounted_locked(mount_t mp) {
@@ -363,13 +371,17 @@ mount_t next_due_locked(bool* scheduled) {
 
 void syncer_main() {
   std::unique_lock<std::mutex> lk(g_mount_lock);
+  g_syncer_up = true;
+  g_mount_idle.notify_all();
   for (;;) {
     bool scheduled = false;
     mount_t mp = next_due_locked(&scheduled);
     if (!scheduled) break;
     int64_t now = steady_now_ns();
-    if (mp == nullptr) {
-      g_syncer_wake.wait(lk);  // every scheduled mount is busy: mount_end_op wakes us
+    if (mp == nullptr || g_syncer_forks != 0) {
+      // Every scheduled mount is busy (mount_end_op wakes us), or a fork
+      // waits for us to rest (its parent handler does).
+      g_syncer_wake.wait(lk);
       continue;
     }
     if (mp->mnt_sync_due_ns > now) {
@@ -377,27 +389,67 @@ void syncer_main() {
       continue;
     }
     mp->mnt_busy = true;
+    g_syncer_syncing = true;
     mp->mnt_sync_due_ns = now + int64_t{mp->mnt_sync_interval_ms} * 1000000;
     lk.unlock();
     if (!vfs_isrdonly(mp)) (void)VFS_SYNC(mp, MNT_NOWAIT, vfs_context_kernel());
     lk.lock();
     mp->mnt_busy = false;
+    g_syncer_syncing = false;
     g_mount_idle.notify_all();
   }
   g_syncer_running = false;
+  g_syncer_up = false;
+  g_mount_idle.notify_all();
+}
+
+// Fork handlers: the same protocol as the timer queue's (thread_call.cpp).
+// g_mount_lock is held across the fork, which first waits until the syncer
+// is up and not syncing, so that the child finds no mount marked busy by a
+// thread it doesn't have; the child starts its own syncer when a mount
+// there has an interval. A sync may arm a deferred call, so these handlers
+// are registered after the timer queue's: they prepare first.
+void syncer_atfork_prepare() {
+  std::unique_lock<std::mutex> lk(g_mount_lock);
+  g_syncer_forks++;
+  while ((g_syncer_running && !g_syncer_up) || g_syncer_syncing) g_mount_idle.wait(lk);
+  lk.release();  // held until the parent's or the child's handler
+}
+void syncer_atfork_parent() {
+  g_syncer_forks--;
+  g_syncer_wake.notify_all();
+  g_mount_lock.unlock();
+}
+void syncer_atfork_child() {
+  new (&g_mount_idle) std::condition_variable;
+  new (&g_syncer_wake) std::condition_variable;
+  g_syncer_forks = 0;
+  g_syncer_up = false;
+  if (g_syncer_running) std::thread(syncer_main).detach();
+  g_mount_lock.unlock();
+}
+
+// Starts the syncer's thread and waits until it runs (a fork must not
+// find it half started). The caller holds g_mount_lock through `lk`.
+void start_syncer(std::unique_lock<std::mutex>& lk) {
+  static std::once_flag hooks;
+  std::call_once(hooks, [] {
+    host_thread_call_register_atfork();
+    pthread_atfork(syncer_atfork_prepare, syncer_atfork_parent, syncer_atfork_child);
+  });
+  g_syncer_running = true;
+  std::thread(syncer_main).detach();
+  while (g_syncer_running && !g_syncer_up) g_mount_idle.wait(lk);
 }
 
 }  // namespace
 
 int host_set_sync_interval(mount_t mp, uint32_t interval_ms) {
-  std::lock_guard<std::mutex> guard(g_mount_lock);
+  std::unique_lock<std::mutex> lk(g_mount_lock);
   if (!mounted_locked(mp)) return EINVAL;
   mp->mnt_sync_interval_ms = interval_ms;
   mp->mnt_sync_due_ns = steady_now_ns() + int64_t{interval_ms} * 1000000;
-  if (interval_ms != 0 && !g_syncer_running) {
-    g_syncer_running = true;
-    std::thread(syncer_main).detach();
-  }
   g_syncer_wake.notify_all();
+  if (interval_ms != 0 && !g_syncer_running) start_syncer(lk);
   return 0;
 }

@@ -13,6 +13,7 @@
 
 #include "host/kern.h"
 #include "host/malloc.h"
+#include "host/thread_call_private.h"
 
 // One timer thread serves every deferred call. Armed calls sit in a map
 // ordered by (deadline, arming sequence); the thread sleeps until the
@@ -43,11 +44,16 @@ thread_local thread_call_t t_current_call = nullptr;
 struct TimerQueue {
   std::mutex lock;
   std::condition_variable work;  // the timer thread waits here for a deadline
-  std::condition_variable idle;  // thread_call_free waits here for a run to end
+  // Waits for the timer thread to change state: thread_call_free for a run
+  // to end, a fork for the thread to be up and idle, the thread's creator
+  // for it to be up.
+  std::condition_variable idle;
   std::map<Key, thread_call_t> armed;
   uint64_t next_seq = 1;
   bool thread_started = false;  // a timer thread exists in this process
+  bool thread_up = false;       // ... and has entered timer_main
   bool stopping = false;        // the process is exiting: the thread returns
+  int forks = 0;                // forks waiting to happen: start no run
   pthread_t thread;
   thread_call_t running = nullptr;  // the call whose function runs now
 };
@@ -67,9 +73,11 @@ std::chrono::steady_clock::time_point to_time_point(uint64_t ns) {
 void* timer_main(void*) {
   TimerQueue& q = timers();
   std::unique_lock<std::mutex> guard(q.lock);
+  q.thread_up = true;
+  q.idle.notify_all();
   for (;;) {
     if (q.stopping) return nullptr;
-    if (q.armed.empty()) {
+    if (q.armed.empty() || q.forks != 0) {
       q.work.wait(guard);
       continue;
     }
@@ -97,26 +105,46 @@ void* timer_main(void*) {
   }
 }
 
-void ensure_thread_locked(TimerQueue& q);
+void start_thread_locked(TimerQueue& q);
 
-// Fork handlers. A child inherits memory but none of the parent's threads:
-// the timer lock is held across fork so that the child's copy is
-// consistent, the condition variables are made anew (the parent's timer
-// thread was waiting on one), a run the parent was in the middle of is
-// forgotten, and the child starts its own timer thread when it next arms a
-// call. Calls armed before the fork stay armed, so a daemon that forks
-// after mounting keeps its timers.
-void atfork_prepare() { timers().lock.lock(); }
-void atfork_parent() { timers().lock.unlock(); }
+// Fork handlers. A child inherits memory but only the thread that forked.
+// The timer lock is held across the fork so that the child's copy of the
+// queue is consistent, and the fork first waits until the timer thread is
+// up and runs no function:
+//  - a function cut off half-way would stay half done in the child, with
+//    whatever locks it held held for ever, and its call, already off the
+//    queue, would never run there;
+//  - a thread caught while it is being started leaves the thread library's
+//    (or a sanitizer's) bookkeeping of threads half changed in the child,
+//    where the next thread created may then never run.
+// Once the fork happens, every call is either done (its effects are in the
+// child's memory too) or still armed, and the child starts its own timer
+// thread for the armed ones: a daemon that forks after mounting keeps its
+// delayed flushes. So a fork may wait for a deferred call's function: the
+// forking thread must hold nothing such a function waits for, and a
+// function must not fork.
+void atfork_prepare() {
+  TimerQueue& q = timers();
+  std::unique_lock<std::mutex> guard(q.lock);
+  if (t_current_call != nullptr) panic("thread_call: call %p forks from its function", t_current_call);
+  q.forks++;
+  while ((q.thread_started && !q.thread_up) || q.running != nullptr) q.idle.wait(guard);
+  guard.release();  // held until the parent's or the child's handler
+}
+void atfork_parent() {
+  TimerQueue& q = timers();
+  q.forks--;
+  q.work.notify_one();
+  q.lock.unlock();
+}
 void atfork_child() {
   TimerQueue& q = timers();
   new (&q.work) std::condition_variable;
   new (&q.idle) std::condition_variable;
-  if (q.running != nullptr) q.running->running--;
-  q.running = nullptr;
-  bool had_calls = !q.armed.empty();
+  q.forks = 0;
   q.thread_started = false;
-  if (had_calls) ensure_thread_locked(q);
+  q.thread_up = false;
+  if (!q.armed.empty()) start_thread_locked(q);
   q.lock.unlock();
 }
 
@@ -134,23 +162,27 @@ void stop_timer_thread() {
   pthread_join(q.thread, nullptr);
   guard.lock();
   q.thread_started = false;
+  q.thread_up = false;
 }
 
-// Starts the timer thread if this process has none. Caller holds the timer
-// lock.
-void ensure_thread_locked(TimerQueue& q) {
-  if (q.thread_started) return;
-  static std::once_flag hooks;
-  std::call_once(hooks, [] {
-    pthread_atfork(atfork_prepare, atfork_parent, atfork_child);
-    atexit(stop_timer_thread);
-  });
+// Creates the timer thread. Caller holds the timer lock.
+void start_thread_locked(TimerQueue& q) {
+  host_thread_call_register_atfork();
   // Armed during exit, after the thread was stopped: the call stays pending
   // and never runs, as it would if the process had ended a moment sooner.
   if (q.stopping) return;
   if (pthread_create(&q.thread, nullptr, timer_main, nullptr) != 0)
     panic("thread_call: cannot start the timer thread");
   q.thread_started = true;
+}
+
+// Starts the timer thread if this process has none and waits until it is
+// up, so that no fork finds it half started (see the fork handlers). The
+// caller holds the timer lock through `guard`; it is dropped while waiting.
+void ensure_thread(TimerQueue& q, std::unique_lock<std::mutex>& guard) {
+  if (q.thread_started) return;
+  start_thread_locked(q);
+  while (q.thread_started && !q.thread_up) q.idle.wait(guard);
 }
 
 // Takes a pending call off the map. Caller holds the timer lock.
@@ -160,6 +192,17 @@ void disarm_locked(TimerQueue& q, thread_call_t call) {
 }
 
 }  // namespace
+
+// The fork and exit handlers are registered the first time a timer thread
+// is needed (before, there is nothing a fork could disturb), or earlier
+// when another service asks, so that its own handlers run first.
+void host_thread_call_register_atfork(void) {
+  static std::once_flag hooks;
+  std::call_once(hooks, [] {
+    pthread_atfork(atfork_prepare, atfork_parent, atfork_child);
+    atexit(stop_timer_thread);
+  });
+}
 
 thread_call_t thread_call_allocate(thread_call_func_t func, thread_call_param_t param0) {
   if (host_alloc_should_fail()) return nullptr;
@@ -174,8 +217,8 @@ thread_call_t thread_call_allocate(thread_call_func_t func, thread_call_param_t 
 // new deadline.
 bool thread_call_enter_delayed(thread_call_t call, uint64_t deadline) {
   TimerQueue& q = timers();
-  std::lock_guard<std::mutex> guard(q.lock);
-  ensure_thread_locked(q);
+  std::unique_lock<std::mutex> guard(q.lock);
+  ensure_thread(q, guard);
   bool was_pending = call->pending;
   if (was_pending) disarm_locked(q, call);
   call->deadline = deadline;

@@ -7,12 +7,16 @@
 // xm_rename_lock, xm_bitmap_lock, xm_fat_lock; xm_meta_lock is never held
 // together with the others.
 
+#include <atomic>
+
 #include "host/locks.h"
 #include "host/thread_call.h"
 #include "host/types.h"
 
 // xm_flags bits.
-#define XM_CORRUPT 0x20000000  // metadata corruption seen: never mark clean
+// XM_CORRUPT: metadata corruption was seen, or a metadata write failed (see
+// exfat_note_write_error): this mount never marks the volume clean.
+#define XM_CORRUPT 0x20000000
 #define XM_RDONLY 0x80000000   // mounted read-only: write nothing
 
 // xm_meta_state bits.
@@ -28,9 +32,18 @@ struct exfat_mount {
   vnode_t xm_bitmap_vp;        // "<bitmap>", a use reference from the root scan to uninit
   lck_mtx_t* xm_rename_lock;   // serialises directory moves between parents
   uint16_t* xm_upcase;         // 65,536 entries, exfat_malloc_tag; read-only once set
-  uint32_t xm_flags;           // XM_*; XM_CORRUPT set by plain read-modify-write
+  // XM_*. Atomic: XM_CORRUPT is set by whichever thread finds damage, while
+  // others test the bits; every |= and &= is one atomic read-modify-write.
+  std::atomic<uint32_t> xm_flags;
   uint32_t xm_dev;             // device number (hash key of every node)
   uint16_t xm_mask;            // permission bits reported for every file
+  // The time-zone value of this volume's timestamps (exfat_secondsWest, in
+  // seconds west of UTC), from its mount arguments. Kept per mount, not as
+  // one value for the module: a process may hold several volumes mounted
+  // with different values (a copy between two images), and each must stamp
+  // and read its own files with its own. Set at mount and at every update;
+  // read without a lock.
+  std::atomic<int32_t> xm_secondsWest;
   vnode_t xm_devvp;            // the block device
   uint32_t xm_max_io;          // largest file I/O in bytes
   uint32_t xm_root_cluster;    // first cluster of the root directory

@@ -31,14 +31,20 @@ extern VOPFUNC* exfat_fat_vnodeop_p;  // the FAT's vnode
 extern lck_mtx_t* exfat_hash_lock;    // the node hash, chains and x_hash_flags
 extern struct exfat_node** exfat_node_hash;
 extern u_long exfat_hash_mask;
-// The time-zone value of the latest mount or update, in seconds west of UTC;
-// one value for every mounted volume. Written without a lock (a 32-bit store).
-extern int32_t exfat_secondsWest;
 extern uint32_t exfat_meta_delay;     // delayed-flush delay in milliseconds (50)
 
 // --- Volume: boot region, geometry and UUID (vfsops/exfat_boot.cpp) ------------------
 
-#define EXFAT_MAXBSIZE 1048576u  // the largest cluster the buffer cache can hold
+// The largest cluster the driver mounts: the largest the format allows
+// (32 MiB). The limit is the host's to choose, and nothing here needs a
+// buffer of a whole cluster: metadata goes through the buffer cache in
+// blocks of at most 4 KiB or one physical block (EXFAT_MAX_META_BLOCK), and
+// file data through the page cache, page by page.
+#define EXFAT_MAXBSIZE (32u << 20)
+// The largest metadata block: the largest sector. A device that claims a
+// larger physical block gets sector-sized metadata blocks instead, so that
+// the buffer cache's buffers stay small whatever the device reports.
+#define EXFAT_MAX_META_BLOCK 65536u
 
 uint32_t exfat_boot_checksum(const uint8_t* buffer, uint32_t bytes_per_sector);
 int exfat_bad_boot_checksum(const uint8_t* buffer, uint32_t bytes_per_sector);
@@ -89,10 +95,23 @@ int exfat_update_root_entry(vnode_t root_vp, uint32_t* label_offset, const uint8
 
 // --- Volume: metadata flush, sync and dirty state ---------------------------------------
 
+// A metadata write that failed (a FAT or bitmap block, their pages, the
+// device's buffers of directory blocks, the boot sector) leaves the
+// metadata on disk in an unknown state, as damage found on disk does, and
+// is recorded the same way: XM_CORRUPT, so that this mount never marks the
+// volume clean and a later dirty mark adds MediaFailure (the format's flag
+// for failed media I/O). A second flag would mean the same in every place
+// that looks. Any thread may call it. Returns `error`.
+static inline int exfat_note_write_error(struct exfat_mount* mount, int error) {
+  if (error != 0)
+    mount->xm_flags |= XM_CORRUPT;
+  return error;
+}
+
 int exfat_mark_vol_dirty(struct exfat_mount* mount, int dirty, vfs_context_t context);
 int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t context);
 void exfat_meta_flush(struct exfat_mount* mount, int sync);
-void exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who);
+int exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who);
 void exfat_meta_flush_internal(struct exfat_mount* mount, int wait);
 void exfat_meta_sync_callback(thread_call_param_t mount, thread_call_param_t unused);
 int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context);
@@ -182,7 +201,7 @@ int exfat_valid_entry_set(const uint8_t* set);
 int exfat_entry_set_shape_ok(const uint8_t* set);
 uint16_t exfat_name_hash(const uint16_t* upcase, uint8_t name_length, const uint16_t* name);
 uint16_t exfat_file_set_init(uint8_t* set, const uint16_t* name, long name_length,
-                             uint16_t name_hash, uint16_t attributes);
+                             uint16_t name_hash, uint16_t attributes, int32_t seconds_west);
 void exfat_file_set_copy_name(uint8_t* set, const uint16_t* name, long name_length,
                               uint16_t name_hash);
 uint16_t exfat_file_set_rename(uint8_t* set, const uint16_t* name, long name_length,
@@ -190,12 +209,13 @@ uint16_t exfat_file_set_rename(uint8_t* set, const uint16_t* name, long name_len
 
 // --- Directories: timestamps (node/exfat_time.cpp) -------------------------------------------
 
+// seconds_west: the volume's xm_secondsWest.
 void exfat_timestamp_to_unix(uint32_t timestamp, uint8_t increment, uint8_t utc_offset,
-                             struct timespec* ts);
+                             struct timespec* ts, int32_t seconds_west);
 void exfat_timestamp_from_unix(uint32_t* timestamp, uint8_t* increment, uint8_t* utc_offset,
-                               const struct timespec* ts);
+                               const struct timespec* ts, int32_t seconds_west);
 int64_t exfat_timestamp_to_nanoseconds(uint32_t timestamp, uint8_t increment,
-                                       uint8_t utc_offset);
+                                       uint8_t utc_offset, int32_t seconds_west);
 
 // --- Directories: blocks and iteration -----------------------------------------------------
 
@@ -286,6 +306,16 @@ int exfat_vnop_rename(struct vnop_rename_args* ap);
 int exfat_vnop_symlink(struct vnop_symlink_args* ap);
 int exfat_vnop_readlink(struct vnop_readlink_args* ap);
 enum vtype exfat_check_link(struct exfat_node* node, vfs_context_t context);
+
+// The buffer through which a link file's 1067 bytes are read and written
+// (block 0 of its vnode): the contents rounded up to whole sectors, which
+// the link's allocation (whole clusters) always covers. Not a whole
+// cluster: clusters go up to 32 MiB, and the buffer cache's buffers up to
+// 1 MiB.
+static inline uint32_t exfat_link_buffer_size(const struct exfat_mount* mount) {
+  const uint32_t sector = mount->xm_bytes_per_sector;
+  return (1067 + sector - 1) / sector * sector;
+}
 void exfat_md5_digest(const void* data, size_t length, char* digest);
 
 // The steps create, mkdir and symlink share (vnops/exfat_create.cpp states

@@ -122,10 +122,11 @@ void exfat_file_set_copy_name(uint8_t* set, const uint16_t* name, long name_leng
 }
 
 // Builds a new File set for a name in the caller's 8192-byte buffer: all
-// three times set to now, an empty allocation (FirstCluster 0, sizes 0,
-// AllocationPossible). Returns the checksum stored in the set.
+// three times set to now (in the volume's time zone, seconds_west), an
+// empty allocation (FirstCluster 0, sizes 0, AllocationPossible). Returns
+// the checksum stored in the set.
 uint16_t exfat_file_set_init(uint8_t* set, const uint16_t* name, long name_length,
-                             uint16_t name_hash, uint16_t attributes) {
+                             uint16_t name_hash, uint16_t attributes, int32_t seconds_west) {
   memset(set, 0, EXFAT_SET_BUFFER_SIZE);
 
   struct exfat_file_entry* fe = file_entry(set);
@@ -137,7 +138,7 @@ uint16_t exfat_file_set_init(uint8_t* set, const uint16_t* name, long name_lengt
   uint32_t timestamp;
   uint8_t increment, utc_offset;
   nanotime(&now);
-  exfat_timestamp_from_unix(&timestamp, &increment, &utc_offset, &now);
+  exfat_timestamp_from_unix(&timestamp, &increment, &utc_offset, &now, seconds_west);
   le32enc(fe->CreateTimestamp, timestamp);
   le32enc(fe->LastModifiedTimestamp, timestamp);
   le32enc(fe->LastAccessedTimestamp, timestamp);

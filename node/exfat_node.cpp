@@ -119,7 +119,8 @@ void node_load_entries(struct exfat_node* node, const uint8_t* entries) {
   node->x_access_utc = file->LastAccessedUtcOffset;
 
   struct timespec created;
-  exfat_timestamp_to_unix(node->x_create_time, node->x_create_10ms, node->x_create_utc, &created);
+  exfat_timestamp_to_unix(node->x_create_time, node->x_create_10ms, node->x_create_utc, &created,
+                          node->x_mount->xm_secondsWest);
   node->x_create_sec = static_cast<uint64_t>(created.tv_sec);
   node->x_create_msec = static_cast<uint32_t>(created.tv_nsec / 1000000);
 
@@ -595,7 +596,8 @@ void exfat_update_times(struct exfat_node* node) {
   uint32_t timestamp;
   uint8_t increment;
   uint8_t utc_offset;
-  exfat_timestamp_from_unix(&timestamp, &increment, &utc_offset, &now);
+  exfat_timestamp_from_unix(&timestamp, &increment, &utc_offset, &now,
+                            node->x_mount->xm_secondsWest);
 
   if (node->x_flags & X_MODIFIED) {
     node->x_modify_time = timestamp;

@@ -2,16 +2,15 @@
 // resolution, a 10 ms increment and a UTC offset byte) and host time
 // (seconds and nanoseconds since 1970-01-01 00:00:00 UTC).
 //
-// Both directions use exfat_secondsWest, one value for the whole module that
-// every mount and mount update sets. Writing stores local = UTC + S and
-// labels it with the offset S / 900; reading a valid offset byte undoes that
-// exactly. The functions read the global once per call and take no lock.
+// Both directions use the volume's time-zone value S (exfat_secondsWest of
+// its mount, xm_secondsWest, which every mount and mount update sets), passed
+// in by the caller. Writing stores local = UTC + S and labels it with the
+// offset S / 900; reading a valid offset byte undoes that exactly. The
+// functions are pure and take no lock.
 
 #include <ctime>
 
 #include "exfat_proto.h"
-
-int32_t exfat_secondsWest = 0;
 
 namespace {
 
@@ -94,16 +93,16 @@ uint32_t timestamp_from_local(uint32_t t) {
 
 // Converts an on-disk time to host time. A valid offset byte gives the
 // stored local time's distance from UTC; without one the stored time is
-// taken as local time with UTC = local + exfat_secondsWest. Callers with no
+// taken as local time with UTC = local + seconds_west. Callers with no
 // increment (the access time) pass 0.
 void exfat_timestamp_to_unix(uint32_t timestamp, uint8_t increment, uint8_t utc_offset,
-                             struct timespec* ts) {
+                             struct timespec* ts, int32_t seconds_west) {
   uint32_t hour = (timestamp >> EXFAT_TS_HOUR_SHIFT) & 0x1F;
   uint32_t minute = (timestamp >> EXFAT_TS_MINUTE_SHIFT) & 0x3F;
   uint32_t double_seconds = timestamp & 0x1F;
   int64_t seconds_of_day = hour * 3600 + minute * 60 + double_seconds * 2 + increment / 100;
   int64_t off = (utc_offset & EXFAT_UTC_OFFSET_VALID) ? utc_offset_seconds(utc_offset)
-                                                      : -static_cast<int64_t>(exfat_secondsWest);
+                                                      : -static_cast<int64_t>(seconds_west);
 
   ts->tv_sec = static_cast<time_t>(EXFAT_EPOCH_UNIX + seconds_of_day +
                                    timestamp_days(timestamp) * kSecondsPerDay - off);
@@ -117,8 +116,7 @@ void exfat_timestamp_to_unix(uint32_t timestamp, uint8_t increment, uint8_t utc_
 // latest whole value a timestamp holds, so that a far-future time reads back
 // as "as late as possible" rather than wrapping into the past.
 void exfat_timestamp_from_unix(uint32_t* timestamp, uint8_t* increment, uint8_t* utc_offset,
-                               const struct timespec* ts) {
-  int32_t seconds_west = exfat_secondsWest;
+                               const struct timespec* ts, int32_t seconds_west) {
   int64_t local = static_cast<int64_t>(ts->tv_sec) + seconds_west;
   uint32_t t = 0;
   if (local >= EXFAT_EPOCH_UNIX) {
@@ -140,8 +138,8 @@ void exfat_timestamp_from_unix(uint32_t* timestamp, uint8_t* increment, uint8_t*
 
 // The on-disk time as signed nanoseconds since 1970.
 int64_t exfat_timestamp_to_nanoseconds(uint32_t timestamp, uint8_t increment,
-                                       uint8_t utc_offset) {
+                                       uint8_t utc_offset, int32_t seconds_west) {
   struct timespec ts;
-  exfat_timestamp_to_unix(timestamp, increment, utc_offset, &ts);
+  exfat_timestamp_to_unix(timestamp, increment, utc_offset, &ts, seconds_west);
   return static_cast<int64_t>(ts.tv_sec) * 1000000000LL + ts.tv_nsec;
 }

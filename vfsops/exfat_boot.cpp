@@ -58,11 +58,14 @@ int exfat_bad_boot_checksum(const uint8_t* buffer, uint32_t bytes_per_sector) {
 // covers the whole cluster; otherwise blocks are the cluster, capped at
 // 4096 bytes. The result is never below the sector size: the device's
 // logical block is one sector, and a metadata block must hold at least one
-// for directory block addressing (sectors per block) to work.
+// for directory block addressing (sectors per block) to work. A physical
+// block above EXFAT_MAX_META_BLOCK counts as none (the sector size): with
+// clusters of up to 32 MiB it could otherwise make a buffer of a whole
+// large cluster.
 uint32_t exfat_metadata_block_size(uint32_t phys_block_size, uint32_t bytes_per_sector,
                                    uint32_t bytes_per_cluster) {
   uint32_t p = phys_block_size;
-  if (p > bytes_per_cluster)
+  if (p > bytes_per_cluster || p > EXFAT_MAX_META_BLOCK)
     p = bytes_per_sector;
   uint32_t block = p >= bytes_per_cluster
                        ? p

@@ -56,8 +56,9 @@ uint8_t exfat_percent_in_use(struct exfat_mount* mount) {
 // Sets (dirty nonzero) or clears VolumeDirty in the boot sector; clears
 // ClearToZero; sets MediaFailure when XM_CORRUPT is set and never clears it.
 // The sector is written, synchronously, only when the flags change; the
-// write's own result is not reported. The caller holds no driver lock.
-// Returns 0, EROFS on a read-only mount, or the boot sector's read error.
+// write's own result is not reported, but a failed write is recorded (no
+// later clean mark). The caller holds no driver lock. Returns 0, EROFS on a
+// read-only mount, or the boot sector's read error.
 int exfat_mark_vol_dirty(struct exfat_mount* mount, int dirty, vfs_context_t context) {
   if (mount->xm_flags & XM_RDONLY)
     return EROFS;
@@ -83,7 +84,7 @@ int exfat_mark_vol_dirty(struct exfat_mount* mount, int dirty, vfs_context_t con
   } else {
     // The boot checksum skips these two bytes, so it stays valid.
     le16enc(flags_field, new_flags);
-    buf_bwrite(bp);
+    exfat_note_write_error(mount, buf_bwrite(bp));
   }
   return 0;
 }
@@ -93,7 +94,7 @@ int exfat_mark_vol_dirty(struct exfat_mount* mount, int dirty, vfs_context_t con
 // value is never read). wait 1 writes synchronously, 0 asynchronously. The
 // caller may hold xm_meta_lock, not the cache locks. Returns 0, the read's
 // error (with a message; the value stays unwritten so that the next flush
-// tries again) or the write's error.
+// tries again) or the write's error (recorded: no later clean mark).
 int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t context) {
   uint8_t percent = exfat_percent_in_use(mount);
   if (percent == __atomic_load_n(&mount->xm_percent_in_use, __ATOMIC_RELAXED))
@@ -107,32 +108,44 @@ int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t co
   }
   reinterpret_cast<uint8_t*>(buf_dataptr(bp))[EXFAT_BOOT_PERCENT_IN_USE_OFFSET] = percent;
   __atomic_store_n(&mount->xm_percent_in_use, percent, __ATOMIC_RELAXED);
-  return wait == 1 ? buf_bwrite(bp) : buf_bawrite(bp);
+  return exfat_note_write_error(mount, wait == 1 ? buf_bwrite(bp) : buf_bawrite(bp));
 }
+
+namespace {
+
+// Writes one allocation cache, the FAT's (`fat`) or the bitmap's, and pushes
+// its system vnode's pages, under the cache's lock. See
+// exfat_flush_alloc_caches.
+int exfat_flush_alloc_cache(struct exfat_mount* mount, bool fat, const char* who) {
+  lck_mtx_t* lock = fat ? mount->xm_fat_lock : mount->xm_bitmap_lock;
+  lck_mtx_lock(lock);
+  int error = fat ? exfat_fat_cache_flush(mount, 0) : exfat_bitmap_cache_flush(mount, 0);
+  if (error && fat)
+    mount->xm_fat_cache_dirty = 0;
+  else if (error)
+    mount->xm_bitmap_cache_dirty = 0;
+  int push_error = cluster_push(fat ? mount->xm_fat_vp : mount->xm_bitmap_vp, IO_SYNC);
+  lck_mtx_unlock(lock);
+  if (error == 0)
+    error = push_error;
+  if (error)
+    kprintf("%s: error %d flushing %s cache!\n", who, exfat_note_write_error(mount, error),
+            fat ? "FAT" : "bitmap");
+  return error;
+}
+
+}  // namespace
 
 // Writes the bitmap cache and pushes the bitmap vnode's pages, then does the
 // same for the FAT, each under its own lock and never both at once. A cache
-// block that can't be written is reported as "<who>: error %d flushing …
-// cache!" and dropped as clean, so that a failing block is not retried on
-// every flush. The caller holds neither cache lock.
-void exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who) {
-  lck_mtx_lock(mount->xm_bitmap_lock);
-  int error = exfat_bitmap_cache_flush(mount, 0);
-  if (error) {
-    kprintf("%s: error %d flushing bitmap cache!\n", who, error);
-    mount->xm_bitmap_cache_dirty = 0;
-  }
-  cluster_push(mount->xm_bitmap_vp, IO_SYNC);
-  lck_mtx_unlock(mount->xm_bitmap_lock);
-
-  lck_mtx_lock(mount->xm_fat_lock);
-  error = exfat_fat_cache_flush(mount, 0);
-  if (error) {
-    kprintf("%s: error %d flushing FAT cache!\n", who, error);
-    mount->xm_fat_cache_dirty = 0;
-  }
-  cluster_push(mount->xm_fat_vp, IO_SYNC);
-  lck_mtx_unlock(mount->xm_fat_lock);
+// block or pages that can't be written are reported as "<who>: error %d
+// flushing … cache!" and recorded (exfat_note_write_error); the block is
+// dropped as clean, so that a failing block is not retried on every flush.
+// The caller holds neither cache lock. Returns the first error.
+int exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who) {
+  int error = exfat_flush_alloc_cache(mount, false, who);
+  int fat_error = exfat_flush_alloc_cache(mount, true, who);
+  return error != 0 ? error : fat_error;
 }
 
 // The flush itself: percentInUse, the bitmap cache and the bitmap vnode's
@@ -142,9 +155,10 @@ void exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who) {
 // directory (which has no entry) a cluster: were the power lost between the
 // two, the root would own a cluster the bitmap calls free, which the
 // checker does not notice and the next allocation hands out again. Bitmap
-// first, such a cut leaves a lost cluster instead. Errors are printed and
-// passed over; a cache block that can't be written is dropped as clean. The
-// caller holds neither cache lock (it may hold xm_meta_lock).
+// first, such a cut leaves a lost cluster instead. Errors are printed,
+// recorded so that the volume is not marked clean (exfat_note_write_error)
+// and passed over; a cache block that can't be written is dropped as clean.
+// The caller holds neither cache lock (it may hold xm_meta_lock).
 void exfat_meta_flush_internal(struct exfat_mount* mount, int wait) {
   lck_mtx_assert(mount->xm_fat_lock, LCK_MTX_ASSERT_NOTOWNED);
   lck_mtx_assert(mount->xm_bitmap_lock, LCK_MTX_ASSERT_NOTOWNED);
@@ -155,7 +169,10 @@ void exfat_meta_flush_internal(struct exfat_mount* mount, int wait) {
     kprintf("exfat_meta_flush_internal: error %d from exfat_sync_boot_sector\n", error);
 
   exfat_flush_alloc_caches(mount, "exfat_meta_flush_internal");
-  buf_flushdirtyblks(mount->xm_devvp, wait, 0, "exfat_meta_flush");
+  error = buf_flushdirtyblks(mount->xm_devvp, wait, 0, "exfat_meta_flush");
+  if (error)
+    kprintf("exfat_meta_flush_internal: error %d writing metadata blocks\n",
+            exfat_note_write_error(mount, error));
 }
 
 // The call every metadata-changing operation ends with. sync IO_SYNC flushes

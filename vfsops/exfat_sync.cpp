@@ -48,9 +48,11 @@ int exfat_sync_callback(vnode_t vp, void* argument_record) {
 // the FAT cache and the FAT vnode's pages, in the metadata flush's order
 // (bitmap before FAT, see exfat_meta_flush_internal; cache write errors are
 // printed and the cache is dropped as clean), every active file and
-// directory, and then the device's buffers through its fsync. The caller
-// holds no driver lock. Returns the device fsync's error, else the last
-// file error, else the boot sector's.
+// directory, and then the device's buffers through its fsync. A metadata
+// write that fails is recorded (exfat_note_write_error): the volume is not
+// marked clean any more. The caller holds no driver lock. Returns the device
+// fsync's error, else the caches', else the last file error, else the boot
+// sector's.
 int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context) {
   auto* mount = static_cast<struct exfat_mount*>(vfs_fsprivate(mp));
   if (mount->xm_flags & XM_RDONLY)
@@ -58,14 +60,16 @@ int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context) {
 
   int boot_error = exfat_sync_boot_sector(mount, waitfor, context);
 
-  exfat_flush_alloc_caches(mount, "exfat_vfs_sync");
+  int cache_error = exfat_flush_alloc_caches(mount, "exfat_vfs_sync");
 
   struct exfat_sync_args args = {context, waitfor, 0};
   vnode_iterate(mp, VNODE_ITERATE_ACTIVE, exfat_sync_callback, &args);
 
   int device_error = VNOP_FSYNC(mount->xm_devvp, waitfor, context);
   if (device_error)
-    return device_error;
+    return exfat_note_write_error(mount, device_error);
+  if (cache_error)
+    return cache_error;
   if (args.error)
     return args.error;
   return boot_error;

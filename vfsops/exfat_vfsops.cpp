@@ -9,6 +9,7 @@
 // flush, which unmount cancels or waits for under xm_meta_lock.
 
 #include <cstring>
+#include <new>
 
 #include "exfat_proto.h"
 #include "host/blkdev.h"
@@ -300,6 +301,25 @@ int exfat_mount_unwind(struct exfat_mount* mount, mount_t mp, buf_t bp, vfs_cont
   return error;
 }
 
+// Writes what the unmount must have on disk before the clean mark: the FAT
+// and bitmap caches and their pages (through the system vnodes' fsync) and
+// then the device's buffers of directory blocks, so that the mark never
+// lands ahead of the metadata it vouches for. A failed write is recorded
+// (exfat_note_write_error), so the mark is not written. The caller holds no
+// driver lock. Returns the first error.
+int exfat_unmount_flush(struct exfat_mount* mount, vfs_context_t context) {
+  int errors[] = {
+      VNOP_FSYNC(mount->xm_fat_vp, MNT_WAIT, context),
+      VNOP_FSYNC(mount->xm_bitmap_vp, MNT_WAIT, context),
+      buf_flushdirtyblks(mount->xm_devvp, 1, 0, "exfat_vfs_unmount"),
+  };
+  for (int error : errors) {
+    if (error)
+      return exfat_note_write_error(mount, error);
+  }
+  return 0;
+}
+
 // Stops the delayed metadata flush for good: cancels a pending run or waits
 // for a running one to finish, then frees the timer. Takes xm_meta_lock.
 void exfat_meta_timer_stop(struct exfat_mount* mount) {
@@ -347,7 +367,7 @@ int exfat_vfs_mount(mount_t mp, vnode_t devvp, user_addr_t data, vfs_context_t c
     mount = static_cast<struct exfat_mount*>(vfs_fsprivate(mp));
   }
   mount->xm_mask = args.mask & 0xFFF;
-  exfat_secondsWest = args.seconds_west;
+  mount->xm_secondsWest = args.seconds_west;
   exfat_statfs_fill(mount, mp, false);
   return 0;
 }
@@ -374,7 +394,7 @@ int exfat_mount_internal(vnode_t devvp, mount_t mp, vfs_context_t context) {
     host_module_rele();
     return ENOMEM;
   }
-  memset(mount, 0, sizeof(*mount));
+  new (mount) exfat_mount{};  // zero-filled, atomics included
 
   buf_t bp = nullptr;
   error = exfat_check_boot_region(mount, devvp, context, &bp);
@@ -429,12 +449,13 @@ int exfat_mount_internal(vnode_t devvp, mount_t mp, vfs_context_t context) {
 }
 
 // The file system's unmount entry. Flushes the mount's vnodes, stops the
-// delayed flush, writes the FAT and bitmap caches, marks the volume clean
-// (unless it is read-only or corruption was seen) and frees everything.
-// MNT_FORCE in mntflags forces the unmount: errors are printed and passed
-// over, and 0 is returned. Unforced, vflush's error (nothing released) or
-// the clean mark's error (the volume stays mounted, flushed and without a
-// timer) is returned.
+// delayed flush, writes the FAT and bitmap caches and the device's buffers,
+// marks the volume clean (unless it is read-only, corruption was seen or a
+// metadata write failed) and frees everything. MNT_FORCE in mntflags forces
+// the unmount: errors are printed and passed over, and 0 is returned.
+// Unforced, vflush's error (nothing released), or the error of a metadata
+// write or of the clean mark (the volume stays mounted, flushed as far as
+// the device allowed and without a timer) is returned.
 int exfat_vfs_unmount(mount_t mp, int mntflags, vfs_context_t context) {
   struct exfat_mount* mount = static_cast<struct exfat_mount*>(vfs_fsprivate(mp));
   bool force = (mntflags & MNT_FORCE) != 0;
@@ -447,8 +468,12 @@ int exfat_vfs_unmount(mount_t mp, int mntflags, vfs_context_t context) {
   }
 
   exfat_meta_timer_stop(mount);
-  VNOP_FSYNC(mount->xm_fat_vp, MNT_WAIT, context);
-  VNOP_FSYNC(mount->xm_bitmap_vp, MNT_WAIT, context);
+  error = exfat_unmount_flush(mount, context);
+  if (error) {
+    kprintf("exfat_vfs_unmount: error %d writing metadata\n", error);
+    if (!force)
+      return error;
+  }
 
   if (!(mount->xm_flags & (XM_CORRUPT | XM_RDONLY))) {
     error = exfat_mark_vol_dirty(mount, 0, context);

@@ -108,13 +108,15 @@ void exfat_getattr_times(const struct exfat_node* node, struct vnode_attr* vap) 
   }
   if (VATTR_IS_ACTIVE(vap, va_modify_time) || VATTR_IS_ACTIVE(vap, va_change_time)) {
     struct timespec ts;
-    exfat_timestamp_to_unix(node->x_modify_time, node->x_modify_10ms, node->x_modify_utc, &ts);
+    exfat_timestamp_to_unix(node->x_modify_time, node->x_modify_10ms, node->x_modify_utc, &ts,
+                            node->x_mount->xm_secondsWest);
     VATTR_RETURN(vap, va_modify_time, ts);
     VATTR_RETURN(vap, va_change_time, ts);
   }
   if (VATTR_IS_ACTIVE(vap, va_access_time)) {
     struct timespec ts;
-    exfat_timestamp_to_unix(node->x_access_time, 0, node->x_access_utc, &ts);
+    exfat_timestamp_to_unix(node->x_access_time, 0, node->x_access_utc, &ts,
+                            node->x_mount->xm_secondsWest);
     VATTR_RETURN(vap, va_access_time, ts);
   }
 }
@@ -207,19 +209,19 @@ bool exfat_setattr_times(struct exfat_node* node, struct vnode_attr* vap) {
     node->x_create_sec = static_cast<uint64_t>(ts->tv_sec);
     node->x_create_msec = static_cast<uint32_t>(ts->tv_nsec / 1000000);
     exfat_timestamp_from_unix(&node->x_create_time, &node->x_create_10ms, &node->x_create_utc,
-                              ts);
+                              ts, node->x_mount->xm_secondsWest);
     VATTR_SET_SUPPORTED(vap, va_create_time);
     any = true;
   }
   if (VATTR_IS_ACTIVE(vap, va_access_time)) {
     exfat_timestamp_from_unix(&node->x_access_time, nullptr, &node->x_access_utc,
-                              &vap->va_access_time);
+                              &vap->va_access_time, node->x_mount->xm_secondsWest);
     VATTR_SET_SUPPORTED(vap, va_access_time);
     any = true;
   }
   if (VATTR_IS_ACTIVE(vap, va_modify_time)) {
     exfat_timestamp_from_unix(&node->x_modify_time, &node->x_modify_10ms, &node->x_modify_utc,
-                              &vap->va_modify_time);
+                              &vap->va_modify_time, node->x_mount->xm_secondsWest);
     VATTR_SET_SUPPORTED(vap, va_modify_time);
     any = true;
   }

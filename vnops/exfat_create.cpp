@@ -89,7 +89,7 @@ int exfat_new_set_write(struct exfat_node* dir, uint8_t* buffer, const uint16_t*
                         uint32_t length, uint16_t hash, uint16_t attributes, uint32_t* offset,
                         vfs_context_t context) {
   lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
-  exfat_file_set_init(buffer, name, length, hash, attributes);
+  exfat_file_set_init(buffer, name, length, hash, attributes, dir->x_mount->xm_secondsWest);
   uint32_t entries = buffer[1] + 1u;  // SecondaryCount + the File entry
   int error = exfat_find_empty_entries(dir, entries, offset, context);
   if (error)

@@ -105,8 +105,7 @@ enum vtype exfat_check_link(struct exfat_node* node, vfs_context_t context) {
   if (make_temporary_vnode(node, &vp) != 0)
     return VREG;
 
-  uint32_t cluster_size = node->x_mount->xm_bytes_per_cluster;
-  uint32_t size = (kSymlinkFileSize + cluster_size - 1) / cluster_size * cluster_size;
+  uint32_t size = exfat_link_buffer_size(node->x_mount);
   enum vtype type = VREG;
   buf_t bp = nullptr;
   int error = buf_meta_bread(vp, 0, static_cast<int>(size),

@@ -43,11 +43,9 @@ inline kauth_cred_t context_cred(vfs_context_t context) {
   return context != nullptr ? vfs_context_ucred(context) : NOCRED;
 }
 
-// 1067 bytes rounded up to whole clusters: the buffer a link's contents
-// are read and written through.
+// The buffer a link's contents are read and written through.
 inline uint32_t link_buffer_size(const struct exfat_mount* mount) {
-  uint32_t cluster = mount->xm_bytes_per_cluster;
-  return (kSymlinkFileSize + cluster - 1) / cluster * cluster;
+  return exfat_link_buffer_size(mount);
 }
 
 // Lays a link's contents for `target` (length <= 1024) out in `data`,

@@ -38,7 +38,7 @@ struct MountOptions {
   // Permission bits reported for every file and directory (low 12 bits).
   uint16_t mask = 0755;
   // The time zone of the volume's local timestamps, in seconds west of UTC.
-  // The driver keeps one value for all mounted volumes: the latest mount's.
+  // Each mounted volume keeps its own.
   int32_t seconds_west = 0;
   // No delayed metadata flush: metadata reaches the disk at sync and unmount.
   bool async = false;

@@ -223,11 +223,11 @@ TEST_F(AttrTest, SettingTimes) {
   std::vector<uint8_t> set = root_set(f);
   uint32_t ts = 0;
   uint8_t increment = 0, utc = 0;
-  exfat_timestamp_from_unix(&ts, &increment, &utc, &create);
+  exfat_timestamp_from_unix(&ts, &increment, &utc, &create, xm->xm_secondsWest);
   EXPECT_EQ(ts, le32dec(&set[8]));
   EXPECT_EQ(increment, set[20]);
   EXPECT_EQ(utc, set[22]);
-  exfat_timestamp_from_unix(&ts, &increment, &utc, &modify);
+  exfat_timestamp_from_unix(&ts, &increment, &utc, &modify, xm->xm_secondsWest);
   EXPECT_EQ(ts, le32dec(&set[12]));
   EXPECT_EQ(ts, le32dec(&set[16]));
   EXPECT_EQ(125, set[21]);

@@ -62,6 +62,11 @@ TEST(BootGeometry, MetadataBlockSize) {
   EXPECT_EQ(exfat_metadata_block_size(16384, 4096, 8192), 4096u); // physical > cluster
   // Never smaller than a sector, which is the device's block.
   EXPECT_EQ(exfat_metadata_block_size(512, 8192, 16384), 8192u);
+  // A physical block beyond the largest sector is not used, even when it
+  // matches a (large) cluster: no buffer the size of a 2 MiB cluster.
+  EXPECT_EQ(exfat_metadata_block_size(65536, 512, 65536), 65536u);
+  EXPECT_EQ(exfat_metadata_block_size(2u << 20, 512, 2u << 20), 4096u);
+  EXPECT_EQ(exfat_metadata_block_size(32u << 20, 4096, 32u << 20), 4096u);
 }
 
 TEST(BootGeometry, LargestIoSize) {

@@ -118,13 +118,11 @@ TEST_F(EntrySet, NameHashFoldsCaseAndCoversAll255Units) {
 TEST_F(EntrySet, InitBuildsAValidSetStampedNow) {
   struct timespec now = {1718446273, 123456789};  // 2024-06-15 10:11:13.12 UTC
   host_set_nanotime(&now);
-  int32_t saved = exfat_secondsWest;
-  exfat_secondsWest = 0;
   std::vector<uint8_t> set(EXFAT_SET_BUFFER_SIZE, 0xEE);
   std::vector<uint16_t> name = units(u"abcdefghijklmno");  // 15 units: one name entry
-  uint16_t sum = exfat_file_set_init(set.data(), name.data(), 15, 0xBEEF, EXFAT_ATTR_DIRECTORY);
+  uint16_t sum =
+      exfat_file_set_init(set.data(), name.data(), 15, 0xBEEF, EXFAT_ATTR_DIRECTORY, 0);
   host_set_nanotime(nullptr);
-  exfat_secondsWest = saved;
 
   EXPECT_EQ(le16dec(set.data() + 2), sum);
   EXPECT_EQ(sum, exfat_checksum_file_set(set.data()));
@@ -156,7 +154,7 @@ TEST_F(EntrySet, InitBuildsAValidSetStampedNow) {
 
   // 16 units: the second name entry is padded with zeros.
   std::vector<uint16_t> sixteen(16, u'x');
-  exfat_file_set_init(set.data(), sixteen.data(), 16, 0, 0);
+  exfat_file_set_init(set.data(), sixteen.data(), 16, 0, 0, 0);
   EXPECT_EQ(set[1], 3);
   EXPECT_EQ(le16dec(set.data() + 96 + 2), u'x');
   for (int unit = 1; unit < 15; unit++)

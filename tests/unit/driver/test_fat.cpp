@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <functional>
+#include <thread>
 #include <vector>
 
 #include "exfat_proto.h"
@@ -198,6 +200,38 @@ TEST_F(FatTest, FindLastClusterReportsCorruptChains) {
     EXPECT_EQ(77u, last) << "outputs stay unchanged on an error";
     EXPECT_EQ(77u, bytes);
   }
+}
+
+// Corruption found on several threads at once while an update sets and
+// clears XM_RDONLY: every change of xm_flags is atomic, so no thread's bit is
+// lost (and ThreadSanitizer sees any plain read-modify-write).
+class FatConcurrency : public FatTest {};
+
+TEST_F(FatConcurrency, FlagsSurviveCorruptionFoundOnManyThreads) {
+  mount_volume(two_block_fat());
+  std::atomic<bool> stop{false};
+  std::atomic<int> finds{0};
+  std::vector<std::thread> finders;
+  for (int t = 0; t < 3; t++)
+    finders.emplace_back([&] {
+      while (!stop.load()) {
+        uint32_t value = 0;
+        EXPECT_EQ(EIO, exfat_fat_get_set(EXFAT_FAT_GET, xm, 1, &value, 0));
+        finds++;
+      }
+    });
+  int lost = 0;
+  for (int i = 0; i < 20000 || finds.load() < 3000; i++) {
+    xm->xm_flags |= XM_RDONLY;
+    lost += (xm->xm_flags & XM_RDONLY) ? 0 : 1;
+    xm->xm_flags &= ~XM_RDONLY;
+    lost += (xm->xm_flags & XM_RDONLY) ? 1 : 0;
+  }
+  stop = true;
+  for (std::thread& t : finders)
+    t.join();
+  EXPECT_EQ(0, lost);
+  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
 }
 
 }  // namespace

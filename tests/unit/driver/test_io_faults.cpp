@@ -4,15 +4,18 @@
 // the volume mounts again once the fault is gone. Where it matters the error
 // must be the right one: a structure the mount reads fails it with EIO, an
 // unreadable directory is not empty, unreadable data is EIO and not zeros,
-// and a lost write reaches whoever waits for it.
+// and a lost write reaches whoever waits for it; a lost metadata write
+// keeps the volume from being marked clean.
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "exfat_proto.h"
 #include "host/blkdev.h"
+#include "host/buf.h"
 #include "host/kern.h"
 #include "host/mount.h"
 #include "host/vfs.h"
@@ -219,4 +222,86 @@ TEST_F(IoFaults, UnwritableDataBlockIsReportedToWhoeverWaits) {
   EXPECT_EQ(EIO, VNOP_FSYNC(contiguous.vp, MNT_WAIT, ctx_));
   contiguous.reset();
   unmount_and_remount();
+}
+
+// A metadata block whose write fails, in the delayed flush, a sync or the
+// unmount's own flush, leaves the volume dirty on disk for the next mount,
+// even when the device has recovered by the unmount. The failure is logged;
+// a sync returns the error; an unforced unmount returns it and keeps the
+// volume mounted. The same steps without the fault end clean.
+TEST_F(IoFaults, FailedMetadataWriteLeavesTheVolumeDirty) {
+  struct Target {
+    const char* name;
+    const char* cache;  // the cache the block goes through, if any
+    uint64_t byte;
+    std::function<void()> dirty;  // changes nothing, but leaves the block to write
+  };
+  const Target targets[] = {
+      {"FAT block", "FAT", builder_.fat_byte_offset() + 4u * chain_.first_cluster,
+       [&] {
+         uint32_t next = 0;
+         ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET, xm, chain_.first_cluster, &next, 0));
+         ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, chain_.first_cluster, nullptr, next));
+       }},
+      {"bitmap block", "bitmap", builder_.cluster_byte_offset(builder_.bitmap_cluster()),
+       [&] {
+         lck_mtx_lock(xm->xm_bitmap_lock);
+         EXPECT_EQ(0, exfat_bitmap_mark_used(xm, xm->xm_max_cluster, 1));
+         EXPECT_EQ(0, exfat_bitmap_mark_free(xm, xm->xm_max_cluster, 1));
+         lck_mtx_unlock(xm->xm_bitmap_lock);
+       }},
+      {"directory block", nullptr, builder_.cluster_byte_offset(sub_.first_cluster),
+       [&] {
+         buf_t bp = nullptr;
+         daddr64_t block = static_cast<daddr64_t>(builder_.cluster_byte_offset(sub_.first_cluster) / 512);
+         ASSERT_EQ(0, buf_meta_bread(devvp, block, static_cast<int>(xm->xm_block_size), NOCRED, &bp));
+         buf_bdwrite(bp);
+       }},
+  };
+  enum Path { kDelayedFlush, kSync, kUnmount };
+  for (const Target& t : targets) {
+    for (Path path : {kDelayedFlush, kSync, kUnmount}) {
+      for (int fault = 0; fault < 3; fault++) {  // none; lasting; gone before the unmount
+        SCOPED_TRACE(std::string(t.name) + ", path " + std::to_string(path) + ", fault " +
+                     std::to_string(fault));
+        host_memdev_faults faults;
+        if (fault != 0)
+          faults.fail_write_bytes = {t.byte};
+        KernLogCapture quiet;
+        ASSERT_EQ(0, mount_faulty(faults, 0));
+        release_nodes();
+        t.dirty();
+        int expected = fault != 0 ? EIO : 0;
+        std::string message;
+        {
+          KernLogCapture log;
+          if (path == kDelayedFlush) {
+            exfat_meta_flush(xm, 0);
+            ASSERT_TRUE(wait_for([&] { return !flush_pending(xm); }));
+            message = t.cache ? "exfat_meta_flush_internal: error 5 flushing " + std::string(t.cache) + " cache!"
+                              : "exfat_meta_flush_internal: error 5 writing metadata blocks";
+          } else if (path == kSync) {
+            EXPECT_EQ(expected, host_sync(mp, MNT_WAIT));
+            message = t.cache ? "exfat_vfs_sync: error 5 flushing " + std::string(t.cache) + " cache!" : "";
+          } else {
+            EXPECT_EQ(expected, unmount());
+            EXPECT_EQ(expected != 0, mp != nullptr) << "an unmount that failed keeps the volume";
+            message = "exfat_vfs_unmount: error 5 writing metadata";
+          }
+          if (fault == 0) {
+            EXPECT_TRUE(log.lines().empty());
+          } else if (!message.empty()) {
+            EXPECT_EQ(1u, log.count(message)) << message;
+          }
+        }
+        if (fault == 2)
+          host_memdev_set_faults(devvp, host_memdev_faults{});
+        if (mp != nullptr && unmount() != 0) {
+          ASSERT_EQ(0, unmount(MNT_FORCE));
+        }
+        expect_nothing_left("after the unmount");
+        EXPECT_EQ(fault != 0, (disk_volume_flags() & EXFAT_VOLUME_DIRTY) != 0);
+      }
+    }
+  }
 }

@@ -1,11 +1,20 @@
-// Mounting: the boot region checks, the device block size, mount updates,
-// statfs figures and volume attributes, and unmounting.
+// Mounting: the boot region checks, the device block size, mount updates
+// and per-volume arguments, statfs figures and volume attributes,
+// unmounting, and mkfs.exfat volumes with the largest clusters.
 
+#include <unistd.h>
+
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 
+#include "host/buf.h"
+#include "host/ubc.h"
 #include "mount_fixture.h"
+#include "tests/support/fsck.h"
 #include "tests/support/image_builder.h"
+#include "tests/support/vnode_io.h"
+#include "tests/unit/driver/namespace_fixture.h"
 
 using namespace exvol::test;
 
@@ -61,10 +70,10 @@ TEST_F(BootRegion, RefusedBootRegions) {
        EINVAL, "exfat_mount_internal: bsBytesPerSectorShift (8) is out of range 9..16"},
       {"sector shift 17", {}, [](ImageBuilder& b) { b.boot_field(108, 17, 1).corrupt_boot_checksum_word(0); },
        EINVAL, "exfat_mount_internal: bsBytesPerSectorShift (17) is out of range 9..16"},
-      {"2 MiB clusters", sectors_4k, [](ImageBuilder& b) { b.boot_field(109, 9, 1); }, EINVAL,
-       "exfat: bytes per cluster (2097152) > MAXBSIZE (1048576).  Can't mount."},
+      {"64 MiB clusters", sectors_4k, [](ImageBuilder& b) { b.boot_field(109, 14, 1); }, EINVAL,
+       "exfat: bytes per cluster (67108864) > MAXBSIZE (33554432).  Can't mount."},
       {"4 GiB clusters", sectors_64k, [](ImageBuilder& b) { b.boot_field(109, 16, 1); }, EINVAL,
-       "exfat: bytes per cluster (4294967296) > MAXBSIZE (1048576).  Can't mount."},
+       "exfat: bytes per cluster (4294967296) > MAXBSIZE (33554432).  Can't mount."},
       {"cluster shift 17", {}, [](ImageBuilder& b) { b.boot_field(109, 17, 1); }, EINVAL,
        "exfat_mount_internal: bsSectorsPerClusterShift (17) is too large"},
       {"root cluster 1", {}, [](ImageBuilder& b) { b.boot_field(96, 1, 4); }, EINVAL,
@@ -148,9 +157,8 @@ TEST_F(MountArguments, UpdateReloadAndWriteUpgrade) {
   auto args = exfat_mount_args(0555, 7200);
   ASSERT_EQ(0, host_mount_update(mp, MNT_RDONLY, args.data(), args.size()));
   EXPECT_EQ(0555, xm->xm_mask);
-  EXPECT_EQ(7200, exfat_secondsWest);
+  EXPECT_EQ(7200, xm->xm_secondsWest);
   EXPECT_EQ(ENOTSUP, host_mount_update(mp, MNT_RDONLY | MNT_RELOAD, args.data(), args.size()));
-  exfat_secondsWest = 0;
 
   EXPECT_EQ(0, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
   args = exfat_mount_args();
@@ -159,6 +167,51 @@ TEST_F(MountArguments, UpdateReloadAndWriteUpgrade) {
   EXPECT_EQ(EXFAT_VOLUME_DIRTY, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
   ASSERT_EQ(0, unmount());
   EXPECT_EQ(0, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
+}
+
+// Two volumes in one process with different time zones each read and
+// stamp their own files with their own: a file's time without a valid UTC
+// offset is local time of its volume's zone, and a time set is stored with
+// that zone's offset byte.
+TEST_F(MountArguments, EachVolumeKeepsItsOwnTimeZone) {
+  FileDesc desc;  // modified 2024-01-01 00:00:00
+  desc.name = u"f";
+  ImageBuilder b = mountable();
+  uint32_t set_offset = b.add_set(b.root(), desc).offset;
+  uint64_t entry = b.dir_byte_offset(b.root(), set_offset);
+  std::vector<uint8_t> image = b.build();
+  std::vector<uint8_t> set(image.begin() + entry, image.begin() + entry + 96);
+  set[23] = 0;  // LastModifiedUtcOffset not valid: the time is local
+  fix_set_checksum(set);
+  std::copy(set.begin(), set.end(), image.begin() + entry);
+  const int64_t local = 1704067200;  // 2024-01-01 00:00:00 as if UTC
+
+  MountedVolume east;  // an hour ahead of UTC: seconds west -3600
+  ASSERT_EQ(0, load(image));
+  ASSERT_EQ(0, east.load(image));
+  ASSERT_EQ(0, mount(0, exfat_mount_args(0755, 7200)));
+  ASSERT_EQ(0, east.mount(0, exfat_mount_args(0755, -3600)));
+  const struct timespec when = {1718446273, 0};
+  for (MountedVolume* v : {static_cast<MountedVolume*>(this), &east}) {
+    int32_t west = v == &east ? -3600 : 7200;
+    SCOPED_TRACE(west);
+    vnode_t root = NULLVP, vp = NULLVP;
+    ASSERT_EQ(0, VFS_ROOT(v->mp, &root, vfs_context_kernel()));
+    ASSERT_EQ(0, vn_lookup(root, "f", &vp));
+    struct vnode_attr va;
+    VATTR_INIT(&va);
+    VATTR_WANTED(&va, va_modify_time);
+    ASSERT_EQ(0, VNOP_GETATTR(vp, &va, vfs_context_kernel()));
+    EXPECT_EQ(local + west, va.va_modify_time.tv_sec);
+    VATTR_INIT(&va);
+    VATTR_SET(&va, va_modify_time, when);
+    ASSERT_EQ(0, VNOP_SETATTR(vp, &va, vfs_context_kernel()));
+    vnode_put(vp);
+    vnode_put(root);
+    ASSERT_EQ(0, v->unmount());
+    std::vector<uint8_t> file = v->read_device(entry, 32);
+    EXPECT_EQ(static_cast<uint8_t>(0x80 | ((west / 900) & 0x7F)), file[23]) << "LastModifiedUtcOffset";
+  }
 }
 
 class VolumeFigures : public MountTest {};
@@ -236,4 +289,111 @@ TEST_F(Unmount, ModuleCantStopWhileAVolumeIsMounted) {
   EXPECT_EQ(5, exfat_module_stop());
   ASSERT_EQ(0, unmount());
   EXPECT_EQ(0, mount(MNT_RDONLY));
+}
+
+// Volumes made by mkfs.exfat with 2 MiB clusters and with 32 MiB ones, the
+// largest the format allows, mount read-write and take a directory, a file
+// that crosses a cluster boundary and a link, with the buffer cache and the
+// page cache held to small bounds throughout (neither needs a buffer of a
+// whole cluster); after a remount everything reads back and the checker
+// finds the volume clean.
+class LargeClusters : public NamespaceTest {
+ protected:
+  // Sets the two caches' bounds for the test and restores them after.
+  struct CacheBounds {
+    size_t pages = host_ubc_limit();
+    CacheBounds(size_t buffer_bytes, size_t page_bytes) {
+      host_bufcache_set_limit(buffer_bytes);
+      host_ubc_set_limit(page_bytes);
+    }
+    ~CacheBounds() {
+      host_bufcache_set_limit(0);
+      host_ubc_set_limit(pages);
+    }
+  };
+
+  static std::string tool(const char* name) {
+    std::string fsck = fsck_program();
+    return fsck.empty() ? "" : fsck.substr(0, fsck.rfind('/') + 1) + name;
+  }
+
+  void mount_file(const std::string& path, uint64_t flags) {
+    ASSERT_EQ(0, host_blkdev_open(path.c_str(), 0, &devvp));
+    ASSERT_EQ(0, mount(flags));
+    ctx_ = vfs_context_kernel();
+    ASSERT_EQ(0, VFS_ROOT(mp, &root_vp_, ctx_));
+    root_ = node_of(root_vp_);
+  }
+  // The page cache's page-out thread may still hold an I/O reference on a
+  // file it is writing out, which an unforced unmount counts as a busy
+  // vnode (EBUSY): the unmount is tried again for a while.
+  void unmount_file() {
+    release_nodes();
+    KernLogCapture quiet;
+    int error = EBUSY;
+    for (int i = 0; i < 500 && error == EBUSY; i++) {
+      if ((error = unmount()) == EBUSY)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_EQ(0, error);
+    close_device();
+  }
+};
+
+TEST_F(LargeClusters, MkfsVolumesWithTheLargestClustersReadAndWrite) {
+  if (tool("mkfs.exfat").empty() || access(tool("mkfs.exfat").c_str(), X_OK) != 0)
+    GTEST_SKIP() << "mkfs.exfat is not installed";
+  const size_t kBufferBytes = 512u << 10, kPageBytes = 4u << 20;
+  CacheBounds bounds(kBufferBytes, kPageBytes);
+  struct Case {
+    const char* option;
+    uint32_t cluster;
+    uint64_t image_bytes;  // room for 3 system clusters and 4 more
+  } cases[] = {{"2M", 2u << 20, 48ull << 20}, {"32M", 32u << 20, 320ull << 20}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.option);
+    TempFile image;
+    ASSERT_EQ(0, truncate(image.path().c_str(), static_cast<off_t>(c.image_bytes)));
+    std::string mkfs = tool("mkfs.exfat") + " -c " + c.option + " '" + image.path() + "'";
+    ASSERT_EQ(0, std::system((mkfs + " >/dev/null 2>&1").c_str()));
+    const std::vector<uint8_t> head = pattern_bytes(0, 5000, 1);
+    const std::vector<uint8_t> across = pattern_bytes(c.cluster - 1000, 5000, 2);
+
+    mount_file(image.path(), 0);
+    EXPECT_EQ(c.cluster, xm->xm_bytes_per_cluster);
+    EXPECT_EQ(4096u, xm->xm_block_size);
+    {
+      Vref dir, file, link;
+      ASSERT_EQ(0, mkdir(root_vp_, "d", &dir));
+      ASSERT_EQ(0, create(dir.vp, "f", &file));
+      ASSERT_EQ(0, vn_write_at(file.vp, 0, head));
+      ASSERT_EQ(0, vn_write_at(file.vp, c.cluster - 1000, across));
+      ASSERT_EQ(0, symlink(dir.vp, "l", "f", &link));
+      EXPECT_EQ(0, VNOP_CLOSE(file.vp, FWRITE, ctx_));
+      EXPECT_LE(host_bufcache_bytes(), kBufferBytes);
+      EXPECT_LE(host_ubc_resident_bytes(), kPageBytes);
+    }
+    unmount_file();
+    if (!fsck_program().empty()) {
+      std::string fsck = fsck_program() + " -n '" + image.path() + "' >/dev/null 2>&1";
+      EXPECT_EQ(0, std::system(fsck.c_str())) << "the checker finds damage";
+    }
+
+    mount_file(image.path(), MNT_RDONLY);
+    {
+      Vref dir, file, link;
+      ASSERT_EQ(0, lookup(root_vp_, "d", LOOKUP, &dir));
+      ASSERT_EQ(0, lookup(dir.vp, "f", LOOKUP, &file));
+      ASSERT_EQ(0, lookup(dir.vp, "l", LOOKUP, &link));
+      EXPECT_EQ(head, vn_read(file.vp, 0, head.size()).data);
+      EXPECT_EQ(across, vn_read(file.vp, c.cluster - 1000, across.size()).data);
+      EXPECT_TRUE(all_zero(vn_read(file.vp, c.cluster / 2, 65536).data));
+      std::string target;
+      EXPECT_EQ(0, vn_readlink(link.vp, &target));
+      EXPECT_EQ("f", target);
+      EXPECT_LE(host_bufcache_bytes(), kBufferBytes);
+      EXPECT_LE(host_ubc_resident_bytes(), kPageBytes);
+    }
+    unmount_file();
+  }
 }

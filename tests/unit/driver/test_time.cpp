@@ -1,4 +1,4 @@
-// Timestamp conversions in both directions, with the module-wide time-zone
+// Timestamp conversions in both directions, with the volume's time-zone
 // value.
 
 #include <gtest/gtest.h>
@@ -17,30 +17,26 @@ uint32_t ts(uint32_t year, uint32_t month, uint32_t day, uint32_t hour = 0, uint
          (second / 2);
 }
 
-// Restores exfat_secondsWest, a global every test here changes.
+// Conversions with the time-zone value s_ (seconds west) of the test.
 class Timestamp : public ::testing::Test {
  protected:
-  void SetUp() override { saved_ = exfat_secondsWest; exfat_secondsWest = 0; }
-  void TearDown() override { exfat_secondsWest = saved_; }
-
-  static struct timespec to_unix(uint32_t t, uint8_t inc, uint8_t off) {
+  struct timespec to_unix(uint32_t t, uint8_t inc, uint8_t off) const {
     struct timespec r;
-    exfat_timestamp_to_unix(t, inc, off, &r);
+    exfat_timestamp_to_unix(t, inc, off, &r, s_);
     return r;
   }
   struct Encoded {
     uint32_t timestamp;
     uint8_t increment, offset;
   };
-  static Encoded from_unix(int64_t sec, long nsec = 0) {
+  Encoded from_unix(int64_t sec, long nsec = 0) const {
     struct timespec in = {static_cast<time_t>(sec), nsec};
     Encoded e{};
-    exfat_timestamp_from_unix(&e.timestamp, &e.increment, &e.offset, &in);
+    exfat_timestamp_from_unix(&e.timestamp, &e.increment, &e.offset, &in, s_);
     return e;
   }
 
- private:
-  int32_t saved_ = 0;
+  int32_t s_ = 0;
 };
 
 }  // namespace
@@ -57,12 +53,12 @@ TEST_F(Timestamp, ToUnixDocumentedValues) {
   EXPECT_EQ(to_unix(0x00210000, 0, 0x84).tv_sec, 315529200);
   EXPECT_EQ(to_unix(0x00210000, 0, 0xFC).tv_sec, 315536400);
   // Without a valid offset the stored time is local: UTC = local + S.
-  exfat_secondsWest = 3600;
+  s_ = 3600;
   EXPECT_EQ(to_unix(0x00210000, 0, 0x04).tv_sec, 315536400);
   // With a valid offset S plays no part.
   EXPECT_EQ(to_unix(0x00210000, 0, 0x80).tv_sec, kEpoch1980);
 
-  EXPECT_EQ(exfat_timestamp_to_nanoseconds(0x00210000, 199, 0x80),
+  EXPECT_EQ(exfat_timestamp_to_nanoseconds(0x00210000, 199, 0x80, s_),
             (kEpoch1980 + 1) * 1000000000LL + 990000000);
 
   // Damaged dates: month 0 or 13 and day 0 read as the first.
@@ -73,7 +69,7 @@ TEST_F(Timestamp, ToUnixDocumentedValues) {
   EXPECT_EQ(to_unix(ts(2000, 1, 0), 0, 0x80).tv_sec, jan1);
 
   // 2100 is not a leap year; 2096 and 2104 are.
-  exfat_secondsWest = 0;
+  s_ = 0;
   int64_t feb28 = to_unix(ts(2100, 2, 28), 0, 0x80).tv_sec;
   int64_t mar1 = to_unix(ts(2100, 3, 1), 0, 0x80).tv_sec;
   EXPECT_EQ(mar1 - feb28, 86400);
@@ -115,25 +111,25 @@ TEST_F(Timestamp, FromUnixDocumentedValues) {
   // Absent outputs are not produced.
   struct timespec in = {1718446273, 0};
   uint8_t increment = 0xAA;
-  exfat_timestamp_from_unix(nullptr, &increment, nullptr, &in);
+  exfat_timestamp_from_unix(nullptr, &increment, nullptr, &in, s_);
   EXPECT_EQ(increment, 100);
   uint32_t timestamp = 0;
-  exfat_timestamp_from_unix(&timestamp, nullptr, nullptr, &in);
+  exfat_timestamp_from_unix(&timestamp, nullptr, nullptr, &in, s_);
   EXPECT_EQ(timestamp, 0x58CF5166u);
 
-  // The offset byte from the module's seconds west.
-  exfat_secondsWest = 3600;
+  // The offset byte from the seconds west.
+  s_ = 3600;
   EXPECT_EQ(from_unix(1718446273).offset, 0x84);
-  exfat_secondsWest = -3600;
+  s_ = -3600;
   EXPECT_EQ(from_unix(1718446273).offset, 0xFC);
-  exfat_secondsWest = -1800;  // -2 units
+  s_ = -1800;  // -2 units
   EXPECT_EQ(from_unix(1718446273).offset, 0xFE);
-  exfat_secondsWest = 1000;   // truncates toward zero: 1 unit
+  s_ = 1000;   // truncates toward zero: 1 unit
   EXPECT_EQ(from_unix(1718446273).offset, 0x81);
   // The stored time is local = UTC + S.
-  exfat_secondsWest = 3600;
+  s_ = 3600;
   EXPECT_EQ(from_unix(1718446273).timestamp, ts(2024, 6, 15, 11, 11, 13));
-  exfat_secondsWest = 0;
+  s_ = 0;
 }
 
 // Times at or after 2108-01-01 00:00:00 local, which the 7-bit year can't
@@ -149,7 +145,7 @@ TEST_F(Timestamp, SaturatesAfter2107) {
   EXPECT_EQ(last.timestamp, 0xFF9FBF7Du);
   EXPECT_EQ(last.increment, 199);
 
-  exfat_secondsWest = 3600;  // local is an hour ahead: saturates an hour earlier in UTC
+  s_ = 3600;  // local is an hour ahead: saturates an hour earlier in UTC
   EXPECT_EQ(from_unix(y2108 - 3600).increment, 0);
   EXPECT_EQ(from_unix(y2108 - 3601).increment, 100);
 }

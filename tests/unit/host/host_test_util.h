@@ -3,11 +3,15 @@
 // in-memory devices with known contents.
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -27,6 +31,22 @@ bool eventually(Pred pred) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return pred();
+}
+
+// Runs `child` in a forked child: true when it returned true within
+// `seconds` (a child still running then is killed).
+inline bool in_child(const std::function<bool()>& child, int seconds = 20) {
+  pid_t pid = fork();
+  if (pid < 0) return false;
+  if (pid == 0) _exit(child() ? 0 : 1);
+  int status = 0;
+  for (int i = 0; i < seconds * 100; i++) {
+    if (waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, &status, 0);
+  return false;
 }
 
 // Lowers the page pool's bound for one test and restores it after.

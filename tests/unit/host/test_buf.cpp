@@ -244,8 +244,8 @@ TEST_F(BufTest, IoErrorsAreReportedAndFailedWritesKeepTheirData) {
   buf_brelse(bp);
   delayed_write(dev_, 70, 512, 0x22);
   uint64_t writes = stats().writes;
-  buf_flushdirtyblks(dev_, 1, 0, "test");
-  buf_flushdirtyblks(dev_, 1, 0, "test");
+  EXPECT_EQ(buf_flushdirtyblks(dev_, 1, 0, "test"), EIO);
+  EXPECT_EQ(buf_flushdirtyblks(dev_, 1, 0, "test"), 0);
   EXPECT_EQ(stats().writes, writes + 1);  // tried once, then clean
   EXPECT_EQ(dev_byte(70 * 512), pattern(70 * 512));
   ASSERT_EQ(buf_meta_bread(dev_, 70, 512, NOCRED, &bp), 0);
@@ -254,6 +254,19 @@ TEST_F(BufTest, IoErrorsAreReportedAndFailedWritesKeepTheirData) {
   delayed_write(dev_, 70, 512, 0);
   EXPECT_EQ(buf_invalidateblks(dev_, BUF_WRITE_DATA, 0, 0), EIO);
   EXPECT_EQ(host_buf_count(dev_), 0);
+  // A failed write that nobody waited for (eviction, a block size change)
+  // is reported by the next flush of the device, once.
+  delayed_write(dev_, 70, 512, 0x33);
+  host_bufcache_set_limit(1);
+  EXPECT_EQ(host_buf_count(dev_), 0);
+  EXPECT_EQ(buf_flushdirtyblks(dev_, 0, 0, "test"), EIO);
+  EXPECT_EQ(buf_flushdirtyblks(dev_, 1, 0, "test"), 0);
+  host_bufcache_set_limit(0);
+  delayed_write(dev_, 70, 512, 0x44);
+  ASSERT_EQ(host_test::set_blocksize(dev_, 4096), 0);
+  EXPECT_EQ(VNOP_FSYNC(dev_, MNT_WAIT, nullptr), EIO);
+  EXPECT_EQ(VNOP_FSYNC(dev_, MNT_WAIT, nullptr), 0);
+  ASSERT_EQ(host_test::set_blocksize(dev_, 512), 0);
 
   host_memdev_set_faults(dev_, host_memdev_faults{});
   ASSERT_EQ(buf_meta_bread(dev_, 4, 1024, NOCRED, &bp), 0);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/mount.h"
+#include "tests/unit/host/host_test_util.h"
 #include "tests/unit/host/tinyfs.h"
 
 namespace {
@@ -78,6 +79,22 @@ TEST(SyncerConcurrency, UnmountRacesPeriodicSyncs) {
     stop = true;
     explicit_syncs.join();
   }
+}
+
+// A daemon forks after mounting: the fork waits for a periodic sync under
+// way (the child must not inherit the mount marked busy by a thread it
+// doesn't have), and the child has a syncer of its own.
+TEST(SyncerFork, ChildKeepsSyncingItsMounts) {
+  TinyFs fs;
+  fs.set_sync_ms(100);
+  ASSERT_EQ(0, host_set_sync_interval(fs.mp(), 10));
+  ASSERT_TRUE(syncs_reach(fs, 1));  // most likely under way now
+  EXPECT_TRUE(host_test::in_child([&] {
+    int before = fs.stats().sync.load();
+    return host_sync(fs.mp(), MNT_NOWAIT) == 0 && syncs_reach(fs, before + 3);
+  }));
+  fs.set_sync_ms(0);
+  ASSERT_EQ(0, host_set_sync_interval(fs.mp(), 0));
 }
 
 }  // namespace

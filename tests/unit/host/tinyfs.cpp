@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "host/namecache.h"
 
@@ -15,6 +17,7 @@ struct tinyfs_mount {
   std::mutex lock;
   tinyfs_node* root;
   tinyfs_stats stats;
+  std::atomic<int> sync_ms{0};
   std::vector<std::string> events;
 };
 
@@ -256,6 +259,7 @@ int sync_one(vnode_t vp, void* arg) {
 
 int t_vfs_sync(mount_t mp, int waitfor, vfs_context_t ctx) {
   tm_of(mp)->stats.sync++;
+  if (int ms = tm_of(mp)->sync_ms.load()) std::this_thread::sleep_for(std::chrono::milliseconds(ms));
   return vnode_iterate(mp, VNODE_ITERATE_ACTIVE, sync_one, &waitfor);
 }
 
@@ -316,6 +320,8 @@ TinyFs::~TinyFs() {
 }
 
 tinyfs_stats& TinyFs::stats() { return tm_of(mp_)->stats; }
+
+void TinyFs::set_sync_ms(int ms) { tm_of(mp_)->sync_ms = ms; }
 
 vnode_t TinyFs::root() {
   vnode_t vp = nullptr;

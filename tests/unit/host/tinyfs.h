@@ -61,6 +61,8 @@ class TinyFs {
 
   mount_t mp() const { return mp_; }
   tinyfs_stats& stats();
+  // How long each VFS_SYNC of this volume takes (it counts at its start).
+  void set_sync_ms(int ms);
   vnode_t root();  // with an I/O reference
   // Operations on one component name, through VNOP_*.
   int lookup(vnode_t dvp, const char* name, vnode_t* vpp);
