@@ -27,8 +27,11 @@ class RangeList {
   }
   std::string text() {
     flush();
-    return (shown_ == 1 && text_.find('-') == std::string::npos ? "cluster " : "clusters ") +
-           text_ + (more_ ? ", …" : "");
+    std::string s = shown_ == 1 && text_.find('-') == std::string::npos ? "cluster " : "clusters ";
+    s += text_;
+    if (more_)
+      s += ", …";
+    return s;
   }
   uint64_t count() const { return count_; }
 
@@ -41,9 +44,13 @@ class RangeList {
       more_ = true;
       return;
     }
-    text_ += (shown_ ? ", " : "") + std::to_string(first_);
-    if (last_ != first_)
-      text_ += "-" + std::to_string(last_);
+    if (shown_)
+      text_ += ", ";
+    text_ += std::to_string(first_);
+    if (last_ != first_) {
+      text_ += '-';
+      text_ += std::to_string(last_);
+    }
     shown_++;
   }
 
