@@ -124,6 +124,29 @@ uint64_t name_key(const std::vector<uint16_t>& upcase, const std::u16string& nam
   return h;
 }
 
+// The problems of one entry set, kept until the set is judged whole:
+// whether one can be repaired safely depends on all the others.
+struct SetProblems {
+  std::vector<Finding> list;
+  bool safe = true;  // nothing a safe repair can't fix
+  void add(FindingKind kind, const std::string& what, uint64_t where, bool fixable) {
+    list.push_back(make_finding("", kind, what, at_byte(where), where));
+    list.back().repairable = fixable;  // if nothing else is wrong
+    safe = safe && fixable;
+  }
+};
+
+// What a File set says, as far as its shape lets it be read.
+struct FileFacts {
+  std::string path;
+  std::u16string name;
+  unsigned length = 0, needed = 0, name_entries = 0;
+  bool whole_name = false, checksum_ok = true, shape_ok = false;
+  uint32_t first = 0;
+  uint64_t valid = 0, data = 0;
+  bool contiguous = false, is_dir = false;
+};
+
 }  // namespace
 
 // Walks the tree from the root. One instance per walk; the pass it works
@@ -144,6 +167,10 @@ class TreeWalk {
   void gather(EntryReader& reader, EntrySet* set);
   void entry_problem(const std::string& path, const char* what, uint8_t type, uint64_t at);
   void file_set(const DirTask& dir, std::vector<DirTask>* children, Names* names);
+  void judge_name(const DirTask& dir, SetProblems* problems, FileFacts* fact,
+                  Names* names);
+  void judge_stream(SetProblems* problems, FileFacts* fact);
+  void report(const std::string& path, SetProblems* problems, bool safe, bool truncatable);
   void benign_set(const DirTask& dir);
   std::u16string name_of(const EntrySet& set, unsigned* name_entries) const;
   void fix_set(const std::string& path, const EntrySet& set, bool safe, bool truncate,
@@ -282,129 +309,144 @@ std::u16string TreeWalk::name_of(const EntrySet& set, unsigned* name_entries) co
 
 void TreeWalk::file_set(const DirTask& dir, std::vector<DirTask>* children, Names* names) {
   const EntrySet& s = set_;
-  uint64_t at = s.image[0];
-  std::vector<Finding> local;  // the set's own problems, fixable or not
-  bool set_ok = true;          // no problem a safe repair can't fix
-  auto problem = [&](FindingKind kind, const std::string& what, uint64_t where, bool fixable) {
-    local.push_back(make_finding("", kind, what, at_byte(where), where));
-    local.back().repairable = fixable;  // for now: if nothing else is wrong
-    set_ok = set_ok && fixable;
-  };
+  SetProblems problems;
+  FileFacts fact;
+  fact.path = child_path(dir.path, "<entry at byte " + std::to_string(s.image[0]) + ">");
   if (s.count < s.wanted)
-    problem(FindingKind::SetShape, "entry set of " + std::to_string(s.wanted) +
-            " entries cut short after " + std::to_string(s.count), at, false);
-  bool has_stream = s.count >= 2 && s.entry(1)[0] == EXFAT_ENTRY_STREAM;
-  std::string path = child_path(dir.path, "<entry at byte " + std::to_string(at) + ">");
-  if (!has_stream) {
-    problem(FindingKind::SetShape, "no stream extension entry", at, false);
-    for (Finding& f : local) {
-      f.path = path;
-      f.repairable = false;
-      p_.sink_.add(std::move(f));
-    }
+    problems.add(FindingKind::SetShape, "entry set of " + std::to_string(s.wanted) +
+                 " entries cut short after " + std::to_string(s.count), s.image[0], false);
+  if (s.count < 2 || s.entry(1)[0] != EXFAT_ENTRY_STREAM) {
+    problems.add(FindingKind::SetShape, "no stream extension entry", s.image[0], false);
+    report(fact.path, &problems, false, false);
     p_.owners_unknown_ = true;  // whatever it owned is unknown now
     return;
   }
-  unsigned name_entries = 0;
-  std::u16string name = name_of(s, &name_entries);
-  unsigned length = s.entry(1)[3];
-  unsigned needed = (length + EXFAT_NAME_CHARS_PER_ENTRY - 1) / EXFAT_NAME_CHARS_PER_ENTRY;
-  if (!name.empty())
-    path = child_path(dir.path, display_name(name));
-  bool whole_name = length > 0 && name_entries == needed;
-  if (length == 0)
-    problem(FindingKind::NameLength, "name length 0", s.image[1], false);
-  if (name_entries < needed || s.bytes[1] < 1 + needed)
-    problem(FindingKind::SetShape, "name of " + std::to_string(length) + " characters needs " +
-            std::to_string(needed) + " name entries, the set has " + std::to_string(name_entries),
-            at, false);
-  bool checksum_ok = true;
-  if (s.count == s.wanted) {
-    uint16_t stored = le16dec(s.bytes + 2), sum = entry_set_checksum(s.bytes, s.count);
-    checksum_ok = stored == sum;
-    if (!checksum_ok) {
-      char what[80];
-      snprintf(what, sizeof(what), "set checksum 0x%04X, the entries sum to 0x%04X", stored, sum);
-      problem(FindingKind::SetChecksum, what, at, true);
-    }
-  }
-  if (whole_name && !trailing_zero(s.entry(1 + needed), length))
-    problem(FindingKind::NameLength, "name entry holds characters past the name's " +
-            std::to_string(length), s.image[1 + needed], false);
-  if (whole_name && !unreachable(name).empty())
-    problem(FindingKind::BadName, unreachable(name), at, false);
-  const std::vector<uint16_t>& upcase = p_.upcase_;
-  if (whole_name && !upcase.empty()) {
-    uint16_t stored = le16dec(s.entry(1) + 4);
-    uint16_t hash = name_hash(upcase.data(), reinterpret_cast<const uint16_t*>(name.data()),
-                              static_cast<unsigned>(name.size()));
-    if (stored != hash) {
-      char what[80];
-      snprintf(what, sizeof(what), "name hash 0x%04X, the name hashes to 0x%04X", stored, hash);
-      problem(FindingKind::NameHash, what, s.image[1], checksum_ok);
-    }
-    if (!quiet()) {
-      auto [it, fresh] = names->first.emplace(name_key(upcase, name), s.dir_offset);
-      if (!fresh)
-        names->same.emplace_back(it->second, s.dir_offset);
-    }
-  }
-  const uint8_t* stream = s.entry(1);
-  uint64_t valid = le64dec(stream + 8), data = le64dec(stream + 24);
-  uint32_t first = le32dec(stream + 20);
-  bool contiguous = stream[1] & EXFAT_SECONDARY_NO_FAT_CHAIN;
-  bool is_dir = le16dec(s.bytes + 4) & EXFAT_ATTR_DIRECTORY;
-  if (valid > data)
-    problem(FindingKind::ValidLength, "valid data length " + std::to_string(valid) +
-            " above data length " + std::to_string(data), s.image[1], true);
-  if (is_dir && data % cs_ != 0)
-    problem(FindingKind::DataLength, "directory size " + std::to_string(data) +
-            " not a multiple of the cluster size", s.image[1], false);
-  if (!(stream[1] & EXFAT_SECONDARY_ALLOCATION_POSSIBLE) && (data != 0 || first != 0))
-    problem(FindingKind::SetShape, "stream holds clusters without AllocationPossible",
-            s.image[1], false);
-  uint16_t attributes = le16dec(s.bytes + 4);
-  if (attributes & ~kKnownAttributes)
-    problem(FindingKind::SetShape, "reserved attribute bits set (0x" + hex4(attributes) + ")", at,
-            false);
-  bool shape_ok = s.count == s.wanted && name_entries == needed && s.bytes[1] >= 1 + needed;
-  Claim claim = p_.claim(path, first, data, contiguous, false, shape_ok);
-  if (data == 0 && (first != 0 || contiguous)) {
-    problem(FindingKind::FirstCluster, first != 0 ? "empty, but names first cluster " +
-            std::to_string(first) : "empty, but marked as one contiguous run", s.image[1], false);
-    local.back().aggressive = shape_ok;
+  judge_name(dir, &problems, &fact, names);
+  judge_stream(&problems, &fact);
+  Claim claim = p_.claim(fact.path, fact.first, fact.data, fact.contiguous, false, fact.shape_ok);
+  if (fact.data == 0 && (fact.first != 0 || fact.contiguous)) {
+    problems.add(FindingKind::FirstCluster, fact.first != 0 ? "empty, but names first cluster " +
+                 std::to_string(fact.first) : "empty, but marked as one contiguous run",
+                 s.image[1], false);
+    problems.list.back().aggressive = fact.shape_ok;
     claim.truncate = true;
     claim.why = "it is empty but names clusters";
   }
-  for (unsigned i = 2 + name_entries; i < s.count; i++) {
+  for (unsigned i = 2 + fact.name_entries; i < s.count; i++) {
     const uint8_t* e = s.entry(i);
     if (e[1] & EXFAT_SECONDARY_ALLOCATION_POSSIBLE)
-      p_.claim(path, le32dec(e + 20), le64dec(e + 24), e[1] & EXFAT_SECONDARY_NO_FAT_CHAIN, false,
-               false);
+      p_.claim(fact.path, le32dec(e + 20), le64dec(e + 24), e[1] & EXFAT_SECONDARY_NO_FAT_CHAIN,
+               false, false);
   }
-  bool safe = set_ok && !claim.truncate;
-  bool truncate = claim.truncate && shape_ok && p_.options_.repair == RepairMode::Aggressive;
-  for (Finding& f : local) {
-    bool fixable = f.repairable;
-    f.path = path;
-    f.repairable = fixable && safe;
-    f.aggressive = f.aggressive || (fixable && !safe && claim.truncate && shape_ok);
-    p_.sink_.add(std::move(f));
-  }
-  if (!quiet() && (truncate || (safe && !local.empty())))
-    fix_set(path, s, safe, truncate, claim);
+  bool safe = problems.safe && !claim.truncate;
+  bool truncate = claim.truncate && fact.shape_ok && p_.options_.repair == RepairMode::Aggressive;
+  report(fact.path, &problems, safe, claim.truncate && fact.shape_ok);
+  if (!quiet() && (truncate || (safe && !problems.list.empty())))
+    fix_set(fact.path, s, safe, truncate, claim);
   if (!quiet())
-    (is_dir ? p_.out_->directories : p_.out_->files)++;
-  if (!is_dir)
+    (fact.is_dir ? p_.out_->directories : p_.out_->files)++;
+  if (!fact.is_dir)
     return;
   // Children are followed even under a damaged set: whatever they own must
   // not look leaked.
-  uint64_t n = data / cs_ + (data % cs_ != 0);
+  uint64_t n = fact.data / cs_ + (fact.data % cs_ != 0);
   if (!claim.whole)
     p_.owners_unknown_ = true;
   if (claim.clusters > 0)
-    children->push_back({path, first, static_cast<uint32_t>(std::min<uint64_t>(claim.clusters, n)),
-                         contiguous});
+    children->push_back({fact.path, fact.first,
+                         static_cast<uint32_t>(std::min<uint64_t>(claim.clusters, n)),
+                         fact.contiguous});
+}
+
+// The set's shape around its name, the checksum, the name and its hash;
+// enters the name in the directory's name set.
+void TreeWalk::judge_name(const DirTask& dir, SetProblems* problems, FileFacts* fact,
+                          Names* names) {
+  const EntrySet& s = set_;
+  fact->name = name_of(s, &fact->name_entries);
+  fact->length = s.entry(1)[3];
+  fact->needed = (fact->length + EXFAT_NAME_CHARS_PER_ENTRY - 1) / EXFAT_NAME_CHARS_PER_ENTRY;
+  if (!fact->name.empty())
+    fact->path = child_path(dir.path, display_name(fact->name));
+  fact->whole_name = fact->length > 0 && fact->name_entries == fact->needed;
+  fact->shape_ok = s.count == s.wanted && fact->name_entries == fact->needed &&
+                   s.bytes[1] >= 1 + fact->needed;
+  if (fact->length == 0)
+    problems->add(FindingKind::NameLength, "name length 0", s.image[1], false);
+  if (fact->name_entries < fact->needed || s.bytes[1] < 1 + fact->needed)
+    problems->add(FindingKind::SetShape, "name of " + std::to_string(fact->length) +
+                  " characters needs " + std::to_string(fact->needed) +
+                  " name entries, the set has " + std::to_string(fact->name_entries),
+                  s.image[0], false);
+  if (s.count == s.wanted) {
+    uint16_t stored = le16dec(s.bytes + 2), sum = entry_set_checksum(s.bytes, s.count);
+    fact->checksum_ok = stored == sum;
+    if (!fact->checksum_ok) {
+      char what[80];
+      snprintf(what, sizeof(what), "set checksum 0x%04X, the entries sum to 0x%04X", stored, sum);
+      problems->add(FindingKind::SetChecksum, what, s.image[0], true);
+    }
+  }
+  if (!fact->whole_name)
+    return;
+  if (!trailing_zero(s.entry(1 + fact->needed), fact->length))
+    problems->add(FindingKind::NameLength, "name entry holds characters past the name's " +
+                  std::to_string(fact->length), s.image[1 + fact->needed], false);
+  if (!unreachable(fact->name).empty())
+    problems->add(FindingKind::BadName, unreachable(fact->name), s.image[0], false);
+  const std::vector<uint16_t>& upcase = p_.upcase_;
+  if (upcase.empty())
+    return;
+  uint16_t stored = le16dec(s.entry(1) + 4);
+  uint16_t hash = name_hash(upcase.data(), reinterpret_cast<const uint16_t*>(fact->name.data()),
+                            static_cast<unsigned>(fact->name.size()));
+  if (stored != hash) {
+    char what[80];
+    snprintf(what, sizeof(what), "name hash 0x%04X, the name hashes to 0x%04X", stored, hash);
+    problems->add(FindingKind::NameHash, what, s.image[1], fact->checksum_ok);
+  }
+  if (!quiet()) {
+    auto [it, fresh] = names->first.emplace(name_key(upcase, fact->name), s.dir_offset);
+    if (!fresh)
+      names->same.emplace_back(it->second, s.dir_offset);
+  }
+}
+
+// The stream entry's fields and the attributes.
+void TreeWalk::judge_stream(SetProblems* problems, FileFacts* fact) {
+  const EntrySet& s = set_;
+  const uint8_t* stream = s.entry(1);
+  fact->valid = le64dec(stream + 8);
+  fact->data = le64dec(stream + 24);
+  fact->first = le32dec(stream + 20);
+  fact->contiguous = stream[1] & EXFAT_SECONDARY_NO_FAT_CHAIN;
+  uint16_t attributes = le16dec(s.bytes + 4);
+  fact->is_dir = attributes & EXFAT_ATTR_DIRECTORY;
+  if (fact->valid > fact->data)
+    problems->add(FindingKind::ValidLength, "valid data length " + std::to_string(fact->valid) +
+                  " above data length " + std::to_string(fact->data), s.image[1], true);
+  if (fact->is_dir && fact->data % cs_ != 0)
+    problems->add(FindingKind::DataLength, "directory size " + std::to_string(fact->data) +
+                  " not a multiple of the cluster size", s.image[1], false);
+  if (!(stream[1] & EXFAT_SECONDARY_ALLOCATION_POSSIBLE) && (fact->data != 0 || fact->first != 0))
+    problems->add(FindingKind::SetShape, "stream holds clusters without AllocationPossible",
+                  s.image[1], false);
+  if (attributes & ~kKnownAttributes)
+    problems->add(FindingKind::SetShape, "reserved attribute bits set (0x" + hex4(attributes) +
+                  ")", s.image[0], false);
+}
+
+// Reports a set's problems: repairable when the whole set is safely
+// fixable, fixed by an aggressive repair when it will truncate the set.
+void TreeWalk::report(const std::string& path, SetProblems* problems, bool safe,
+                      bool truncatable) {
+  for (Finding& f : problems->list) {
+    bool fixable = f.repairable;
+    f.path = path;
+    f.repairable = fixable && safe;
+    f.aggressive = f.aggressive || (fixable && !safe && truncatable);
+    p_.sink_.add(std::move(f));
+  }
 }
 
 // Records the fixes of one set: the safe ones (every problem of the set

@@ -25,8 +25,12 @@ const char kCheckDetails[] =
 namespace {
 
 constexpr char kAggressiveNote[] =
-    "need --repair=aggressive, which truncates the damaged files (their data "
+    "--repair=aggressive, which truncates the damaged files (their data "
     "past the damage is lost) and frees clusters whose owner can't be read";
+
+std::string problems(uint64_t n) {
+  return std::to_string(n) + (n == 1 ? " problem" : " problems");
+}
 
 struct Counts {
   uint64_t repairable = 0;
@@ -58,15 +62,13 @@ void print_pass(const std::string& image, const CheckPass& pass, RepairMode mode
     return;
   }
   if (pass.findings_dropped)
-    printf("%s: %llu more problems not listed\n", image.c_str(),
-           static_cast<unsigned long long>(pass.findings_dropped));
+    printf("%s: %s more not listed\n", image.c_str(), problems(pass.findings_dropped).c_str());
   Counts c = count(pass);
-  printf("%s: %llu problems (%llu repairable); %s\n", image.c_str(),
-         static_cast<unsigned long long>(pass.problems()),
+  printf("%s: %s (%llu repairable); %s\n", image.c_str(), problems(pass.problems()).c_str(),
          static_cast<unsigned long long>(c.repairable), totals.c_str());
   if (c.aggressive && mode != RepairMode::Aggressive)
-    printf("%s: %llu problems %s\n", image.c_str(), static_cast<unsigned long long>(c.aggressive),
-           kAggressiveNote);
+    printf("%s: %s %s %s\n", image.c_str(), problems(c.aggressive).c_str(),
+           c.aggressive == 1 ? "needs" : "need", kAggressiveNote);
 }
 
 void print_json_pass(const CheckPass& pass) {

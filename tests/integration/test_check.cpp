@@ -503,7 +503,7 @@ TEST(CheckCommand, PrintsFindingsRepairsAndExitStatus) {
   Command c = run(cli + " check '" + img + "'");
   EXPECT_EQ(1, c.status) << c.err;
   EXPECT_EQ("<bitmap>: 1 cluster (4 KiB) marked in use but owned by no file, cluster 450\n" + img +
-                ": 1 problems (1 repairable); 4 files, 3 directories, 14 of 512 clusters in use\n",
+                ": 1 problem (1 repairable); 4 files, 3 directories, 14 of 512 clusters in use\n",
             c.out);
 
   c = run(cli + " check --json '" + img + "'");
@@ -533,7 +533,7 @@ TEST(CheckCommand, ExplainsWhatNeedsAnAggressiveRepair) {
   v.b.write_to(image.path());
   Command c = run(cli + " check --repair '" + image.path() + "'");
   EXPECT_EQ(1, c.status);
-  EXPECT_NE(std::string::npos, c.out.find("1 problems need --repair=aggressive, which truncates"))
+  EXPECT_NE(std::string::npos, c.out.find("1 problem needs --repair=aggressive, which truncates"))
       << c.out;
   c = run(cli + " check --repair=aggressive '" + image.path() + "'");
   EXPECT_EQ(0, c.status) << c.out;
