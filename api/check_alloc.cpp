@@ -190,8 +190,26 @@ Claim Pass::claim_chain(const std::string& path, uint32_t first, uint64_t length
     if (k == n)
       nth = c;
     uint32_t next = fat_value(c);
-    if (next >= EXFAT_FAT_BAD)
+    if (next == EXFAT_FAT_BAD) {
+      // The file's own cluster is marked bad: what it holds can't be
+      // trusted, and the mark must stay.
+      add_claim_finding(make_finding(path, FindingKind::ChainBroken,
+                                     "cluster " + std::to_string(c) + " is marked bad",
+                                     "cluster " + std::to_string(c)));
+      result.clusters = static_cast<uint32_t>(k);
+      result.whole = false;
+      result.truncate = true;
+      result.end_after = prev;
+      result.fat_end = prev != 0;
+      result.keep_bytes = std::min((k - 1) * cs, length);
+      result.why = "its cluster " + std::to_string(c) + " is marked bad";
+      return result;
+    }
+    if (next > EXFAT_FAT_BAD) {
+      if (next != EXFAT_FAT_EOC)
+        odd_end_mark(path, c, next);
       break;
+    }
     if (!geo_.valid_cluster(next)) {
       char what[96];
       snprintf(what, sizeof(what), "chain broken: the FAT entry of cluster %u is 0x%08X", c, next);
@@ -228,6 +246,20 @@ Claim Pass::claim_chain(const std::string& path, uint32_t first, uint64_t length
     result.why = "its cluster chain is longer than its data";
   }
   return result;
+}
+
+// A chain that ends with a reserved value instead of the end mark: the
+// chain is whole, so the end mark is written without guessing.
+void Pass::odd_end_mark(const std::string& path, uint32_t cluster, uint32_t value) {
+  char what[96];
+  snprintf(what, sizeof(what), "chain ends with 0x%08X instead of the end mark", value);
+  Finding f = make_finding(path, FindingKind::ChainBroken, what, "cluster " + std::to_string(cluster));
+  f.repairable = true;
+  sink_.add(f);
+  if (sink_.quiet())
+    return;
+  fixes_.fat.emplace_back(cluster, EXFAT_FAT_EOC);
+  fixes_.done.push_back(path + ": end of chain written at cluster " + std::to_string(cluster));
 }
 
 // A cluster the walk of `path` reached that already has an owner; `kept`
@@ -274,6 +306,18 @@ void Pass::name_first_owners() {
   }
 }
 
+// Of the leaked bits in word w, those whose FAT entry marks the cluster
+// bad: a formatter or a driver took them out of use, so they are owned.
+uint64_t Pass::bad_clusters(uint64_t w, uint64_t leaked) const {
+  uint64_t bad = 0;
+  for (; leaked; leaked &= leaked - 1) {
+    unsigned b = static_cast<unsigned>(std::countr_zero(leaked));
+    if (fat_value(static_cast<uint32_t>(w * 64 + b + 2)) == EXFAT_FAT_BAD)
+      bad |= uint64_t{1} << b;
+  }
+  return bad;
+}
+
 void Pass::compare_bitmap() {
   if (bitmap_.empty())
     return;
@@ -288,6 +332,7 @@ void Pass::compare_bitmap() {
       marked &= (uint64_t{1} << (count % 64)) - 1;  // bits past the last cluster
     used += static_cast<uint64_t>(std::popcount(marked));
     uint64_t diff = marked ^ owned_[w];
+    diff &= ~bad_clusters(w, marked & ~owned_[w]);
     for (; diff; diff &= diff - 1) {
       unsigned b = static_cast<unsigned>(std::countr_zero(diff));
       uint32_t cluster = static_cast<uint32_t>(w * 64 + b + 2);

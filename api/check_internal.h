@@ -198,6 +198,8 @@ class Pass {
   void conflict(const std::string& path, uint32_t cluster, uint32_t kept, uint32_t prev,
                 bool is_loop, Claim* claim);
   bool take(uint32_t cluster);
+  void odd_end_mark(const std::string& path, uint32_t cluster, uint32_t value);
+  uint64_t bad_clusters(uint64_t word, uint64_t leaked) const;
   long add_claim_finding(Finding finding);
   void compare_bitmap();
   void name_first_owners();

@@ -81,7 +81,7 @@ class Repair {
       bool owner = owned[i / 64] >> (i % 64) & 1;
       uint8_t& byte = bitmap_[i / 8];
       uint8_t bit = static_cast<uint8_t>(1u << (i % 8));
-      if (f.free_leaks && !owner && (byte & bit)) {
+      if (f.free_leaks && !owner && (byte & bit) && pass_.fat_value(i + 2) != EXFAT_FAT_BAD) {
         byte &= static_cast<uint8_t>(~bit);
         freed++;
       } else if (f.mark_unmarked && owner && !(byte & bit)) {

@@ -142,6 +142,29 @@ std::vector<Fault> faults() {
        K::ChainLoop, "/docs/a.txt", "chain comes back to cluster", aggressive},
       {"broken chain", [](Populated& v) { v.b.set_fat(v.a_cluster(1), 0); }, keep, K::ChainBroken,
        "/docs/a.txt", "is 0x00000000", aggressive},
+      {"reserved end mark", [](Populated& v) { v.b.set_fat(v.a_cluster(2), 0xFFFFFFF9); }, keep,
+       K::ChainBroken, "/docs/a.txt", "chain ends with 0xFFFFFFF9 instead of the end mark", safe},
+      {"bad cluster in a chain", [](Populated& v) { v.b.set_fat(v.a_cluster(2), EXFAT_FAT_BAD); },
+       keep, K::ChainBroken, "/docs/a.txt", "is marked bad", aggressive},
+      {"empty file naming a cluster", [](Populated& v) { v.b.add_set(v.docs, desc(u"e", 77, 0)); },
+       keep, K::FirstCluster, "/docs/e", "empty, but names first cluster 77", aggressive},
+      {"characters past the name", nop,
+       [](Populated& v, std::vector<uint8_t>& im) {
+         uint64_t at = v.set_at(v.docs, v.a);
+         im[at + 64 + 2 + 2 * 6] = 'x';  // after "a.txt" in its name entry
+         refresh_checksum(im, at);
+       },
+       K::NameLength, "/docs/a.txt", "name entry holds characters past the name's 5", none},
+      {"allocation without AllocationPossible", nop,
+       [](Populated& v, std::vector<uint8_t>& im) {
+         uint64_t at = v.set_at(v.docs, v.a);
+         im[at + 32 + 1] = 0;
+         refresh_checksum(im, at);
+       },
+       K::SetShape, "/docs/a.txt", "without AllocationPossible", none},
+      {"reserved attribute bits",
+       [](Populated& v) { v.b.add_set(v.docs, desc(u"odd bits", 0, 0, 0x8020)); }, keep,
+       K::SetShape, "/docs/odd bits", "reserved attribute bits set (0x8020)", none},
       {"short chain", [](Populated& v) { v.b.set_fat(v.a_cluster(1), EXFAT_FAT_EOC); }, keep,
        K::ChainLength, "/docs/a.txt", "chain of 2 clusters, the data length needs 3", aggressive},
       {"long chain",
@@ -468,7 +491,9 @@ TEST(Check, RandomDamage) {
   for (int variant = 0; variant < variants; variant++) {
     std::vector<uint8_t> bytes = clean;
     const Region& r = regions[rng() % std::size(regions)];
-    for (int k = 1 + static_cast<int>(rng() % 8); k > 0; k--)
+    // Mostly a few bytes; every tenth variant a region thoroughly ruined.
+    int changes = 1 + static_cast<int>(rng() % (variant % 10 == 9 ? 200 : 8));
+    for (int k = changes; k > 0; k--)
       bytes[r.offset + rng() % r.length] = static_cast<uint8_t>(rng());
     SCOPED_TRACE("EXVOL_CHECK_SEED=" + std::to_string(seed) + " variant " +
                  std::to_string(variant) + " in " + r.name);
