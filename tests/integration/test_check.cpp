@@ -126,6 +126,13 @@ std::vector<Fault> faults() {
        K::NameHash, "/docs/a.txt", "name hash 0x", safe},
       {"main boot checksum", nop, [](Populated&, std::vector<uint8_t>& im) { im[100] ^= 0xFF; },
        K::BootChecksum, "<boot>", "checksum sector holds", safe},
+      {"main boot sector shift", nop, [](Populated&, std::vector<uint8_t>& im) { im[108] = 20; },
+       K::BootGeometry, "<boot>", "sector size shift 20 out of range", safe},
+      {"no backup boot region", nop,
+       [](Populated&, std::vector<uint8_t>& im) {
+         std::fill(im.begin() + 12 * 512, im.begin() + 24 * 512, 0);
+       },
+       K::BackupBoot, "<boot>", "backup boot region damaged: no backup boot region", safe},
       {"backup boot differs", nop,
        [](Populated&, std::vector<uint8_t>& im) { im[12 * 512 + 100] ^= 0xFF; }, K::BackupBoot,
        "<boot>", "backup boot region damaged", safe},
@@ -254,6 +261,54 @@ TEST(Check, CleanBuilderImagesPass) {
     EXPECT_EQ(4u, r.first.files);
     EXPECT_EQ(3u, r.first.directories);
   }
+}
+
+// Directories read in several requests: a contiguous one larger than one
+// read, with a set across the boundary between two reads and a name used
+// twice on either side of it; a root grown cluster by cluster between
+// data clusters, so that its chain is never adjacent.
+TEST(Check, LargeAndFragmentedDirectories) {
+  ImageBuilder b(Geometry{.sector_shift = 9, .cluster_shift = 0, .cluster_count = 4000});
+  b.add_bitmap_entry().add_upcase_entry();
+  Dir big = b.mkdir(b.root(), u"big", 600, Alloc::Contiguous);
+  b.add_file(big, u"Same", bytes("first"));
+  b.skip_to(big, 256 * 1024 - 32);
+  b.add_file(big, u"across", pattern(700, 3));
+  b.add_file(big, u"SAME", bytes("second"));
+  for (int i = 0; i < 40; i++)
+    b.add_file(b.root(), u"root file " + std::u16string(1, u'a' + i % 26) + (i < 26 ? u"" : u"2"),
+               pattern(300, i));
+  ASSERT_GT(b.root().clusters.size(), 4u);
+  TempFile image;
+  b.write_to(image.path());
+  CheckReport r = run_check(image.path());
+  ASSERT_EQ(1u, r.first.findings.size()) << listing(r.first);
+  const Finding& f = r.first.findings[0];
+  EXPECT_EQ(FindingKind::DuplicateName, f.kind);
+  EXPECT_EQ("/big/SAME", f.path);
+  EXPECT_EQ("same name as /big/Same", f.what);
+  EXPECT_EQ(43u, r.first.files);
+}
+
+// At most max_findings are kept; the rest are counted, and still make the
+// volume unclean.
+TEST(Check, FindingsBeyondTheLimitAreCounted) {
+  Populated v;
+  for (uint32_t c = 450; c < 460; c += 2)
+    v.b.set_allocated(c, true);  // one leak finding
+  v.b.volume_flags(EXFAT_VOLUME_DIRTY | EXFAT_VOLUME_MEDIA_FAILURE);
+  v.b.boot_field(112, 77, 1);
+  TempFile image;
+  v.b.write_to(image.path());
+  CheckOptions options;
+  options.max_findings = 2;
+  CheckReport r;
+  ASSERT_FALSE(check(image.path(), options, &r));
+  EXPECT_EQ(2u, r.first.findings.size());
+  EXPECT_EQ(2u, r.first.findings_dropped);
+  EXPECT_EQ(4u, r.first.problems());
+  EXPECT_EQ(1, r.exit_status());
+  EXPECT_EQ(5u, r.first.leaked_clusters);
 }
 
 TEST(Check, FindsEachFaultAndRepairsWhatItPromises) {
@@ -533,7 +588,11 @@ TEST(CheckCommand, PrintsFindingsRepairsAndExitStatus) {
 
   c = run(cli + " check --json '" + img + "'");
   EXPECT_EQ(1, c.status);
-  EXPECT_NE(std::string::npos, c.out.find("\"kind\": \"leak\"")) << c.out;
+  EXPECT_NE(std::string::npos,
+            c.out.find("{\"path\": \"<bitmap>\", \"kind\": \"leak\", \"what\": \"1 cluster (4 KiB) "
+                       "marked in use but owned by no file\", \"where\": \"cluster 450\", "
+                       "\"offset\": null, \"repairable\": true, \"aggressive\": false}"))
+      << c.out;
   EXPECT_NE(std::string::npos, c.out.find("\"status\": 1")) << c.out;
 
   c = run(cli + " check --repair '" + img + "'");
