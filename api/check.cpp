@@ -192,6 +192,8 @@ std::error_code Pass::run() {
     return {};
   if (std::error_code ec = load_fat())
     return ec;
+  if (!out_->complete)
+    return {};
   if (std::error_code ec = walk_tree())
     return ec;
   if (!shared_.empty())

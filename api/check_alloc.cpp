@@ -71,7 +71,13 @@ std::error_code Pass::load_fat() {
   if (uint64_t{geo_.max_cluster} + 1 > room) {
     sink_.add(make_finding("<fat>", FindingKind::BootGeometry,
                            "FAT extends past the end of the image", "sector 0 byte 80", 80));
-    geo_.max_cluster = room > 3 ? static_cast<uint32_t>(room - 1) : 1;
+    if (room < 3) {
+      out_->complete = false;
+      return {};
+    }
+    geo_.max_cluster = static_cast<uint32_t>(room - 1);
+    // Nor can the heap: the bitmap and the ownership bits stay as small.
+    geo_.cluster_count = std::min(geo_.cluster_count, geo_.max_cluster - 1);
   }
   size_t entries = size_t{geo_.max_cluster} + 1;
   std::vector<uint8_t> raw(entries * EXFAT_FAT_ENTRY_SIZE);

@@ -411,6 +411,19 @@ TEST(Check, BothBootRegionsUnusableCannotBeChecked) {
   EXPECT_NE(nullptr, find(r.first, FindingKind::BootSignature, "<boot>"));
 }
 
+// An image cut off after its boot regions: the FAT is not there to read,
+// and the geometry must not make the check allocate a FAT it can't have.
+TEST(Check, ImageEndingBeforeItsFatCannotBeChecked) {
+  Populated v;
+  std::vector<uint8_t> bytes = v.b.build();
+  bytes.resize(24 * 512);
+  TempFile image;
+  image.write(bytes);
+  CheckReport r = run_check(image.path());
+  EXPECT_EQ(2, r.exit_status()) << listing(r.first);
+  EXPECT_NE(nullptr, find(r.first, FindingKind::BootGeometry, "<fat>"));
+}
+
 TEST(Check, RepairWaitsForNoOneHoldingTheImage) {
   Populated v;
   v.b.set_allocated(450, true);
