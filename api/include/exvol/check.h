@@ -19,7 +19,8 @@
 //
 // A repair holds an exclusive flock(2) on the image for its whole run and
 // fails with EBUSY when another program holds one. A check without repair
-// takes no lock: a volume that is being written may show passing findings.
+// takes no lock: a volume that is being written may show findings that
+// pass once the writer is done.
 
 #include <cstdint>
 #include <optional>
