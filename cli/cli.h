@@ -119,5 +119,7 @@ int touch_command(const std::vector<std::string>& args);
 int attrib_command(const std::vector<std::string>& args);
 int label_command(const std::vector<std::string>& args);
 int df_command(const std::vector<std::string>& args);
+int check_command(const std::vector<std::string>& args);
+extern const char kCheckDetails[];
 
 }  // namespace exvol::cli

@@ -81,6 +81,9 @@ const std::vector<CommandInfo> kCommands = {
      "  -c    remove the label\n"},
     {"df", df_command, "df [-h] IMG...", "show the space used and free",
      "  -h   sizes in K, M, G instead of 1K blocks\n"},
+    {"check", check_command, "check [--json] [--repair[=aggressive]] IMG",
+     "check a volume's consistency, and repair what can be repaired without guessing",
+     kCheckDetails},
     {"help", help_command, "help [COMMAND]", "list the commands, or explain one", ""},
 };
 
@@ -135,7 +138,8 @@ void print_command_help(const CommandInfo& command) {
   printf("usage: exvol %s\n%s.\n", command.synopsis, command.summary);
   if (*command.details)
     printf("\n%s", command.details);
-  if (strcmp(command.name, "help") != 0 && strcmp(command.name, "info") != 0)
+  if (strcmp(command.name, "help") != 0 && strcmp(command.name, "info") != 0 &&
+      strcmp(command.name, "check") != 0)
     printf("\n%s", kCommonOptions);
 }
 

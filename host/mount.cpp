@@ -317,6 +317,11 @@ int host_unmount(mount_t mp, int mntflags) {
   if (mntflags & ~MNT_FORCE) panic("host_unmount: unsupported flags 0x%x", mntflags);
   if (!mount_begin_op(mp)) return EINVAL;
   if (mntflags & MNT_FORCE) mp->mnt_flag.fetch_or(MNT_FORCE);
+  // As a kernel's unmount does, an unforced one first syncs a writable
+  // mount: what only a sync writes (exFAT's PercentInUse) must not depend on
+  // whether a delayed flush happened to run. A failing sync is not the end:
+  // the file system's unmount writes what it must and reports its own errors.
+  else if (!vfs_isrdonly(mp)) (void)VFS_SYNC(mp, MNT_WAIT, vfs_context_kernel());
   int error = VFS_UNMOUNT(mp, mntflags, vfs_context_kernel());
   if (error != 0) {
     mp->mnt_flag.fetch_and(~(uint64_t)MNT_FORCE);

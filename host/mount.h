@@ -200,8 +200,9 @@ int host_mount(const char* fstype, vnode_t devvp, uint64_t flags, const void* da
 // An update of a mounted volume: flags are the new MNT_* flags (MNT_RDONLY to
 // downgrade, without it to upgrade; MNT_RELOAD, MNT_FORCE as requests).
 int host_mount_update(mount_t mp, uint64_t flags, const void* data, size_t datalen);
-// Unmounts: VFS_UNMOUNT with MNT_FORCE when asked. On success the mount is
-// freed; on failure it stays mounted and usable.
+// Unmounts: VFS_SYNC(MNT_WAIT) first unless forced or read-only, then
+// VFS_UNMOUNT with MNT_FORCE when asked. On success the mount is freed; on
+// failure it stays mounted and usable.
 int host_unmount(mount_t mp, int mntflags);
 // VFS_SYNC with the kernel context.
 int host_sync(mount_t mp, int waitfor);
