@@ -2,7 +2,6 @@
 // format's checksums, and the check-repair-check sequence of check().
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 #include <new>
 
 #include "api/check_internal.h"
+#include "api/device_lock.h"
 
 namespace exvol {
 
@@ -46,12 +46,6 @@ std::error_code Image::open(const std::string& path, bool writable) {
     return errno_error(errno);
   size_ = static_cast<uint64_t>(end);
   return {};
-}
-
-std::error_code Image::lock_exclusive() const {
-  if (flock(fd_, LOCK_EX | LOCK_NB) == 0)
-    return {};
-  return errno_error(errno == EWOULDBLOCK ? EBUSY : errno);
 }
 
 std::error_code Image::read(uint64_t offset, void* buffer, size_t length) const {
@@ -251,12 +245,16 @@ namespace {
 std::error_code check_and_repair(const std::string& path, const CheckOptions& options,
                                  CheckReport* report) {
   bool repair = options.repair != RepairMode::None;
+  // The same lock a mount takes: a repair is a writer, a check a reader
+  // (checking beside a read-write mount would judge a volume whose newest
+  // metadata is still in that program's caches).
+  detail::DeviceLock lock;
+  if (int error = lock.acquire(path, repair, &report->error_message))
+    return std::error_code(error, std::generic_category());
   checker::Image image;
-  std::error_code ec = image.open(path, repair);
-  if (!ec && repair)
-    ec = image.lock_exclusive();
-  if (ec)
+  if (std::error_code ec = image.open(path, repair))
     return ec;
+  std::error_code ec;
 
   auto pass = std::make_unique<checker::Pass>(image, options, &report->first);
   if ((ec = pass->run()))

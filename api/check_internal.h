@@ -42,8 +42,6 @@ class Image {
   Image& operator=(const Image&) = delete;
 
   std::error_code open(const std::string& path, bool writable);
-  // An exclusive lock for a repair; EBUSY when another program holds one.
-  std::error_code lock_exclusive() const;
   std::error_code read(uint64_t offset, void* buffer, size_t length) const;
   std::error_code write(uint64_t offset, const void* buffer, size_t length) const;
   std::error_code sync() const;

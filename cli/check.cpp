@@ -140,7 +140,11 @@ int check_command(const std::vector<std::string>& args) {
 
   CheckReport report;
   if (std::error_code ec = check(image, options, &report)) {
-    Reporter("check").error(image, ec);
+    Reporter reporter("check");
+    if (!report.error_message.empty())
+      reporter.error(report.error_message);
+    else
+      reporter.error(image, ec);
     return 2;
   }
   if (json) {

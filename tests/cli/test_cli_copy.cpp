@@ -231,6 +231,19 @@ TEST_F(CliCopy, ProgressOnlyOnATerminal) {
 
 // A signal in the middle of a copy stops it, and the image is still
 // unmounted cleanly. (On a fast machine the copy may finish first.)
+// Whether process `pid` has `path` open.
+bool holds_open(pid_t pid, const std::string& path) {
+  std::error_code ec;
+  std::filesystem::path want = std::filesystem::canonical(path, ec);
+  std::filesystem::path dir = "/proc/" + std::to_string(pid) + "/fd";
+  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+    std::filesystem::path target = std::filesystem::read_symlink(entry.path(), ec);
+    if (!ec && target == want)
+      return true;
+  }
+  return false;
+}
+
 TEST_F(CliCopy, InterruptedCopyLeavesTheImageClean) {
   write_file(at("big"), pattern(48 << 20, 5));
   pid_t pid = fork();
@@ -240,10 +253,22 @@ TEST_F(CliCopy, InterruptedCopyLeavesTheImageClean) {
     execl(EXVOL_CLI_BIN, EXVOL_CLI_BIN, "cp", at("big").c_str(), addr("/big").c_str(), nullptr);
     _exit(127);
   }
-  usleep(60 * 1000);
-  kill(pid, SIGINT);
+  // Interrupt it once it has the image open (it opens it to mount, after
+  // its signal handlers are in place); a fixed delay raced
+  // the start-up of a sanitizer build on a loaded machine.
   int raw = 0;
-  ASSERT_EQ(pid, waitpid(pid, &raw, 0));
+  pid_t done = 0;
+  for (int i = 0; i < 20000 && done == 0; i++) {
+    if (holds_open(pid, image_)) {
+      kill(pid, SIGINT);
+      break;
+    }
+    usleep(1000);
+    done = waitpid(pid, &raw, WNOHANG);
+  }
+  if (done == 0) {
+    ASSERT_EQ(pid, waitpid(pid, &raw, 0));
+  }
   ASSERT_TRUE(WIFEXITED(raw)) << "the signal killed it before it unmounted";
   EXPECT_TRUE(WEXITSTATUS(raw) == 0 || WEXITSTATUS(raw) == 1) << WEXITSTATUS(raw);
   expect_clean(image_);

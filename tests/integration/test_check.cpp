@@ -424,18 +424,23 @@ TEST(Check, ImageEndingBeforeItsFatCannotBeChecked) {
   EXPECT_NE(nullptr, find(r.first, FindingKind::BootGeometry, "<fat>"));
 }
 
-TEST(Check, RepairWaitsForNoOneHoldingTheImage) {
+TEST(Check, TakesTheLockAMountTakes) {
   Populated v;
   v.b.set_allocated(450, true);
   TempFile image;
   v.b.write_to(image.path());
   int fd = open(image.path().c_str(), O_RDONLY);
-  ASSERT_EQ(0, flock(fd, LOCK_EX));
   CheckOptions options;
   options.repair = RepairMode::Safe;
   CheckReport r;
+  // A reader (a read-only mount) lets checks run but no repair.
+  ASSERT_EQ(0, flock(fd, LOCK_SH));
+  EXPECT_EQ(0, check(image.path(), CheckOptions(), &r).value());
   EXPECT_EQ(EBUSY, check(image.path(), options, &r).value());
-  EXPECT_EQ(0, check(image.path(), CheckOptions(), &r).value()) << "a plain check takes no lock";
+  EXPECT_NE(std::string::npos, r.error_message.find(" is in use by ")) << r.error_message;
+  // A writer (a read-write mount) holds metadata the image lacks: no check.
+  ASSERT_EQ(0, flock(fd, LOCK_EX));
+  EXPECT_EQ(EBUSY, check(image.path(), CheckOptions(), &r).value());
   close(fd);
   EXPECT_EQ(0, check(image.path(), options, &r).value());
   EXPECT_EQ(0, r.exit_status());

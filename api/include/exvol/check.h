@@ -113,6 +113,8 @@ struct CheckReport {
   // After a repair: the check that followed it.
   std::optional<CheckPass> after_repair;
   std::vector<std::string> repairs;  // "path: what was done", one per repair
+  // When check() fails because another program holds the image: who.
+  std::string error_message;
   // The pass that says how the volume is now.
   const CheckPass& final_pass() const { return after_repair ? *after_repair : first; }
   // 0 clean, 1 problems remain, 2 could not check.
