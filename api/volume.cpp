@@ -284,6 +284,14 @@ int release_device(MountState& ms) {
   return error;
 }
 
+// The error to report for a sync or unmount that returned `error`: a
+// write that failed on the device is the cause of whatever the driver made
+// of it (it sees only EIO), so its own errno (ENOSPC, EROFS …) comes first.
+int device_error_first(const MountState& ms, int error) {
+  int device = host_blkdev_write_error(ms.devvp);
+  return device != 0 ? device : error;
+}
+
 void log_to_handler(const char* line, void* arg) {
   (*static_cast<const LogHandler*>(arg))(line);
 }
@@ -381,7 +389,7 @@ std::error_code Volume::unmount(bool force) {
   detail::nodes_release_all(ms);
   int error = host_unmount(ms.mp, force ? MNT_FORCE : 0);
   if (error)
-    return make_error(error);
+    return make_error(device_error_first(ms, error));
   ms.mp = nullptr;
   return make_error(release_device(ms));
 }
@@ -498,7 +506,7 @@ std::error_code Volume::sync(bool wait) {
   if (int error = guard.error())
     return make_error(error);
   int error = host_sync(impl_->ms->mp, wait ? MNT_WAIT : MNT_NOWAIT);
-  return make_error(error != 0 ? error : host_blkdev_write_error(impl_->ms->devvp));
+  return make_error(device_error_first(*impl_->ms, error));
 }
 
 }  // namespace exvol
