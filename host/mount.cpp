@@ -319,10 +319,14 @@ int host_unmount(mount_t mp, int mntflags) {
   if (mntflags & MNT_FORCE) mp->mnt_flag.fetch_or(MNT_FORCE);
   // As a kernel's unmount does, an unforced one first syncs a writable
   // mount: what only a sync writes (exFAT's PercentInUse) must not depend on
-  // whether a delayed flush happened to run. A failing sync is not the end:
-  // the file system's unmount writes what it must and reports its own errors.
-  else if (!vfs_isrdonly(mp)) (void)VFS_SYNC(mp, MNT_WAIT, vfs_context_kernel());
-  int error = VFS_UNMOUNT(mp, mntflags, vfs_context_kernel());
+  // whether a delayed flush happened to run. A sync that failed to write
+  // ends an unforced unmount with its error and the volume still mounted,
+  // as a failing write in the file system's own unmount does: the caller
+  // learns of it and may force.
+  int error = 0;
+  if (!(mntflags & MNT_FORCE) && !vfs_isrdonly(mp)) error = VFS_SYNC(mp, MNT_WAIT, vfs_context_kernel());
+  if (error == ENOTSUP) error = 0;  // a file system with nothing to sync
+  if (error == 0) error = VFS_UNMOUNT(mp, mntflags, vfs_context_kernel());
   if (error != 0) {
     mp->mnt_flag.fetch_and(~(uint64_t)MNT_FORCE);
     mount_end_op(mp);
