@@ -1,6 +1,7 @@
 // The fault modes: power cuts, I/O errors at chosen bytes, damaged images.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <chrono>
@@ -54,7 +55,8 @@ std::string explore(Fs& fs, const std::string& path, int depth, int* budget) {
     } else if (st.type == FileType::Symlink) {
       std::string target;
       e = fs.readlink(p, &target);
-    } else if (st.type == FileType::Regular && (e = fs.open(Runner::kCheckSlot, p, O_RDONLY)) == 0) {
+    } else if (st.type == FileType::Regular &&
+               (e = fs.open(Runner::kCheckSlot, p, O_RDONLY)) == 0) {
       std::vector<uint8_t> data;
       for (int64_t off = 0; off < (4 << 20) && e == 0; off += 1 << 20) {
         e = fs.read(Runner::kCheckSlot, off, 1 << 20, &data);
@@ -161,10 +163,14 @@ void settle() {
 // directory blocks, and a rename writes the new set before deleting the
 // old, so allocations and releases can reach the disk before the entries.
 const char* const kInFlight[] = {
-    "more clusters are allocated",      "less clusters are allocated",
-    "is marked as free",                "broken cluster chain",
-    "the checksum of a file is wrong",  "unknown entry type",
-    "failed to get stream dentry",      "failed to get name dentry",
+    "more clusters are allocated",
+    "less clusters are allocated",
+    "is marked as free",
+    "broken cluster chain",
+    "the checksum of a file is wrong",
+    "unknown entry type",
+    "failed to get stream dentry",
+    "failed to get name dentry",
     "cluster is already allocated for the other file",
 };
 
@@ -195,7 +201,8 @@ std::string unacceptable(const std::string& image, const std::set<std::string>& 
     bool in_flight = false;
     for (const char* f : kInFlight)
       in_flight |= line.find(f) != std::string::npos;
-    std::string path = colon == std::string::npos ? "" : line.substr(prefix.size(), colon - prefix.size());
+    std::string path =
+        colon == std::string::npos ? "" : line.substr(prefix.size(), colon - prefix.size());
     if (line.rfind(prefix, 0) != 0 || !in_flight || owed_paths.count(path) != 0)
       bad += "\n    " + line;
   }
@@ -342,7 +349,8 @@ RunResult run_power_cut(uint64_t seed, int steps, const FsFactory& factory,
     }
   }
   if (tracing())
-    fprintf(stderr, "power cut after %llu writes (%s, %s a write cache): %zu promises, %zu owed, %zu due\n",
+    fprintf(stderr,
+            "power cut after %llu writes (%s, %s a write cache): %zu promises, %zu owed, %zu due\n",
             static_cast<unsigned long long>(at_cut.writes), at_cut.cut ? "cut" : "not cut",
             faults.write_cache ? "with" : "without", promises.size(), owed_at_cut.size(),
             due.size());
@@ -350,10 +358,29 @@ RunResult run_power_cut(uint64_t seed, int steps, const FsFactory& factory,
     r.fault = "after the power cut the checker finds:" + bad;
     return r;
   }
+  // A read-only mount of the dirty volume must write nothing.
+  {
+    struct stat before {
+    }, after{};
+    ::stat(s.image().c_str(), &before);
+    LibFs ro(s.image(), MountOptions{});
+    if (int e = ro.mount(true)) {
+      r.fault = "after the power cut the volume does not mount read-only: " + errno_name(e);
+      return r;
+    }
+    r.fault = explore_volume(ro);
+    ro.force_unmount();
+    ::stat(s.image().c_str(), &after);
+    if (r.fault.empty() && (before.st_mtim.tv_sec != after.st_mtim.tv_sec ||
+                            before.st_mtim.tv_nsec != after.st_mtim.tv_nsec))
+      r.fault = "a read-only mount of the cut volume wrote to it";
+    if (!r.fault.empty())
+      return r;
+  }
   LibFs fs(s.image(), MountOptions{});
   if (int e = fs.mount(false)) {
-    r.fault = "after the power cut the volume does not mount: " + errno_name(e) + ": " +
-              fs.diagnostic();
+    r.fault =
+        "after the power cut the volume does not mount: " + errno_name(e) + ": " + fs.diagnostic();
     return r;
   }
   for (const Promise& p : due) {

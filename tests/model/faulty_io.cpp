@@ -25,12 +25,12 @@ struct Undo {
 // every request, so that unrelated I/O pays one atomic load.
 std::atomic<bool> g_active{false};
 std::mutex g_lock;
-dev_t g_dev;              // guarded by g_lock
-ino_t g_ino;              // guarded by g_lock
-int g_fd_for_undo = -1;   // guarded by g_lock: a descriptor of the image, for restoring
-DeviceFaults g_faults;    // guarded by g_lock
-DeviceStats g_stats;      // guarded by g_lock
-std::vector<Undo> g_undo; // guarded by g_lock
+dev_t g_dev;               // guarded by g_lock
+ino_t g_ino;               // guarded by g_lock
+int g_fd_for_undo = -1;    // guarded by g_lock: a descriptor of the image, for restoring
+DeviceFaults g_faults;     // guarded by g_lock
+DeviceStats g_stats;       // guarded by g_lock
+std::vector<Undo> g_undo;  // guarded by g_lock
 
 using rw_fn = ssize_t (*)(int, const struct iovec*, int, off_t);
 using sync_fn = int (*)(int);

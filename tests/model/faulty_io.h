@@ -19,10 +19,10 @@
 namespace exvol::model {
 
 struct DeviceFaults {
-  int64_t cut_after_writes = -1;         // -1: the power stays on
-  bool write_cache = false;              // writes volatile until a sync
-  std::vector<uint64_t> fail_reads;      // byte offsets whose reads fail
-  std::vector<uint64_t> fail_writes;     // byte offsets whose writes fail
+  int64_t cut_after_writes = -1;      // -1: the power stays on
+  bool write_cache = false;           // writes volatile until a sync
+  std::vector<uint64_t> fail_reads;   // byte offsets whose reads fail
+  std::vector<uint64_t> fail_writes;  // byte offsets whose writes fail
 };
 
 struct DeviceStats {

@@ -12,12 +12,32 @@ namespace {
 
 // Short names that collide under case folding, Latin-1 letters whose
 // stored (NFC) and listed (NFD) forms differ, a leading dot (Hidden).
-const char* const kBases[] = {"a",    "b",        "c",          "ab",         "Abc",
-                              "file", "x.txt",    "data.bin",   "\xc3\xa9",   "\xc3\xbc" "ber",
-                              "\xc3\x87" "a",     "na\xc3\xaf" "ve",         "r\xc3\xa9sum\xc3\xa9",
-                              "z9",   ".hid"};
-const char* const kLabels[] = {"",       "VOL",         "Donn\xc3\xa9" "es", "\xc3\x89T\xc3\x89",
-                               "x",      "twelve chars", "ELEVENCHARS"};
+const char* const kBases[] = {"a",
+                              "b",
+                              "c",
+                              "ab",
+                              "Abc",
+                              "file",
+                              "x.txt",
+                              "data.bin",
+                              "\xc3\xa9",
+                              "\xc3\xbc"
+                              "ber",
+                              "\xc3\x87"
+                              "a",
+                              "na\xc3\xaf"
+                              "ve",
+                              "r\xc3\xa9sum\xc3\xa9",
+                              "z9",
+                              ".hid"};
+const char* const kLabels[] = {"",
+                               "VOL",
+                               "Donn\xc3\xa9"
+                               "es",
+                               "\xc3\x89T\xc3\x89",
+                               "x",
+                               "twelve chars",
+                               "ELEVENCHARS"};
 
 // Times the volume can hold (1980-01-02 to 2107-11-30).
 constexpr int64_t kEarliest = 315619200;
@@ -30,14 +50,14 @@ struct Weight {
 };
 
 const Weight kWeights[] = {
-    {OpKind::Open, 10, 10},     {OpKind::Close, 5, 5},      {OpKind::Read, 9, 9},
-    {OpKind::Write, 16, 16},    {OpKind::Seek, 1, 1},       {OpKind::FTruncate, 3, 3},
-    {OpKind::Fsync, 2, 2},      {OpKind::FStat, 4, 4},      {OpKind::FUtimes, 2, 2},
-    {OpKind::FChflags, 1, 1},   {OpKind::Stat, 6, 6},       {OpKind::Truncate, 3, 3},
-    {OpKind::Unlink, 5, 5},     {OpKind::Mkdir, 6, 6},      {OpKind::Rmdir, 3, 3},
-    {OpKind::Rename, 9, 9},     {OpKind::Symlink, 3, 3},    {OpKind::Readlink, 2, 2},
-    {OpKind::Utimes, 3, 3},     {OpKind::Chflags, 2, 2},    {OpKind::List, 3, 3},
-    {OpKind::Label, 1, 0},      {OpKind::Sync, 2, 1},
+    {OpKind::Open, 10, 10},   {OpKind::Close, 5, 5},   {OpKind::Read, 9, 9},
+    {OpKind::Write, 16, 16},  {OpKind::Seek, 1, 1},    {OpKind::FTruncate, 3, 3},
+    {OpKind::Fsync, 2, 2},    {OpKind::FStat, 4, 4},   {OpKind::FUtimes, 2, 2},
+    {OpKind::FChflags, 1, 1}, {OpKind::Stat, 6, 6},    {OpKind::Truncate, 3, 3},
+    {OpKind::Unlink, 5, 5},   {OpKind::Mkdir, 6, 6},   {OpKind::Rmdir, 3, 3},
+    {OpKind::Rename, 9, 9},   {OpKind::Symlink, 3, 3}, {OpKind::Readlink, 2, 2},
+    {OpKind::Utimes, 3, 3},   {OpKind::Chflags, 2, 2}, {OpKind::List, 3, 3},
+    {OpKind::Label, 1, 0},    {OpKind::Sync, 2, 1},
 };
 
 }  // namespace
@@ -274,9 +294,10 @@ Op Generator::file_op(const Model& model, OpKind kind) {
   switch (kind) {
     case OpKind::Read: {
       uint64_t r = below(100);
-      op.b = r < 30 ? -1 : r < 80 ? static_cast<int64_t>(below(size + 1))
-                     : r < 90 ? static_cast<int64_t>(size + below(p_.cluster_bytes))
-                              : static_cast<int64_t>(size);
+      op.b = r < 30   ? -1
+             : r < 80 ? static_cast<int64_t>(below(size + 1))
+             : r < 90 ? static_cast<int64_t>(size + below(p_.cluster_bytes))
+                      : static_cast<int64_t>(size);
       op.a = chance(0.9) ? 1 + below(2 * p_.cluster_bytes) : 1 + below(1 << 20);
       break;
     }
@@ -291,15 +312,15 @@ Op Generator::file_op(const Model& model, OpKind kind) {
       break;
     case OpKind::FTruncate: {
       uint64_t r = below(100);
-      op.b = r < 15 ? 0 : r < 45 ? static_cast<int64_t>(below(size + 1))
+      op.b = r < 15   ? 0
+             : r < 45 ? static_cast<int64_t>(below(size + 1))
              : r < 75 ? static_cast<int64_t>(size + below(3 * p_.cluster_bytes))
              : r < 85 ? static_cast<int64_t>(size)
-             : r < 95 ? static_cast<int64_t>(size + 2 * p_.volume_bytes) : -1;
+             : r < 95 ? static_cast<int64_t>(size + 2 * p_.volume_bytes)
+                      : -1;
       break;
     }
-    case OpKind::Fsync:
-      op.a = chance(0.3);
-      break;
+    case OpKind::Fsync: op.a = chance(0.3); break;
     case OpKind::FUtimes: {
       bool birth = p_.library && chance(0.5);
       timespec t = some_time(birth);
@@ -314,12 +335,12 @@ Op Generator::file_op(const Model& model, OpKind kind) {
       if (!p_.library)
         op.a = r < 30 ? kFlagImmutable : 0;
       else
-        op.a = r < 4 ? 0x1 : (r < 25 ? kFlagImmutable : 0) | (chance(0.3) ? kFlagHidden : 0) |
-                                 (chance(0.3) ? kFlagArchived : 0);
+        op.a = r < 4 ? 0x1
+                     : (r < 25 ? kFlagImmutable : 0) | (chance(0.3) ? kFlagHidden : 0) |
+                           (chance(0.3) ? kFlagArchived : 0);
       break;
     }
-    default:
-      break;
+    default: break;
   }
   return op;
 }
@@ -349,8 +370,9 @@ Op Generator::path_op(const Model& model, OpKind kind) {
         op.path += "/";
       break;
     case OpKind::Rmdir:
-      op.path = chance(0.7) ? existing(FileType::Directory) : chance(0.5) ? any_entry().path
-                                                                          : fresh_path();
+      op.path = chance(0.7)   ? existing(FileType::Directory)
+                : chance(0.5) ? any_entry().path
+                              : fresh_path();
       break;
     case OpKind::Rename: {
       Entry from = any_entry();
@@ -365,8 +387,8 @@ Op Generator::path_op(const Model& model, OpKind kind) {
         op.path2 = any_entry().path;
       } else if (r < 67 && p_.name_variants) {
         size_t slash = from.path.rfind('/');
-        op.path2 = from.path.substr(0, slash + 1) +
-                   case_variant(from.path.substr(slash + 1), rng_() | 1);
+        op.path2 =
+            from.path.substr(0, slash + 1) + case_variant(from.path.substr(slash + 1), rng_() | 1);
       } else if (r < 72) {
         op.path2 = from.path;
       } else if (r < 80) {
@@ -411,14 +433,9 @@ Op Generator::path_op(const Model& model, OpKind kind) {
     case OpKind::List:
       op.path = chance(0.85) ? existing(FileType::Directory) : any_entry().path;
       break;
-    case OpKind::Label:
-      op.path2 = case_variant(kLabels[below(std::size(kLabels))], rng_());
-      break;
-    case OpKind::Sync:
-      op.a = chance(0.8);
-      break;
-    default:
-      break;
+    case OpKind::Label: op.path2 = case_variant(kLabels[below(std::size(kLabels))], rng_()); break;
+    case OpKind::Sync: op.a = chance(0.8); break;
+    default: break;
   }
   return op;
 }
@@ -456,24 +473,9 @@ Op Generator::next(const Model& model) {
       break;
     }
   }
-  switch (kind) {
-    case OpKind::Open:
-      return open_op(model);
-    case OpKind::Close:
-    case OpKind::Read:
-    case OpKind::Write:
-    case OpKind::Seek:
-    case OpKind::FTruncate:
-    case OpKind::Fsync:
-    case OpKind::FStat:
-    case OpKind::FUtimes:
-    case OpKind::FChflags:
-      if (model.handles().empty())
-        return open_op(model);
-      return file_op(model, kind);
-    default:
-      return path_op(model, kind);
-  }
+  if (kind == OpKind::Open || (on_slot(kind) && model.handles().empty()))
+    return open_op(model);
+  return on_slot(kind) ? file_op(model, kind) : path_op(model, kind);
 }
 
 }  // namespace exvol::model

@@ -6,7 +6,9 @@ namespace exvol::model {
 
 namespace {
 
-int err(std::error_code ec) { return ec.value(); }
+int err(std::error_code ec) {
+  return ec.value();
+}
 
 }  // namespace
 
@@ -15,22 +17,28 @@ LibFs::LibFs(std::string image, MountOptions options)
   options_.echo_kernel_log = false;
 }
 
-LibFs::~LibFs() { force_unmount(); }
+LibFs::~LibFs() {
+  force_unmount();
+}
 
 int LibFs::open(int slot, const std::string& path, int oflags) {
   return err(volume_->open(path, oflags, &files_.at(static_cast<size_t>(slot))));
 }
 
-int LibFs::close(int slot) { return err(files_.at(static_cast<size_t>(slot)).close()); }
+int LibFs::close(int slot) {
+  return err(files_.at(static_cast<size_t>(slot)).close());
+}
 
-bool LibFs::slot_open(int slot) const { return files_.at(static_cast<size_t>(slot)).is_open(); }
+bool LibFs::slot_open(int slot) const {
+  return files_.at(static_cast<size_t>(slot)).is_open();
+}
 
 int LibFs::read(int slot, int64_t offset, size_t length, std::vector<uint8_t>* out) {
   out->assign(length, 0);
   size_t done = 0;
   File& f = files_.at(static_cast<size_t>(slot));
-  std::error_code ec = offset < 0 ? f.read(out->data(), length, &done)
-                                  : f.pread(out->data(), length, offset, &done);
+  std::error_code ec =
+      offset < 0 ? f.read(out->data(), length, &done) : f.pread(out->data(), length, offset, &done);
   out->resize(done);
   return err(ec);
 }
@@ -54,7 +62,9 @@ int LibFs::fsync(int slot, bool full) {
   return err(full ? f.full_fsync() : f.fsync());
 }
 
-int LibFs::fstat(int slot, Stat* out) { return err(files_.at(static_cast<size_t>(slot)).stat(out)); }
+int LibFs::fstat(int slot, Stat* out) {
+  return err(files_.at(static_cast<size_t>(slot)).stat(out));
+}
 
 int LibFs::futimes(int slot, const TimeChange& times) {
   return err(files_.at(static_cast<size_t>(slot)).utimes(times));
@@ -71,9 +81,15 @@ int LibFs::stat(const std::string& path, bool follow, Stat* out) {
 int LibFs::truncate(const std::string& path, int64_t size) {
   return err(volume_->truncate(path, size));
 }
-int LibFs::unlink(const std::string& path) { return err(volume_->unlink(path)); }
-int LibFs::mkdir(const std::string& path) { return err(volume_->mkdir(path)); }
-int LibFs::rmdir(const std::string& path) { return err(volume_->rmdir(path)); }
+int LibFs::unlink(const std::string& path) {
+  return err(volume_->unlink(path));
+}
+int LibFs::mkdir(const std::string& path) {
+  return err(volume_->mkdir(path));
+}
+int LibFs::rmdir(const std::string& path) {
+  return err(volume_->rmdir(path));
+}
 
 int LibFs::rename(const std::string& from, const std::string& to, unsigned flags) {
   return err(volume_->rename(from, to, flags));
@@ -104,9 +120,15 @@ int LibFs::list(const std::string& path, std::vector<Listed>* out) {
   return e;
 }
 
-int LibFs::label(std::string* out) { return err(volume_->label(out)); }
-int LibFs::set_label(const std::string& label) { return err(volume_->set_label(label)); }
-int LibFs::sync(bool wait) { return err(volume_->sync(wait)); }
+int LibFs::label(std::string* out) {
+  return err(volume_->label(out));
+}
+int LibFs::set_label(const std::string& label) {
+  return err(volume_->set_label(label));
+}
+int LibFs::sync(bool wait) {
+  return err(volume_->sync(wait));
+}
 
 int LibFs::space(uint64_t* free_clusters, uint32_t* cluster_bytes) {
   StatFs st;

@@ -71,7 +71,7 @@ struct Handle {
 // one is tolerated, the checker steps around it where the comment at the
 // step says, so that runs go on to find other faults; an entry is dropped
 // from known_faults_tolerated() once its fix is in. EXVOL_MODEL_STRICT=1
-// tolerates none.
+// tolerates none, EXVOL_MODEL_STRICT=name,name none of those named.
 enum KnownFault : uint32_t {
   kRemovedOpenFileLinkCount = 1u << 0,  // a removed open file reports nlink 1
   kDecomposedListing = 1u << 1,         // listings give names decomposed (NFD)
@@ -89,8 +89,8 @@ const char* known_fault_name(uint32_t fault);
 
 // How the file system under test differs from libexvol's own rules.
 struct Semantics {
-  bool library = true;    // false: system calls on a FUSE mount
-  bool noatime = true;    // reads leave access times alone
+  bool library = true;  // false: system calls on a FUSE mount
+  bool noatime = true;  // reads leave access times alone
   uint32_t mask = 0755;
   uint32_t tolerated = 0;  // KnownFault bits
   bool tolerates(KnownFault f) const { return (tolerated & f) != 0; }

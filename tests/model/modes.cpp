@@ -92,8 +92,7 @@ std::string replay(const Mode& mode, const std::vector<Op>& ops, const FsFactory
     return run_power_cut(mode.seed, 0, factory, &ops).fault;
   RunResult r = run_sequence(
       mode, 0, static_cast<int>(ops.size()),
-      [&](int i, const Model&) { return std::optional<Op>(ops[static_cast<size_t>(i)]); },
-      factory);
+      [&](int i, const Model&) { return std::optional<Op>(ops[static_cast<size_t>(i)]); }, factory);
   return r.skipped.empty() ? r.fault : "";
 }
 
@@ -114,8 +113,8 @@ std::string fault_signature(const std::string& fault) {
   return kind + "|" + sig;
 }
 
-std::vector<Op> shrink(std::vector<Op> ops, const std::function<bool(const std::vector<Op>&)>& fails,
-                       double seconds) {
+std::vector<Op> shrink(std::vector<Op> ops,
+                       const std::function<bool(const std::vector<Op>&)>& fails, double seconds) {
   auto deadline = std::chrono::steady_clock::now() +
                   std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
   auto expired = [&] { return std::chrono::steady_clock::now() > deadline; };
@@ -176,7 +175,8 @@ std::string report(const std::string& suite, uint64_t seed, const RunResult& r,
     if (const char* s = getenv("EXVOL_MODEL_SHRINK_SECONDS"))
       seconds = std::atof(s);
     std::vector<Op> small = shrink(
-        r.ops, [&](const std::vector<Op>& ops) { return fault_signature(replay(*shrink_in, ops)) == sig; },
+        r.ops,
+        [&](const std::vector<Op>& ops) { return fault_signature(replay(*shrink_in, ops)) == sig; },
         seconds);
     out << "shrunk to " << small.size() << " operations (" << replay(*shrink_in, small) << "):\n"
         << to_test_case("Seed" + std::to_string(seed), shrink_in->expr(), small);

@@ -22,7 +22,7 @@ struct VolumeShape {
   unsigned sector_shift;
   unsigned cluster_shift;  // sectors per cluster = 2^shift
   uint32_t clusters;
-  bool mkfs;               // made by mkfs.exfat instead of the test builder
+  bool mkfs;  // made by mkfs.exfat instead of the test builder
 };
 const std::vector<VolumeShape>& volume_shapes();
 
@@ -69,8 +69,8 @@ std::string replay(const Mode& mode, const std::vector<Op>& ops, const FsFactory
 
 // Delta debugging: the shortest sequence found within `seconds` for which
 // `fails` still holds.
-std::vector<Op> shrink(std::vector<Op> ops, const std::function<bool(const std::vector<Op>&)>& fails,
-                       double seconds);
+std::vector<Op> shrink(std::vector<Op> ops,
+                       const std::function<bool(const std::vector<Op>&)>& fails, double seconds);
 // What kind of fault a message names, without its paths and numbers: a
 // shrunk sequence must fail the same way.
 std::string fault_signature(const std::string& fault);

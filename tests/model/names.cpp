@@ -49,8 +49,12 @@ int32_t upcase(int32_t c) {
 
 }  // namespace
 
-std::string nfc(const std::string& utf8) { return normalize(utf8, true); }
-std::string nfd(const std::string& utf8) { return normalize(utf8, false); }
+std::string nfc(const std::string& utf8) {
+  return normalize(utf8, true);
+}
+std::string nfd(const std::string& utf8) {
+  return normalize(utf8, false);
+}
 
 size_t utf16_units(const std::string& utf8) {
   size_t units = 0;

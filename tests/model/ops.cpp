@@ -59,6 +59,21 @@ const char* kind_name(OpKind kind) {
   return "?";
 }
 
+bool on_slot(OpKind kind) {
+  switch (kind) {
+    case OpKind::Close:
+    case OpKind::Read:
+    case OpKind::Write:
+    case OpKind::Seek:
+    case OpKind::FTruncate:
+    case OpKind::Fsync:
+    case OpKind::FStat:
+    case OpKind::FUtimes:
+    case OpKind::FChflags: return true;
+    default: return false;
+  }
+}
+
 std::string describe(const Op& op) {
   std::ostringstream s;
   s << kind_name(op.kind);

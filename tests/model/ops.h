@@ -57,6 +57,8 @@ struct Op {
 };
 
 const char* kind_name(OpKind kind);
+// Whether the operation works on an open file's slot (Open fills one).
+bool on_slot(OpKind kind);
 // One line: "Write slot 1 offset 4096 length 100".
 std::string describe(const Op& op);
 // A C++ initializer that builds op: {OpKind::Write, 1, "", "", 4096, 100, 7}.

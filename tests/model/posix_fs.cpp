@@ -15,7 +15,9 @@ namespace exvol::model {
 
 namespace {
 
-int result(long r) { return r < 0 ? errno : 0; }
+int result(long r) {
+  return r < 0 ? errno : 0;
+}
 
 FileType type_of(mode_t mode) {
   if (S_ISREG(mode))
@@ -47,7 +49,9 @@ void time_pair(const TimeChange& t, struct timespec out[2]) {
 
 // The ReadOnly attribute is the one flag a mount keeps: it shows as the
 // absence of write bits, and chmod sets or clears it.
-mode_t mode_for(uint32_t flags) { return (flags & kFlagImmutable) ? 0555 : 0755; }
+mode_t mode_for(uint32_t flags) {
+  return (flags & kFlagImmutable) ? 0555 : 0755;
+}
 
 }  // namespace
 
@@ -70,15 +74,23 @@ int FuseMount::unmount() {
   return status;
 }
 
-bool FuseMount::mounted() const { return volume_ && volume_->ok() && volume_->pid() > 0; }
-pid_t FuseMount::pid() const { return volume_ ? volume_->pid() : -1; }
-std::string FuseMount::log() const { return volume_ ? volume_->log() : ""; }
+bool FuseMount::mounted() const {
+  return volume_ && volume_->ok() && volume_->pid() > 0;
+}
+pid_t FuseMount::pid() const {
+  return volume_ ? volume_->pid() : -1;
+}
+std::string FuseMount::log() const {
+  return volume_ ? volume_->log() : "";
+}
 
 PosixFs::PosixFs(FuseMount& mount, std::string base) : mount_(mount), base_(std::move(base)) {
   fds_.fill(-1);
 }
 
-PosixFs::~PosixFs() { close_all(); }
+PosixFs::~PosixFs() {
+  close_all();
+}
 
 std::string PosixFs::full(const std::string& path) const {
   return mount_.dir() + base_ + (path.empty() || path[0] == '/' ? "" : "/") + path;
@@ -154,10 +166,12 @@ int PosixFs::ftruncate(int slot, int64_t size) {
   return result(::ftruncate(fds_.at(static_cast<size_t>(slot)), static_cast<off_t>(size)));
 }
 
-int PosixFs::fsync(int slot, bool) { return result(::fsync(fds_.at(static_cast<size_t>(slot)))); }
+int PosixFs::fsync(int slot, bool) {
+  return result(::fsync(fds_.at(static_cast<size_t>(slot))));
+}
 
 int PosixFs::fstat(int slot, Stat* out) {
-  struct stat s{};
+  struct stat s {};
   int r = result(::fstat(fds_.at(static_cast<size_t>(slot)), &s));
   convert(s, out);
   return r;
@@ -174,7 +188,7 @@ int PosixFs::fchflags(int slot, uint32_t flags) {
 }
 
 int PosixFs::stat(const std::string& path, bool follow, Stat* out) {
-  struct stat s{};
+  struct stat s {};
   int r = result(follow ? ::stat(full(path).c_str(), &s) : ::lstat(full(path).c_str(), &s));
   convert(s, out);
   return r;
@@ -183,9 +197,15 @@ int PosixFs::stat(const std::string& path, bool follow, Stat* out) {
 int PosixFs::truncate(const std::string& path, int64_t size) {
   return result(::truncate(full(path).c_str(), static_cast<off_t>(size)));
 }
-int PosixFs::unlink(const std::string& path) { return result(::unlink(full(path).c_str())); }
-int PosixFs::mkdir(const std::string& path) { return result(::mkdir(full(path).c_str(), 0755)); }
-int PosixFs::rmdir(const std::string& path) { return result(::rmdir(full(path).c_str())); }
+int PosixFs::unlink(const std::string& path) {
+  return result(::unlink(full(path).c_str()));
+}
+int PosixFs::mkdir(const std::string& path) {
+  return result(::mkdir(full(path).c_str(), 0755));
+}
+int PosixFs::rmdir(const std::string& path) {
+  return result(::rmdir(full(path).c_str()));
+}
 
 int PosixFs::rename(const std::string& from, const std::string& to, unsigned flags) {
   return result(::renameat2(AT_FDCWD, full(from).c_str(), AT_FDCWD, full(to).c_str(),
@@ -207,8 +227,7 @@ int PosixFs::readlink(const std::string& path, std::string* target) {
 int PosixFs::utimes(const std::string& path, const TimeChange& times, bool follow) {
   struct timespec t[2];
   time_pair(times, t);
-  return result(
-      ::utimensat(AT_FDCWD, full(path).c_str(), t, follow ? 0 : AT_SYMLINK_NOFOLLOW));
+  return result(::utimensat(AT_FDCWD, full(path).c_str(), t, follow ? 0 : AT_SYMLINK_NOFOLLOW));
 }
 
 int PosixFs::chflags(const std::string& path, uint32_t flags, bool) {
@@ -236,8 +255,12 @@ int PosixFs::list(const std::string& path, std::vector<Listed>* out) {
   return err;
 }
 
-int PosixFs::label(std::string*) { return ENOTSUP; }
-int PosixFs::set_label(const std::string&) { return ENOTSUP; }
+int PosixFs::label(std::string*) {
+  return ENOTSUP;
+}
+int PosixFs::set_label(const std::string&) {
+  return ENOTSUP;
+}
 
 int PosixFs::sync(bool) {
   int fd = ::open(mount_.dir().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -249,7 +272,7 @@ int PosixFs::sync(bool) {
 }
 
 int PosixFs::space(uint64_t* free_clusters, uint32_t* cluster_bytes) {
-  struct statvfs v{};
+  struct statvfs v {};
   int r = result(::statvfs(mount_.dir().c_str(), &v));
   *free_clusters = v.f_bfree;
   *cluster_bytes = static_cast<uint32_t>(v.f_bsize);
@@ -262,7 +285,9 @@ int PosixFs::unmount() {
   return status == 0 ? 0 : EIO;
 }
 
-int PosixFs::mount(bool read_only) { return mount_.mount(read_only).empty() ? 0 : EIO; }
+int PosixFs::mount(bool read_only) {
+  return mount_.mount(read_only).empty() ? 0 : EIO;
+}
 
 void PosixFs::force_unmount() {
   close_all();

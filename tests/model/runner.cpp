@@ -62,10 +62,8 @@ bool needs_space(OpKind kind) {
     case OpKind::Mkdir:
     case OpKind::Symlink:
     case OpKind::Rename:
-    case OpKind::Label:
-      return true;
-    default:
-      return false;
+    case OpKind::Label: return true;
+    default: return false;
   }
 }
 
@@ -77,7 +75,7 @@ std::string join(const std::vector<std::string>& lines) {
 }
 
 struct timespec image_mtime(const std::string& image) {
-  struct stat st{};
+  struct stat st {};
   ::stat(image.c_str(), &st);
   return st.st_mtim;
 }
@@ -86,12 +84,26 @@ struct timespec image_mtime(const std::string& image) {
 
 bool plausible_errno(int err) {
   switch (err) {
-    case 0: case ENOENT: case EEXIST: case ENOTDIR: case EISDIR: case ENOTEMPTY: case EINVAL:
-    case EPERM: case EROFS: case ENAMETOOLONG: case ELOOP: case EBADF: case EFBIG: case ENOSPC:
-    case EIO: case ENXIO: case EAGAIN: case EBUSY: case EACCES:
-      return true;
-    default:
-      return false;
+    case 0:
+    case ENOENT:
+    case EEXIST:
+    case ENOTDIR:
+    case EISDIR:
+    case ENOTEMPTY:
+    case EINVAL:
+    case EPERM:
+    case EROFS:
+    case ENAMETOOLONG:
+    case ELOOP:
+    case EBADF:
+    case EFBIG:
+    case ENOSPC:
+    case EIO:
+    case ENXIO:
+    case EAGAIN:
+    case EBUSY:
+    case EACCES: return true;
+    default: return false;
   }
 }
 
@@ -182,9 +194,7 @@ Outcome Runner::exec(const Op& op) {
       o.err = fs_.write(op.slot, op.b, op_bytes(op.seed, op.a), &o.done);
       o.after_err = fs_.fstat(op.slot, &o.after);
       break;
-    case OpKind::Seek:
-      o.err = fs_.seek(op.slot, op.b, static_cast<int>(op.a), &o.position);
-      break;
+    case OpKind::Seek: o.err = fs_.seek(op.slot, op.b, static_cast<int>(op.a), &o.position); break;
     case OpKind::FTruncate:
       o.err = fs_.ftruncate(op.slot, op.b);
       o.after_err = fs_.fstat(op.slot, &o.after);
@@ -201,9 +211,7 @@ Outcome Runner::exec(const Op& op) {
     case OpKind::Unlink: o.err = fs_.unlink(op.path); break;
     case OpKind::Mkdir: o.err = fs_.mkdir(op.path); break;
     case OpKind::Rmdir: o.err = fs_.rmdir(op.path); break;
-    case OpKind::Rename:
-      o.err = fs_.rename(op.path, op.path2, static_cast<unsigned>(op.a));
-      break;
+    case OpKind::Rename: o.err = fs_.rename(op.path, op.path2, static_cast<unsigned>(op.a)); break;
     case OpKind::Symlink: o.err = fs_.symlink(op.path2, op.path); break;
     case OpKind::Readlink: o.err = fs_.readlink(op.path, &o.text); break;
     case OpKind::Utimes:
@@ -216,8 +224,7 @@ Outcome Runner::exec(const Op& op) {
     case OpKind::Label: o.err = fs_.set_label(op.path2); break;
     case OpKind::Sync: o.err = fs_.sync(op.a == 1); break;
     case OpKind::Fill:
-    case OpKind::Remount:
-      break;
+    case OpKind::Remount: break;
   }
   return o;
 }
@@ -351,9 +358,7 @@ std::string Runner::remount(bool read_only) {
 }
 
 std::string Runner::finish() {
-  if (std::string f = remount(false); !f.empty())
-    return f;
-  return "";
+  return remount(false);
 }
 
 std::string Runner::compare_content(Node& file, const std::string& path) {

@@ -64,8 +64,7 @@ class Runner {
   std::string step(const Op& op, Outcome* out = nullptr);
   std::string fill(const Op& op);
   std::string remount(bool read_only);
-  std::string walk(Node& dir, const std::string& path, const Stat& dir_st,
-                   std::set<uint64_t>* ids);
+  std::string walk(Node& dir, const std::string& path, const Stat& dir_st, std::set<uint64_t>* ids);
   std::string compare_content(Node& file, const std::string& path);
   Env env_for(const Op& op);
   bool known_fault_write(const Op& op, const Env& env) const;

@@ -57,8 +57,8 @@ bool Session::make(std::string* skipped, std::string* fault) {
       *fault = "can't size the image";
       return false;
     }
-    std::string command = mkfs + " -c " + std::to_string(cluster_bytes()) + " '" + image() +
-                          "' >/dev/null 2>&1";
+    std::string command =
+        mkfs + " -c " + std::to_string(cluster_bytes()) + " '" + image() + "' >/dev/null 2>&1";
     if (std::system(command.c_str()) != 0) {
       *fault = "mkfs.exfat failed: " + command;
       return false;
