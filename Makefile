@@ -13,7 +13,7 @@ CMAKE_COMMON := -G Ninja -DEXVOL_WERROR=ON
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config libfuse3-dev fuse3 \
 	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs gcovr
 
-.PHONY: all deps build build-tsan release test test-unit test-tsan run bench coverage clean
+.PHONY: all deps build build-tsan release test test-unit test-tsan soak run bench coverage clean
 
 all: build
 
@@ -51,6 +51,19 @@ test-tsan: build-tsan
 test: deps
 	$(MAKE) test-unit
 	$(MAKE) test-tsan
+
+# The model checker with fresh seeds for SECONDS seconds, shared among its
+# modes. A failure prints its seed, the command that replays it and, where
+# the mode allows, the sequence shrunk to a test case.
+SECONDS ?= 600
+MODEL_MODES := ModelCheckGeometry ModelCheckPowerCut ModelCheckIoErrors ModelCheckDamaged ModelCheckFuse
+soak: build
+	@per=$$(( $(SECONDS) / $(words $(MODEL_MODES)) )); [ $$per -gt 0 ] || per=1; status=0; \
+	for mode in $(MODEL_MODES); do \
+	  echo "== $$mode: $$per s"; \
+	  EXVOL_MODEL_SECONDS=$$per $(BUILD_TEST)/tests/exvol_model_tests \
+	    --gtest_filter="*$$mode*:-*/1:*/2" --gtest_brief=1 || status=1; \
+	done; exit $$status
 
 # Mounts IMG (a disk image or device) at MNT with mount.exvol and shows it;
 # without IMG, a demo image made once. The volume stays mounted.
