@@ -66,9 +66,7 @@ bool space_ran_out(uint64_t needed, const Env& env) {
 namespace {
 
 const uint32_t kAllKnownFaults[] = {
-    kRemovedOpenFileLinkCount, kDecomposedListing,     kAbsoluteLinkTarget,
-    kStampOverExplicitTime,    kGapWriteOutOfSpace,    kGapWriteMemory,
-    kCaseRenameOfImmutable,    kPageCacheEvictionRace, kSyncLeavesLinkData,
+    kCaseRenameOfImmutable, kPageCacheEvictionRace, kSyncLeavesLinkData,
 };
 
 }  // namespace
@@ -94,12 +92,6 @@ uint32_t known_faults_tolerated() {
 
 const char* known_fault_name(uint32_t fault) {
   switch (fault) {
-    case kRemovedOpenFileLinkCount: return "link-count";
-    case kDecomposedListing: return "decomposed-listing";
-    case kAbsoluteLinkTarget: return "absolute-link";
-    case kStampOverExplicitTime: return "stamp-over-time";
-    case kGapWriteOutOfSpace: return "gap-write-space";
-    case kGapWriteMemory: return "gap-write-memory";
     case kCaseRenameOfImmutable: return "case-rename-immutable";
     case kPageCacheEvictionRace: return "page-cache-race";
     case kSyncLeavesLinkData: return "sync-link-data";
@@ -383,8 +375,7 @@ std::string Model::compare_stat(const Node& node, const Stat& st, uint32_t clust
     uint32_t type_bits = node.is_dir() ? S_IFDIR : file ? S_IFREG : S_IFLNK;
     if (st.mode != (type_bits | (sem_.mask & 07777)))
       d << " mode " << std::oct << st.mode << std::dec;
-    bool removed_ok = node.unlinked && sem_.tolerates(kRemovedOpenFileLinkCount);
-    if (!node.is_dir() && !removed_ok && st.nlink != (node.unlinked ? 0u : 1u))
+    if (!node.is_dir() && st.nlink != (node.unlinked ? 0u : 1u))
       d << " nlink " << st.nlink << " (expected " << (node.unlinked ? 0 : 1) << ")";
     uint32_t flags = node.hidden ? kFlagHidden : 0;
     uint32_t care = kFlagHidden | kFlagImmutable | kFlagArchived;
@@ -931,14 +922,11 @@ std::string Model::do_times(const std::shared_ptr<Node>& node, const Op& op, con
   if (std::string e = fail(0); !e.empty() || which == 0)
     return e;
   timespec t{static_cast<time_t>(op.b), static_cast<long>(op.a)};
-  // Known fault: a stamp still pending (the time was unknown) may replace
-  // the time set now; it stays unknown.
-  bool stamp_wins = sem_.tolerates(kStampOverExplicitTime);
   if (which & kTimeBirth)
     node->birth = stored_10ms(t);
-  if ((which & kTimeModify) && !(stamp_wins && !node->modified))
+  if (which & kTimeModify)
     node->modified = stored_10ms(t);
-  if ((which & kTimeAccess) && !(stamp_wins && !node->accessed))
+  if (which & kTimeAccess)
     node->accessed = stored_2s(t);
   if (!node->is_dir())
     node->archive = true;
@@ -991,8 +979,7 @@ std::string Model::do_list(const Op& op, const Outcome& got) {
   for (const auto& [key, child] : r.node->children)
     want.emplace_back(child->name, static_cast<int>(child->type));
   for (const Listed& l : got.listing)
-    have.emplace_back(sem_.tolerates(kDecomposedListing) ? nfc(l.name) : l.name,
-                      static_cast<int>(l.type));
+    have.emplace_back(l.name, static_cast<int>(l.type));
   std::sort(want.begin(), want.end());
   std::sort(have.begin(), have.end());
   if (want == have)

@@ -73,13 +73,6 @@ struct Handle {
 // from known_faults_tolerated() once its fix is in. EXVOL_MODEL_STRICT=1
 // tolerates none, EXVOL_MODEL_STRICT=name,name none of those named.
 enum KnownFault : uint32_t {
-  kRemovedOpenFileLinkCount = 1u << 0,  // a removed open file reports nlink 1
-  kDecomposedListing = 1u << 1,         // listings give names decomposed (NFD)
-  kAbsoluteLinkTarget = 1u << 2,        // absolute targets resolve from the link's directory
-  kStampOverExplicitTime = 1u << 3,     // a pending stamp replaces times set after it
-  kGapWriteOutOfSpace = 1u << 4,        // a write past the end that runs out of space
-                                        // leaves the valid length past the size
-  kGapWriteMemory = 1u << 5,            // a write past the end costs memory per byte of gap
   kCaseRenameOfImmutable = 1u << 6,     // another case of an immutable file's name: renamed
   kPageCacheEvictionRace = 1u << 7,     // write-behind reads a page frame make_room freed
   kSyncLeavesLinkData = 1u << 8,        // a waiting sync leaves a new link's bytes unwritten

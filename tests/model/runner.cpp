@@ -231,33 +231,10 @@ Outcome Runner::exec(const Op& op) {
 
 // One operation on both sides. A write far past the end of its file is
 // measured: the memory an operation needs must not grow with the gap.
-// Whether a write is one that a tolerated known fault makes unusable: it
-// starts past the end of its file and either runs out of space or lies
-// farther out than the memory check allows.
-bool Runner::known_fault_write(const Op& op, const Env& env) const {
-  const Semantics& sem = model_.semantics();
-  auto h = model_.handles().find(op.slot);
-  if (op.kind != OpKind::Write || h == model_.handles().end())
-    return false;
-  const Node& node = *h->second.node;
-  uint64_t offset = (h->second.oflags & O_APPEND) ? node.size
-                    : op.b < 0                    ? static_cast<uint64_t>(h->second.offset)
-                                                  : static_cast<uint64_t>(op.b);
-  if (offset <= node.size || offset + op.a > static_cast<uint64_t>(INT64_MAX))
-    return false;
-  if (sem.tolerates(kGapWriteMemory) && offset - node.size > opt_.far_write)
-    return true;
-  uint64_t c = env.cluster_bytes;
-  uint64_t needed = (offset + op.a + c - 1) / c - (node.size + c - 1) / c;
-  return sem.tolerates(kGapWriteOutOfSpace) && needed > env.free_clusters;
-}
-
 std::string Runner::step(const Op& op, Outcome* out) {
   if (model_.skipped(op) || !fs_.mounted())
     return "";
   Env env = env_for(op);
-  if (known_fault_write(op, env))
-    return "";
   bool measure = false;
   if (op.kind == OpKind::Write && opt_.memory_limit != 0 && op.b >= 0) {
     auto h = model_.handles().find(op.slot);

@@ -67,7 +67,6 @@ class Runner {
   std::string walk(Node& dir, const std::string& path, const Stat& dir_st, std::set<uint64_t>* ids);
   std::string compare_content(Node& file, const std::string& path);
   Env env_for(const Op& op);
-  bool known_fault_write(const Op& op, const Env& env) const;
 
   Fs& fs_;
   Model& model_;

@@ -33,8 +33,6 @@ Session::Session(const VolumeShape& s, bool atime)
 
 GenParams Session::gen_params(const VolumeShape& shape) {
   GenParams p;
-  // Known fault: absolute targets resolve from the link's directory.
-  p.absolute_links = (known_faults_tolerated() & kAbsoluteLinkTarget) == 0;
   p.cluster_bytes = 1u << (shape.sector_shift + shape.cluster_shift);
   p.volume_bytes = uint64_t{shape.clusters} * p.cluster_bytes;
   return p;
