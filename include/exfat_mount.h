@@ -67,7 +67,7 @@ struct exfat_mount {
   uint32_t xm_bitmap_cache_offset;  // byte offset in the bitmap, or EXFAT_CACHE_NONE
   uint32_t xm_bitmap_size;     // bitmap file length in bytes
   uint8_t xm_bitmap_cache_dirty;    // xm_bitmap_lock
-  uint8_t xm_percent_in_use;   // last percentInUse written (0 after mount)
+  uint8_t xm_percent_in_use;   // percentInUse on disk (read at mount, then as written)
   char xm_label[EXFAT_LABEL_BYTES];  // volume label, UTF-8
   uint8_t xm_uuid[16];         // volume UUID, RFC 4122 byte order
   uint32_t xm_label_offset;    // label entry's offset in the root, or EXFAT_NO_LABEL_OFFSET

@@ -189,6 +189,10 @@ int exfat_check_boot_region(struct exfat_mount* mount, vnode_t devvp, vfs_contex
 // geometry fields of the record. Returns 0 or EINVAL.
 int exfat_mount_geometry(struct exfat_mount* mount, mount_t mp, const uint8_t* boot) {
   const struct exfat_boot_sector* bs = reinterpret_cast<const struct exfat_boot_sector*>(boot);
+  // The figure the boot sector holds now, so that the first flush rewrites
+  // it whenever it differs from the real one: starting from 0 left a stale
+  // figure on disk after a mount whose only change emptied the volume.
+  mount->xm_percent_in_use = boot[EXFAT_BOOT_PERCENT_IN_USE_OFFSET];
   unsigned cluster_shift = bs->bsSectorsPerClusterShift;
   if (cluster_shift > EXFAT_MAX_CLUSTER_SHIFT) {
     kprintf("exfat_mount_internal: bsSectorsPerClusterShift (%d) is too large\n", cluster_shift);
@@ -307,8 +311,15 @@ int exfat_mount_unwind(struct exfat_mount* mount, mount_t mp, buf_t bp, vfs_cont
 // lands ahead of the metadata it vouches for. A failed write is recorded
 // (exfat_note_write_error), so the mark is not written. The caller holds no
 // driver lock. Returns the first error.
+//
+// percentInUse is written here too, first: the unmount's vflush releases
+// the last references of removed files, whose clusters are freed only then,
+// after any sync that preceded the unmount, and other systems show the
+// figure as the volume's fill level.
 int exfat_unmount_flush(struct exfat_mount* mount, vfs_context_t context) {
+  bool writable = !(mount->xm_flags & XM_RDONLY);
   int errors[] = {
+      writable ? exfat_sync_boot_sector(mount, 1, context) : 0,
       VNOP_FSYNC(mount->xm_fat_vp, MNT_WAIT, context),
       VNOP_FSYNC(mount->xm_bitmap_vp, MNT_WAIT, context),
       buf_flushdirtyblks(mount->xm_devvp, 1, 0, "exfat_vfs_unmount"),

@@ -1,5 +1,7 @@
 #include "tests/model/runner.h"
 
+#include "exvol/check.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -133,6 +135,18 @@ std::vector<std::string> fsck_findings(const std::string& image) {
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
     findings.push_back("fsck.exfat -n (status " + std::to_string(WEXITSTATUS(status)) +
                        "): " + out);
+  return findings;
+}
+
+std::vector<std::string> exvol_check_findings(const std::string& image) {
+  CheckReport report;
+  if (std::error_code ec = check(image, CheckOptions(), &report))
+    return {"exvol check: " + ec.message()};
+  std::vector<std::string> findings;
+  for (const Finding& f : report.first.findings)
+    findings.push_back("exvol check: " + f.path + ": " + f.what + ", " + f.where);
+  if (!report.first.complete)
+    findings.push_back("exvol check: the volume could not be checked");
   return findings;
 }
 

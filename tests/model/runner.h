@@ -19,15 +19,16 @@
 namespace exvol::model {
 
 // Checks an unmounted image; returns the findings, none when it is clean.
-// The default runs fsck.exfat -n (when installed) and checks that the
-// volume is marked clean.
+// The defaults run fsck.exfat -n (when installed), check that the volume
+// is marked clean, and run exvol check, which also sees leaked clusters.
 using VolumeChecker = std::function<std::vector<std::string>(const std::string& image)>;
 std::vector<std::string> fsck_findings(const std::string& image);
+std::vector<std::string> exvol_check_findings(const std::string& image);
 bool volume_dirty(const std::string& image);
 
 struct RunOptions {
   std::string image;
-  std::vector<VolumeChecker> checkers = {fsck_findings};
+  std::vector<VolumeChecker> checkers = {fsck_findings, exvol_check_findings};
   // Compare the whole tree every this many operations (0: never).
   int checkpoint_every = 40;
   // Compare nothing: only that every answer is an errno a caller can get
