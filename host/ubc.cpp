@@ -146,7 +146,7 @@ void frame_free_locked(Page* p) {
   // Slabs go back to the system only when the pool holds more memory than
   // its bound allows; a pool that streams through its bound keeps them, as
   // fresh memory costs the system a page fault and a zero-fill per page.
-  if (s->free.size() == kSlabPages && pl.nfree > kFreeSlack &&
+  if (s->free.size() == kSlabPages && pl.pinned == 0 && pl.nfree > kFreeSlack &&
       pl.resident + pl.nfree > pl.limit_pages + kFreeSlack)
     slab_release_locked(s);
 }
@@ -250,7 +250,9 @@ bool page_acquire_locked(Page* p) {
   uint64_t index = p->index;
   while ((p->flags & PG_BUSY) || p->readers) {
     p->flags |= PG_WANTED;
+    pool().pinned++;
     sleep_locked();
+    pool().pinned--;
     if (p->info != info || p->index != index) return false;
   }
   if (p->info != info || (p->flags & PG_GONE)) return false;
@@ -264,7 +266,9 @@ bool page_share_locked(Page* p) {
   uint64_t index = p->index;
   while (p->flags & PG_BUSY) {
     p->flags |= PG_WANTED;
+    pool().pinned++;
     sleep_locked();
+    pool().pinned--;
     if (p->info != info || p->index != index) return false;
   }
   if (p->info != info || (p->flags & PG_GONE) || !(p->flags & PG_VALID)) return false;
@@ -385,15 +389,18 @@ void make_room_locked(size_t want, bool may_wait) {
 // Drops every page of info at or past page `first`, waiting for busy ones.
 // Dirty pages are dropped unwritten.
 void drop_pages_locked(Info* info, uint64_t first) {
+  Pool& pl = pool();
+  pl.pinned++;  // v's records stay readable while we sleep for one of them
   for (;;) {
     std::vector<Page*> v = pages_in_range_locked(info, first, UINT64_MAX);
-    if (v.empty()) return;
+    if (v.empty()) break;
     for (Page* p : v) {
       if (p->info != info) continue;  // freed while we slept for another
       if (!page_acquire_locked(p)) continue;
       page_free_locked(p);
     }
   }
+  pl.pinned--;
 }
 
 }  // namespace ubc

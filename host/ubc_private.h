@@ -144,6 +144,11 @@ struct Pool {
   size_t peak = 0;       // the most pages resident at once since the last reset
   size_t ndirty = 0;     // dirty pages, busy ones included
   size_t nfree = 0;      // free pages in slabs
+  // Threads that hold Page pointers across a sleep (page_acquire_locked,
+  // page_share_locked, drop_pages_locked). Page records must stay readable
+  // for them: a freed page is recognised by its changed info/index, so its
+  // slab is not given back to the system while any such thread exists.
+  uint32_t pinned = 0;
   uint32_t inflight = 0; // asynchronous transfers queued or running, all files
   uint32_t sleepers = 0; // threads sleeping on cv (to skip needless notifies)
   Page clean_lru;        // sentinels: head.next is the least recently used
