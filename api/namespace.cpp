@@ -54,7 +54,8 @@ int rename_checks(const Nameidata& f, const Nameidata& t, unsigned flags, bool* 
     // One file under two names can only be a name and another case of it:
     // renaming it to the same bytes changes nothing.
     *nothing_to_do = f.dvp.get() == t.dvp.get() && f.last == t.last;
-    return 0;
+    // Another case of the name is a change like any other rename.
+    return !*nothing_to_do && immutable(fvp) ? EPERM : 0;
   }
   if (tvp != NULLVP) {
     if (flags & kRenameNoReplace)

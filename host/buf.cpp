@@ -2,6 +2,7 @@
 
 #include <sys/queue.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -607,6 +608,19 @@ errno_t buf_invalblkno(vnode_t vp, daddr64_t lblkno, int flags) {
     if (!(flags & BUF_WAIT)) return EBUSY;
     wait_busy_locked(lk, bp, "buf_invalblkno");
   }
+}
+
+std::vector<vnode_t> host_buf_dirty_vnodes(mount_t mp) {
+  Lock lk(bc().bc_lock);
+  std::vector<vnode_t> vnodes;
+  buf* bp;
+  TAILQ_FOREACH(bp, &bc().bc_dirty_file, b_freelist) {
+    if (vnode_mount(bp->b_vp) == mp) vnodes.push_back(bp->b_vp);
+  }
+  lk.unlock();
+  std::sort(vnodes.begin(), vnodes.end());
+  vnodes.erase(std::unique(vnodes.begin(), vnodes.end()), vnodes.end());
+  return vnodes;
 }
 
 // msg is ignored: it names the caller for a kernel's diagnostics, and the

@@ -24,9 +24,11 @@
 #include <thread>
 #include <vector>
 
+#include "host/buf.h"
 #include "host/kern.h"
 #include "host/malloc.h"
 #include "host/thread_call_private.h"
+#include "host/vnode_internal.h"
 #include "host/vnode_private.h"
 
 // --- Mount queries and setters ------------------------------------------------
@@ -313,6 +315,35 @@ int host_mount_update(mount_t mp, uint64_t flags, const void* data, size_t datal
   return error;
 }
 
+namespace {
+
+// A file system's sync reaches the vnodes in use and the device's buffers;
+// a kernel's buffer cache writes the delayed blocks of every other vnode on
+// its own (a new symbolic link's contents, once its creator let it go). So
+// every sync here first writes those, data before the metadata that the
+// file system's sync then writes. Returns the first write error.
+int sync_idle_files(mount_t mp, int waitfor) {
+  int first_error = 0;
+  for (vnode_t vp : host_buf_dirty_vnodes(mp)) {
+    if (!host_vnode_get_live(vp, mp)) continue;  // its reclaim writes it
+    int error = buf_flushdirtyblks(vp, waitfor == MNT_WAIT, 0, "sync_idle_files");
+    if (first_error == 0) first_error = error;
+    vnode_put(vp);
+  }
+  return first_error;
+}
+
+// The whole sync of a writable mount: idle files' blocks, then the file
+// system's. ENOTSUP (a file system with nothing to sync) counts as done.
+int sync_mount(mount_t mp, int waitfor) {
+  int idle_error = sync_idle_files(mp, waitfor);
+  int error = VFS_SYNC(mp, waitfor, vfs_context_kernel());
+  if (error == ENOTSUP) error = 0;
+  return error != 0 ? error : idle_error;
+}
+
+}  // namespace
+
 int host_unmount(mount_t mp, int mntflags) {
   if (mntflags & ~MNT_FORCE) panic("host_unmount: unsupported flags 0x%x", mntflags);
   if (!mount_begin_op(mp)) return EINVAL;
@@ -324,8 +355,7 @@ int host_unmount(mount_t mp, int mntflags) {
   // as a failing write in the file system's own unmount does: the caller
   // learns of it and may force.
   int error = 0;
-  if (!(mntflags & MNT_FORCE) && !vfs_isrdonly(mp)) error = VFS_SYNC(mp, MNT_WAIT, vfs_context_kernel());
-  if (error == ENOTSUP) error = 0;  // a file system with nothing to sync
+  if (!(mntflags & MNT_FORCE) && !vfs_isrdonly(mp)) error = sync_mount(mp, MNT_WAIT);
   if (error == 0) error = VFS_UNMOUNT(mp, mntflags, vfs_context_kernel());
   if (error != 0) {
     mp->mnt_flag.fetch_and(~(uint64_t)MNT_FORCE);
@@ -340,7 +370,7 @@ int host_unmount(mount_t mp, int mntflags) {
 int host_sync(mount_t mp, int waitfor) {
   if (waitfor != MNT_WAIT && waitfor != MNT_NOWAIT) panic("host_sync: waitfor %d", waitfor);
   if (!mount_begin_op(mp)) return EINVAL;
-  int error = VFS_SYNC(mp, waitfor, vfs_context_kernel());
+  int error = vfs_isrdonly(mp) ? VFS_SYNC(mp, waitfor, vfs_context_kernel()) : sync_mount(mp, waitfor);
   mount_end_op(mp);
   return error;
 }
@@ -401,7 +431,7 @@ void syncer_main() {
     g_syncer_syncing = true;
     mp->mnt_sync_due_ns = now + int64_t{mp->mnt_sync_interval_ms} * 1000000;
     lk.unlock();
-    if (!vfs_isrdonly(mp)) (void)VFS_SYNC(mp, MNT_NOWAIT, vfs_context_kernel());
+    if (!vfs_isrdonly(mp)) (void)sync_mount(mp, MNT_NOWAIT);
     lk.lock();
     mp->mnt_busy = false;
     g_syncer_syncing = false;

@@ -200,11 +200,15 @@ int host_mount(const char* fstype, vnode_t devvp, uint64_t flags, const void* da
 // An update of a mounted volume: flags are the new MNT_* flags (MNT_RDONLY to
 // downgrade, without it to upgrade; MNT_RELOAD, MNT_FORCE as requests).
 int host_mount_update(mount_t mp, uint64_t flags, const void* data, size_t datalen);
-// Unmounts: VFS_SYNC(MNT_WAIT) first unless forced or read-only, then
+// Every sync of a writable mount (unmount's, host_sync's, the syncer's)
+// first writes the delayed blocks of the mount's file vnodes that nobody
+// uses (a kernel's buffer cache does that by itself; the file system's sync
+// reaches only vnodes in use), then calls VFS_SYNC.
+// Unmounts: that sync with MNT_WAIT first unless forced or read-only, then
 // VFS_UNMOUNT with MNT_FORCE when asked. On success the mount is freed; on
 // failure it stays mounted and usable.
 int host_unmount(mount_t mp, int mntflags);
-// VFS_SYNC with the kernel context.
+// The sync above with the kernel context (VFS_SYNC alone when read-only).
 int host_sync(mount_t mp, int waitfor);
 // How often the syncer writes back the mount's pending changes
 // (VFS_SYNC with MNT_NOWAIT, skipped while the mount is read-only), in

@@ -259,6 +259,13 @@ bool wait_usable_locked(vlock& lk, vnode_t vp, bool check_vid, uint32_t vid) {
 
 std::mutex& vnode_list_lock(void) { return G().lock; }
 
+bool host_vnode_get_live(vnode_t vp, mount_t mp) {
+  vlock lk(G().lock);
+  if (vp->v_mount.load() != mp || !vnode_alive_locked(vp, vp->v_id)) return false;
+  take_iocount_locked(vp);
+  return true;
+}
+
 int vnode_get_nowait_locked(vnode_t vp, uint32_t vid) {
   if (!vnode_alive_locked(vp, vid)) return ENOENT;
   take_iocount_locked(vp);

@@ -10,6 +10,8 @@
 #include "host/types.h"
 #include "host/vnode.h"
 
+#include <vector>
+
 // Slots for per-vnode state of other services (NULL until they set them).
 void** host_vnode_ubc_slot(vnode_t vp);   // page cache (host/ubc)
 void** host_vnode_buf_slot(vnode_t vp);   // buffer cache (host/buf)
@@ -36,3 +38,10 @@ void host_ubc_vnode_reclaim(vnode_t vp);
 void host_ubc_vnode_destroy(vnode_t vp);
 // Called when a device vnode (VBLK) is reclaimed, after its buffers went.
 void host_blkdev_vnode_reclaim(vnode_t vp);
+
+// The file vnodes of mp that have idle delayed writes in the buffer cache
+// (host/buf), and a way to hold one of them: host_vnode_get_live takes an
+// I/O reference on vp when it is alive, not being reclaimed and still on
+// mp (vnodes are type-stable, so a pointer collected earlier may be tested).
+std::vector<vnode_t> host_buf_dirty_vnodes(mount_t mp);
+bool host_vnode_get_live(vnode_t vp, mount_t mp);

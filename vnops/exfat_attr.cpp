@@ -126,7 +126,8 @@ void exfat_getattr_times(const struct exfat_node* node, struct vnode_attr* vap) 
 // size change of anything but a regular file, or exfat_truncate's error.
 //
 // The page cache learns the new size before the allocation changes, so that
-// pages past a new, smaller end are gone before their clusters are freed.
+// pages past a new, smaller end are gone before their clusters are freed;
+// when the change fails it is given the size the file kept.
 // A size equal to the current one is not a truncation (exfat_truncate
 // refuses it) but is still a request: the entry set is rewritten at the end
 // of setattr all the same.
@@ -153,11 +154,16 @@ int exfat_setattr_size(vnode_t vp, struct exfat_node* node, struct vnode_attr* v
   // IO_UNIT: a size beyond the free clusters fails at once with ENOSPC
   // instead of leaving a half-grown file.
   int error = exfat_truncate(node, new_size, vap->va_vaflags | IO_UNIT, context);
-  lck_mtx_unlock(node->x_io_lock);
   if (error) {
+    // The page cache must not keep a size the file did not take: its next
+    // push would write pages past the file's end.
+    const uint64_t kept_size = node->x_size;
     exfat_node_unlock(node);
+    ubc_setsize(vp, static_cast<off_t>(kept_size));
+    lck_mtx_unlock(node->x_io_lock);
     return error;
   }
+  lck_mtx_unlock(node->x_io_lock);
   VATTR_SET_SUPPORTED(vap, va_data_size);
   return 0;
 }

@@ -66,7 +66,7 @@ bool space_ran_out(uint64_t needed, const Env& env) {
 namespace {
 
 const uint32_t kAllKnownFaults[] = {
-    kCaseRenameOfImmutable, kPageCacheEvictionRace, kSyncLeavesLinkData,
+    kPageCacheEvictionRace,
 };
 
 }  // namespace
@@ -844,7 +844,6 @@ std::string Model::do_rename(const Op& op, const Outcome& got, const Env& env) {
     return fail(EROFS);
   std::shared_ptr<Node> from = f.node;
   std::shared_ptr<Node> victim = t.node;
-  bool case_only = victim == from;
   if (!sem_.library) {
     // A kernel's order: an existing target, then the two names' places
     // in the tree, then their types.
@@ -884,7 +883,7 @@ std::string Model::do_rename(const Op& op, const Outcome& got, const Env& env) {
     if (victim->readonly)
       return fail(EPERM);
   }
-  if (from->readonly && !(case_only && sem_.tolerates(kCaseRenameOfImmutable)))
+  if (from->readonly)
     return fail(EPERM);
   if (from->is_dir() && f.dir != t.dir) {
     for (const Node* d = t.dir.get(); d != nullptr; d = d->parent) {

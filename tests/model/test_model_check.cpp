@@ -83,7 +83,9 @@ TEST(ModelCheckIoErrors, ErrorsComeBackAsErrnos) {
 }
 
 TEST(ModelCheckDamaged, DamagedVolumesNeitherCrashNorHang) {
-  run_seeds(seed_range(3000, 16), run_damaged, 120, std::nullopt);
+  std::vector<uint64_t> seeds = seed_range(3000, 16);
+  seeds.push_back(3057);  // a refused size change left the page cache at that size
+  run_seeds(seeds, run_damaged, 120, std::nullopt);
 }
 
 // The daemon (built with sanitizers, whose allocator keeps freed memory a
