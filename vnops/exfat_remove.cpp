@@ -236,9 +236,14 @@ int exfat_vnop_rmdir(struct vnop_rmdir_args* ap) {
     // The blocks go first, so that none of them is written over clusters
     // that are free again. A directory of size 0 exists only on a damaged
     // volume and has nothing to free.
+    // Giving the clusters back is not a change to the directory's
+    // contents: a program that still has it open keeps seeing the times
+    // it had (the truncation would stamp a modification).
     int release_error = exfat_dir_invalidate(victim);
+    const uint32_t stamp_pending = victim->x_flags & X_MODIFIED;
     if (release_error == 0 && victim->x_size != 0)
       release_error = exfat_truncate(victim, 0, 0, ap->a_context);
+    victim->x_flags = (victim->x_flags & ~X_MODIFIED) | stamp_pending;
     if (error == 0)
       error = release_error;
   }
