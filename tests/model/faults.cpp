@@ -224,14 +224,15 @@ bool surplus_chain(const Finding& f) {
 // to a file (allocated before the entries that own them were written, or
 // not yet freed after), the dirty flag and a stale PercentInUse. Anything
 // else is a write-ordering fault.
-std::string unacceptable_to_exvol_check(const std::string& image) {
+std::string unacceptable_to_exvol_check(const std::string& image, const Semantics& sem) {
   CheckReport report;
   if (std::error_code ec = check(image, CheckOptions(), &report))
     return "\n    exvol check: " + ec.message();
   std::string bad;
   for (const Finding& f : report.first.findings) {
     if (f.kind != FindingKind::Leak && f.kind != FindingKind::VolumeDirty &&
-        f.kind != FindingKind::PercentInUse && !surplus_chain(f))
+        f.kind != FindingKind::PercentInUse && !surplus_chain(f) &&
+        !(f.kind == FindingKind::Unmarked && sem.tolerates(kFreedBeforeOwnerWritten)))
       bad += "\n    exvol check: " + f.path + ": " + f.what + ", " + f.where;
   }
   return bad;
@@ -380,7 +381,7 @@ RunResult run_power_cut(uint64_t seed, int steps, const FsFactory& factory,
             static_cast<unsigned long long>(at_cut.writes), at_cut.cut ? "cut" : "not cut",
             faults.write_cache ? "with" : "without", promises.size(), owed_at_cut.size(),
             due.size());
-  if (std::string bad = unacceptable(s.image(), owed_paths) + unacceptable_to_exvol_check(s.image());
+  if (std::string bad = unacceptable(s.image(), owed_paths) + unacceptable_to_exvol_check(s.image(), s.model.semantics());
       !bad.empty()) {
     r.fault = "after the power cut the checker finds:" + bad;
     return r;

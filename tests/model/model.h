@@ -73,9 +73,11 @@ struct Handle {
 // from known_faults_tolerated() once its fix is in. EXVOL_MODEL_STRICT=1
 // tolerates none, EXVOL_MODEL_STRICT=name,name none of those named.
 enum KnownFault : uint32_t {
-  kCaseRenameOfImmutable = 1u << 6,     // another case of an immutable file's name: renamed
-  kPageCacheEvictionRace = 1u << 7,     // write-behind reads a page frame make_room freed
-  kSyncLeavesLinkData = 1u << 8,        // a waiting sync leaves a new link's bytes unwritten
+  kPageCacheEvictionRace = 1u << 7,  // write-behind reads a page frame make_room freed
+  // The bitmap's cache may reach the disk with clusters a truncation or
+  // removal freed before the entry that owned them is rewritten: a cut in
+  // between leaves them owned but free.
+  kFreedBeforeOwnerWritten = 1u << 9,
 };
 uint32_t known_faults_tolerated();
 const char* known_fault_name(uint32_t fault);
