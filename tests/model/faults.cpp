@@ -232,7 +232,8 @@ std::string unacceptable_to_exvol_check(const std::string& image, const Semantic
   for (const Finding& f : report.first.findings) {
     if (f.kind != FindingKind::Leak && f.kind != FindingKind::VolumeDirty &&
         f.kind != FindingKind::PercentInUse && !surplus_chain(f) &&
-        !(f.kind == FindingKind::Unmarked && sem.tolerates(kFreedBeforeOwnerWritten)))
+        !((f.kind == FindingKind::Unmarked || f.kind == FindingKind::ChainLength) &&
+          sem.tolerates(kFreedBeforeOwnerWritten)))
       bad += "\n    exvol check: " + f.path + ": " + f.what + ", " + f.where;
   }
   return bad;

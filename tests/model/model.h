@@ -74,9 +74,10 @@ struct Handle {
 // tolerates none, EXVOL_MODEL_STRICT=name,name none of those named.
 enum KnownFault : uint32_t {
   kPageCacheEvictionRace = 1u << 7,  // write-behind reads a page frame make_room freed
-  // The bitmap's cache may reach the disk with clusters a truncation or
-  // removal freed before the entry that owned them is rewritten: a cut in
-  // between leaves them owned but free.
+  // The FAT and bitmap caches may reach the disk with clusters a truncation
+  // or removal freed before the entry that owned them is rewritten: a cut
+  // in between leaves them owned but free, or a chain shorter than the
+  // entry's length.
   kFreedBeforeOwnerWritten = 1u << 9,
 };
 uint32_t known_faults_tolerated();
