@@ -166,22 +166,24 @@ uint32_t random_serial() {
 }
 
 // The bitmap's bytes: clusters 2..next-1 used, the rest free, written in
-// fixed-size pieces.
+// fixed-size pieces; the rest of its last cluster zeroed.
 bool write_bitmap(Formatter& f, uint32_t first, uint64_t length, MkfsError* e) {
   const uint64_t used = f.next_cluster() - 2;
   std::vector<uint8_t> piece(64 << 10);
   uint64_t start = f.layout().cluster_offset(first);
-  uint64_t padded = uint64_t{f.layout().clusters_for(length)} * f.layout().cluster_bytes();
-  for (uint64_t at = 0; at < padded; at += piece.size()) {
-    size_t n = static_cast<size_t>(std::min<uint64_t>(piece.size(), padded - at));
+  for (uint64_t at = 0; at < length; at += piece.size()) {
+    size_t n = static_cast<size_t>(std::min<uint64_t>(piece.size(), length - at));
     for (size_t i = 0; i < n; i++) {
       uint64_t bit = (at + i) * 8;
-      piece[i] = bit + 8 <= used ? 0xFF : bit >= used ? 0 : static_cast<uint8_t>((1u << (used - bit)) - 1);
+      piece[i] = bit + 8 <= used ? 0xFF
+                 : bit >= used   ? 0
+                                 : static_cast<uint8_t>((1u << (used - bit)) - 1);
     }
     if (!f.write_at(start + at, piece.data(), n, e))
       return false;
   }
-  return true;
+  uint64_t padded = uint64_t{f.layout().clusters_for(length)} * f.layout().cluster_bytes();
+  return f.zero(start + length, padded - length, e);
 }
 
 // FAT entries 0 and 1, and the chains of the system files (contiguous
@@ -238,8 +240,9 @@ bool format(Formatter& f, uint32_t serial, MkfsError* e) {
   if (!f.populate_root(system, &root_first, &root_clusters, e))
     return false;
 
-  upcase.resize(uint64_t{upcase_clusters} * l.cluster_bytes(), 0);
+  uint64_t upcase_end = l.cluster_offset(upcase_first) + upcase.size();
   if (!f.write_at(l.cluster_offset(upcase_first), upcase.data(), upcase.size(), e) ||
+      !f.zero(upcase_end, uint64_t{upcase_clusters} * l.cluster_bytes() - upcase.size(), e) ||
       !write_bitmap(f, bitmap_first, bitmap_length, e) ||
       !write_fat(f, {{bitmap_first, bitmap_clusters}, {upcase_first, upcase_clusters},
                      {root_first, root_clusters}}, e))

@@ -112,7 +112,8 @@ int mkfs_command(const std::vector<std::string>& raw) {
   if (args.values.count('s') && (!parse_size(args.values['s'], &o.size) || o.size == 0))
     return report.usage("bad size " + args.values['s']);
   if (args.values.count('c') &&
-      (!parse_size(args.values['c'], &cluster) || cluster == 0 || cluster > (32u << 20)))
+      (!parse_size(args.values['c'], &cluster) || cluster < 512 || cluster > (32u << 20) ||
+       (cluster & (cluster - 1)) != 0))
     return report.usage("bad cluster size " + args.values['c']);
   o.cluster_size = static_cast<uint32_t>(cluster);
   if (args.values.count('S')) {
