@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
@@ -259,10 +260,18 @@ bool format(Formatter& f, uint32_t serial, MkfsError* e) {
 // created or extended to options.size.
 bool open_target(const std::string& path, const MkfsOptions& o, int* fd, bool* regular,
                  uint64_t* bytes, uint32_t* sector, MkfsError* e) {
-  int flags = O_RDWR | O_CLOEXEC | (o.size ? O_CREAT : 0);
+  // O_EXCL on a block device fails while it is mounted or held by another
+  // exclusive opener.
+  struct stat before;
+  bool block = stat(path.c_str(), &before) == 0 && S_ISBLK(before.st_mode);
+  int flags = O_RDWR | O_CLOEXEC | (o.size && !block ? O_CREAT : 0) | (block ? O_EXCL : 0);
   *fd = ::open(path.c_str(), flags, 0644);
   if (*fd < 0)
-    return fail(e, errno, path + ": " + strerror(errno));
+    return fail(e, errno, path + (errno == EBUSY ? ": the device is in use (mounted?)"
+                                                 : std::string(": ") + strerror(errno)));
+  if (flock(*fd, LOCK_EX | LOCK_NB) != 0)
+    return fail(e, errno == EWOULDBLOCK ? EBUSY : errno,
+                path + ": in use by another program (mounted, or an exvol command)");
   struct stat st;
   if (fstat(*fd, &st) != 0)
     return fail(e, errno, path + ": " + strerror(errno));

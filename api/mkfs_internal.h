@@ -41,6 +41,9 @@ class Formatter {
  public:
   Formatter(int fd, bool regular_file, const MkfsLayout& layout, const MkfsOptions& options);
 
+  // The image itself, which a tree that holds it must not copy into it.
+  bool is_target(uint64_t dev, uint64_t ino) const { return dev == target_dev_ && ino == target_ino_; }
+
   const MkfsLayout& layout() const { return layout_; }
   const MkfsOptions& options() const { return options_; }
   MkfsResult& result() { return result_; }
@@ -69,6 +72,7 @@ class Formatter {
   MkfsResult result_;
   const std::vector<uint16_t>& upcase_;
   uint32_t next_cluster_ = 2;
+  uint64_t target_dev_ = 0, target_ino_ = 0;
   std::vector<uint8_t> copy_buffer_;
 };
 

@@ -10,6 +10,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,7 +27,7 @@ namespace exvol::detail {
 namespace {
 
 constexpr size_t kCopyBuffer = 1u << 20;
-constexpr size_t kDirBuffer = 64u << 10;
+constexpr size_t kDirBuffer = 16u << 10;  // per directory on the current path
 constexpr uint32_t kLinkFileSize = 1067;
 constexpr size_t kLinkMaxTarget = 1024;
 
@@ -118,9 +119,11 @@ bool TreeWriter::list(const std::string& path, std::vector<Child>* children, Mkf
       errno = error;
       return fail_errno(e, full);
     }
-    if (!is_supported(c.st)) {
+    bool self = f_.is_target(makedev(c.st.stx_dev_major, c.st.stx_dev_minor), c.st.stx_ino);
+    if (!is_supported(c.st) || self) {
       if (f_.options().warn)
-        f_.options().warn(full + ": skipped: exFAT holds only files, directories and links");
+        f_.options().warn(full + (self ? ": skipped: the volume being made"
+                                        : ": skipped: exFAT holds only files, directories and links"));
       continue;
     }
     size_t bytes = 0;
@@ -270,6 +273,8 @@ void TreeWriter::build_set(const Child& c, uint32_t first, uint64_t length, uint
 bool TreeWriter::fill(const std::string& path, std::vector<Child>& children, DirWriter& dir,
                       MkfsError* e) {
   for (const Child& c : children) {
+    if (f_.options().cancelled && f_.options().cancelled())
+      return fail(e, ECANCELED, "interrupted");
     uint32_t first = 0, clusters = 0;
     uint64_t length = 0;
     if (!child_data(path + "/" + c.name, c, &first, &length, &clusters, e))
@@ -289,7 +294,13 @@ Formatter::Formatter(int fd, bool regular_file, const MkfsLayout& layout,
       regular_file_(regular_file),
       layout_(layout),
       options_(options),
-      upcase_(upcase_mapping()) {}
+      upcase_(upcase_mapping()) {
+  struct stat st;
+  if (fstat(fd, &st) == 0) {
+    target_dev_ = st.st_dev;
+    target_ino_ = st.st_ino;
+  }
+}
 
 bool Formatter::allocate(uint32_t count, uint32_t* first, MkfsError* error,
                          const std::string& what) {

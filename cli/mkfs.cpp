@@ -128,6 +128,7 @@ int mkfs_command(const std::vector<std::string>& raw) {
   o.from = args.values.count('F') ? args.values['F'] : "";
   o.seconds_west = args.mount.seconds_west.value_or(0);
   o.warn = [&report](const std::string& line) { report.warn(line); };
+  o.cancelled = [] { return interrupted(); };
 
   const std::string& target = args.operands[0];
   MkfsResult r;

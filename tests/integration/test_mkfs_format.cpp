@@ -146,6 +146,21 @@ TEST(MkfsFormat, RefusesWhatCannotBeFormatted) {
   Command full = run(kCli + " mkfs -s 2M --from '" + src.path() + "' '" + image.path() + "'");
   EXPECT_EQ(1, full.status);
   EXPECT_NE(std::string::npos, full.err.find("no space left")) << full.err;
+
+  // An image inside the tree is not copied into itself; one in use is not
+  // formatted under its user.
+  const std::string inside = src.path() + "/self.img";
+  Command self = run(kCli + " mkfs -s 8M --from '" + src.path() + "' '" + inside + "'");
+  EXPECT_EQ(0, self.status) << self.err;
+  EXPECT_NE(std::string::npos, self.err.find("self.img: skipped: the volume being made"))
+      << self.err;
+  std::unique_ptr<Volume> v = mount_image(inside);
+  ASSERT_TRUE(v);
+  Stat st;
+  EXPECT_EQ(ENOENT, v->stat("/self.img", &st).value());
+  Command busy = run(kCli + " mkfs '" + inside + "'");
+  EXPECT_EQ(1, busy.status);
+  EXPECT_NE(std::string::npos, busy.err.find("in use by another program")) << busy.err;
 }
 
 // The stored table, as the driver expands it, is the generated mapping,

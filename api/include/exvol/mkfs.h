@@ -33,8 +33,11 @@ struct MkfsOptions {
   // The time zone in which the copied files' times are stored (seconds
   // west of UTC), as a mount with that zone would store them.
   int32_t seconds_west = 0;
-  // Receives one line per thing skipped (sockets, devices, FIFOs).
+  // Receives one line per thing skipped (sockets, devices, FIFOs, the
+  // image itself when it lies inside `from`).
   std::function<void(const std::string&)> warn;
+  // Asked before each file is copied: true stops the format (ECANCELED).
+  std::function<bool()> cancelled;
 };
 
 // What mkfs made.
@@ -51,7 +54,9 @@ struct MkfsResult {
   uint64_t bytes = 0;         // file data copied
 };
 
-// Formats `path`. Errors: EINVAL for an impossible geometry or label (the
+// Formats `path`, which is locked (flock, exclusive) meanwhile: an image or
+// device another program holds fails with EBUSY, as does a block device
+// that is mounted or otherwise opened exclusively. Errors: EINVAL for an impossible geometry or label (the
 // diagnostic says which), ENOSPC when the tree does not fit, ENAMETOOLONG
 // for a name of more than 255 UTF-16 units, EEXIST for two names of one
 // directory that differ only in case, and the errors of the host's calls.
