@@ -256,8 +256,8 @@ bool format(Formatter& f, uint32_t serial, MkfsError* e) {
          f.write_at(0, region.data(), region.size(), e);
 }
 
-// Opens the target and finds its size and sector size. An image file is
-// created or extended to options.size.
+// Opens and locks the target and finds its size (options.size when given)
+// and sector size. A missing image file is created when a size is given.
 bool open_target(const std::string& path, const MkfsOptions& o, int* fd, bool* regular,
                  uint64_t* bytes, uint32_t* sector, MkfsError* e) {
   // O_EXCL on a block device fails while it is mounted or held by another
@@ -288,11 +288,31 @@ bool open_target(const std::string& path, const MkfsOptions& o, int* fd, bool* r
     return fail(e, ENODEV, path + ": neither an image file nor a block device");
   } else {
     *bytes = static_cast<uint64_t>(st.st_size);
-    if (o.size > *bytes && ftruncate(*fd, static_cast<off_t>(o.size)) != 0)
-      return fail(e, errno, path + ": " + strerror(errno));
   }
   if (o.size)
     *bytes = o.size;
+  return true;
+}
+
+bool check_options(const MkfsOptions& o, MkfsError* e) {
+  std::vector<uint8_t> label;
+  if (!o.label.empty() && !encode_label(o.label, &label, e))
+    return false;
+  struct stat st;
+  if (!o.from.empty() && stat(o.from.c_str(), &st) != 0)
+    return fail(e, errno, o.from + ": " + strerror(errno));
+  if (!o.from.empty() && !S_ISDIR(st.st_mode))
+    return fail(e, ENOTDIR, o.from + ": " + strerror(ENOTDIR));
+  return true;
+}
+
+// An image file shorter than the volume grows to it (a hole: sparse).
+bool extend_image(int fd, bool regular, uint64_t bytes, const std::string& path, MkfsError* e) {
+  struct stat st;
+  if (!regular || (fstat(fd, &st) == 0 && static_cast<uint64_t>(st.st_size) >= bytes))
+    return true;
+  if (ftruncate(fd, static_cast<off_t>(bytes)) != 0)
+    return fail(e, errno, path + ": " + strerror(errno));
   return true;
 }
 
@@ -362,10 +382,14 @@ std::error_code mkfs(const std::string& path, const MkfsOptions& options, MkfsRe
   uint64_t bytes = 0;
   uint32_t sector = 512;
   MkfsLayout layout;
-  bool ok = open_target(path, options, &fd, &regular, &bytes, &sector, &e) &&
+  // Everything that can be refused is refused before the first write, so
+  // that a mistyped command leaves an existing volume alone.
+  bool ok = check_options(options, &e) &&
+            open_target(path, options, &fd, &regular, &bytes, &sector, &e) &&
             plan_layout(bytes, sector,
                         options.cluster_size ? options.cluster_size : default_cluster_size(bytes),
-                        &layout, &e);
+                        &layout, &e) &&
+            extend_image(fd, regular, bytes, path, &e);
   uint32_t serial = options.serial ? *options.serial : random_serial();
   if (ok) {
     Formatter f(fd, regular, layout, options);

@@ -350,11 +350,6 @@ bool Formatter::populate_root(const std::vector<uint8_t>& system_entries, uint32
   TreeWriter tree(*this);
   std::vector<Child> children;
   if (!options_.from.empty()) {
-    struct stat st;
-    if (stat(options_.from.c_str(), &st) != 0)
-      return fail_errno(error, options_.from);
-    if (!S_ISDIR(st.st_mode))
-      return fail(error, ENOTDIR, options_.from + ": " + strerror(ENOTDIR));
     if (!tree.list(options_.from, &children, error))
       return false;
     copy_buffer_.resize(kCopyBuffer);

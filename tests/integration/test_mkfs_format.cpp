@@ -138,10 +138,19 @@ TEST(MkfsFormat, RefusesWhatCannotBeFormatted) {
       {"-s 8M --from /nonexistent", 1, "No such file"},
       {"-s 8x", 2, "bad size"},
   };
+  // Each refusal leaves the volume already on the image as it was.
+  MkfsOptions first;
+  first.size = 4u << 20;
+  first.label = "KEEP";
+  ASSERT_FALSE(mkfs(image.path(), first));
+  std::string before = slurp(image.path());
   for (const Case& c : cases) {
     Command r = run(kCli + " mkfs " + c.args + " '" + image.path() + "'");
     EXPECT_EQ(c.status, r.status) << c.args << ": " << r.err;
     EXPECT_NE(std::string::npos, r.err.find(c.message)) << c.args << ": " << r.err;
+    bool changes = c.message == "differs only in case";  // found while writing
+    EXPECT_TRUE(changes || before == slurp(image.path())) << c.args << " changed the image";
+    before = slurp(image.path());
   }
   ASSERT_EQ(0, unlink((src.path() + "/NAME").c_str()));
   Command full = run(kCli + " mkfs -s 2M --from '" + src.path() + "' '" + image.path() + "'");
