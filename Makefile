@@ -11,9 +11,11 @@ BUILD_COV ?= build/coverage
 CMAKE_COMMON := -G Ninja -DEXVOL_WERROR=ON
 
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config libfuse3-dev fuse3 \
-	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs gcovr
+	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs gcovr \
+	scdoc dpkg-dev
 
-.PHONY: all deps build build-tsan release test test-unit test-tsan soak run bench coverage clean
+.PHONY: all deps build build-tsan release test test-unit test-tsan soak run bench coverage clean \
+	install deb
 
 all: build
 
@@ -73,6 +75,19 @@ run: deps release
 
 bench: deps release
 	@for b in $(BUILD_REL)/bench/exvol_bench_*; do [ -x "$$b" ] && "$$b"; done; true
+
+# Installs the programs (exvol in bin, mount.exvol and its mount.fuse.exvol
+# link in sbin), the man pages and the bash completion under PREFIX, below
+# DESTDIR when given. mount(8) finds the helper for `mount -t exvol` in
+# /sbin or /usr/sbin: use PREFIX=/usr, or link it there.
+PREFIX ?= /usr/local
+install: release
+	DESTDIR="$(DESTDIR)" cmake --install $(BUILD_REL) --prefix "$(PREFIX)"
+
+# A Debian package of the release build (under /usr), in build/release.
+deb: deps release
+	cd $(BUILD_REL) && cpack -G DEB
+	@ls $(BUILD_REL)/*.deb
 
 # Line coverage of the driver (and, separately, of the host and library) from
 # the whole test suite (the fault tests need the sanitizer runtime).

@@ -13,6 +13,12 @@ namespace exvol::cli {
 namespace {
 
 int help_command(const std::vector<std::string>& args);
+}  // namespace
+
+int mkfs_command(const std::vector<std::string>& args);  // mkfs.cpp
+extern const char kMkfsDetails[];
+
+namespace {
 
 const char kCommonOptions[] =
     "Options of every command that takes images:\n"
@@ -84,6 +90,9 @@ const std::vector<CommandInfo> kCommands = {
     {"check", check_command, "check [--json] [--repair[=aggressive]] IMG",
      "check a volume's consistency, and repair what can be repaired without guessing",
      kCheckDetails},
+    {"mkfs", mkfs_command,
+     "mkfs [-s SIZE] [-c CLUSTER] [-L LABEL] [--serial HEX] [--from DIR] IMG|DEVICE",
+     "format a volume, optionally filled from a directory", kMkfsDetails},
     {"help", help_command, "help [COMMAND]", "list the commands, or explain one", ""},
 };
 
@@ -105,7 +114,7 @@ std::string make_usage() {
       "usage: exvol COMMAND [OPTIONS] ARGS...\n"
       "Works on exFAT images and devices without mounting them. Files on an\n"
       "image are named IMG:PATH (IMG: alone is the root directory); other\n"
-      "paths are the host's.\n\ncommands:\n";
+      "paths are the host's. 'exvol --version' prints the version.\n\ncommands:\n";
   for (const CommandInfo& c : kCommands) {
     char line[160];
     snprintf(line, sizeof(line), "  %-10s%s\n", c.name, c.summary);
@@ -139,7 +148,7 @@ void print_command_help(const CommandInfo& command) {
   if (*command.details)
     printf("\n%s", command.details);
   if (strcmp(command.name, "help") != 0 && strcmp(command.name, "info") != 0 &&
-      strcmp(command.name, "check") != 0)
+      strcmp(command.name, "check") != 0 && strcmp(command.name, "mkfs") != 0)
     printf("\n%s", kCommonOptions);
 }
 
@@ -163,6 +172,10 @@ int main(int argc, char** argv) {
   std::vector<std::string> args(argv + 2, argv + argc);
   if (command == "-h" || command == "--help") {
     fputs(usage_text(), stdout);
+    return 0;
+  }
+  if (command == "--version" || command == "-V") {
+    printf("exvol %s\n", EXVOL_VERSION);
     return 0;
   }
   const CommandInfo* info = find_command(command);

@@ -219,7 +219,7 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (r.version) {
-    printf("mount.exvol 0.1 (FUSE %s)\n", fuse_pkgversion());
+    printf("mount.exvol %s (FUSE %s)\n", EXVOL_VERSION, fuse_pkgversion());
     return 0;
   }
   if (!r.ok) {
