@@ -182,6 +182,7 @@ int run(const Config& c) {
     return kExitFailure;
   }
 
+  daemon.mounted(se);
   notify_parent(0);
   if (!c.foreground) {
     detach_stdio();

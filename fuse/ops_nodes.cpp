@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <ctime>
+#include <string>
+#include <vector>
 
 #include "fuse/ops.h"
 
@@ -101,6 +103,15 @@ std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, in
   return d.volume().utimes(node, tc);
 }
 
+// The kernel's entries to drop once `name` in `dir` is removed or renamed
+// away: the stored spellings of the name, when the name may be another one
+// (see Spellings).
+std::vector<std::string> stored_spellings(Daemon& d, fuse_ino_t dir, const char* name) {
+  if (!d.spellings().maybe_alias(node_of(dir), name))
+    return {};
+  return d.other_spellings(node_of(dir), name);
+}
+
 // Whether the caller may access a file with the given kernel mode, by the
 // usual owner/group/other rule (root needs an execute bit only for X_OK).
 bool permitted(fuse_req_t req, const struct stat& st, int mask) {
@@ -143,7 +154,7 @@ void reply_attr(fuse_req_t req, NodeId node) {
   fuse_reply_attr(req, &attr, Daemon::kAttrTimeout);
 }
 
-void op_init(void* userdata, fuse_conn_info* conn) {
+void op_init(void*, fuse_conn_info* conn) {
   conn->max_write = kMaxWrite;
   conn->max_background = 64;
   conn->congestion_threshold = 48;
@@ -156,18 +167,33 @@ void op_init(void* userdata, fuse_conn_info* conn) {
     conn->want |= FUSE_CAP_READDIRPLUS;
     conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
   }
-  // Writes go through to the volume as they come; the kernel's page cache
-  // keeps what was read (open sets keep_cache).
+  // Every change of a file comes through the kernel, so a new size or
+  // modification time is no reason to drop its cached pages: dropping them
+  // would send every read after a write to the daemon.
+  conn->want &= ~FUSE_CAP_AUTO_INVAL_DATA;
+  // Writes go through to the volume as they come, not through the
+  // kernel's writeback cache: see docs/FUSE.md for why.
   conn->want &= ~FUSE_CAP_WRITEBACK_CACHE;
+  // Lookups and directory operations in one directory run in parallel:
+  // the library locks what it needs.
+  if (conn->capable & FUSE_CAP_PARALLEL_DIROPS)
+    conn->want |= FUSE_CAP_PARALLEL_DIROPS;
 }
 
+// The name asked for may be another spelling of the stored one: the kernel
+// keeps it briefly, and the daemon remembers it (see Spellings).
 void op_lookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
+  Daemon& d = daemon_of(req);
   NodeId node;
   Stat st;
-  if (std::error_code ec = daemon_of(req).volume().lookup(node_of(parent), name, &node, &st))
+  if (std::error_code ec = d.volume().lookup(node_of(parent), name, &node, &st)) {
     reply_error(req, ec);
-  else
-    reply_entry(req, node, st);
+    return;
+  }
+  d.spellings().looked_up(node_of(parent), name);
+  fuse_entry_param e = d.entry(node, st, true);
+  if (fuse_reply_entry(req, &e) != 0)
+    d.volume().unref(node, 1);
 }
 
 void op_forget(fuse_req_t req, fuse_ino_t ino, uint64_t nlookup) {
@@ -241,11 +267,21 @@ void op_mkdir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t) {
 }
 
 void op_unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
-  fuse_reply_err(req, daemon_of(req).volume().unlink(node_of(parent), name).value());
+  Daemon& d = daemon_of(req);
+  std::vector<std::string> stale = stored_spellings(d, parent, name);
+  std::error_code ec = d.volume().unlink(node_of(parent), name);
+  fuse_reply_err(req, ec.value());
+  if (!ec)
+    d.drop_entries(node_of(parent), std::move(stale));
 }
 
 void op_rmdir(fuse_req_t req, fuse_ino_t parent, const char* name) {
-  fuse_reply_err(req, daemon_of(req).volume().rmdir(node_of(parent), name).value());
+  Daemon& d = daemon_of(req);
+  std::vector<std::string> stale = stored_spellings(d, parent, name);
+  std::error_code ec = d.volume().rmdir(node_of(parent), name);
+  fuse_reply_err(req, ec.value());
+  if (!ec)
+    d.drop_entries(node_of(parent), std::move(stale));
 }
 
 void op_symlink(fuse_req_t req, const char* link, fuse_ino_t parent, const char* name) {
@@ -267,9 +303,18 @@ void op_rename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t n
     return;
   }
   unsigned how = (flags & RENAME_NOREPLACE) ? kRenameNoReplace : 0;
-  std::error_code ec = daemon_of(req).volume().rename(node_of(parent), name, node_of(newparent),
-                                                      newname, how);
+  Daemon& d = daemon_of(req);
+  // Both the file renamed and a file it replaces may be known to the
+  // kernel under their stored spellings.
+  std::vector<std::string> from = stored_spellings(d, parent, name);
+  std::vector<std::string> to = stored_spellings(d, newparent, newname);
+  std::error_code ec =
+      d.volume().rename(node_of(parent), name, node_of(newparent), newname, how);
   fuse_reply_err(req, ec.value());
+  if (!ec) {
+    d.drop_entries(node_of(parent), std::move(from));
+    d.drop_entries(node_of(newparent), std::move(to));
+  }
 }
 
 // A file has exactly one directory entry on exFAT.
