@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <utf8proc.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -43,17 +44,14 @@ std::string mount_device(const std::string& dir) {
   return "";
 }
 
-void raise_read_ahead(const std::string& mountpoint) {
+// The mount's read-ahead setting; "" where the daemon can't set it.
+std::string read_ahead_file(const std::string& mountpoint) {
+  if (geteuid() != 0)
+    return "";
   char* real = realpath(mountpoint.c_str(), nullptr);
   std::string dev = mount_device(real != nullptr ? real : mountpoint);
   free(real);
-  if (dev.empty())
-    return;
-  // Not root, or no sysfs: the kernel's default stays, nothing else changes.
-  if (FILE* f = fopen(("/sys/class/bdi/" + dev + "/read_ahead_kb").c_str(), "w")) {
-    fprintf(f, "%u\n", kReadAheadKiB);
-    fclose(f);
-  }
+  return dev.empty() ? "" : "/sys/class/bdi/" + dev + "/read_ahead_kb";
 }
 
 // Case folded and composed: equal for spellings the volume takes as one
@@ -75,21 +73,38 @@ std::string folded(const std::string& name) {
 
 void Daemon::mounted(fuse_session* se) {
   invalidator_.start(se);
-  if (geteuid() == 0)
-    raise_read_ahead(config_.mountpoint);
+  read_ahead_file_ = read_ahead_file(config_.mountpoint);
+}
+
+// The kernel lowers the mount's read-ahead to what the init reply offers
+// (at most its default), so it is raised after that, at the first request
+// that can lead to a read. Without sysfs the default stays.
+void Daemon::initialized() {
+  std::call_once(read_ahead_once_, [&] {
+    if (read_ahead_file_.empty())
+      return;
+    if (FILE* f = fopen(read_ahead_file_.c_str(), "w")) {
+      fprintf(f, "%u\n", kReadAheadKiB);
+      fclose(f);
+    }
+  });
 }
 
 // Decision: the directory is listed in full. This runs only for a name a
 // lookup handed out of late, just before it is removed or renamed away,
-// and a listing is what can tell the stored spellings.
+// and a listing is what can tell the stored spelling.
 std::vector<std::string> Daemon::other_spellings(NodeId dir, const std::string& name) {
-  std::vector<std::string> found;
+  std::vector<std::string> found = spellings_.recent(dir, name);
+  if (found.empty())
+    return found;
+  std::erase(found, name);
   File listing;
   if (volume_->open(dir, O_RDONLY | O_DIRECTORY, &listing))
     return found;
   std::string want = folded(name);
   listing.readdir(0, [&](const DirEntry& e) {
-    if (e.name != name && e.name != "." && e.name != ".." && folded(e.name) == want)
+    if (e.name != name && e.name != "." && e.name != ".." && folded(e.name) == want &&
+        std::find(found.begin(), found.end(), e.name) == found.end())
       found.push_back(e.name);
     return true;
   });
@@ -100,7 +115,7 @@ std::vector<std::string> Daemon::other_spellings(NodeId dir, const std::string& 
 std::string Spellings::key(NodeId parent, const std::string& name) {
   std::string k = std::to_string(static_cast<uint64_t>(parent));
   k += '/';
-  k += name;
+  k += folded(name);
   return k;
 }
 
@@ -109,21 +124,27 @@ void Spellings::prune(Clock::time_point now) {
     return;
   pruned_ = now;
   for (auto it = recent_.begin(); it != recent_.end();)
-    it = now - it->second > kRemembered ? recent_.erase(it) : std::next(it);
+    it = now - it->second.when > kRemembered ? recent_.erase(it) : std::next(it);
 }
 
 void Spellings::looked_up(NodeId parent, const std::string& name) {
+  std::string k = key(parent, name);
   Clock::time_point now = Clock::now();
   std::lock_guard<std::mutex> guard(lock_);
-  recent_[key(parent, name)] = now;
+  Seen& seen = recent_[k];
+  seen.when = now;
+  if (std::find(seen.spellings.begin(), seen.spellings.end(), name) == seen.spellings.end())
+    seen.spellings.push_back(name);
   prune(now);
 }
 
-bool Spellings::maybe_alias(NodeId parent, const std::string& name) {
+std::vector<std::string> Spellings::recent(NodeId parent, const std::string& name) {
+  std::string k = key(parent, name);
   Clock::time_point now = Clock::now();
   std::lock_guard<std::mutex> guard(lock_);
   prune(now);
-  return recent_.count(key(parent, name)) != 0;
+  auto it = recent_.find(k);
+  return it != recent_.end() ? it->second.spellings : std::vector<std::string>{};
 }
 
 void Invalidator::start(fuse_session* se) {

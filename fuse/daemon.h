@@ -63,19 +63,23 @@ struct Handle {
 // handed out by a listing, create, mkdir or symlink is the one the volume
 // stores, and the kernel keeps it long. A lookup may come with another
 // spelling ("FOO" for "foo"): the kernel keeps that one only for a second,
-// and the daemon remembers for a while that it was asked. A removal or
-// rename through such a spelling leaves the kernel's entry of the stored
-// spelling behind, pointing to a file that is gone or elsewhere; so the
-// daemon finds the stored spellings first (a listing of the directory, only
-// in this case) and has the kernel drop their entries afterwards, from a
-// thread of its own: the kernel holds the directory's lock until the
-// request is answered, and its drop takes that lock.
+// and the daemon remembers for a while which spellings it was asked. A
+// removal or rename through one spelling leaves the kernel's entries of
+// the others behind, pointing to a file that is gone or elsewhere; so the
+// daemon finds them first (the stored one by a listing of the directory,
+// only when a lookup came with the name of late) and has the kernel drop
+// those entries after its answer, from a thread of its own: the kernel
+// holds the directory's lock until the request is answered, and its drop
+// takes that lock. A program that asks through another spelling in the
+// instant between the answer and the drop may still see the old file.
 class Spellings {
  public:
   // A lookup of `name` in `parent` was answered.
   void looked_up(NodeId parent, const std::string& name);
-  // Whether `name` in `parent` may have been asked for by a lookup of late.
-  bool maybe_alias(NodeId parent, const std::string& name);
+  // The spellings of `name` in `parent` that lookups were answered for of
+  // late (the kernel may hold entries for them), `name` itself included;
+  // none when no lookup was.
+  std::vector<std::string> recent(NodeId parent, const std::string& name);
 
   // How long a lookup stays remembered: well beyond the kernel's
   // kLookupEntryTimeout, since a request can wait for a lock after the
@@ -84,12 +88,16 @@ class Spellings {
 
  private:
   using Clock = std::chrono::steady_clock;
+  struct Seen {
+    Clock::time_point when;
+    std::vector<std::string> spellings;
+  };
   static std::string key(NodeId parent, const std::string& name);
   void prune(Clock::time_point now);
 
   std::mutex lock_;
-  std::unordered_map<std::string, Clock::time_point> recent_;  // lock_
-  Clock::time_point pruned_{};                                 // lock_
+  std::unordered_map<std::string, Seen> recent_;  // by parent and folded name; lock_
+  Clock::time_point pruned_{};                    // lock_
 };
 
 // Sends the kernel's entry invalidations from a thread of its own.
@@ -130,6 +138,8 @@ class Daemon {
   // The session is mounted: entry invalidations can be sent, and the
   // kernel's read-ahead for the mount is raised where we may.
   void mounted(fuse_session* se);
+  // Called by requests that follow the init handshake.
+  void initialized();
 
   // Registers a handle for an open file and returns the FUSE handle for it.
   uint64_t add_handle(std::unique_ptr<Handle> handle);
@@ -159,7 +169,9 @@ class Daemon {
   static constexpr double kLookupEntryTimeout = 1.0;
 
   Spellings& spellings() { return spellings_; }
-  // The stored spellings in `dir` of `name`, other than `name` itself.
+  // The spellings of `name` in `dir` the kernel may hold entries for,
+  // other than `name` itself: when a lookup came with `name` of late, the
+  // stored spelling and those other lookups came with; else none.
   std::vector<std::string> other_spellings(NodeId dir, const std::string& name);
   void drop_entries(NodeId dir, std::vector<std::string> names) {
     invalidator_.drop(dir, std::move(names));
@@ -176,6 +188,8 @@ class Daemon {
   std::unordered_set<Handle*> handles_;  // protected by handles_lock_
   Spellings spellings_;
   Invalidator invalidator_;
+  std::string read_ahead_file_;  // set before the session serves requests
+  std::once_flag read_ahead_once_;
 };
 
 // The operation table; the userdata of the session is the Daemon.

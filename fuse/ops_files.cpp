@@ -103,6 +103,7 @@ bool reply_listing(fuse_req_t req, std::error_code ec, const ListingBuffer& buf)
 
 void op_open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   Daemon& d = daemon_of(req);
+  d.initialized();
   File file;
   std::error_code ec =
       d.volume().open(node_of(ino), library_flags(fi->flags, d.config()) & ~O_EXCL, &file);

@@ -107,8 +107,6 @@ std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, in
 // away: the stored spellings of the name, when the name may be another one
 // (see Spellings).
 std::vector<std::string> stored_spellings(Daemon& d, fuse_ino_t dir, const char* name) {
-  if (!d.spellings().maybe_alias(node_of(dir), name))
-    return {};
   return d.other_spellings(node_of(dir), name);
 }
 
@@ -184,6 +182,7 @@ void op_init(void*, fuse_conn_info* conn) {
 // keeps it briefly, and the daemon remembers it (see Spellings).
 void op_lookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
   Daemon& d = daemon_of(req);
+  d.initialized();
   NodeId node;
   Stat st;
   if (std::error_code ec = d.volume().lookup(node_of(parent), name, &node, &st)) {
@@ -208,7 +207,10 @@ void op_forget_multi(fuse_req_t req, size_t count, fuse_forget_data* forgets) {
   fuse_reply_none(req);
 }
 
-void op_getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) { reply_attr(req, node_of(ino)); }
+void op_getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) {
+  daemon_of(req).initialized();
+  reply_attr(req, node_of(ino));
+}
 
 // The checks come first, so that a refused request changes nothing. The
 // ReadOnly attribute is set last: a read-only file can't be truncated.
