@@ -24,10 +24,10 @@
 //
 // The kernel's caches. Nothing but this daemon changes the volume while it
 // is mounted, and every change comes through the kernel, which drops what
-// it cached of what it changed. So attributes, names and listings are kept
-// for long (see the timeouts below), and file data stays cached between
-// opens. The one thing the kernel can't see is that names match without
-// regard to case: see Spellings.
+// it cached of what it changed. So names and listings are kept for long
+// (see the timeouts below), and file data stays cached between opens. The
+// kernel can't see that names match without regard to case (see
+// Spellings), nor when the volume stamps times (see kAttrTimeout).
 
 #define FUSE_USE_VERSION 314
 #include <fuse3/fuse_lowlevel.h>
@@ -160,11 +160,14 @@ class Daemon {
   // another spelling than the stored one), else kEntryTimeout.
   fuse_entry_param entry(NodeId node, const Stat& st, bool looked_up = false) const;
 
-  // How long the kernel may trust attributes and names: nothing but this
-  // daemon changes the volume, and the kernel drops what it changes itself
-  // (and what Spellings says). Negative lookups are never cached, since
-  // creating "Foo" must make "foo" exist.
-  static constexpr double kAttrTimeout = 3600.0;
+  // How long the kernel may trust names: nothing but this daemon changes
+  // the volume, and the kernel drops what it changes itself (and what
+  // Spellings says). Negative lookups are never cached, since creating
+  // "Foo" must make "foo" exist. Attributes are asked for again after a
+  // second: the volume stamps the times of a file or directory when it
+  // writes its entry back (at close, fsync or the periodic sync), which
+  // the kernel does not see.
+  static constexpr double kAttrTimeout = 1.0;
   static constexpr double kEntryTimeout = 3600.0;
   static constexpr double kLookupEntryTimeout = 1.0;
 
