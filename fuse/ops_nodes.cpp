@@ -103,13 +103,6 @@ std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, in
   return d.volume().utimes(node, tc);
 }
 
-// The kernel's entries to drop once `name` in `dir` is removed or renamed
-// away: the stored spellings of the name, when the name may be another one
-// (see Spellings).
-std::vector<std::string> stored_spellings(Daemon& d, fuse_ino_t dir, const char* name) {
-  return d.other_spellings(node_of(dir), name);
-}
-
 // Whether the caller may access a file with the given kernel mode, by the
 // usual owner/group/other rule (root needs an execute bit only for X_OK).
 bool permitted(fuse_req_t req, const struct stat& st, int mask) {
@@ -270,7 +263,7 @@ void op_mkdir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t) {
 
 void op_unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
   Daemon& d = daemon_of(req);
-  std::vector<std::string> stale = stored_spellings(d, parent, name);
+  std::vector<std::string> stale = d.other_spellings(node_of(parent), name);
   std::error_code ec = d.volume().unlink(node_of(parent), name);
   fuse_reply_err(req, ec.value());
   if (!ec)
@@ -279,7 +272,7 @@ void op_unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
 
 void op_rmdir(fuse_req_t req, fuse_ino_t parent, const char* name) {
   Daemon& d = daemon_of(req);
-  std::vector<std::string> stale = stored_spellings(d, parent, name);
+  std::vector<std::string> stale = d.other_spellings(node_of(parent), name);
   std::error_code ec = d.volume().rmdir(node_of(parent), name);
   fuse_reply_err(req, ec.value());
   if (!ec)
@@ -308,8 +301,8 @@ void op_rename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t n
   Daemon& d = daemon_of(req);
   // Both the file renamed and a file it replaces may be known to the
   // kernel under their stored spellings.
-  std::vector<std::string> from = stored_spellings(d, parent, name);
-  std::vector<std::string> to = stored_spellings(d, newparent, newname);
+  std::vector<std::string> from = d.other_spellings(node_of(parent), name);
+  std::vector<std::string> to = d.other_spellings(node_of(newparent), newname);
   std::error_code ec =
       d.volume().rename(node_of(parent), name, node_of(newparent), newname, how);
   fuse_reply_err(req, ec.value());
