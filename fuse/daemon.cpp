@@ -4,7 +4,13 @@
 #include "fuse/daemon.h"
 
 #include <sys/stat.h>
+#include <utf8proc.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
 #include <vector>
 
 #include "fuse/ops.h"
@@ -17,6 +23,172 @@ Daemon::Daemon(Config config, std::unique_ptr<Volume> volume)
 Daemon::~Daemon() {
   if (volume_ && volume_->mounted())
     shut_down();
+}
+
+namespace {
+
+// What the kernel reads ahead of a sequential reader of this mount, when
+// the daemon may set it (root). The kernel reads a FUSE mount's files
+// ahead by 128 KiB by default, and in requests no larger than that window.
+constexpr unsigned kReadAheadKiB = 8192;
+
+// The connection's device ("0:53") as the mount table has it for `dir`.
+std::string mount_device(const std::string& dir) {
+  std::ifstream f("/proc/self/mountinfo");
+  std::string line, id, parent, devno, root, point;
+  while (std::getline(f, line)) {
+    std::istringstream(line) >> id >> parent >> devno >> root >> point;
+    if (point == dir)
+      return devno;
+  }
+  return "";
+}
+
+// The mount's read-ahead setting; "" where the daemon can't set it.
+std::string read_ahead_file(const std::string& mountpoint) {
+  if (geteuid() != 0)
+    return "";
+  char* real = realpath(mountpoint.c_str(), nullptr);
+  std::string dev = mount_device(real != nullptr ? real : mountpoint);
+  free(real);
+  return dev.empty() ? "" : "/sys/class/bdi/" + dev + "/read_ahead_kb";
+}
+
+// Case folded and composed: equal for spellings the volume takes as one
+// name (for its standard up-case table).
+std::string folded(const std::string& name) {
+  utf8proc_uint8_t* out = nullptr;
+  utf8proc_ssize_t n = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(name.data()),
+                                    static_cast<utf8proc_ssize_t>(name.size()), &out,
+                                    static_cast<utf8proc_option_t>(UTF8PROC_STABLE |
+                                                                   UTF8PROC_COMPOSE |
+                                                                   UTF8PROC_CASEFOLD));
+  std::string result = n >= 0 ? std::string(reinterpret_cast<char*>(out), static_cast<size_t>(n))
+                              : name;
+  free(out);
+  return result;
+}
+
+}  // namespace
+
+void Daemon::mounted(fuse_session* se) {
+  invalidator_.start(se);
+  read_ahead_file_ = read_ahead_file(config_.mountpoint);
+}
+
+// The kernel lowers the mount's read-ahead to what the init reply offers
+// (at most its default), so it is raised after that, at the first request
+// that can lead to a read. Without sysfs the default stays.
+void Daemon::initialized() {
+  std::call_once(read_ahead_once_, [&] {
+    if (read_ahead_file_.empty())
+      return;
+    if (FILE* f = fopen(read_ahead_file_.c_str(), "w")) {
+      fprintf(f, "%u\n", kReadAheadKiB);
+      fclose(f);
+    }
+  });
+}
+
+// Decision: the directory is listed in full. This runs only for a name a
+// lookup handed out of late, just before it is removed or renamed away,
+// and a listing is what can tell the stored spelling.
+std::vector<std::string> Daemon::other_spellings(NodeId dir, const std::string& name) {
+  std::vector<std::string> found = spellings_.recent(dir, name);
+  if (found.empty())
+    return found;
+  std::erase(found, name);
+  File listing;
+  if (volume_->open(dir, O_RDONLY | O_DIRECTORY, &listing))
+    return found;
+  std::string want = folded(name);
+  listing.readdir(0, [&](const DirEntry& e) {
+    if (e.name != name && e.name != "." && e.name != ".." && folded(e.name) == want &&
+        std::find(found.begin(), found.end(), e.name) == found.end())
+      found.push_back(e.name);
+    return true;
+  });
+  listing.close();
+  return found;
+}
+
+std::string Spellings::key(NodeId parent, const std::string& name) {
+  std::string k = std::to_string(static_cast<uint64_t>(parent));
+  k += '/';
+  k += folded(name);
+  return k;
+}
+
+void Spellings::prune(Clock::time_point now) {
+  if (now - pruned_ < kRemembered)
+    return;
+  pruned_ = now;
+  for (auto it = recent_.begin(); it != recent_.end();)
+    it = now - it->second.when > kRemembered ? recent_.erase(it) : std::next(it);
+}
+
+void Spellings::looked_up(NodeId parent, const std::string& name) {
+  std::string k = key(parent, name);
+  Clock::time_point now = Clock::now();
+  std::lock_guard<std::mutex> guard(lock_);
+  Seen& seen = recent_[k];
+  seen.when = now;
+  if (std::find(seen.spellings.begin(), seen.spellings.end(), name) == seen.spellings.end())
+    seen.spellings.push_back(name);
+  prune(now);
+}
+
+std::vector<std::string> Spellings::recent(NodeId parent, const std::string& name) {
+  std::string k = key(parent, name);
+  Clock::time_point now = Clock::now();
+  std::lock_guard<std::mutex> guard(lock_);
+  prune(now);
+  auto it = recent_.find(k);
+  return it != recent_.end() ? it->second.spellings : std::vector<std::string>{};
+}
+
+void Invalidator::start(fuse_session* se) {
+  se_ = se;
+  thread_ = std::thread([this] { run(); });
+}
+
+void Invalidator::stop() {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  if (thread_.joinable())
+    thread_.join();
+}
+
+void Invalidator::drop(NodeId parent, std::vector<std::string> names) {
+  if (names.empty())
+    return;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (stopping_ || se_ == nullptr)
+      return;
+    for (std::string& n : names)
+      queue_.emplace_back(parent, std::move(n));
+  }
+  wake_.notify_one();
+}
+
+// An entry the kernel no longer has answers ENOENT, which is fine.
+void Invalidator::run() {
+  std::unique_lock<std::mutex> guard(lock_);
+  for (;;) {
+    wake_.wait(guard, [&] { return stopping_ || !queue_.empty(); });
+    if (queue_.empty())
+      return;
+    auto [parent, name] = std::move(queue_.front());
+    queue_.pop_front();
+    guard.unlock();
+    fuse_lowlevel_notify_inval_entry(se_, static_cast<fuse_ino_t>(parent), name.c_str(),
+                                     name.size());
+    guard.lock();
+  }
 }
 
 uint64_t Daemon::add_handle(std::unique_ptr<Handle> handle) {
@@ -42,6 +214,7 @@ std::error_code Daemon::shut_down() {
   // daemon stopped by a signal, or a connection that was aborted, leaves
   // handles behind. Their Files must close first: an open file keeps the
   // volume busy and its pending directory entry unwritten.
+  invalidator_.stop();
   std::vector<Handle*> left;
   {
     std::lock_guard<std::mutex> guard(handles_lock_);
@@ -86,13 +259,13 @@ struct stat Daemon::to_kernel(NodeId node, const Stat& st) const {
   return out;
 }
 
-fuse_entry_param Daemon::entry(NodeId node, const Stat& st) const {
+fuse_entry_param Daemon::entry(NodeId node, const Stat& st, bool looked_up) const {
   fuse_entry_param e{};
   e.ino = static_cast<fuse_ino_t>(node);
   e.generation = 0;  // ids are never reused while the daemon runs
   e.attr = to_kernel(node, st);
   e.attr_timeout = kAttrTimeout;
-  e.entry_timeout = kEntryTimeout;
+  e.entry_timeout = looked_up ? kLookupEntryTimeout : kEntryTimeout;
   return e;
 }
 

@@ -21,15 +21,29 @@
 // descriptor's close (flush) syncs a handle that has written since its last
 // flush, so that close(2) reports write errors; the kernel sends FUSE's
 // release without waiting for it.
+//
+// The kernel's caches. Nothing but this daemon changes the volume while it
+// is mounted, and every change comes through the kernel, which drops what
+// it cached of what it changed. So names and listings are kept for long
+// (see the timeouts below), and file data stays cached between opens. The
+// kernel can't see that names match without regard to case (see
+// Spellings), nor when the volume stamps times (see kAttrTimeout).
 
 #define FUSE_USE_VERSION 314
 #include <fuse3/fuse_lowlevel.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <system_error>
+#include <thread>
+#include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "exvol/file.h"
 #include "exvol/volume.h"
@@ -44,6 +58,73 @@ struct Handle {
   std::atomic<bool> written{false};
 };
 
+// The kernel keeps a directory entry per name it was told about, compared
+// byte for byte; the volume matches names without regard to case. A name
+// handed out by a listing, create, mkdir or symlink is the one the volume
+// stores, and the kernel keeps it long. A lookup may come with another
+// spelling ("FOO" for "foo"): the kernel keeps that one only for a second,
+// and the daemon remembers for a while which spellings it was asked. A
+// removal or rename through one spelling leaves the kernel's entries of
+// the others behind, pointing to a file that is gone or elsewhere; so the
+// daemon finds them first (the stored one by a listing of the directory,
+// only when a lookup came with the name of late) and has the kernel drop
+// those entries after its answer, from a thread of its own: the kernel
+// holds the directory's lock until the request is answered, and its drop
+// takes that lock. A program that asks through another spelling in the
+// instant between the answer and the drop may still see the old file.
+class Spellings {
+ public:
+  // A lookup of `name` in `parent` was answered.
+  void looked_up(NodeId parent, const std::string& name);
+  // The spellings of `name` in `parent` that lookups were answered for of
+  // late (the kernel may hold entries for them), `name` itself included;
+  // none when no lookup was.
+  std::vector<std::string> recent(NodeId parent, const std::string& name);
+
+  // How long a lookup stays remembered: well beyond the kernel's
+  // kLookupEntryTimeout, since a request can wait for a lock after the
+  // lookup that resolved its name.
+  static constexpr std::chrono::seconds kRemembered{10};
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  struct Seen {
+    Clock::time_point when;
+    std::vector<std::string> spellings;
+  };
+  static std::string key(NodeId parent, const std::string& name);
+  void prune(Clock::time_point now);
+
+  std::mutex lock_;
+  std::unordered_map<std::string, Seen> recent_;  // by parent and folded name; lock_
+  Clock::time_point pruned_{};                    // lock_
+};
+
+// Sends the kernel's entry invalidations from a thread of its own.
+class Invalidator {
+ public:
+  Invalidator() = default;
+  ~Invalidator() { stop(); }
+  Invalidator(const Invalidator&) = delete;
+  Invalidator& operator=(const Invalidator&) = delete;
+
+  void start(fuse_session* se);
+  // Sends what was queued, then ends the thread. Call before the session
+  // is destroyed.
+  void stop();
+  void drop(NodeId parent, std::vector<std::string> names);
+
+ private:
+  void run();
+
+  std::mutex lock_;
+  std::condition_variable wake_;
+  std::deque<std::pair<NodeId, std::string>> queue_;  // lock_
+  bool stopping_ = false;                             // lock_
+  fuse_session* se_ = nullptr;
+  std::thread thread_;
+};
+
 class Daemon {
  public:
   Daemon(Config config, std::unique_ptr<Volume> volume);
@@ -53,6 +134,12 @@ class Daemon {
 
   const Config& config() const { return config_; }
   Volume& volume() { return *volume_; }
+
+  // The session is mounted: entry invalidations can be sent, and the
+  // kernel's read-ahead for the mount is raised where we may.
+  void mounted(fuse_session* se);
+  // Called by requests that follow the init handshake.
+  void initialized();
 
   // Registers a handle for an open file and returns the FUSE handle for it.
   uint64_t add_handle(std::unique_ptr<Handle> handle);
@@ -68,16 +155,30 @@ class Daemon {
 
   // The kernel's view of a library Stat: owner and modes from the options.
   struct stat to_kernel(NodeId node, const Stat& st) const;
-  // The attributes and entry of a node, with this mount's cache timeouts.
-  fuse_entry_param entry(NodeId node, const Stat& st) const;
+  // The attributes and entry of a node, with this mount's cache timeouts:
+  // kLookupEntryTimeout for the entry when `looked_up` (the name may be
+  // another spelling than the stored one), else kEntryTimeout.
+  fuse_entry_param entry(NodeId node, const Stat& st, bool looked_up = false) const;
 
-  // How long the kernel may trust attributes and positive lookups. Only
-  // this daemon changes the volume, but names match without regard to
-  // case, so a rename through one spelling can't invalidate the kernel's
-  // entries for another spelling: keep them short. Negative lookups are
-  // never cached, since creating "Foo" must make "foo" exist.
+  // How long the kernel may trust names: nothing but this daemon changes
+  // the volume, and the kernel drops what it changes itself (and what
+  // Spellings says). Negative lookups are never cached, since creating
+  // "Foo" must make "foo" exist. Attributes are asked for again after a
+  // second: the volume stamps the times of a file or directory when it
+  // writes its entry back (at close, fsync or the periodic sync), which
+  // the kernel does not see.
   static constexpr double kAttrTimeout = 1.0;
-  static constexpr double kEntryTimeout = 1.0;
+  static constexpr double kEntryTimeout = 3600.0;
+  static constexpr double kLookupEntryTimeout = 1.0;
+
+  Spellings& spellings() { return spellings_; }
+  // The spellings of `name` in `dir` the kernel may hold entries for,
+  // other than `name` itself: when a lookup came with `name` of late, the
+  // stored spelling and those other lookups came with; else none.
+  std::vector<std::string> other_spellings(NodeId dir, const std::string& name);
+  void drop_entries(NodeId dir, std::vector<std::string> names) {
+    invalidator_.drop(dir, std::move(names));
+  }
 
  private:
   // Closes a handle already out of the registry.
@@ -88,6 +189,10 @@ class Daemon {
   // Never held while calling the library.
   std::mutex handles_lock_;
   std::unordered_set<Handle*> handles_;  // protected by handles_lock_
+  Spellings spellings_;
+  Invalidator invalidator_;
+  std::string read_ahead_file_;  // set before the session serves requests
+  std::once_flag read_ahead_once_;
 };
 
 // The operation table; the userdata of the session is the Daemon.

@@ -154,6 +154,7 @@ int serve(fuse_session* se) {
   fuse_loop_config* loop = fuse_loop_cfg_create();
   fuse_loop_cfg_set_idle_threads(loop, 4);
   fuse_loop_cfg_set_max_threads(loop, 16);
+  fuse_loop_cfg_set_clone_fd(loop, 1);
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
@@ -182,6 +183,7 @@ int run(const Config& c) {
     return kExitFailure;
   }
 
+  daemon.mounted(se);
   notify_parent(0);
   if (!c.foreground) {
     detach_stdio();

@@ -33,9 +33,12 @@ void add_handle(Daemon& d, fuse_file_info* fi, File file, bool directory) {
   h->file = std::move(file);
   h->directory = directory;
   fi->fh = d.add_handle(std::move(h));
-  // Nothing but this daemon changes the volume, so what the kernel has
-  // cached of a file stays true from one open to the next.
-  fi->keep_cache = directory ? 0 : 1;
+  // Nothing but this daemon changes the volume, and the kernel drops what
+  // it cached of a file or listing it changes itself, so what it has
+  // cached stays true from one open to the next.
+  fi->keep_cache = 1;
+  if (directory)
+    fi->cache_readdir = 1;
 }
 
 void reply_open(fuse_req_t req, fuse_file_info* fi, File file, bool directory) {
@@ -100,6 +103,7 @@ bool reply_listing(fuse_req_t req, std::error_code ec, const ListingBuffer& buf)
 
 void op_open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   Daemon& d = daemon_of(req);
+  d.initialized();
   File file;
   std::error_code ec =
       d.volume().open(node_of(ino), library_flags(fi->flags, d.config()) & ~O_EXCL, &file);

@@ -10,6 +10,8 @@
 
 #include <cerrno>
 #include <ctime>
+#include <string>
+#include <vector>
 
 #include "fuse/ops.h"
 
@@ -143,7 +145,7 @@ void reply_attr(fuse_req_t req, NodeId node) {
   fuse_reply_attr(req, &attr, Daemon::kAttrTimeout);
 }
 
-void op_init(void* userdata, fuse_conn_info* conn) {
+void op_init(void*, fuse_conn_info* conn) {
   conn->max_write = kMaxWrite;
   conn->max_background = 64;
   conn->congestion_threshold = 48;
@@ -156,18 +158,34 @@ void op_init(void* userdata, fuse_conn_info* conn) {
     conn->want |= FUSE_CAP_READDIRPLUS;
     conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
   }
-  // Writes go through to the volume as they come; the kernel's page cache
-  // keeps what was read (open sets keep_cache).
+  // Every change of a file comes through the kernel, so a new size or
+  // modification time is no reason to drop its cached pages: dropping them
+  // would send every read after a write to the daemon.
+  conn->want &= ~FUSE_CAP_AUTO_INVAL_DATA;
+  // Writes go through to the volume as they come, not through the
+  // kernel's writeback cache: see docs/FUSE.md for why.
   conn->want &= ~FUSE_CAP_WRITEBACK_CACHE;
+  // Lookups and directory operations in one directory run in parallel:
+  // the library locks what it needs.
+  if (conn->capable & FUSE_CAP_PARALLEL_DIROPS)
+    conn->want |= FUSE_CAP_PARALLEL_DIROPS;
 }
 
+// The name asked for may be another spelling of the stored one: the kernel
+// keeps it briefly, and the daemon remembers it (see Spellings).
 void op_lookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
+  Daemon& d = daemon_of(req);
+  d.initialized();
   NodeId node;
   Stat st;
-  if (std::error_code ec = daemon_of(req).volume().lookup(node_of(parent), name, &node, &st))
+  if (std::error_code ec = d.volume().lookup(node_of(parent), name, &node, &st)) {
     reply_error(req, ec);
-  else
-    reply_entry(req, node, st);
+    return;
+  }
+  d.spellings().looked_up(node_of(parent), name);
+  fuse_entry_param e = d.entry(node, st, true);
+  if (fuse_reply_entry(req, &e) != 0)
+    d.volume().unref(node, 1);
 }
 
 void op_forget(fuse_req_t req, fuse_ino_t ino, uint64_t nlookup) {
@@ -182,7 +200,10 @@ void op_forget_multi(fuse_req_t req, size_t count, fuse_forget_data* forgets) {
   fuse_reply_none(req);
 }
 
-void op_getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) { reply_attr(req, node_of(ino)); }
+void op_getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) {
+  daemon_of(req).initialized();
+  reply_attr(req, node_of(ino));
+}
 
 // The checks come first, so that a refused request changes nothing. The
 // ReadOnly attribute is set last: a read-only file can't be truncated.
@@ -241,11 +262,21 @@ void op_mkdir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t) {
 }
 
 void op_unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
-  fuse_reply_err(req, daemon_of(req).volume().unlink(node_of(parent), name).value());
+  Daemon& d = daemon_of(req);
+  std::vector<std::string> stale = d.other_spellings(node_of(parent), name);
+  std::error_code ec = d.volume().unlink(node_of(parent), name);
+  fuse_reply_err(req, ec.value());
+  if (!ec)
+    d.drop_entries(node_of(parent), std::move(stale));
 }
 
 void op_rmdir(fuse_req_t req, fuse_ino_t parent, const char* name) {
-  fuse_reply_err(req, daemon_of(req).volume().rmdir(node_of(parent), name).value());
+  Daemon& d = daemon_of(req);
+  std::vector<std::string> stale = d.other_spellings(node_of(parent), name);
+  std::error_code ec = d.volume().rmdir(node_of(parent), name);
+  fuse_reply_err(req, ec.value());
+  if (!ec)
+    d.drop_entries(node_of(parent), std::move(stale));
 }
 
 void op_symlink(fuse_req_t req, const char* link, fuse_ino_t parent, const char* name) {
@@ -267,9 +298,18 @@ void op_rename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t n
     return;
   }
   unsigned how = (flags & RENAME_NOREPLACE) ? kRenameNoReplace : 0;
-  std::error_code ec = daemon_of(req).volume().rename(node_of(parent), name, node_of(newparent),
-                                                      newname, how);
+  Daemon& d = daemon_of(req);
+  // Both the file renamed and a file it replaces may be known to the
+  // kernel under their stored spellings.
+  std::vector<std::string> from = d.other_spellings(node_of(parent), name);
+  std::vector<std::string> to = d.other_spellings(node_of(newparent), newname);
+  std::error_code ec =
+      d.volume().rename(node_of(parent), name, node_of(newparent), newname, how);
   fuse_reply_err(req, ec.value());
+  if (!ec) {
+    d.drop_entries(node_of(parent), std::move(from));
+    d.drop_entries(node_of(newparent), std::move(to));
+  }
 }
 
 // A file has exactly one directory entry on exFAT.
