@@ -21,6 +21,7 @@ namespace {
 // process's umask.
 struct Masks {
   std::optional<uint16_t> umask, dmask, fmask;
+  bool allow_other_set = false;  // allow_other or noallow_other given
 };
 
 // Options that only mean something to mount(8) and /etc/fstab, which
@@ -139,6 +140,17 @@ std::string apply_one(const std::string& option, Config* c, Masks* masks,
       c->sync_writes = true;
     } else if (name == "allow_other") {
       c->allow_other = true;
+      masks->allow_other_set = true;
+    } else if (name == "noallow_other") {
+      c->allow_other = false;
+      masks->allow_other_set = true;
+    } else if (name == "discard") {
+      c->volume.discard = true;
+    } else if (name == "nodiscard") {
+      c->volume.discard = false;
+    } else if (name == "sys_tz") {
+      // Timestamps in the machine's own time zone: the default, named.
+      c->volume.seconds_west = local_seconds_west();
     } else if (name == "default_permissions") {
       c->default_permissions = true;
     } else if (name == "quiet") {
@@ -187,7 +199,24 @@ std::string apply_one(const std::string& option, Config* c, Masks* masks,
     *fsname = value;
   } else if (name == "iocharset") {
     if (value != "utf8" && value != "utf-8")
-      return bad_value() + " (names are always UTF-8)";
+      return bad_value() +
+             " (names are always UTF-8 on exvol mounts; use iocharset=utf8 or leave it out)";
+  } else if (name == "allow_utime") {
+    // Accepted for fstab lines written for the kernel driver. Through FUSE
+    // the kernel itself decides who may change times (default_permissions:
+    // the owner any time, whoever may write the file "now"); a daemon can't
+    // widen that, so the mask is checked and kept for nothing else.
+    std::optional<uint16_t> ignored;
+    return mask_option(&ignored);
+  } else if (name == "errors") {
+    if (value == "continue")
+      c->on_errors = Config::OnErrors::kContinue;
+    else if (value == "remount-ro")
+      c->on_errors = Config::OnErrors::kRemountReadOnly;
+    else if (value == "panic")
+      c->on_errors = Config::OnErrors::kPanic;
+    else
+      return bad_value() + " (continue, remount-ro or panic)";
   } else if (name == "max_read") {
     if (!parse_unsigned(value, 10, UINT32_MAX, &u))
       return bad_value();
@@ -268,7 +297,8 @@ std::string usage_text() {
          "  -f  stay in the foreground        -d  log every request (implies -f)\n"
          "options: ro rw uid=N gid=N umask=M dmask=M fmask=M noatime atime sync async\n"
          "         commit=SECONDS allow_other default_permissions quiet fsname=NAME\n"
-         "         time_offset=MINUTES tz=UTC\n"
+         "         time_offset=MINUTES tz=UTC sys_tz iocharset=utf8 discard\n"
+         "         errors=continue|remount-ro|panic allow_utime=M noallow_other\n"
          "         suid nosuid dev nodev exec noexec dirsync auto_unmount max_read=N\n";
 }
 
@@ -336,6 +366,11 @@ ParseResult parse_command_line(int argc, char** argv, mode_t umask_now, uid_t ui
   c.volume.mask = static_cast<uint16_t>(dir_mode(c));
   if (c.debug)
     c.foreground = true;
+  // Root mounts from fstab name the user the files belong to (uid=1000);
+  // like the kernel's own file systems, they serve everyone the modes
+  // allow, not only root.
+  if (uid_now == 0 && !masks.allow_other_set)
+    c.allow_other = true;
   // A mount others may use must enforce the owner and modes it reports.
   if (c.allow_other)
     c.default_permissions = true;
