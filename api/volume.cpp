@@ -250,6 +250,19 @@ std::string check_device(vnode_t devvp, bool device_writable, std::string* warni
   return claim;
 }
 
+// An MBR: the boot signature and at least one partition entry in use with
+// a valid status byte.
+bool has_partition_table(const uint8_t* sector) {
+  if (sector[510] != 0x55 || sector[511] != 0xAA)
+    return false;
+  for (int i = 0; i < 4; i++) {
+    const uint8_t* entry = sector + 446 + 16 * i;
+    if ((entry[0] == 0x00 || entry[0] == 0x80) && entry[4] != 0)
+      return true;
+  }
+  return false;
+}
+
 // What the device holds when it is no exFAT volume, said so that the user
 // knows what to do; "" when it starts with exFAT's boot sector. A mount
 // that fails on such a device fails with EMEDIUMTYPE and this reason,
@@ -288,7 +301,10 @@ std::string not_exfat_reason(vnode_t devvp) {
       reason = "it holds a FAT file system; mount it with -t vfat";
     else if (std::all_of(p, p + 512, [](uint8_t b) { return b == 0; }))
       reason = "its first sector is empty: it holds no file system (format it with mkfs.exfat)";
-    else if (p[510] == 0x55 && p[511] == 0xAA)
+    else if (p[0] == 0xEB && p[1] == 0x76 && p[2] == 0x90)
+      reason = "its boot sector is damaged (no \"EXFAT\" name at byte 3); fsck.exfat may "
+               "restore it from the backup boot sector";
+    else if (has_partition_table(p))
       reason = "it starts with a partition table, not a volume; name the partition "
                "(/dev/sdX1, or an image's partition through losetup -P)";
     else
