@@ -11,7 +11,7 @@ BUILD_COV ?= build/coverage
 CMAKE_COMMON := -G Ninja -DEXVOL_WERROR=ON
 
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config libfuse3-dev fuse3 \
-	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs gcovr
+	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs gcovr rsync
 
 .PHONY: all deps build build-tsan release test test-unit test-tsan soak run bench coverage clean
 
