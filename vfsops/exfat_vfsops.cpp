@@ -83,11 +83,14 @@ void exfat_statfs_fill(struct exfat_mount* mount, mount_t mp, bool at_mount) {
 // syncs and closes files open for writing; a reload is refused; an upgrade
 // to read-write marks the volume dirty. Returns 0, the sync's or vflush's
 // error, ENOTSUP for a reload, or the dirty mark's error (the mount then
-// stays read-only).
+// stays read-only). A forced downgrade passes over a sync that fails
+// (printed): it is how a mount whose device fails writes stops writing.
 int exfat_mount_update(struct exfat_mount* mount, mount_t mp, vfs_context_t context) {
   if (!(mount->xm_flags & XM_RDONLY) && vfs_isrdonly(mp)) {
     int error = exfat_vfs_sync(mp, MNT_WAIT, context);
-    if (error)
+    if (error && vfs_isforce(mp))
+      kprintf("exfat_mount_update: error %d syncing before read-only; going on\n", error);
+    else if (error)
       return error;
     int flags = WRITECLOSE;
     if (vfs_isforce(mp))
