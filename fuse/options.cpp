@@ -17,9 +17,10 @@ namespace exvol::fuse {
 
 namespace {
 
-// Masks given in the lists; unset ones fall back to umask, then to the
-// process's umask.
-struct Masks {
+// What the lists said about options whose defaults depend on others: unset
+// masks fall back to umask, then to the process's umask; allow_other unset
+// follows who mounts.
+struct Given {
   std::optional<uint16_t> umask, dmask, fmask;
   bool allow_other_set = false;  // allow_other or noallow_other given
 };
@@ -106,7 +107,7 @@ int32_t local_seconds_west() {
 }
 
 // Applies one "name" or "name=value" option. Returns "" or the message.
-std::string apply_one(const std::string& option, Config* c, Masks* masks,
+std::string apply_one(const std::string& option, Config* c, Given* given,
                       std::string* fsname) {
   size_t eq = option.find('=');
   std::string name = option.substr(0, eq);
@@ -140,10 +141,10 @@ std::string apply_one(const std::string& option, Config* c, Masks* masks,
       c->sync_writes = true;
     } else if (name == "allow_other") {
       c->allow_other = true;
-      masks->allow_other_set = true;
+      given->allow_other_set = true;
     } else if (name == "noallow_other") {
       c->allow_other = false;
-      masks->allow_other_set = true;
+      given->allow_other_set = true;
     } else if (name == "discard") {
       c->volume.discard = true;
     } else if (name == "nodiscard") {
@@ -174,11 +175,11 @@ std::string apply_one(const std::string& option, Config* c, Masks* masks,
       return bad_value() + " (a numeric group id)";
     c->gid = static_cast<gid_t>(u);
   } else if (name == "umask") {
-    return mask_option(&masks->umask);
+    return mask_option(&given->umask);
   } else if (name == "dmask") {
-    return mask_option(&masks->dmask);
+    return mask_option(&given->dmask);
   } else if (name == "fmask") {
-    return mask_option(&masks->fmask);
+    return mask_option(&given->fmask);
   } else if (name == "time_offset") {
     // Minutes east of UTC, the offset of the local time the volume keeps.
     if (!parse_signed(value, -24 * 60, 24 * 60, &s))
@@ -247,11 +248,11 @@ std::vector<std::string> split_list(const std::string& list) {
   return out;
 }
 
-std::string apply_list(const std::string& list, Config* c, Masks* masks, std::string* fsname) {
+std::string apply_list(const std::string& list, Config* c, Given* given, std::string* fsname) {
   for (const std::string& option : split_list(list)) {
     if (option.empty())
       continue;
-    std::string error = apply_one(option, c, masks, fsname);
+    std::string error = apply_one(option, c, given, fsname);
     if (!error.empty())
       return error;
   }
@@ -353,23 +354,23 @@ ParseResult parse_command_line(int argc, char** argv, mode_t umask_now, uid_t ui
     return r;
   }
 
-  Masks masks;
+  Given given;
   std::string fsname;
-  if (std::string error = apply_list(lists, &c, &masks, &fsname); !error.empty()) {
+  if (std::string error = apply_list(lists, &c, &given, &fsname); !error.empty()) {
     r.error = error;
     return r;
   }
   uint16_t base = static_cast<uint16_t>(umask_now & 0777);
-  uint16_t um = masks.umask.value_or(base);
-  c.dmask = masks.dmask.value_or(um);
-  c.fmask = masks.fmask.value_or(um);
+  uint16_t um = given.umask.value_or(base);
+  c.dmask = given.dmask.value_or(um);
+  c.fmask = given.fmask.value_or(um);
   c.volume.mask = static_cast<uint16_t>(dir_mode(c));
   if (c.debug)
     c.foreground = true;
   // Root mounts from fstab name the user the files belong to (uid=1000);
   // like the kernel's own file systems, they serve everyone the modes
   // allow, not only root.
-  if (uid_now == 0 && !masks.allow_other_set)
+  if (uid_now == 0 && !given.allow_other_set)
     c.allow_other = true;
   // A mount others may use must enforce the owner and modes it reports.
   if (c.allow_other)
