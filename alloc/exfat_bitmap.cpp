@@ -17,8 +17,11 @@
 #include <algorithm>
 #include <cstring>
 
+#include "host/blkdev.h"
 #include "host/kern.h"
+#include "host/mount.h"
 #include "host/uio.h"
+#include "host/vnode.h"
 
 #include "alloc/exfat_alloc_private.h"
 #include "exfat_proto.h"
@@ -206,6 +209,27 @@ int exfat_bitmap_mark_used(struct exfat_mount* mount, uint32_t first, uint32_t c
   return exfat_bitmap_mark(mount, first, count, true);
 }
 
+// Tells the device that `count` clusters from `first` hold nothing any
+// more (the mount's "discard" option): an image file gets a hole, a disk a
+// discard. It happens under xm_bitmap_lock, before anyone can allocate the
+// clusters again, so a discard never lands on new data. A failure loses
+// nothing: the clusters are free either way. A device that can't discard
+// says so once, and the mount stops asking.
+static void exfat_discard_clusters(struct exfat_mount* mount, uint32_t first, uint32_t count) {
+  dk_extent_t extent;
+  extent.offset = exfat_cluster_to_sector(mount, first) * mount->xm_bytes_per_sector;
+  extent.length = static_cast<uint64_t>(count) * mount->xm_bytes_per_cluster;
+  dk_unmap_t unmap{&extent, 1, 0};
+  int error = VNOP_IOCTL(mount->xm_devvp, DKIOCUNMAP, reinterpret_cast<caddr_t>(&unmap), 0,
+                         vfs_context_kernel());
+  if (error == ENOTSUP || error == ENOTTY) {
+    kprintf("exfat: the device does not support discard; discard is off for this mount\n");
+    mount->xm_flags &= ~XM_DISCARD;
+  } else if (error) {
+    kprintf("exfat: discarding clusters %u..%u: error %d\n", first, first + count - 1, error);
+  }
+}
+
 // Marks `count` clusters from `first` free and adds them to
 // xm_free_clusters. The caller holds xm_bitmap_lock. The range may come
 // straight from a directory entry on disk, so a bad one is refused: EIO with
@@ -222,7 +246,10 @@ int exfat_bitmap_mark_free(struct exfat_mount* mount, uint32_t first, uint32_t c
     exfat_set_corrupt(mount);
     return EIO;
   }
-  return exfat_bitmap_mark(mount, first, count, false);
+  int error = exfat_bitmap_mark(mount, first, count, false);
+  if (error == 0 && (mount->xm_flags & XM_DISCARD))
+    exfat_discard_clusters(mount, first, count);
+  return error;
 }
 
 // Counts the clear bits of `word` upward from bit `from`, stopping at the

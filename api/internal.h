@@ -64,6 +64,7 @@ struct MountState {
   bool read_only = false;     // lock
   bool device_writable = false;
   bool decomposed_names = false;  // lock; MountOptions::decomposed_names
+  bool dirty_at_mount = false;    // VolumeDirty was set before the mount; set once
 
   // Who may use the device beside us, and whether we may write it
   // (volume.cpp). The lock is held from before the device is opened until

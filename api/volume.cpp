@@ -41,6 +41,10 @@ namespace {
 
 constexpr size_t kMountArgsSize = 24;
 constexpr uint32_t kMountArgsMagic = 0xD4C1C6F8u;
+constexpr uint32_t kMountArgsDiscard = 0x00000001u;  // flags: discard freed clusters
+// The driver's mount ioctl that reports damage seen while mounted.
+constexpr u_long kGetState = 0x40045801u;
+constexpr uint32_t kStateCorrupt = 0x00000001u;
 
 // Loads the driver once per process. The module stays loaded until exit.
 int load_driver_module() {
@@ -64,12 +68,14 @@ uint32_t get_le32(const uint8_t* p) {
   return uint32_t{p[0]} | uint32_t{p[1]} << 8 | uint32_t{p[2]} << 16 | uint32_t{p[3]} << 24;
 }
 
-// The driver's mount argument record: magic, owner, group, mask, time zone.
+// The driver's mount argument record: magic, owner, group, mask, time
+// zone, flags.
 std::vector<uint8_t> mount_args(const MountOptions& options) {
   std::vector<uint8_t> args(kMountArgsSize, 0);
   put_le32(&args[0], kMountArgsMagic);
   put_le16(&args[12], options.mask);
   put_le32(&args[16], static_cast<uint32_t>(options.seconds_west));
+  put_le32(&args[20], options.discard ? kMountArgsDiscard : 0);
   return args;
 }
 
@@ -222,12 +228,15 @@ int read_boot_sector(vnode_t devvp, VolumeInfo* out, bool* exfat, bool keep = tr
 // calls that made them, when they could no longer be reported. So the
 // library looks first: read-write is refused, read-only goes ahead with a
 // warning, since what the device does hold is still readable.
-std::string check_device(vnode_t devvp, bool device_writable, std::string* warning) {
-  if (!device_writable)
-    return "the device is write-protected";
+std::string check_device(vnode_t devvp, bool device_writable, std::string* warning,
+                         bool* dirty) {
   VolumeInfo v;
   bool exfat = false;
-  if (read_boot_sector(devvp, &v, &exfat, false) != 0 || !exfat || !v.truncated())
+  bool read = read_boot_sector(devvp, &v, &exfat, false) == 0 && exfat;
+  *dirty = read && v.dirty();
+  if (!device_writable)
+    return "the device is write-protected";
+  if (!read || !v.truncated())
     return "";
   uint64_t sector = v.bytes_per_sector;
   std::string claim = "the volume claims " +
@@ -239,6 +248,73 @@ std::string check_device(vnode_t devvp, bool device_writable, std::string* warni
                       size_text(v.device_bytes) + ")";
   *warning = claim + "; what lies beyond is missing";
   return claim;
+}
+
+// An MBR: the boot signature and at least one partition entry in use with
+// a valid status byte.
+bool has_partition_table(const uint8_t* sector) {
+  if (sector[510] != 0x55 || sector[511] != 0xAA)
+    return false;
+  for (int i = 0; i < 4; i++) {
+    const uint8_t* entry = sector + 446 + 16 * i;
+    if ((entry[0] == 0x00 || entry[0] == 0x80) && entry[4] != 0)
+      return true;
+  }
+  return false;
+}
+
+// What the device holds when it is no exFAT volume, said so that the user
+// knows what to do; "" when it starts with exFAT's boot sector. A mount
+// that fails on such a device fails with EMEDIUMTYPE and this reason,
+// rather than with whatever the driver made of the bytes.
+std::string not_exfat_reason(vnode_t devvp) {
+  uint32_t block_size = 0;
+  uint64_t blocks = 0;
+  if (VNOP_IOCTL(devvp, DKIOCGETBLOCKSIZE, reinterpret_cast<caddr_t>(&block_size), 0,
+                 vfs_context_kernel()) != 0 ||
+      VNOP_IOCTL(devvp, DKIOCGETBLOCKCOUNT, reinterpret_cast<caddr_t>(&blocks), 0,
+                 vfs_context_kernel()) != 0)
+    return "";
+  uint64_t bytes = blocks * block_size;
+  constexpr uint64_t kBootRegionBytes = 12 * 512;  // the smallest boot region
+  if (bytes < kBootRegionBytes)
+    return "it is smaller than the boot region of any exFAT volume (6 KiB)";
+  // Enough for the ext2/3/4 superblock's magic at byte 1080.
+  uint32_t probe = std::max<uint32_t>(block_size, 4096);
+  if (probe > bytes)
+    probe = block_size;
+  buf_t bp = nullptr;
+  std::string reason;
+  if (buf_meta_bread(devvp, 0, static_cast<int>(probe), NOCRED, &bp) == 0) {
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(buf_dataptr(bp));
+    uint64_t ignored;
+    auto has = [&](size_t at, const char* text) {
+      return at + strlen(text) <= probe && memcmp(p + at, text, strlen(text)) == 0;
+    };
+    if (volume_sectors(p, &ignored) || has(3, "EXFAT   "))
+      reason = "";
+    else if (probe >= 1082 && p[1080] == 0x53 && p[1081] == 0xEF)
+      reason = "it holds an ext2/ext3/ext4 file system; mount it as that type";
+    else if (has(3, "NTFS    "))
+      reason = "it holds an NTFS file system; mount it as that type";
+    else if (has(82, "FAT32   ") || has(54, "FAT16   ") || has(54, "FAT12   "))
+      reason = "it holds a FAT file system; mount it with -t vfat";
+    else if (std::all_of(p, p + 512, [](uint8_t b) { return b == 0; }))
+      reason = "its first sector is empty: it holds no file system (format it with mkfs.exfat)";
+    else if (p[0] == 0xEB && p[1] == 0x76 && p[2] == 0x90)
+      reason = "its boot sector is damaged (no \"EXFAT\" name at byte 3); fsck.exfat may "
+               "restore it from the backup boot sector";
+    else if (has_partition_table(p))
+      reason = "it starts with a partition table, not a volume; name the partition "
+               "(/dev/sdX1, or an image's partition through losetup -P)";
+    else
+      reason = "it does not start with an exFAT boot sector";
+  }
+  if (bp != nullptr) {
+    buf_markinvalid(bp);
+    buf_brelse(bp);
+  }
+  return reason;
 }
 
 // Locks and opens the device for a mount and decides whether it may be
@@ -258,7 +334,7 @@ int take_device(MountState& ms, const std::string& path, bool read_only,
     return error;
   }
   std::string warning;
-  ms.write_refusal = check_device(ms.devvp, ms.device_writable, &warning);
+  ms.write_refusal = check_device(ms.devvp, ms.device_writable, &warning, &ms.dirty_at_mount);
   if (!ms.write_refusal.empty() && !read_only) {
     lines->push_back(ms.write_refusal + "; it can only be mounted read-only");
     return EROFS;
@@ -313,6 +389,12 @@ void set_log_handler(LogHandler handler) {
   host_log_set_sink(log_to_handler, installed.back().get());
 }
 
+std::string VolumeInfo::serial_string() const {
+  char s[10];
+  snprintf(s, sizeof(s), "%04X-%04X", serial_number >> 16, serial_number & 0xFFFF);
+  return s;
+}
+
 std::string VolumeInfo::uuid_string() const {
   char s[37];
   const uint8_t* u = uuid.data();
@@ -350,6 +432,13 @@ std::error_code Volume::mount(const std::string& path, const MountOptions& optio
                        &ms->mp);
     for (const std::string& line : capture.lines())
       lines.push_back(line);
+    if (error) {
+      std::string reason = not_exfat_reason(ms->devvp);
+      if (!reason.empty()) {
+        lines.insert(lines.begin(), "not an exFAT volume: " + reason);
+        error = EMEDIUMTYPE;
+      }
+    }
   }
   // Passed on to whoever listened before the capture (stderr by default).
   if (options.echo_kernel_log) {
@@ -472,6 +561,10 @@ std::error_code Volume::info(VolumeInfo* out) const {
   out->free_clusters = va.f_bfree;
   out->io_size = va.f_iosize;
   out->read_only = ms.read_only;
+  out->dirty_at_mount = ms.dirty_at_mount;
+  uint32_t state = 0;
+  if (VFS_IOCTL(ms.mp, kGetState, reinterpret_cast<caddr_t>(&state), 0, vfs_context_kernel()) == 0)
+    out->corrupt = (state & kStateCorrupt) != 0;
   bool exfat = false;
   return make_error(read_boot_sector(ms.devvp, out, &exfat));
 }

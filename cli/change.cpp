@@ -86,6 +86,14 @@ int rm_command(const std::vector<std::string>& raw) {
         reporter.error(a.display(), ec);
       return true;
     }
+    // "file/" names a directory, as for rm(1): a file or a link to one
+    // there is ENOTDIR.
+    Stat target;
+    if (a.trailing_slash && st.type != FileType::Directory &&
+        (volume.stat(a.path, &target) || target.type != FileType::Directory)) {
+      reporter.error(a.display() + "/", errno_code(ENOTDIR));
+      return true;
+    }
     if (st.type == FileType::Directory && !args.has('r') && !args.has('R')) {
       reporter.error(a.display(), errno_code(EISDIR));
       return true;

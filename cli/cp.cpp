@@ -31,8 +31,17 @@ int prepare(Reporter& reporter, Session& session, const std::vector<std::string>
   bool any_image = t->target.on_image;
   for (const Address& a : t->sources)
     any_image = any_image || a.on_image;
-  if (!any_image)
+  if (!any_image) {
+    // "b.img:/" with no b.img: say that, not that nothing is an image.
+    for (const std::string& operand : operands) {
+      std::string why = why_not_an_image(operand);
+      if (!why.empty()) {
+        reporter.error(why);
+        return reporter.status();
+      }
+    }
     return reporter.usage("no operand is on an image (IMG:PATH)");
+  }
 
   // The target first: an image that is also a source is then mounted
   // read-write once, not read-only and again.

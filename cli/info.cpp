@@ -1,10 +1,13 @@
 // `exvol info IMG`: what a volume is and how full it is, read-only.
 
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <string>
 
 #include "cli.h"
 #include "exvol/volume.h"
+#include "session.h"
 #include "text.h"
 
 namespace exvol::cli {
@@ -26,7 +29,9 @@ std::string state_of(const VolumeInfo& v) {
 void print_human(const std::string& image, const VolumeInfo& v) {
   printf("Image:           %s\n", image.c_str());
   printf("Label:           %s\n", v.label.c_str());
-  printf("UUID:            %s\n", v.uuid_string().c_str());
+  // blkid's UUID, the name under /dev/disk/by-uuid and in fstab UUID=.
+  printf("UUID (blkid):    %s\n", v.serial_string().c_str());
+  printf("Name-based UUID: %s\n", v.uuid_string().c_str());
   printf("Serial number:   0x%08X\n", v.serial_number);
   printf("Sector size:     %u\n", v.bytes_per_sector);
   printf("Cluster size:    %u\n", v.bytes_per_cluster);
@@ -51,6 +56,7 @@ void print_json(const std::string& image, const VolumeInfo& v) {
   printf("{\n");
   printf("  \"image\": %s,\n", json_string(image).c_str());
   printf("  \"label\": %s,\n", json_string(v.label).c_str());
+  printf("  \"serial\": \"%s\",\n", v.serial_string().c_str());
   printf("  \"uuid\": \"%s\",\n", v.uuid_string().c_str());
   printf("  \"serial_number\": %u,\n", v.serial_number);
   printf("  \"bytes_per_sector\": %u,\n", v.bytes_per_sector);
@@ -90,6 +96,12 @@ int info_command(const std::vector<std::string>& args) {
   }
   if (image.empty())
     return usage_error("info: missing image");
+  // "IMG:" is the address of IMG's root; label and df take it too.
+  struct stat st;
+  if (image.size() > 1 && image.back() == ':' && ::stat(image.c_str(), &st) != 0)
+    image.pop_back();
+  if (std::string problem = image_path_problem(image); !problem.empty())
+    return failure(problem);
 
   MountOptions options;
   options.read_only = true;
@@ -97,14 +109,9 @@ int info_command(const std::vector<std::string>& args) {
   std::unique_ptr<Volume> volume;
   std::string diagnostic;
   std::error_code ec = Volume::mount(image, options, &volume, &diagnostic);
-  if (ec == std::errc::device_or_resource_busy && !diagnostic.empty())
-    return failure(diagnostic);  // names the image and who holds it
-  if (ec) {
-    std::string message = image + ": cannot mount: " + ec.message();
-    if (!diagnostic.empty())
-      message += " (" + diagnostic + ")";
-    return failure(message);
-  }
+  if (ec)
+    return failure(mount_failure_text(image, ec, diagnostic));
+  warn_if_unclean("", image, *volume);
   VolumeInfo info;
   ec = volume->info(&info);
   if (ec)

@@ -3,6 +3,11 @@
 #include "session.h"
 
 #include <sys/stat.h>
+#include <syslog.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 #include "text.h"
 
@@ -49,6 +54,36 @@ std::optional<Address> parse_image_operand(const std::string& arg) {
   if (colon == std::string::npos || colon == 0)
     return std::nullopt;
   return image_address(arg.substr(0, colon), arg.substr(colon + 1));
+}
+
+std::string why_not_an_image(const std::string& operand) {
+  size_t colon = operand.find(':');
+  if (colon == std::string::npos || colon == 0)
+    return "";
+  std::string image = operand.substr(0, colon);
+  std::string problem = image_path_problem(image);
+  if (problem.empty())
+    return "";
+  return problem + " ('" + operand + "' names a path on the image " + image + ")";
+}
+
+std::string image_path_problem(const std::string& image) {
+  struct stat st;
+  if (::stat(image.c_str(), &st) == 0) {
+    if (S_ISDIR(st.st_mode))
+      return image + ": is a directory; give an image file or a block device holding an "
+                     "exFAT volume";
+    return "";
+  }
+  if (errno != ENOENT)
+    return image + ": " + strerror(errno);
+  size_t colon = image.rfind(':');
+  if (colon != std::string::npos && colon > 0 &&
+      ::stat(image.substr(0, colon).c_str(), &st) == 0)
+    return image + ": no such image; the image is '" + image.substr(0, colon) +
+           "' (this command takes IMG, not IMG:PATH)";
+  return image + ": no such image file; check the name, or create the volume first "
+                 "(mkfs.exfat)";
 }
 
 int image_operands(const Reporter& reporter, const Args& args, std::vector<Address>* out) {
@@ -108,6 +143,10 @@ MountOptions Session::options(bool writable) const {
 
 Volume* Session::volume(const std::string& image, bool writable) {
   struct stat st;
+  if (std::string problem = image_path_problem(image); !problem.empty()) {
+    reporter_.error(problem);
+    return nullptr;
+  }
   if (::stat(image.c_str(), &st) != 0) {
     reporter_.error(image, std::error_code(errno, std::generic_category()));
     return nullptr;
@@ -127,8 +166,10 @@ Volume* Session::volume(const std::string& image, bool writable) {
   if (ec) {
     report_mount_failure(reporter_, image, ec, diagnostic);
     m.volume.reset();
-  } else if (options(writable).read_only) {
-    warn_if_truncated(reporter_, image, *m.volume);
+  } else {
+    warn_if_unclean(reporter_.command(), image, *m.volume);
+    if (options(writable).read_only)
+      warn_if_truncated(reporter_, image, *m.volume);
   }
   mounted_.push_back(std::move(m));
   return mounted_.back().volume.get();
@@ -178,14 +219,34 @@ int Session::finish() {
   return reporter_.status();
 }
 
+std::string mount_failure_text(const std::string& image, std::error_code ec,
+                               const std::string& diagnostic) {
+  // The diagnostic of a volume in use names the image and its holder; that
+  // of a device without exFAT says what it holds instead.
+  if (ec == std::errc::device_or_resource_busy && !diagnostic.empty())
+    return diagnostic;
+  if (ec.value() == EMEDIUMTYPE && !diagnostic.empty())
+    return image + ": cannot mount: " + diagnostic;
+  return image + ": cannot mount: " + ec.message() +
+         (diagnostic.empty() ? "" : " (" + diagnostic + ")");
+}
+
 void report_mount_failure(Reporter& reporter, const std::string& image, std::error_code ec,
                           const std::string& diagnostic) {
-  // The diagnostic of a volume in use names the image and its holder.
-  if (ec == std::errc::device_or_resource_busy && !diagnostic.empty())
-    reporter.error(diagnostic);
-  else
-    reporter.error(image + ": cannot mount: " + ec.message() +
-                   (diagnostic.empty() ? "" : " (" + diagnostic + ")"));
+  reporter.error(mount_failure_text(image, ec, diagnostic));
+}
+
+void warn_if_unclean(const std::string& command, const std::string& image, Volume& volume) {
+  VolumeInfo info;
+  if (volume.info(&info) || !info.dirty_at_mount)
+    return;
+  std::string message = image + ": the volume was not cleanly unmounted and may be damaged; "
+                        "run 'exvol check " + image + "'";
+  fprintf(stderr, "exvol: %s%swarning: %s\n", command.c_str(), command.empty() ? "" : ": ",
+          message.c_str());
+  openlog("exvol", 0, LOG_USER);
+  syslog(LOG_WARNING, "%s", message.c_str());
+  closelog();
 }
 
 void warn_if_truncated(Reporter& reporter, const std::string& image, Volume& volume) {

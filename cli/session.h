@@ -35,6 +35,16 @@ Address parse_operand(const std::string& arg);
 // without a colon, nullopt.
 std::optional<Address> parse_image_operand(const std::string& arg);
 
+// Why an operand that looks like "IMG:PATH" is not on an image (IMG does
+// not exist, or is a directory), as a message that says what to do; ""
+// when it has no colon or IMG is one.
+std::string why_not_an_image(const std::string& operand);
+
+// Why `image` can't be an image, before trying to mount it: it does not
+// exist (perhaps "IMG:" was meant as IMG), or it is a directory. "" when
+// it may be one.
+std::string image_path_problem(const std::string& image);
+
 // "/a//b/" -> "/a/b"; "" -> "/".
 std::string normalize_image_path(const std::string& path);
 // The image path of `name` in the directory `dir`.
@@ -88,10 +98,17 @@ class Session {
   std::vector<Mounted> mounted_;
 };
 
-// Reports a failed Volume::mount of `image`: the reason and the driver's
-// diagnostic, or only the diagnostic of a volume in use, which says it all.
+// The message for a failed Volume::mount of `image`: the reason and the
+// driver's diagnostic, or only the diagnostic when it says it all (a
+// volume in use, a device that holds no exFAT volume).
+std::string mount_failure_text(const std::string& image, std::error_code ec,
+                               const std::string& diagnostic);
+// Reports a failed Volume::mount of `image` (see mount_failure_text).
 void report_mount_failure(Reporter& reporter, const std::string& image, std::error_code ec,
                           const std::string& diagnostic);
+// Warns, on stderr and in the system log, when the volume was not cleanly
+// unmounted before this mount.
+void warn_if_unclean(const std::string& command, const std::string& image, Volume& volume);
 // Warns when the image is shorter than its volume (it was mounted
 // read-only: writing commands can't mount it).
 void warn_if_truncated(Reporter& reporter, const std::string& image, Volume& volume);

@@ -21,6 +21,19 @@ std::string image_name(const std::string& operand) {
   return operand;
 }
 
+// exFAT stores the label as at most 11 UTF-16 code units: characters
+// beyond U+FFFF (most emoji) take two.
+std::string label_limit_text(const std::string& label) {
+  size_t units = 0;
+  for (unsigned char c : label) {
+    if ((c & 0xC0) != 0x80)
+      units += c >= 0xF0 ? 2 : 1;  // a lead byte of 4 is beyond U+FFFF
+  }
+  return "it takes " + std::to_string(units) +
+         " UTF-16 units, the limit is 11 (characters beyond U+FFFF, such as most emoji, "
+         "take 2)";
+}
+
 }  // namespace
 
 int label_command(const std::vector<std::string>& raw) {
@@ -42,7 +55,7 @@ int label_command(const std::vector<std::string>& raw) {
   if (change) {
     std::error_code ec = volume->set_label(clear ? "" : args.operands[1]);
     if (ec == std::errc::filename_too_long)
-      reporter.error(image + ": label too long (at most 11 characters)");
+      reporter.error(image + ": label too long: " + label_limit_text(args.operands[1]));
     else if (ec)
       reporter.error(image, ec);
   } else {

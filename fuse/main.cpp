@@ -38,6 +38,7 @@
 #include "fuse/daemon.h"
 #include "fuse/ops.h"
 #include "fuse/options.h"
+#include "fuse/watch.h"
 
 namespace exvol::fuse {
 
@@ -94,7 +95,6 @@ bool fork_daemon() {
 // volume (damage, failing I/O) goes to the system log, under the image's
 // name.
 void log_to_syslog(const std::string& image) {
-  openlog("mount.exvol", LOG_PID, LOG_DAEMON);
   set_log_handler([image](const std::string& message) {
     syslog(LOG_WARNING, "%s: %s", image.c_str(), message.c_str());
   });
@@ -125,13 +125,37 @@ std::unique_ptr<Volume> mount_volume(const Config& c) {
     return nullptr;
   }
   if (ec) {
-    fprintf(stderr, "mount.exvol: can't mount %s: %s%s%s\n", c.image.c_str(),
-            ec.message().c_str(), diagnostic.empty() ? "" : ": ", diagnostic.c_str());
+    // A device without exFAT: the diagnostic says what it holds.
+    std::string reason = ec.value() == EMEDIUMTYPE && !diagnostic.empty()
+                             ? diagnostic
+                             : ec.message() + (diagnostic.empty() ? "" : ": " + diagnostic);
+    fprintf(stderr, "mount.exvol: can't mount %s: %s\n", c.image.c_str(), reason.c_str());
     return nullptr;
   }
   if (!diagnostic.empty())
     fprintf(stderr, "mount.exvol: %s: %s\n", c.image.c_str(), diagnostic.c_str());
   return volume;
+}
+
+// A volume left dirty (a crash, a device pulled while mounted) may be
+// damaged, and this mount clears the mark when it ends: say so while the
+// user can still check it, on the terminal and in the system log.
+void warn_if_unclean(const Config& c, Volume& volume) {
+  VolumeInfo info;
+  if (volume.info(&info) || !info.dirty_at_mount)
+    return;
+  std::string message = "the volume was not cleanly unmounted and may be damaged; "
+                        "unmount it and run 'exvol check " + c.image + "'";
+  fprintf(stderr, "mount.exvol: %s: warning: %s\n", c.image.c_str(), message.c_str());
+  syslog(LOG_WARNING, "%s: %s", c.image.c_str(), message.c_str());
+}
+
+// Where the daemon's own messages go once it serves.
+void say(const Config& c, const std::string& message) {
+  if (c.foreground)
+    fprintf(stderr, "mount.exvol: %s: %s\n", c.image.c_str(), message.c_str());
+  else
+    syslog(LOG_ERR, "%s: %s", c.image.c_str(), message.c_str());
 }
 
 fuse_session* make_session(const Config& c, Daemon* daemon) {
@@ -168,9 +192,11 @@ int serve(fuse_session* se) {
 }
 
 int run(const Config& c) {
+  openlog("mount.exvol", LOG_PID, LOG_DAEMON);
   std::unique_ptr<Volume> volume = mount_volume(c);
   if (!volume)
     return kExitFailure;
+  warn_if_unclean(c, *volume);
   Daemon daemon(c, std::move(volume));
   fuse_session* se = make_session(c, &daemon);
   if (se == nullptr || fuse_set_signal_handlers(se) != 0 ||
@@ -192,7 +218,15 @@ int run(const Config& c) {
       // Only the working directory stays put; nothing depends on it.
     }
   }
-  serve(se);
+  bool panicked;
+  {
+    // errors=panic ends the session the way SIGTERM does.
+    ErrorWatch watch(
+        c, daemon.volume(), [&c](const std::string& m) { say(c, m); },
+        [] { kill(getpid(), SIGTERM); });
+    serve(se);
+    panicked = watch.panicked();
+  }
 
   fuse_remove_signal_handlers(se);
   fuse_session_unmount(se);
@@ -204,7 +238,7 @@ int run(const Config& c) {
   else if (ec)
     syslog(LOG_ERR, "unmounting %s: not everything could be written: %s", c.image.c_str(),
            ec.message().c_str());
-  return ec ? kExitFailure : 0;
+  return ec || panicked ? kExitFailure : 0;
 }
 
 }  // namespace

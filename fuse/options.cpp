@@ -17,10 +17,12 @@ namespace exvol::fuse {
 
 namespace {
 
-// Masks given in the lists; unset ones fall back to umask, then to the
-// process's umask.
-struct Masks {
+// What the lists said about options whose defaults depend on others: unset
+// masks fall back to umask, then to the process's umask; allow_other unset
+// follows who mounts.
+struct Given {
   std::optional<uint16_t> umask, dmask, fmask;
+  bool allow_other_set = false;  // allow_other or noallow_other given
 };
 
 // Options that only mean something to mount(8) and /etc/fstab, which
@@ -105,7 +107,7 @@ int32_t local_seconds_west() {
 }
 
 // Applies one "name" or "name=value" option. Returns "" or the message.
-std::string apply_one(const std::string& option, Config* c, Masks* masks,
+std::string apply_one(const std::string& option, Config* c, Given* given,
                       std::string* fsname) {
   size_t eq = option.find('=');
   std::string name = option.substr(0, eq);
@@ -139,6 +141,17 @@ std::string apply_one(const std::string& option, Config* c, Masks* masks,
       c->sync_writes = true;
     } else if (name == "allow_other") {
       c->allow_other = true;
+      given->allow_other_set = true;
+    } else if (name == "noallow_other") {
+      c->allow_other = false;
+      given->allow_other_set = true;
+    } else if (name == "discard") {
+      c->volume.discard = true;
+    } else if (name == "nodiscard") {
+      c->volume.discard = false;
+    } else if (name == "sys_tz") {
+      // Timestamps in the machine's own time zone: the default, named.
+      c->volume.seconds_west = local_seconds_west();
     } else if (name == "default_permissions") {
       c->default_permissions = true;
     } else if (name == "quiet") {
@@ -162,11 +175,11 @@ std::string apply_one(const std::string& option, Config* c, Masks* masks,
       return bad_value() + " (a numeric group id)";
     c->gid = static_cast<gid_t>(u);
   } else if (name == "umask") {
-    return mask_option(&masks->umask);
+    return mask_option(&given->umask);
   } else if (name == "dmask") {
-    return mask_option(&masks->dmask);
+    return mask_option(&given->dmask);
   } else if (name == "fmask") {
-    return mask_option(&masks->fmask);
+    return mask_option(&given->fmask);
   } else if (name == "time_offset") {
     // Minutes east of UTC, the offset of the local time the volume keeps.
     if (!parse_signed(value, -24 * 60, 24 * 60, &s))
@@ -187,7 +200,24 @@ std::string apply_one(const std::string& option, Config* c, Masks* masks,
     *fsname = value;
   } else if (name == "iocharset") {
     if (value != "utf8" && value != "utf-8")
-      return bad_value() + " (names are always UTF-8)";
+      return bad_value() +
+             " (names are always UTF-8 on exvol mounts; use iocharset=utf8 or leave it out)";
+  } else if (name == "allow_utime") {
+    // Accepted for fstab lines written for the kernel driver. Through FUSE
+    // the kernel itself decides who may change times (default_permissions:
+    // the owner any time, whoever may write the file "now"); a daemon can't
+    // widen that, so the mask is checked and kept for nothing else.
+    std::optional<uint16_t> ignored;
+    return mask_option(&ignored);
+  } else if (name == "errors") {
+    if (value == "continue")
+      c->on_errors = Config::OnErrors::kContinue;
+    else if (value == "remount-ro")
+      c->on_errors = Config::OnErrors::kRemountReadOnly;
+    else if (value == "panic")
+      c->on_errors = Config::OnErrors::kPanic;
+    else
+      return bad_value() + " (continue, remount-ro or panic)";
   } else if (name == "max_read") {
     if (!parse_unsigned(value, 10, UINT32_MAX, &u))
       return bad_value();
@@ -218,11 +248,11 @@ std::vector<std::string> split_list(const std::string& list) {
   return out;
 }
 
-std::string apply_list(const std::string& list, Config* c, Masks* masks, std::string* fsname) {
+std::string apply_list(const std::string& list, Config* c, Given* given, std::string* fsname) {
   for (const std::string& option : split_list(list)) {
     if (option.empty())
       continue;
-    std::string error = apply_one(option, c, masks, fsname);
+    std::string error = apply_one(option, c, given, fsname);
     if (!error.empty())
       return error;
   }
@@ -268,7 +298,8 @@ std::string usage_text() {
          "  -f  stay in the foreground        -d  log every request (implies -f)\n"
          "options: ro rw uid=N gid=N umask=M dmask=M fmask=M noatime atime sync async\n"
          "         commit=SECONDS allow_other default_permissions quiet fsname=NAME\n"
-         "         time_offset=MINUTES tz=UTC\n"
+         "         time_offset=MINUTES tz=UTC sys_tz iocharset=utf8 discard\n"
+         "         errors=continue|remount-ro|panic allow_utime=M noallow_other\n"
          "         suid nosuid dev nodev exec noexec dirsync auto_unmount max_read=N\n";
 }
 
@@ -323,19 +354,24 @@ ParseResult parse_command_line(int argc, char** argv, mode_t umask_now, uid_t ui
     return r;
   }
 
-  Masks masks;
+  Given given;
   std::string fsname;
-  if (std::string error = apply_list(lists, &c, &masks, &fsname); !error.empty()) {
+  if (std::string error = apply_list(lists, &c, &given, &fsname); !error.empty()) {
     r.error = error;
     return r;
   }
   uint16_t base = static_cast<uint16_t>(umask_now & 0777);
-  uint16_t um = masks.umask.value_or(base);
-  c.dmask = masks.dmask.value_or(um);
-  c.fmask = masks.fmask.value_or(um);
+  uint16_t um = given.umask.value_or(base);
+  c.dmask = given.dmask.value_or(um);
+  c.fmask = given.fmask.value_or(um);
   c.volume.mask = static_cast<uint16_t>(dir_mode(c));
   if (c.debug)
     c.foreground = true;
+  // Root mounts from fstab name the user the files belong to (uid=1000);
+  // like the kernel's own file systems, they serve everyone the modes
+  // allow, not only root.
+  if (uid_now == 0 && !given.allow_other_set)
+    c.allow_other = true;
   // A mount others may use must enforce the owner and modes it reports.
   if (c.allow_other)
     c.default_permissions = true;

@@ -52,6 +52,11 @@ struct Config {
   bool default_permissions = false;
   bool allow_other = false;
 
+  // What to do once the driver finds damage or a metadata write fails
+  // (errors=): go on, remount read-only, or unmount and exit.
+  enum class OnErrors { kContinue, kRemountReadOnly, kPanic };
+  OnErrors on_errors = OnErrors::kContinue;
+
   // The options handed to the kernel mount through libfuse, joined with
   // commas ("fsname=...,subtype=exvol,ro,..."), ready for "-o".
   std::string fuse_options;
@@ -67,7 +72,9 @@ struct ParseResult {
 };
 
 // Parses argv. `umask_now`, `uid_now` and `gid_now` are the caller's
-// process mask and identity, the defaults of umask, uid and gid. Relative
+// process mask and identity, the defaults of umask, uid and gid; when
+// uid_now is 0 (root mounts), allow_other and default_permissions are on
+// unless the options say "noallow_other". Relative
 // paths are made absolute against the working directory (the daemon leaves
 // it); a path that does not exist is an error here already.
 ParseResult parse_command_line(int argc, char** argv, mode_t umask_now, uid_t uid_now,

@@ -42,6 +42,8 @@ class Backend {
   virtual int write(uint64_t offset, const struct iovec* iov, int iovcnt) = 0;
   // Makes every completed write durable.
   virtual int flush() = 0;
+  // Forgets the bytes of a range in use no longer (see DKIOCUNMAP).
+  virtual int discard(uint64_t offset, uint64_t length) = 0;
 };
 
 size_t iov_bytes(const struct iovec* iov, int iovcnt) {
@@ -54,7 +56,8 @@ size_t iov_bytes(const struct iovec* iov, int iovcnt) {
 // the kernel transfers less than asked, or for more than IOV_MAX vectors).
 class FileBackend final : public Backend {
  public:
-  FileBackend(int fd, uint64_t size) : fd_(fd), size_(size) {}
+  FileBackend(int fd, uint64_t size, bool block_device)
+      : fd_(fd), size_(size), block_device_(block_device) {}
   ~FileBackend() override { close(fd_); }
   uint64_t size() const override { return size_; }
   int read(uint64_t offset, const struct iovec* iov, int iovcnt) override {
@@ -64,13 +67,31 @@ class FileBackend final : public Backend {
     return transfer(true, offset, iov, iovcnt);
   }
   int flush() override { return fdatasync(fd_) == 0 ? 0 : errno; }
+  int discard(uint64_t offset, uint64_t length) override;
 
  private:
   int transfer(bool write, uint64_t offset, const struct iovec* iov, int iovcnt);
 
   int fd_;
   uint64_t size_;
+  bool block_device_;
 };
+
+// An image file gets a hole, so that it stays sparse; its size stays. A
+// file system that can't punch holes, or a disk without discard, says
+// EOPNOTSUPP, which is ENOTSUP here.
+int FileBackend::discard(uint64_t offset, uint64_t length) {
+  int r;
+  if (block_device_) {
+    uint64_t range[2] = {offset, length};
+    r = ioctl(fd_, BLKDISCARD, range);
+  } else {
+    r = fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
+                  static_cast<off_t>(length));
+  }
+  if (r == 0) return 0;
+  return errno == EOPNOTSUPP ? ENOTSUP : errno;
+}
 
 // Loops only for short transfers; a transfer that makes no progress (end
 // of a file that shrank under us) is EIO, as on a disk. Other failures
@@ -118,6 +139,7 @@ class MemBackend final : public Backend {
   int read(uint64_t offset, const struct iovec* iov, int iovcnt) override;
   int write(uint64_t offset, const struct iovec* iov, int iovcnt) override;
   int flush() override;
+  int discard(uint64_t offset, uint64_t length) override;
 
   void load(const void* src, size_t len, uint64_t offset);
   void save(void* dst, size_t len, uint64_t offset);
@@ -187,6 +209,17 @@ int MemBackend::flush() {
   return 0;
 }
 
+// Zeroes, as a thinly provisioned disk reads a discarded range. Kept in the
+// undo log like a write: a power cut before the next flush brings the old
+// bytes back, as it may on a disk whose discard was still in its cache.
+int MemBackend::discard(uint64_t offset, uint64_t length) {
+  std::lock_guard<std::mutex> guard(md_lock);
+  if (faults_.power_cut_mode)
+    undo_.push_back(Undo{offset, std::vector<uint8_t>(data_ + offset, data_ + offset + length)});
+  memset(data_ + offset, 0, length);
+  return 0;
+}
+
 void MemBackend::load(const void* src, size_t len, uint64_t offset) {
   std::lock_guard<std::mutex> guard(md_lock);
   memcpy(data_ + offset, src, len);
@@ -229,7 +262,7 @@ struct spec_dev {
   std::atomic<int> sd_refuse_setbsize{0};
   std::atomic<int> sd_write_error{0};  // the first failed write's or flush's error
   std::atomic<uint64_t> sd_reads{0}, sd_writes{0}, sd_bytes_read{0}, sd_bytes_written{0},
-      sd_flushes{0};
+      sd_flushes{0}, sd_discards{0}, sd_bytes_discarded{0};
 };
 
 std::atomic<unsigned> g_next_minor{0};
@@ -284,6 +317,26 @@ int spec_setblocksize(vnode_t vp, spec_dev* sd, uint32_t size) {
   return 0;
 }
 
+// Checks every range first, so that a bad request discards nothing.
+int spec_unmap(spec_dev* sd, const dk_unmap_t* unmap) {
+  if (sd->sd_rdonly) return EROFS;
+  uint64_t bsize = sd->sd_bsize.load(), size = sd->sd_backend->size();
+  for (uint32_t i = 0; i < unmap->extentsCount; i++) {
+    const dk_extent_t& e = unmap->extents[i];
+    if (e.offset % bsize != 0 || e.length % bsize != 0 || e.offset > size ||
+        e.length > size - e.offset)
+      return EINVAL;
+  }
+  for (uint32_t i = 0; i < unmap->extentsCount; i++) {
+    const dk_extent_t& e = unmap->extents[i];
+    if (e.length == 0) continue;
+    if (int error = sd->sd_backend->discard(e.offset, e.length)) return error;
+    sd->sd_discards.fetch_add(1, std::memory_order_relaxed);
+    sd->sd_bytes_discarded.fetch_add(e.length, std::memory_order_relaxed);
+  }
+  return 0;
+}
+
 int spec_ioctl(void* ap) {
   auto* a = static_cast<vnop_ioctl_args*>(ap);
   spec_dev* sd = spec_of(a->a_vp);
@@ -301,6 +354,8 @@ int spec_ioctl(void* ap) {
       return spec_setblocksize(a->a_vp, sd, *reinterpret_cast<uint32_t*>(a->a_data));
     case DKIOCSYNCHRONIZECACHE:
       return spec_flush_cache(sd);
+    case DKIOCUNMAP:
+      return spec_unmap(sd, reinterpret_cast<const dk_unmap_t*>(a->a_data));
     default:
       return ENOTTY;
   }
@@ -436,7 +491,7 @@ int host_blkdev_open(const char* path, int rdonly, vnode_t* devvpp) {
     close(fd);
     return ENODEV;
   }
-  sd->sd_backend = std::make_unique<FileBackend>(fd, size);
+  sd->sd_backend = std::make_unique<FileBackend>(fd, size, S_ISBLK(st.st_mode));
   sd->sd_bsize.store(bsize);
   sd->sd_phys_bsize = phys;
   sd->sd_rdonly = rdonly != 0;
@@ -506,6 +561,8 @@ void host_blkdev_stats(vnode_t devvp, host_devstats* stats) {
   stats->bytes_read = sd->sd_bytes_read.load();
   stats->bytes_written = sd->sd_bytes_written.load();
   stats->flushes = sd->sd_flushes.load();
+  stats->discards = sd->sd_discards.load();
+  stats->bytes_discarded = sd->sd_bytes_discarded.load();
 }
 
 void host_blkdev_reset_stats(vnode_t devvp) {
@@ -515,4 +572,6 @@ void host_blkdev_reset_stats(vnode_t devvp) {
   sd->sd_bytes_read.store(0);
   sd->sd_bytes_written.store(0);
   sd->sd_flushes.store(0);
+  sd->sd_discards.store(0);
+  sd->sd_bytes_discarded.store(0);
 }

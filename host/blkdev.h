@@ -11,6 +11,7 @@
 // device number (vnode_specrdev). Test devices live in memory and can
 // inject faults.
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,6 +23,25 @@
 #define DKIOCGETBLOCKCOUNT 0x40086419u         // uint64_t: blocks of the logical size
 #define DKIOCGETPHYSICALBLOCKSIZE 0x4004644Du  // uint32_t
 #define DKIOCSYNCHRONIZECACHE 0x20006416u      // no argument
+#define DKIOCUNMAP 0x8010641Fu                 // dk_unmap_t in: ranges no longer in use
+
+// A byte range of the device, for DKIOCUNMAP.
+struct dk_extent_t {
+  uint64_t offset;
+  uint64_t length;
+};
+
+// DKIOCUNMAP: the file system no longer uses these ranges. The device may
+// forget what they hold (reads return zeroes or the old data). A file
+// backing punches holes (the image stays sparse), a block device is sent
+// BLKDISCARD, memory is zeroed. Ranges must be whole logical blocks inside
+// the device (else EINVAL); a backing that can't discard says ENOTSUP and
+// changes nothing. Fails with EROFS on a device opened read-only.
+struct dk_unmap_t {
+  dk_extent_t* extents;
+  uint32_t extentsCount;
+  uint32_t options;  // none defined; 0
+};
 
 // Fault injection and counters of an in-memory device. Thread-safe.
 // A request fails (EIO, changing nothing) when its byte range covers one of
@@ -41,6 +61,7 @@ struct host_memdev;  // opaque
 // Requests that reached the device (failed ones included) and cache flushes.
 struct host_devstats {
   uint64_t reads, writes, bytes_read, bytes_written, flushes;
+  uint64_t discards, bytes_discarded;  // DKIOCUNMAP ranges that the device took
 };
 
 // Opens a file or block device as a device vnode with an I/O reference.

@@ -244,6 +244,11 @@ int VFS_SETATTR(mount_t mp, struct vfs_attr* attr, vfs_context_t ctx) {
   return ops_of(mp)->vfs_setattr(mp, attr, ctx);
 }
 
+int VFS_IOCTL(mount_t mp, u_long command, caddr_t data, int flags, vfs_context_t ctx) {
+  if (ops_of(mp)->vfs_ioctl == nullptr) return ENOTSUP;
+  return ops_of(mp)->vfs_ioctl(mp, command, data, flags, ctx);
+}
+
 // --- Vnode operations ------------------------------------------------------------------
 
 namespace {

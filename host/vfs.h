@@ -512,3 +512,4 @@ int VFS_SYNC(mount_t mp, int waitfor, vfs_context_t ctx);
 int VFS_ROOT(mount_t mp, vnode_t* vpp, vfs_context_t ctx);
 int VFS_GETATTR(mount_t mp, struct vfs_attr* attr, vfs_context_t ctx);
 int VFS_SETATTR(mount_t mp, struct vfs_attr* attr, vfs_context_t ctx);
+int VFS_IOCTL(mount_t mp, u_long command, caddr_t data, int flags, vfs_context_t ctx);

@@ -17,6 +17,7 @@
 // XM_CORRUPT: metadata corruption was seen, or a metadata write failed (see
 // exfat_note_write_error): this mount never marks the volume clean.
 #define XM_CORRUPT 0x20000000
+#define XM_DISCARD 0x40000000  // freed clusters are discarded on the device (DKIOCUNMAP)
 #define XM_RDONLY 0x80000000   // mounted read-only: write nothing
 
 // xm_meta_state bits.
@@ -91,11 +92,20 @@ struct exfat_args {
   uint16_t mask;         // 12: permission bits, low 12 bits used
   uint16_t pad;          // 14
   int32_t secondsWest;   // 16: time-zone value for timestamps
-  uint32_t reserved;     // 20: cleared when the magic is wrong
+  uint32_t flags;        // 20: EXFAT_ARGS_*; cleared when the magic is wrong
 };
+
+// exfat_args.flags bits.
+#define EXFAT_ARGS_DISCARD 0x00000001  // discard clusters as they are freed
+
+// The mount's ioctl (VFS_IOCTL): EXFAT_IOC_GETSTATE fills a uint32_t with
+// EXFAT_STATE_* bits, so that the mount's owner can act on damage the
+// driver found (stop writing, stop serving).
+#define EXFAT_IOC_GETSTATE 0x40045801u
+#define EXFAT_STATE_CORRUPT 0x00000001  // XM_CORRUPT: damage seen, or a metadata write failed
 static_assert(sizeof(struct exfat_args) == 24);
 static_assert(offsetof(struct exfat_args, uid) == 4);
 static_assert(offsetof(struct exfat_args, gid) == 8);
 static_assert(offsetof(struct exfat_args, mask) == 12);
 static_assert(offsetof(struct exfat_args, secondsWest) == 16);
-static_assert(offsetof(struct exfat_args, reserved) == 20);
+static_assert(offsetof(struct exfat_args, flags) == 20);

@@ -61,6 +61,7 @@ void exfat_guid_to_uuid(unsigned char* uuid_out, const uint8_t* guid);
 // --- Volume: mount and unmount ------------------------------------------------------------
 
 int exfat_vfs_mount(mount_t mp, vnode_t devvp, user_addr_t data, vfs_context_t context);
+int exfat_vfs_ioctl(mount_t mp, u_long command, caddr_t data, int flags, vfs_context_t context);
 int exfat_mount_internal(vnode_t devvp, mount_t mp, vfs_context_t context);
 int exfat_vfs_unmount(mount_t mp, int mntflags, vfs_context_t context);
 int exfat_vfs_root(mount_t mp, vnode_t* vpp, vfs_context_t context);

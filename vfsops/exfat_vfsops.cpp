@@ -26,7 +26,7 @@ constexpr size_t kArgsSize = 24;
 constexpr size_t kArgsMagic = 0;
 constexpr size_t kArgsMask = 12;
 constexpr size_t kArgsSecondsWest = 16;
-constexpr size_t kArgsReserved = 20;
+constexpr size_t kArgsFlags = 20;
 
 // The volume serial number's place in the boot sector; its four bytes, as
 // stored, name the volume UUID.
@@ -36,6 +36,7 @@ constexpr size_t kBootSerialNumber = 100;
 struct exfat_mount_args {
   uint16_t mask;
   int32_t seconds_west;
+  uint32_t flags;  // EXFAT_ARGS_*
 };
 
 // Copies in and decodes the argument record. Returns copyin's error.
@@ -45,11 +46,12 @@ int exfat_copyin_args(user_addr_t data, struct exfat_mount_args* args) {
   if (error)
     return error;
   // A record from a tool that doesn't know the magic still gives its mask
-  // and time zone; only the reserved field is not trusted then.
+  // and time zone; only the flags are not trusted then.
   if (le32dec(raw + kArgsMagic) != EXFAT_ARGS_MAGIC)
-    le32enc(raw + kArgsReserved, 0);
+    le32enc(raw + kArgsFlags, 0);
   args->mask = le16dec(raw + kArgsMask);
   args->seconds_west = static_cast<int32_t>(le32dec(raw + kArgsSecondsWest));
+  args->flags = le32dec(raw + kArgsFlags);
   return 0;
 }
 
@@ -81,11 +83,14 @@ void exfat_statfs_fill(struct exfat_mount* mount, mount_t mp, bool at_mount) {
 // syncs and closes files open for writing; a reload is refused; an upgrade
 // to read-write marks the volume dirty. Returns 0, the sync's or vflush's
 // error, ENOTSUP for a reload, or the dirty mark's error (the mount then
-// stays read-only).
+// stays read-only). A forced downgrade passes over a sync that fails
+// (printed): it is how a mount whose device fails writes stops writing.
 int exfat_mount_update(struct exfat_mount* mount, mount_t mp, vfs_context_t context) {
   if (!(mount->xm_flags & XM_RDONLY) && vfs_isrdonly(mp)) {
     int error = exfat_vfs_sync(mp, MNT_WAIT, context);
-    if (error)
+    if (error && vfs_isforce(mp))
+      kprintf("exfat_mount_update: error %d syncing before read-only; going on\n", error);
+    else if (error)
       return error;
     int flags = WRITECLOSE;
     if (vfs_isforce(mp))
@@ -379,7 +384,25 @@ int exfat_vfs_mount(mount_t mp, vnode_t devvp, user_addr_t data, vfs_context_t c
   }
   mount->xm_mask = args.mask & 0xFFF;
   mount->xm_secondsWest = args.seconds_west;
+  if (args.flags & EXFAT_ARGS_DISCARD)
+    mount->xm_flags |= XM_DISCARD;
+  else
+    mount->xm_flags &= ~XM_DISCARD;
   exfat_statfs_fill(mount, mp, false);
+  return 0;
+}
+
+// The file system's ioctl entry: EXFAT_IOC_GETSTATE reports whether this
+// mount has seen damage or a failed metadata write. Reads xm_flags without
+// a lock (it is atomic). Returns 0, or ENOTTY for any other command.
+int exfat_vfs_ioctl(mount_t mp, u_long command, caddr_t data, int flags, vfs_context_t context) {
+  struct exfat_mount* mount = static_cast<struct exfat_mount*>(vfs_fsprivate(mp));
+  if (command != EXFAT_IOC_GETSTATE)
+    return ENOTTY;
+  uint32_t state = 0;
+  if (mount->xm_flags & XM_CORRUPT)
+    state |= EXFAT_STATE_CORRUPT;
+  memcpy(data, &state, sizeof(state));
   return 0;
 }
 

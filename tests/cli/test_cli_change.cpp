@@ -42,6 +42,8 @@ TEST_F(CliChange, RmRecursesAndForces) {
   ok({"mkdir", "-p", addr("/t/u/v")});
   ok({"touch", addr("/t/f"), addr("/t/u/v/h"), addr("/single"), addr("/locked")});
   fails({"rm", addr("/t")}, addr("/t"), "Is a directory");
+  // A trailing slash names a directory, as for rm(1).
+  fails({"rm", addr("/single/")}, addr("/single/"), "Not a directory");
   ok({"rm", addr("/single")});
   fails({"rm", addr("/single")}, addr("/single"), "No such file or directory");
   ok({"rm", "-f", addr("/single")});
@@ -126,9 +128,19 @@ TEST_F(CliChange, LabelRoundTrip) {
   Result info = exvol({"info", image_});
   EXPECT_NE(std::string::npos, info.out.find("Label:           \u00dcml\u00e4ut \u65e5\u672c\n"));
 
-  Result r = exvol({"label", image_, "twelve chars"});
-  EXPECT_EQ(1, r.status);
-  EXPECT_EQ("exvol: label: " + image_ + ": label too long (at most 11 characters)\n", r.err);
+  // The limit is in UTF-16 units: 6 emoji are 12.
+  for (const auto& [label, units] : {std::pair<std::string, int>{"twelve chars", 12},
+                                     {"\U0001F600\U0001F600\U0001F600\U0001F600\U0001F600"
+                                      "\U0001F600",
+                                      12}}) {
+    Result r = exvol({"label", image_, label});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("exvol: label: " + image_ + ": label too long: it takes " + std::to_string(units) +
+                  " UTF-16 units, the limit is 11 (characters beyond U+FFFF, such as most "
+                  "emoji, take 2)\n",
+              r.err);
+  }
+  ok({"label", image_, "\U0001F600\U0001F600\U0001F600\U0001F600\U0001F600a"});
   ok({"label", "-c", image_});
   EXPECT_EQ("\n", exvol({"label", image_}).out);
 }

@@ -87,7 +87,10 @@ TEST_F(CliRead, FailedOperandIsReportedAndTheOthersStillDone) {
 
   r = exvol({"ls", at("absent.img") + ":/"});
   EXPECT_EQ(1, r.status);
-  EXPECT_EQ(failure_line("ls", at("absent.img"), "No such file or directory"), r.err);
+  EXPECT_EQ(failure_line("ls", at("absent.img"),
+                         "no such image file; check the name, or create the volume first "
+                         "(mkfs.exfat)"),
+            r.err);
 
   write_file(at("zeros.img"), std::string(1 << 20, '\0'));
   r = exvol({"cat", at("zeros.img") + ":/f"});

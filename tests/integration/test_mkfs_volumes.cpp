@@ -211,7 +211,8 @@ TEST(DamagedImageInfo, FailsWithOneClearLineWithoutWriting) {
     std::vector<uint8_t> bytes;
     const char* message;
   } cases[] = {
-      {"signature", 3, {'N', 'O', 'T'}, "Invalid argument"},
+      {"signature", 3, {'N', 'O', 'T'},
+       "not an exFAT volume: its boot sector is damaged (no \"EXFAT\" name at byte 3)"},
       {"sector shift", 108, {20}, "bsBytesPerSectorShift (20) is out of range 9..16"},
       // Any other boot-sector field is covered by the checksum.
       {"checksum", 11 * 512 + 40, {0x5A}, "exfat: Boot region's checksum is invalid"},

@@ -52,6 +52,9 @@ struct MountOptions {
   // By default they are composed (NFC), the form the volume holds and Linux
   // programs expect. Lookups find a name typed in either form.
   bool decomposed_names = false;
+  // Clusters freed by remove and truncate are discarded on the device: an
+  // image file gets holes (it stays sparse), a block device a discard.
+  bool discard = false;
   // The kernel log lines printed while mounting are passed on to the kernel
   // log (stderr unless redirected) as well as returned through mount's
   // diagnostic argument. Off, they are only returned.
@@ -88,6 +91,12 @@ struct VolumeInfo {
   // heap when that lies further) and what the device holds, in bytes.
   uint64_t volume_bytes = 0;
   uint64_t device_bytes = 0;
+  // VolumeDirty was set when the volume was mounted: it was not unmounted
+  // cleanly (a crash, a pulled device) and may be damaged.
+  bool dirty_at_mount = false;
+  // The driver found damage, or a metadata write failed, while mounted:
+  // the volume will be left marked dirty.
+  bool corrupt = false;
 
   uint64_t used_clusters() const { return cluster_count - free_clusters; }
   uint64_t total_bytes() const { return cluster_count * bytes_per_cluster; }
@@ -98,6 +107,9 @@ struct VolumeInfo {
   bool truncated() const { return device_bytes < volume_bytes; }
   // "XXXXXXXX-XXXX-XXXX-XXXX-XXXXXXXXXXXX", upper case.
   std::string uuid_string() const;
+  // The serial number as blkid shows it and /dev/disk/by-uuid names the
+  // volume: "1234-ABCD", upper case.
+  std::string serial_string() const;
 };
 
 // Where the driver's messages go: damage it finds on a volume, I/O that
@@ -125,7 +137,10 @@ class Volume {
   // holder where the system tells. A read-write mount fails with EROFS when
   // the device is write-protected, or when the boot sector claims more
   // sectors than the device holds (writes would fail beyond its end); a
-  // read-only mount of such a volume goes ahead with a warning.
+  // read-only mount of such a volume goes ahead with a warning. A device
+  // that holds no exFAT volume (another file system, nothing, a partition
+  // table) fails with EMEDIUMTYPE, the diagnostic starting "not an exFAT
+  // volume: " and saying what it holds.
   static std::error_code mount(const std::string& path, const MountOptions& options,
                                std::unique_ptr<Volume>* out, std::string* diagnostic = nullptr);
 

@@ -169,6 +169,25 @@ TEST_F(MountArguments, UpdateReloadAndWriteUpgrade) {
   EXPECT_EQ(0, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
 }
 
+// A downgrade whose sync can't write stays read-write and says why; forced
+// (errors=remount-ro after a failed write), it makes the mount read-only
+// all the same, so that nothing more is written.
+TEST_F(MountArguments, ForcedDowngradeHoldsWhenTheSyncFails) {
+  ASSERT_EQ(0, load(mountable().build()));
+  ASSERT_EQ(0, mount());
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  ASSERT_EQ(0, exfat_bitmap_mark_used(xm, 10, 1));  // a dirty bitmap block to write
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  host_memdev_set_faults(devvp, host_memdev_faults{.fail_writes_after = 0});
+  auto args = exfat_mount_args();
+  EXPECT_NE(0, host_mount_update(mp, MNT_RDONLY, args.data(), args.size()));
+  EXPECT_EQ(0u, xm->xm_flags & XM_RDONLY);
+  EXPECT_EQ(0, host_mount_update(mp, MNT_RDONLY | MNT_FORCE, args.data(), args.size()));
+  EXPECT_EQ(XM_RDONLY, xm->xm_flags & XM_RDONLY);
+  EXPECT_TRUE(vfs_isrdonly(mp));
+  EXPECT_EQ(0, unmount(MNT_FORCE));
+}
+
 // Two volumes in one process with different time zones each read and
 // stamp their own files with their own: a file's time without a valid UTC
 // offset is local time of its volume's zone, and a time set is stored with

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -244,6 +245,55 @@ TEST_F(FiledevTest, ReadsAndWritesTheFileInOneRequestEach) {
   host_blkdev_close(dev);
   EXPECT_EQ(host_blkdev_open((path_ + "-missing").c_str(), 0, &dev), ENOENT);
   EXPECT_EQ(host_blkdev_open(::testing::TempDir().c_str(), 1, &dev), ENODEV);
+}
+
+int unmap(vnode_t dev, std::vector<dk_extent_t> extents) {
+  dk_unmap_t u{extents.data(), static_cast<uint32_t>(extents.size()), 0};
+  return VNOP_IOCTL(dev, DKIOCUNMAP, reinterpret_cast<caddr_t>(&u), 0, nullptr);
+}
+
+// Catches a discard that lands beside its range, a bad request that
+// discards part of itself, and a read-only device that discards.
+TEST_F(FiledevTest, UnmapPunchesHolesOfWholeBlocksOnly) {
+  vnode_t dev = nullptr;
+  ASSERT_EQ(host_blkdev_open(path_.c_str(), 0, &dev), 0);
+  struct stat before {};
+  ASSERT_EQ(stat(path_.c_str(), &before), 0);
+  struct Case {
+    std::vector<dk_extent_t> extents;
+    int error;
+  } cases[] = {
+      {{{4096, 512}, {1000, 512}}, EINVAL},  // one misaligned range: nothing
+      {{{4096, 512}, {255 * 1024, 2048}}, EINVAL},  // one past the end: nothing
+      {{{64 * 1024, 128 * 1024}, {512, 0}}, 0},
+  };
+  for (const Case& c : cases) EXPECT_EQ(unmap(dev, c.extents), c.error);
+  host_devstats s = host_test::devstats(dev);
+  EXPECT_EQ(s.discards, 1u);
+  EXPECT_EQ(s.bytes_discarded, 128u * 1024);
+  host_blkdev_close(dev);
+  EXPECT_EQ(file_bytes(4096, 1)[0], 8) << "a refused request discarded";
+  EXPECT_EQ(file_bytes(64 * 1024 - 1, 2), (std::vector<uint8_t>{127, 0}));
+  EXPECT_EQ(file_bytes(192 * 1024 - 1, 2), (std::vector<uint8_t>{0, 128}));  // block 384
+  struct stat after {};
+  ASSERT_EQ(stat(path_.c_str(), &after), 0);
+  EXPECT_EQ(after.st_size, before.st_size);
+  EXPECT_LE(after.st_blocks, before.st_blocks - 128 * 1024 / 512) << "no hole was punched";
+
+  ASSERT_EQ(host_blkdev_open(path_.c_str(), 1, &dev), 0);
+  EXPECT_EQ(unmap(dev, {{0, 512}}), EROFS);
+  host_blkdev_close(dev);
+}
+
+TEST_F(MemdevTest, UnmapZeroesAndAPowerCutBringsTheBytesBack) {
+  write_fill(dev_, 0, 8192, 0xAB);
+  ASSERT_EQ(cache_flush(dev_), 0);
+  host_memdev_set_faults(dev_, host_memdev_faults{.power_cut_mode = true});
+  ASSERT_EQ(unmap(dev_, {{4096, 4096}}), 0);
+  EXPECT_EQ(byte_at(4095), 0xAB);
+  EXPECT_EQ(byte_at(4096), 0);
+  host_memdev_power_cut(dev_);
+  EXPECT_EQ(byte_at(4096), 0xAB);
 }
 
 }  // namespace
