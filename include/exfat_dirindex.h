@@ -1,6 +1,6 @@
 #pragma once
 // The directory index: per directory node, an in-memory map of where its
-// File sets lie, by name hash, and of its runs of free slots, so that a
+// File sets lie, by a hash of the name, and of its runs of free slots, so that a
 // lookup, a create's existence check and its free-slot search look only
 // where the index points instead of walking the whole directory.
 //
@@ -32,13 +32,18 @@ struct exfat_node;
 // exfat_dirindex_find_set and _find_free: no usable index, walk instead.
 #define EXFAT_DIRINDEX_NONE (-3)
 
-// Searches the sets whose stored name hash is `hash`, in directory order,
+// The index's key of a name (`length` UTF-16 units): a 32-bit hash of its
+// up-cased form, so that names equal but for case share it.
+uint32_t exfat_dirindex_key(const uint16_t* upcase, const uint16_t* name, uint32_t length);
+
+// Searches the sets whose name has the key of `name`, in directory order,
 // reading each from the buffer cache and handing it to `callback` as the
-// walk would (set form). Caller holds dir's node lock. Returns
-// EXFAT_ITER_FOUND when the callback did; 0 when no set matched;
-// EXFAT_DIRINDEX_NONE when there is no index (or it proved stale and was
-// dropped); or a read error.
-int exfat_dirindex_find_set(struct exfat_node* dir, uint16_t hash, void* argument,
+// walk would (set form), which compares the names. Caller holds dir's node
+// lock. Returns EXFAT_ITER_FOUND when the callback did; 0 when no set
+// matched; EXFAT_DIRINDEX_NONE when there is no index (or it proved stale
+// and was dropped); or a read error.
+int exfat_dirindex_find_set(struct exfat_node* dir, const uint16_t* name, uint32_t length,
+                            void* argument,
                             int (*callback)(void*, uint8_t*, uint8_t*, uint32_t),
                             vfs_context_t context);
 

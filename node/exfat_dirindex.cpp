@@ -3,6 +3,10 @@
 // blocks, keeping it in step with the driver's own writes, and bounding the
 // memory of all indexes together by evicting the least recently used.
 //
+// Sets are found by a 32-bit key of the up-cased name (exfat_dirindex_key),
+// not by the 16-bit hash stored in the set: that one is weak enough that
+// names differing in a digit share it by the dozen.
+//
 // Slots are counted in 32-byte entries ("slot" = byte offset / 32). A run is
 // a maximal sequence of free slots (deleted entries, the end marker and
 // everything after it); runs are kept by first slot, and once more by
@@ -27,14 +31,29 @@ namespace {
 constexpr uint32_t kClasses = EXFAT_MAX_SET_ENTRIES + 1;  // run length classes 0..256
 constexpr size_t kTreeNodeBytes = 64;  // one entry of a std::map/std::set, with its overhead
 constexpr int kStale = -4;             // a check against the blocks failed
+constexpr uint32_t kKeySeed = 2166136261u;  // FNV-1a
+constexpr uint32_t kKeyPrime = 16777619u;
+
+uint32_t key_step(uint32_t h, const uint16_t* upcase, const uint16_t* units, uint32_t n) {
+  for (uint32_t k = 0; k < n; k++) {
+    uint16_t u = upcase[units[k]];
+    h = (h ^ (u & 0xFFu)) * kKeyPrime;
+    h = (h ^ (u >> 8)) * kKeyPrime;
+  }
+  return h;
+}
+
+uint32_t key_finish(uint32_t h, uint32_t length) {
+  return (h ^ length) * kKeyPrime;
+}
 
 }  // namespace
 
 struct exfat_dirindex {
   struct exfat_node* dir = nullptr;
   uint64_t size = 0;                    // the directory's x_size the index describes
-  std::map<uint32_t, uint16_t> sets;    // File set offset -> stored name hash
-  std::set<uint64_t> by_hash;           // hash << 32 | offset
+  std::map<uint32_t, uint32_t> sets;    // File set offset -> name key
+  std::set<uint64_t> by_key;            // key << 32 | offset
   std::map<uint32_t, uint32_t> runs;    // first free slot -> length in slots
   std::set<uint32_t> by_class[kClasses];  // run starts by min(length, 256)
   std::bitset<kClasses> filled;         // classes that hold a run
@@ -203,23 +222,45 @@ void mark_used(exfat_dirindex* idx, uint32_t a, uint32_t n) {
   }
 }
 
-void set_insert(exfat_dirindex* idx, uint32_t offset, uint16_t hash) {
-  idx->sets[offset] = hash;
-  idx->by_hash.insert(uint64_t(hash) << 32 | offset);
+void set_insert(exfat_dirindex* idx, uint32_t offset, uint32_t key) {
+  idx->sets[offset] = key;
+  idx->by_key.insert(uint64_t(key) << 32 | offset);
 }
 
-// Forgets the sets whose File entry lies in [offset, end). Returns the hash
-// of the one at `offset`, or -1 when there was none.
-int sets_erase(exfat_dirindex* idx, uint32_t offset, uint64_t end) {
-  int first = -1;
-  auto it = idx->sets.lower_bound(offset);
-  while (it != idx->sets.end() && it->first < end) {
-    if (it->first == offset)
-      first = it->second;
-    idx->by_hash.erase(uint64_t(it->second) << 32 | it->first);
-    it = idx->sets.erase(it);
+// Forgets the set whose File entry lies at `offset`. Returns whether there
+// was one, with its key in *key.
+bool set_erase(exfat_dirindex* idx, uint32_t offset, uint32_t* key) {
+  auto it = idx->sets.find(offset);
+  if (it == idx->sets.end())
+    return false;
+  *key = it->second;
+  idx->by_key.erase(uint64_t(it->second) << 32 | it->first);
+  idx->sets.erase(it);
+  return true;
+}
+
+// The key of the name held by the File set in `set`, whose first
+// `available` bytes are present. False when the name entries are not all
+// there.
+bool set_key(const uint8_t* set, uint32_t available, const uint16_t* upcase, uint32_t* key) {
+  if (available < EXFAT_SET_NAME_OFFSET)
+    return false;
+  uint32_t length = set[EXFAT_SET_STREAM_OFFSET + 3];
+  uint32_t entries = (length + EXFAT_NAME_CHARS_PER_ENTRY - 1) / EXFAT_NAME_CHARS_PER_ENTRY;
+  if (available < EXFAT_SET_NAME_OFFSET + entries * EXFAT_ENTRY_SIZE)
+    return false;
+  uint16_t units[EXFAT_NAME_CHARS_PER_ENTRY];
+  uint32_t h = kKeySeed;
+  for (uint32_t i = 0; i < length; i += EXFAT_NAME_CHARS_PER_ENTRY) {
+    const uint8_t* names =
+        set + EXFAT_SET_NAME_OFFSET + (i / EXFAT_NAME_CHARS_PER_ENTRY) * EXFAT_ENTRY_SIZE + 2;
+    uint32_t n = std::min<uint32_t>(length - i, EXFAT_NAME_CHARS_PER_ENTRY);
+    for (uint32_t k = 0; k < n; k++)
+      units[k] = le16dec(names + 2 * k);
+    h = key_step(h, upcase, units, n);
   }
-  return first;
+  *key = key_finish(h, length);
+  return true;
 }
 
 // The first run of at least `wanted` slots in directory order.
@@ -240,6 +281,7 @@ bool first_fit(const exfat_dirindex* idx, uint32_t wanted, uint32_t* start) {
 
 struct builder {
   exfat_dirindex* idx;
+  const uint16_t* upcase;
   uint32_t run_start;
   uint32_t run_length;
   bool after_end;     // the end-of-directory marker was met
@@ -261,11 +303,10 @@ int build_callback(void* argument, uint8_t* set, uint8_t* entry, uint32_t offset
   auto* b = static_cast<struct builder*>(argument);
   try {
     if (set != nullptr) {
-      if (set[0] == EXFAT_ENTRY_FILE) {
-        const auto* stream =
-            reinterpret_cast<const struct exfat_stream_entry*>(set + EXFAT_SET_STREAM_OFFSET);
-        set_insert(b->idx, offset, le16dec(stream->NameHash));
-      }
+      uint32_t key;
+      if (set[0] == EXFAT_ENTRY_FILE &&
+          set_key(set, (set[1] + 1u) * EXFAT_ENTRY_SIZE, b->upcase, &key))
+        set_insert(b->idx, offset, key);
       return 0;
     }
     if (entry[0] & EXFAT_ENTRY_INUSE) {
@@ -301,7 +342,7 @@ exfat_dirindex* build(struct exfat_node* dir, vfs_context_t context) {
   if (idx == nullptr)
     return nullptr;
   idx->dir = dir;
-  struct builder b = {idx, 0, 0, false, false, false};
+  struct builder b = {idx, dir->x_mount->xm_upcase, 0, 0, false, false, false};
   int error = exfat_dir_iterate(dir, 0, &b, build_callback, ITER_SETS | ITER_FREE | ITER_INUSE,
                                 context);
   if (!b.failed && !b.unindexable && error == 0) {
@@ -398,7 +439,12 @@ void stale(struct exfat_node* dir, exfat_dirindex* idx, const char* what) {
 
 }  // namespace
 
-int exfat_dirindex_find_set(struct exfat_node* dir, uint16_t hash, void* argument,
+uint32_t exfat_dirindex_key(const uint16_t* upcase, const uint16_t* name, uint32_t length) {
+  return key_finish(key_step(kKeySeed, upcase, name, length), length);
+}
+
+int exfat_dirindex_find_set(struct exfat_node* dir, const uint16_t* name, uint32_t length,
+                            void* argument,
                             int (*callback)(void*, uint8_t*, uint8_t*, uint32_t),
                             vfs_context_t context) {
   exfat_dirindex* idx = acquire(dir, context);
@@ -410,17 +456,19 @@ int exfat_dirindex_find_set(struct exfat_node* dir, uint16_t hash, void* argumen
     return ENOMEM;
   }
   int result = 0;
-  uint64_t key = uint64_t(hash) << 32;
+  const uint16_t* upcase = dir->x_mount->xm_upcase;
+  uint32_t key = exfat_dirindex_key(upcase, name, length);
+  uint64_t next = uint64_t(key) << 32;
   for (;;) {
-    auto it = idx->by_hash.lower_bound(key);
-    if (it == idx->by_hash.end() || (*it >> 32) != hash)
+    auto it = idx->by_key.lower_bound(next);
+    if (it == idx->by_key.end() || (*it >> 32) != key)
       break;
     uint32_t offset = static_cast<uint32_t>(*it);
-    key = *it + 1;
+    next = *it + 1;
     result = read_set(dir, offset, buffer, context);
-    const auto* stream =
-        reinterpret_cast<const struct exfat_stream_entry*>(buffer + EXFAT_SET_STREAM_OFFSET);
-    if (result == 0 && le16dec(stream->NameHash) != hash)
+    uint32_t found_key = 0;
+    if (result == 0 && (!set_key(buffer, EXFAT_SET_BUFFER_SIZE, upcase, &found_key) ||
+                        found_key != key))
       result = kStale;
     if (result == 0)
       result = callback(argument, buffer, nullptr, offset);
@@ -481,7 +529,8 @@ namespace {
 
 // The index's part of a write of `n` slots from slot `first`; throws
 // bad_alloc. Returns false when the index can't follow the write.
-bool apply_write(exfat_dirindex* idx, uint32_t first, const uint8_t* data, uint32_t n) {
+bool apply_write(exfat_dirindex* idx, const uint16_t* upcase, uint32_t first, const uint8_t* data,
+                 uint32_t n) {
   uint32_t last_end = UINT32_MAX;  // the last end marker written, as a slot
   for (uint32_t i = 0; i < n;) {
     auto in_use = [data](uint32_t k) { return data != nullptr && (data[k * 32] & EXFAT_ENTRY_INUSE); };
@@ -491,7 +540,8 @@ bool apply_write(exfat_dirindex* idx, uint32_t first, const uint8_t* data, uint3
       j++;
     for (uint32_t k = i; k < j; k++) {
       uint32_t offset = (first + k) * EXFAT_ENTRY_SIZE;
-      int old_hash = sets_erase(idx, offset, offset + EXFAT_ENTRY_SIZE);
+      uint32_t key = 0;
+      bool had_key = set_erase(idx, offset, &key);
       if (!used) {
         if (data == nullptr || data[k * 32] == EXFAT_ENTRY_END)
           last_end = first + k;
@@ -499,10 +549,11 @@ bool apply_write(exfat_dirindex* idx, uint32_t first, const uint8_t* data, uint3
       }
       if (data[k * 32] != EXFAT_ENTRY_FILE)
         continue;
-      if (k + 1 < n && data[(k + 1) * 32] == EXFAT_ENTRY_STREAM)
-        set_insert(idx, offset, le16dec(data + (k + 1) * 32 + 4));
-      else if (old_hash >= 0)
-        set_insert(idx, offset, static_cast<uint16_t>(old_hash));  // the File entry alone
+      // A whole set written carries its name; a File entry (and stream)
+      // rewritten in place keeps the name it had.
+      if ((k + 1 < n && data[(k + 1) * 32] == EXFAT_ENTRY_STREAM &&
+           set_key(data + k * 32, (n - k) * 32, upcase, &key)) || had_key)
+        set_insert(idx, offset, key);
       else
         return false;
     }
@@ -534,7 +585,8 @@ void exfat_dirindex_note_write(struct exfat_node* dir, uint64_t offset, const ui
   bool kept = ok && offset % EXFAT_ENTRY_SIZE == 0 && length % EXFAT_ENTRY_SIZE == 0;
   if (kept) {
     try {
-      kept = apply_write(idx, static_cast<uint32_t>(offset / EXFAT_ENTRY_SIZE), data,
+      kept = apply_write(idx, dir->x_mount->xm_upcase,
+                         static_cast<uint32_t>(offset / EXFAT_ENTRY_SIZE), data,
                          length / EXFAT_ENTRY_SIZE);
     } catch (const std::bad_alloc&) {
       kept = false;

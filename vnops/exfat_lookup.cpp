@@ -149,7 +149,8 @@ int exfat_lookup_name(struct exfat_node* dir, const uint16_t* name, uint32_t len
                       vfs_context_t context) {
   lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
   struct exfat_lookup_arg arg = {name, offset, count, length, hash, upcase};
-  int error = exfat_dirindex_find_set(dir, hash, &arg, exfat_lookup_callback, context);
+  int error = exfat_dirindex_find_set(dir, name, length, &arg, exfat_lookup_callback,
+                                      context);
   if (error == EXFAT_DIRINDEX_NONE)
     error = exfat_dir_iterate(dir, 0, &arg, exfat_lookup_callback, ITER_SETS, context);
   if (error == EXFAT_ITER_FOUND)
