@@ -12,6 +12,7 @@
 
 #include "host/locks.h"
 #include "host/types.h"
+#include "host/vnode.h"
 
 struct exfat_mount;
 struct exfat_dirindex;
@@ -73,6 +74,13 @@ struct exfat_node {
   uint32_t x_extent_length;     // run length in clusters; 0 = empty
   struct exfat_dirindex* x_index;  // directories: the index, or NULL (exfat_dirindex_lock)
 };
+
+// The vnode type of the ready node of a key, without taking a reference:
+// VNON when there is none (or it is being set up or removed). Takes
+// exfat_hash_lock. A vnode's type is fixed when it is made, and the node
+// leaves the hash before its vnode changes, so the answer is exact for as
+// long as the caller holds the lock of the directory the key lies in.
+enum vtype exfat_hash_peek_type(uint32_t dev, uint32_t dir_cluster, uint32_t offset);
 
 // The private record of the FAT's own vnode ("<FAT>"). Not an exfat_node:
 // the FAT is one contiguous range of sectors, mapped by arithmetic.

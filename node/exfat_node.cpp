@@ -416,6 +416,21 @@ restart:
   return nullptr;
 }
 
+enum vtype exfat_hash_peek_type(uint32_t dev, uint32_t dir_cluster, uint32_t offset) {
+  enum vtype type = VNON;
+  lck_mtx_lock(exfat_hash_lock);
+  for (struct exfat_node* node = *hash_bucket(dev, dir_cluster, offset); node != nullptr;
+       node = node->x_hash_next) {
+    if (node_matches(node, dev, dir_cluster, offset) &&
+        (node->x_hash_flags & (X_HASH_INIT | X_HASH_STALE)) == 0 && node->x_vnode != NULLVP) {
+      type = vnode_vtype(node->x_vnode);
+      break;
+    }
+  }
+  lck_mtx_unlock(exfat_hash_lock);
+  return type;
+}
+
 // Links a node at the head of its key's bucket. Caller holds exfat_hash_lock.
 void exfat_hash_insert(struct exfat_node* node) {
   lck_mtx_assert(exfat_hash_lock, LCK_MTX_ASSERT_OWNED);
