@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -40,18 +41,27 @@ std::string file_name(const std::string& dir, int i) {
 }
 
 // Runs `op` on files [first, last) of `dir` and returns the seconds taken,
-// or -1 at the first failure (reported).
+// or -1 at the first failure (reported). The time is that of the median of
+// ten equal chunks, times ten: the machine's other work disturbs some
+// chunks, not the cost per file.
 double timed(const char* what, const std::string& dir, int first, int last,
              const std::function<std::error_code(const std::string&)>& op) {
-  auto t0 = std::chrono::steady_clock::now();
-  for (int i = first; i < last; i++) {
-    if (std::error_code ec = op(file_name(dir, i))) {
-      fprintf(stderr, "exvol_bench_dirscale: %s %s: %s\n", what, file_name(dir, i).c_str(),
-              ec.message().c_str());
-      return -1;
+  constexpr int kChunks = 10;
+  std::vector<double> chunks;
+  for (int c = 0; c < kChunks; c++) {
+    int from = first + (last - first) * c / kChunks, to = first + (last - first) * (c + 1) / kChunks;
+    auto t0 = std::chrono::steady_clock::now();
+    for (int i = from; i < to; i++) {
+      if (std::error_code ec = op(file_name(dir, i))) {
+        fprintf(stderr, "exvol_bench_dirscale: %s %s: %s\n", what, file_name(dir, i).c_str(),
+                ec.message().c_str());
+        return -1;
+      }
     }
+    chunks.push_back(seconds_since(t0));
   }
-  return seconds_since(t0);
+  std::sort(chunks.begin(), chunks.end());
+  return (chunks[kChunks / 2 - 1] + chunks[kChunks / 2]) / 2 * kChunks;
 }
 
 void print_ratio(const char* name, double small, double large) {
