@@ -1,14 +1,7 @@
 // Directory listings: VNOP_READDIR in the extended record form, decoded
 // into DirEntry values that each carry the cookie at which a listing
-// resumes after them.
-//
-// The driver's records carry no position of their own (d_seekoff is
-// always 0): only the uio offset after a call says where the next call
-// starts. A batch is therefore read in two passes: one large read learns
-// the records and their lengths, then each record but the last is read
-// again into a buffer of exactly its length, which makes the driver stop
-// right after it and report the cookie that follows it. The second pass
-// costs a short walk per entry from a position the driver finds at once.
+// resumes after them: the driver puts it in each record's d_seekoff, so a
+// batch is one read of the directory.
 
 #include <cstring>
 
@@ -28,6 +21,7 @@ struct Record {
   std::string name;
   uint8_t type = DT_UNKNOWN;
   uint64_t ino = 0;
+  uint64_t after = 0;  // the cookie after the record
   uint16_t reclen = 0;
 };
 
@@ -43,6 +37,7 @@ int parse_records(const std::vector<char>& buffer, size_t used, std::vector<Reco
     Record rec;
     uint16_t namlen = 0;
     memcpy(&rec.ino, r + offsetof(struct direntry, d_ino), sizeof(rec.ino));
+    memcpy(&rec.after, r + offsetof(struct direntry, d_seekoff), sizeof(rec.after));
     memcpy(&rec.reclen, r + offsetof(struct direntry, d_reclen), sizeof(rec.reclen));
     memcpy(&namlen, r + offsetof(struct direntry, d_namlen), sizeof(namlen));
     memcpy(&rec.type, r + offsetof(struct direntry, d_type), sizeof(rec.type));
@@ -75,7 +70,8 @@ int read_records(vnode_t dvp, uint64_t cookie, size_t bytes, std::vector<Record>
 }
 
 // The type of an entry listed as DT_UNKNOWN (a file of a symbolic link's
-// size): the vnode that a lookup of the name finds knows.
+// size whose node the driver does not have in memory, so that only its
+// contents tell): the vnode that a lookup of the name finds knows.
 FileType resolve_type(vnode_t dvp, const std::string& name) {
   Component c(name, LOOKUP, ISLASTCN | MAKEENTRY);
   vnode_t vp = NULLVP;
@@ -124,6 +120,8 @@ void add_entry(MountState& ms, vnode_t dvp, const Record& rec, uint64_t start, u
     e.type = FileType::Directory;
   else if (rec.type == DT_REG)
     e.type = FileType::Regular;
+  else if (rec.type == DT_LNK)
+    e.type = FileType::Symlink;
   else if (start >= 64)
     e.type = resolve_type(dvp, rec.name);
   out->entries.push_back(std::move(e));
@@ -144,25 +142,13 @@ int vn_readdir_batch(MountState& ms, vnode_t dvp, uint64_t cookie, DirBatch* out
   out->end = batch_end;
   uint64_t position = cookie;
   for (size_t i = 0; i < records.size(); i++) {
-    if (i + 1 == records.size()) {
-      add_entry(ms, dvp, records[i], position, batch_next, out);
-      return 0;
-    }
-    std::vector<Record> one;
-    uint64_t after = 0;
-    bool end = false;
-    if (int error = read_records(dvp, position, records[i].reclen, &one, &after, &end))
-      return error;
-    // The directory changed since the large read: what the exact read
-    // returned is current; the rest of the batch is not to be trusted.
-    bool changed = one.size() != 1 || one[0].name != records[i].name;
-    if (one.size() == 1)
-      add_entry(ms, dvp, one[0], position, after, out);
-    if (changed) {
-      out->next = one.size() == 1 ? after : position;
-      out->end = end && one.empty();
-      return 0;
-    }
+    // A cookie that does not move forward can't come from the driver.
+    if (records[i].after <= position || records[i].after > batch_next)
+      return EIO;
+    // The last record resumes where the driver stopped, past what it
+    // passed over after that record.
+    uint64_t after = i + 1 == records.size() ? batch_next : records[i].after;
+    add_entry(ms, dvp, records[i], position, after, out);
     position = after;
   }
   return 0;  // no records: the end, or a directory removed meanwhile

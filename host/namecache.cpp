@@ -1,16 +1,20 @@
 // The name cache.
 //
 // Entries are keyed by (directory vnode, exact name bytes) in a hash map and
-// threaded on three lists: the least-recently-used list of all entries, the
-// directory's list and, for positive entries, the named vnode's list, so that
-// purging a vnode touches only its own entries.
+// threaded on three lists: the least-recently-used list of all entries, a
+// list of the directory's entries and, for positive entries, the named
+// vnode's list, so that purging a vnode touches only its own entries. A
+// directory has two lists: its positive entries hang off the vnode
+// (v_nc_dir), its negative ones off a map from directory to list head, so
+// that dropping the negative entries of a directory, which every create in
+// it does, costs what there is to drop and not what the directory holds.
 //
 // Each entry records the vids of its directory and of its vnode at the time
 // it was made. A lookup that finds a vid changed (the vnode was reclaimed
 // and perhaps reused) drops the entry and reports a miss, so an entry made
 // while its vnode was being reclaimed can never hand out the wrong file.
 //
-// Locking: g_nc_lock protects the map, the lists and the per-vnode list heads
+// Locking: g_nc_lock protects the maps, the lists and the per-vnode list heads
 // (vnode::v_nc_dir, vnode::v_nc_name). It is taken before the vnode list lock.
 
 #include "host/namecache.h"
@@ -57,6 +61,8 @@ struct nc_state {
   std::mutex lock;
   std::unordered_map<nc_key, nc_entry*, nc_key_hash> map;
   vlist<nc_entry, &nc_entry::lru> lru;
+  // Directory vnode -> first of its negative entries; no key for none.
+  std::unordered_map<vnode_t, nc_entry*> negatives;
   size_t limit = 8192;
 };
 
@@ -65,14 +71,24 @@ nc_state& NC() {
   return *s;
 }
 
+// The head of the directory list that entry e belongs on.
+nc_entry** dir_head(nc_entry* e) {
+  if (e->vp != nullptr) return &e->dvp->v_nc_dir;
+  return &NC().negatives[e->dvp];
+}
+
 void unlink_locked(nc_entry* e) {
   nc_state& s = NC();
   s.map.erase(nc_key{e->dvp, e->name});
   s.lru.remove(e);
   if (e->dir_prev != nullptr) {
     e->dir_prev->dir_next = e->dir_next;
-  } else {
+  } else if (e->vp != nullptr) {
     e->dvp->v_nc_dir = e->dir_next;
+  } else if (e->dir_next != nullptr) {
+    s.negatives[e->dvp] = e->dir_next;
+  } else {
+    s.negatives.erase(e->dvp);
   }
   if (e->dir_next != nullptr) e->dir_next->dir_prev = e->dir_prev;
   if (e->vp != nullptr) {
@@ -89,6 +105,17 @@ void unlink_locked(nc_entry* e) {
 void trim_locked() {
   nc_state& s = NC();
   while (s.lru.count > s.limit) unlink_locked(s.lru.head);
+}
+
+// Drops the negative entries of directory vp: one map look-up and the
+// entries themselves.
+void purge_negatives_locked(vnode_t vp) {
+  nc_state& s = NC();
+  for (;;) {
+    auto it = s.negatives.find(vp);
+    if (it == s.negatives.end()) return;
+    unlink_locked(it->second);
+  }
 }
 
 nc_key key_of(vnode_t dvp, const struct componentname* cnp) {
@@ -158,9 +185,16 @@ void cache_enter(vnode_t dvp, vnode_t vp, struct componentname* cnp) {
   if (it != s.map.end()) unlink_locked(it->second);
   e->dvp = dvp;
   e->vp = vp;
-  e->dir_next = dvp->v_nc_dir;
+  nc_entry** head;
+  try {
+    head = dir_head(e);
+  } catch (const std::bad_alloc&) {
+    delete e;
+    return;
+  }
+  e->dir_next = *head;
   if (e->dir_next != nullptr) e->dir_next->dir_prev = e;
-  dvp->v_nc_dir = e;
+  *head = e;
   if (vp != nullptr) {
     e->name_next = vp->v_nc_name;
     if (e->name_next != nullptr) e->name_next->name_prev = e;
@@ -176,17 +210,13 @@ void cache_purge(vnode_t vp) {
   std::lock_guard<std::mutex> guard(s.lock);
   while (vp->v_nc_dir != nullptr) unlink_locked(vp->v_nc_dir);
   while (vp->v_nc_name != nullptr) unlink_locked(vp->v_nc_name);
+  purge_negatives_locked(vp);
 }
 
 void cache_purge_negatives(vnode_t vp) {
   nc_state& s = NC();
   std::lock_guard<std::mutex> guard(s.lock);
-  nc_entry* e = vp->v_nc_dir;
-  while (e != nullptr) {
-    nc_entry* next = e->dir_next;
-    if (e->vp == nullptr) unlink_locked(e);
-    e = next;
-  }
+  purge_negatives_locked(vp);
 }
 
 void host_namecache_set_limit(size_t entries) {

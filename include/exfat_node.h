@@ -5,14 +5,17 @@
 // zero-filled under exfat_node_tag. A node is identified by where its entry
 // set lives: (x_dev, x_dir_cluster, x_dir_offset), the key of the global
 // node hash. The hash links and x_hash_flags are protected by
-// exfat_hash_lock; everything else by the node lock x_lock (recursive per
-// thread through x_lock_owner and x_lock_count), with the extent cache
-// fields under the mount's xm_fat_lock.
+// exfat_hash_lock; x_index by exfat_dirindex_lock (the index it points to
+// belongs to the holder of x_lock, see exfat_dirindex.h); everything else by
+// the node lock x_lock (recursive per thread through x_lock_owner and
+// x_lock_count), with the extent cache fields under the mount's xm_fat_lock.
 
 #include "host/locks.h"
 #include "host/types.h"
+#include "host/vnode.h"
 
 struct exfat_mount;
+struct exfat_dirindex;
 
 // x_hash_flags bits (exfat_hash_lock).
 #define X_HASH_INIT 0x0001   // being initialised: lookups sleep on the node
@@ -31,6 +34,7 @@ struct exfat_mount;
 #define X_DELETED 0x0400         // the entry set was removed from the parent
 #define X_SYSTEM 0x0800          // FAT, bitmap or up-case system file
 #define X_BAD_SET 0x1000         // a set of this directory failed validation
+#define X_NO_INDEX 0x2000        // directories: laid out so that no index can describe them
 
 struct exfat_node {
   lck_mtx_t* x_lock;            // the node lock
@@ -68,7 +72,15 @@ struct exfat_node {
   uint32_t x_extent_cluster;    // one-run extent cache (xm_fat_lock): first cluster
   uint32_t x_extent_index;      // file cluster index of x_extent_cluster
   uint32_t x_extent_length;     // run length in clusters; 0 = empty
+  struct exfat_dirindex* x_index;  // directories: the index, or NULL (exfat_dirindex_lock)
 };
+
+// The vnode type of the ready node of a key, without taking a reference:
+// VNON when there is none (or it is being set up or removed). Takes
+// exfat_hash_lock. A vnode's type is fixed when it is made, and the node
+// leaves the hash before its vnode changes, so the answer is exact for as
+// long as the caller holds the lock of the directory the key lies in.
+enum vtype exfat_hash_peek_type(uint32_t dev, uint32_t dir_cluster, uint32_t offset);
 
 // The private record of the FAT's own vnode ("<FAT>"). Not an exfat_node:
 // the FAT is one contiguous range of sectors, mapped by arithmetic.

@@ -11,6 +11,7 @@
 
 #include <cstring>
 
+#include "exfat_dirindex.h"
 #include "exfat_proto.h"
 #include "host/buf.h"
 #include "host/kern.h"
@@ -349,8 +350,9 @@ int exfat_dir_read(struct exfat_node* dir, uio_t uio, void* buffer, uint64_t off
 // from `buffer`, or zeros when both are NULL. Each block is read first, so
 // the rest of it is kept, and released with a delayed write: fsync of the
 // directory, the volume sync and the buffer cache's own flushing put it on
-// disk. With advance_mark, a write that starts exactly at x_checked_end
-// (a new set appended there) moves the mark past it.
+// disk. The directory's index follows what was written. With advance_mark,
+// a write that starts exactly at x_checked_end (a new set appended there)
+// moves the mark past it.
 //
 // Caller holds the directory node's lock. Returns 0; E2BIG when the range
 // goes past the directory's clusters; EIO for a short block; a read, uiomove
@@ -381,6 +383,10 @@ int exfat_dir_write(struct exfat_node* dir, uio_t uio, const void* buffer, uint6
     }
     return static_cast<int>(buf_bdwrite(bp));
   });
+  // A write through a uio (never made to a directory by the driver itself)
+  // is not followed by the index: it goes.
+  exfat_dirindex_note_write(dir, offset, static_cast<const uint8_t*>(buffer), length,
+                            error == 0 && uio == nullptr);
   if (!error && advance_mark && offset == dir->x_checked_end)
     dir->x_checked_end = static_cast<uint32_t>(offset + length);
   return error;

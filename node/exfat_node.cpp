@@ -51,8 +51,14 @@ std::atomic_ref<thread_t> lock_owner(struct exfat_node* node) {
   return std::atomic_ref<thread_t>(node->x_lock_owner);
 }
 
+// Offsets are multiples of 32 and mostly of a set's size: they are mixed
+// with the other key parts so that the files of one large directory spread
+// over every bucket instead of the few that low offset bits can reach.
 inline struct exfat_node** hash_bucket(uint32_t dev, uint32_t dir_cluster, uint32_t offset) {
-  uint32_t key = (dev & 0xFFFFFF) + dir_cluster + offset;
+  uint32_t key = (offset >> 5) + dir_cluster * 0x9E3779B1u + (dev & 0xFFFFFF) * 0x85EBCA6Bu;
+  key ^= key >> 16;
+  key *= 0x7FEB352Du;
+  key ^= key >> 15;
   return &exfat_node_hash[key & exfat_hash_mask];
 }
 
@@ -408,6 +414,21 @@ restart:
     return node;
   }
   return nullptr;
+}
+
+enum vtype exfat_hash_peek_type(uint32_t dev, uint32_t dir_cluster, uint32_t offset) {
+  enum vtype type = VNON;
+  lck_mtx_lock(exfat_hash_lock);
+  for (struct exfat_node* node = *hash_bucket(dev, dir_cluster, offset); node != nullptr;
+       node = node->x_hash_next) {
+    if (node_matches(node, dev, dir_cluster, offset) &&
+        (node->x_hash_flags & (X_HASH_INIT | X_HASH_STALE)) == 0 && node->x_vnode != NULLVP) {
+      type = vnode_vtype(node->x_vnode);
+      break;
+    }
+  }
+  lck_mtx_unlock(exfat_hash_lock);
+  return type;
 }
 
 // Links a node at the head of its key's bucket. Caller holds exfat_hash_lock.

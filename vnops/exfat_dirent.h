@@ -52,7 +52,7 @@ static_assert(sizeof(struct dirent32) == 264);
 
 struct direntry {
   uint64_t d_ino;      // file number
-  uint64_t d_seekoff;  // always 0: positions are the uio offsets
+  uint64_t d_seekoff;  // the listing position right after this record
   uint16_t d_reclen;   // length of this record
   uint16_t d_namlen;   // name length in bytes, without the NUL
   uint8_t d_type;      // DT_*

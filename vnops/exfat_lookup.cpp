@@ -13,6 +13,7 @@
 // name hash and the length stored in the Stream Extension, so a full
 // comparison runs only for likely matches.
 
+#include "exfat_dirindex.h"
 #include "exfat_proto.h"
 #include "host/kern.h"
 #include "host/namecache.h"
@@ -137,6 +138,8 @@ int exfat_lookup_callback(void* argument, uint8_t* set, uint8_t* entry, uint32_t
 
 // Searches directory `dir` for a name already in UTF-16 form with its
 // length (units) and hash. The first matching set in directory order wins.
+// The directory's index says where sets of that hash lie; without a usable
+// one the whole directory is walked.
 // Caller holds the directory's node lock, still held on return. Returns 0
 // with *offset (the set's File entry) and *count (entries of the set) filled
 // where given; ENOENT when no set matches; or the iteration's error (EIO for
@@ -146,7 +149,10 @@ int exfat_lookup_name(struct exfat_node* dir, const uint16_t* name, uint32_t len
                       vfs_context_t context) {
   lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
   struct exfat_lookup_arg arg = {name, offset, count, length, hash, upcase};
-  int error = exfat_dir_iterate(dir, 0, &arg, exfat_lookup_callback, ITER_SETS, context);
+  int error = exfat_dirindex_find_set(dir, name, length, &arg, exfat_lookup_callback,
+                                      context);
+  if (error == EXFAT_DIRINDEX_NONE)
+    error = exfat_dir_iterate(dir, 0, &arg, exfat_lookup_callback, ITER_SETS, context);
   if (error == EXFAT_ITER_FOUND)
     return 0;
   if (error == 0)

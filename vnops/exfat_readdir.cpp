@@ -13,6 +13,9 @@
 // so that a listing can stop when the buffer is full and resume later at
 // the set that did not fit. Between calls the directory may change; a
 // resumed listing continues at the next set at or after its cookie.
+// Extended records carry in d_seekoff the cookie right after themselves
+// (after a set at d of n entries: d + 32n + 64), so that a caller can resume
+// after any record of a batch without reading it again.
 
 #include <cstring>
 
@@ -62,13 +65,13 @@ inline bool extended(const struct exfat_readdir_context* ctx) {
 }
 
 // Fills the record header for a name of `namlen` bytes already in d_name
-// and returns the record length.
+// and returns the record length; `after` is the cookie that follows it.
 uint32_t fill_record(struct exfat_readdir_context* ctx, uint64_t ino, uint8_t type,
-                     size_t namlen) {
+                     size_t namlen, uint64_t after) {
   if (extended(ctx)) {
     struct direntry* d = &ctx->rc_record.rr_direntry;
     d->d_ino = ino;
-    d->d_seekoff = 0;
+    d->d_seekoff = after;
     d->d_type = type;
     d->d_namlen = static_cast<uint16_t>(namlen);
     d->d_reclen = static_cast<uint16_t>(EXFAT_DIRENTRY_RECLEN(namlen));
@@ -100,7 +103,7 @@ uint32_t build_dot_record(struct exfat_readdir_context* ctx, uint64_t index) {
   if (index == 1 && (dir->x_flags & X_ROOT) == 0)
     ino = dir->x_dir_cluster;
   size_t namlen = exfat_strlcpy(record_name(ctx), name, record_name_limit(ctx));
-  return fill_record(ctx, ino, DT_DIR, namlen);
+  return fill_record(ctx, ino, DT_DIR, namlen, kCookieStep * (index + 1));
 }
 
 // Moves the "." and ".." records that lie at or after cookie `o` out.
@@ -129,19 +132,21 @@ int readdir_dots(struct exfat_readdir_context* ctx, uint64_t o, bool* full) {
   return 0;
 }
 
-// The record type of a File set: directories are DT_DIR; a file of exactly
-// a link file's size may be a symbolic link, which only its contents tell,
-// so it is DT_UNKNOWN and the caller asks for the real type; everything
-// else is DT_REG.
-uint8_t set_record_type(const uint8_t* set) {
+// The record type of the File set at `offset` of `dir`: directories are
+// DT_DIR; a file of exactly a link file's size may be a symbolic link,
+// which only its contents tell: when its node is in memory its vnode type
+// says, otherwise the record is DT_UNKNOWN and the caller asks for the
+// real type; everything else is DT_REG.
+uint8_t set_record_type(const struct exfat_node* dir, const uint8_t* set, uint32_t offset) {
   const auto* file = reinterpret_cast<const struct exfat_file_entry*>(set);
   const auto* stream =
       reinterpret_cast<const struct exfat_stream_entry*>(set + EXFAT_SET_STREAM_OFFSET);
   if (le16dec(file->FileAttributes) & EXFAT_ATTR_DIRECTORY)
     return DT_DIR;
-  if (le64dec(stream->DataLength) == kSymlinkFileSize)
-    return DT_UNKNOWN;
-  return DT_REG;
+  if (le64dec(stream->DataLength) != kSymlinkFileSize)
+    return DT_REG;
+  enum vtype type = exfat_hash_peek_type(dir->x_mount->xm_dev, dir->x_start_cluster, offset);
+  return type == VLNK ? DT_LNK : type == VREG ? DT_REG : DT_UNKNOWN;
 }
 
 // The file number of a File set: its first cluster, or 1 for a file
@@ -189,7 +194,7 @@ int exfat_readdir_callback(void* argument, uint8_t* set, uint8_t* entry, uint32_
   if (set[0] != EXFAT_ENTRY_FILE)
     return 0;
 
-  uint8_t type = set_record_type(set);
+  uint8_t type = set_record_type(ctx->rc_dir, set, offset);
   uint64_t ino = set_record_ino(set);
   uint32_t length = gather_name(ctx, set);
   size_t namlen = 0;
@@ -203,7 +208,8 @@ int exfat_readdir_callback(void* argument, uint8_t* set, uint8_t* entry, uint32_
   if (error != 0 && error != ENAMETOOLONG)
     return error;
 
-  uint32_t reclen = fill_record(ctx, ino, type, namlen);
+  uint32_t reclen =
+      fill_record(ctx, ino, type, namlen, offset + (set[1] + 1u) * kCookieStep + kSetCookieBase);
   uio_t uio = ctx->rc_args->a_uio;
   if (uio_resid(uio) < static_cast<user_ssize_t>(reclen)) {
     uio_setoffset(uio, static_cast<off_t>(offset + kSetCookieBase));

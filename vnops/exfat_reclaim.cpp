@@ -3,6 +3,7 @@
 // reclaim, when the vnode is recycled, runs inactive once more and destroys
 // the node.
 
+#include "exfat_dirindex.h"
 #include "exfat_proto.h"
 #include "host/buf.h"
 #include "host/kern.h"
@@ -112,8 +113,8 @@ int exfat_vnop_inactive(struct vnop_inactive_args* ap) {
 }
 
 // Destroys the node of a vnode being recycled: a last inactive pass writes
-// back what is pending, then the node leaves the hash and the name cache and
-// is freed with its mutexes, and the vnode forgets it. Takes exfat_hash_lock
+// back what is pending, then the node leaves the hash and the name cache,
+// drops its directory index, and is freed with its mutexes, and the vnode forgets it. Takes exfat_hash_lock
 // only around the hash removal. Never fails.
 int exfat_vnop_reclaim(struct vnop_reclaim_args* ap) {
   vnode_t vp = ap->a_vp;
@@ -128,6 +129,7 @@ int exfat_vnop_reclaim(struct vnop_reclaim_args* ap) {
   lck_mtx_unlock(exfat_hash_lock);
 
   cache_purge(vp);
+  exfat_dirindex_drop(node);
 
   lck_mtx_free(node->x_io_lock, exfat_lck_grp);
   lck_mtx_free(node->x_lock, exfat_lck_grp);

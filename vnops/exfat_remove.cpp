@@ -14,6 +14,7 @@
 // exfat_hash_lock is taken only to mark the victim stale; the allocation
 // locks, xm_bitmap_lock before xm_fat_lock, are taken inside those.
 
+#include "exfat_dirindex.h"
 #include "exfat_proto.h"
 #include "host/buf.h"
 #include "host/kern.h"
@@ -148,10 +149,11 @@ int exfat_dir_free_callback(void* argument, uint8_t* set, uint8_t* entry, uint32
 // Drops every cached metadata block of a directory's clusters from the
 // device's buffer cache without writing it, delayed writes included, so
 // that a removed directory's blocks can't land on clusters that have been
-// given to someone else. The caller holds the directory's node lock.
-// Returns 0 at the end of the clusters, or any other mapping error.
+// given to someone else; its index goes with them. The caller holds the
+// directory's node lock. Returns 0 at the end of the clusters, or any other mapping error.
 int exfat_dir_invalidate(struct exfat_node* dir) {
   lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
+  exfat_dirindex_drop(dir);
   struct exfat_mount* mount = dir->x_mount;
   for (uint32_t index = 0;; index++) {
     uint64_t sector = 0;

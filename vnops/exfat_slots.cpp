@@ -10,6 +10,7 @@
 #include "host/kern.h"
 #include "host/malloc.h"
 
+#include "exfat_dirindex.h"
 #include "exfat_proto.h"
 
 namespace {
@@ -50,7 +51,8 @@ int exfat_find_empty_callback(void* argument, uint8_t* set, uint8_t* entry, uint
 // marker and the zeroed slots after it are all free; the first run long
 // enough, in directory order, is used. When none is, the directory grows
 // by whole clusters (all or nothing, zero-filled), keeping and extending a
-// run of free slots at its end, and the run starts there.
+// run of free slots at its end, and the run starts there. The directory's
+// index, when it has a usable one, finds the run without the walk.
 //
 // The caller holds the directory's node lock, and keeps it until it has
 // written its set: the slots are not reserved. Returns 0; ENOSPC when the
@@ -63,14 +65,26 @@ int exfat_find_empty_entries(struct exfat_node* dir, uint32_t wanted, uint32_t* 
   struct exfat_mount* mount = dir->x_mount;
   struct exfat_slot_search search = {0, 0, wanted};
 
-  int error = exfat_dir_iterate(dir, 0, &search, exfat_find_empty_callback,
-                                ITER_FREE | ITER_INUSE, context);
-  if (error == EXFAT_ITER_FOUND) {
-    *offset = search.run_start;
+  // The directory's index knows the runs; without a usable one, walk.
+  uint32_t trail_start = 0;
+  int error = exfat_dirindex_find_free(dir, wanted, offset, &trail_start, &search.run_length,
+                                       context);
+  if (error == 0)
     return 0;
-  }
-  if (error)
+  if (error == ENOENT) {
+    search.run_start = trail_start * EXFAT_ENTRY_SIZE;
+  } else if (error != EXFAT_DIRINDEX_NONE) {
     return error;
+  } else {
+    error = exfat_dir_iterate(dir, 0, &search, exfat_find_empty_callback,
+                              ITER_FREE | ITER_INUSE, context);
+    if (error == EXFAT_ITER_FOUND) {
+      *offset = search.run_start;
+      return 0;
+    }
+    if (error)
+      return error;
+  }
 
   // No run is long enough. A trailing run of free slots is kept and grown;
   // with none, the new slots start at the directory's current end.
@@ -81,9 +95,11 @@ int exfat_find_empty_entries(struct exfat_node* dir, uint32_t wanted, uint32_t* 
            mount->xm_bytes_per_cluster;
   if (needed > EXFAT_MAX_DIR_SIZE)
     return ENOSPC;
+  uint64_t old_size = dir->x_size;
   error = exfat_truncate(dir, needed, IO_UNIT, context);
   if (error)
     return error;
+  exfat_dirindex_note_grow(dir, old_size);
   *offset = search.run_start;
   return 0;
 }

@@ -120,6 +120,8 @@ std::string Generator::existing(FileType type) {
 std::string Generator::fresh_path() {
   const Entry* e = pick(FileType::Directory, true);
   std::string dir = e != nullptr ? e->path : "/";
+  if (p_.crowd > 0 && chance(0.5))
+    dir = "/crowd";
   if (chance(0.1)) {
     // Through a link, which the walk follows to its directory.
     if (const Entry* link = pick(FileType::Symlink, true))
@@ -442,6 +444,14 @@ Op Generator::path_op(const Model& model, OpKind kind) {
 
 Op Generator::next(const Model& model) {
   collect(model);
+  if (crowd_made_ < p_.crowd) {
+    Op op;
+    op.kind = crowd_made_ < 0 ? OpKind::Mkdir : OpKind::Symlink;
+    op.path = crowd_made_ < 0 ? "/crowd" : "/crowd/l" + std::to_string(crowd_made_);
+    op.path2 = "t";
+    crowd_made_++;
+    return op;
+  }
   if (p_.remount && (model.read_only() ? chance(0.12) : chance(0.02))) {
     Op op;
     op.kind = OpKind::Remount;

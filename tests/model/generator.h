@@ -29,6 +29,10 @@ struct GenParams {
   // a kernel, whose name cache would keep such aliases of removed names.
   bool name_variants = true;
   bool root_ops = true;  // operations on the root itself (rename, rmdir...)
+  // Links made in "/crowd" before anything else, and half the new names
+  // put there: one directory of hundreds of entries that the operations
+  // keep changing.
+  int crowd = 0;
 };
 
 class Generator {
@@ -66,6 +70,7 @@ class Generator {
   std::mt19937_64 rng_;
   GenParams p_;
   std::vector<Entry> entries_;  // the model's tree, refreshed per operation
+  int crowd_made_ = -1;         // crowd entries made so far; -1: not even "/crowd"
 };
 
 }  // namespace exvol::model

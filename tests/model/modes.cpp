@@ -87,6 +87,16 @@ RunResult run_geometry(uint64_t seed, int steps, const FsFactory& factory) {
       factory);
 }
 
+RunResult run_large_directory(uint64_t seed, int steps, int crowd) {
+  Mode mode = geometry_mode(seed);
+  GenParams params = Session::gen_params(volume_shapes()[static_cast<size_t>(mode.shape)]);
+  params.crowd = crowd;
+  Generator gen(seed, params);
+  return run_sequence(
+      mode, seed, steps + crowd + 1,
+      [&](int, const Model& m) { return std::optional<Op>(gen.next(m)); }, {});
+}
+
 std::string replay(const Mode& mode, const std::vector<Op>& ops, const FsFactory& factory) {
   if (mode.kind == ModeKind::PowerCut)
     return run_power_cut(mode.seed, 0, factory, &ops).fault;

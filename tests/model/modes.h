@@ -53,6 +53,8 @@ using OpSource = std::function<std::optional<Op>(int index, const Model& model)>
 // access times.
 Mode geometry_mode(uint64_t seed);
 RunResult run_geometry(uint64_t seed, int steps, const FsFactory& factory = {});
+// As run_geometry, in a volume whose "/crowd" holds `crowd` entries first.
+RunResult run_large_directory(uint64_t seed, int steps, int crowd);
 // With `ops`, runs those instead of generating (the seed still places the
 // cut).
 RunResult run_power_cut(uint64_t seed, int steps, const FsFactory& factory = {},

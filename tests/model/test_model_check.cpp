@@ -68,6 +68,15 @@ TEST_P(ModelCheckGeometry, RandomOperationsMatchTheModel) {
 
 INSTANTIATE_TEST_SUITE_P(Seeds, ModelCheckGeometry, ::testing::Values(0, 1, 2));
 
+// One directory of hundreds of entries that the operations keep changing,
+// so that its index is built, updated, found stale or evicted along the way.
+TEST(ModelCheckLargeDirectory, RandomOperationsMatchTheModel) {
+  run_seeds(
+      seed_range(100, 4),
+      [](uint64_t seed, int steps) { return run_large_directory(seed, steps, 300); }, 250,
+      ModeKind::Geometry);
+}
+
 class ModelCheckPowerCut : public ::testing::TestWithParam<uint64_t> {};
 
 TEST_P(ModelCheckPowerCut, SyncedStateSurvivesACut) {

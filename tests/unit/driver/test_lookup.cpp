@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "exfat_dirindex.h"
 #include "exfat_proto.h"
 #include "host/blkdev.h"
 #include "host/buf.h"
@@ -183,7 +184,10 @@ TEST_F(LookupTest, NameCacheEntriesOfHitsAndMisses) {
   EXPECT_EQ(ENOENT, lookup("victim", &none, DELETE));
   EXPECT_EQ(0u, device_reads()) << "cache entries must answer without reading the directory";
   EXPECT_EQ(ENOENT, lookup("other", &none, LOOKUP));
-  EXPECT_LT(0u, device_reads()) << "a miss not in the cache reads the directory";
+  EXPECT_EQ(0u, device_reads()) << "the directory's index answers a miss without reading";
+  exfat_dirindex_drop(root_);
+  EXPECT_EQ(ENOENT, lookup("another", &none, LOOKUP));
+  EXPECT_LT(0u, device_reads()) << "a miss with neither cache nor index reads the directory";
 
   // A name cached negatively for LOOKUP is still free to create.
   EXPECT_EQ(EJUSTRETURN, lookup("ghost", &none, CREATE));

@@ -203,9 +203,18 @@ TEST_F(ReaddirTest, TypesAndFileNumbers) {
     EXPECT_EQ(almost.first_cluster, l.records[1].ino);
     EXPECT_EQ(dir.first_cluster, l.records[2].ino);
     EXPECT_EQ(1u, l.records[3].ino);
-    for (const Record& r : l.records)
-      EXPECT_EQ(0u, r.seekoff) << r.name;
+    // An extended record's d_seekoff resumes right after it.
+    const std::vector<std::string> names = l.names();
+    for (size_t i = 0; flags == kExtended && i < l.records.size(); i++) {
+      Listing rest = list(root_vp_, static_cast<off_t>(l.records[i].seekoff), 8192, flags);
+      std::vector<std::string> expected(names.begin() + static_cast<long>(i) + 1, names.end());
+      EXPECT_EQ(expected, rest.names()) << "after " << l.records[i].name;
+    }
   }
+  // Once its node is in memory, the file of a link's size is listed with
+  // the type its contents gave it, without the caller looking it up.
+  ASSERT_NE(NULLVP, child("maybe-link"));
+  EXPECT_EQ(DT_REG, list(root_vp_, 64, 8192).records[0].type);
 }
 
 // Listed names are decomposed and SFM private-use code points come back as the

@@ -132,9 +132,11 @@ TEST_F(NameCacheTest, PurgeAndReclaimDropEntries) {
   enter("b", b);
   struct componentname cn = tinyfs_cn("inside");
   cache_enter(a, b, &cn);  // as if a were a directory holding b
+  struct componentname ghost = tinyfs_cn("ghost");
+  cache_enter(a, nullptr, &ghost);  // and lacking "ghost"
   size_t before = host_namecache_count();
   cache_purge(a);
-  EXPECT_EQ(host_namecache_count(), before - 3);
+  EXPECT_EQ(host_namecache_count(), before - 4);
   EXPECT_EQ(hit("a"), nullptr);
   EXPECT_EQ(hit("b"), b);
 
