@@ -239,7 +239,8 @@ std::string unacceptable_to_exvol_check(const std::string& image, const Semantic
       continue;
     if (f.kind != FindingKind::Leak && f.kind != FindingKind::VolumeDirty &&
         f.kind != FindingKind::PercentInUse && !surplus_chain(f) &&
-        !((f.kind == FindingKind::Unmarked || f.kind == FindingKind::ChainLength) &&
+        !((f.kind == FindingKind::Unmarked || f.kind == FindingKind::ChainLength ||
+           f.kind == FindingKind::CrossLink) &&
           sem.tolerates(kFreedBeforeOwnerWritten)))
       bad += "\n    exvol check: " + f.path + ": " + f.what + ", " + f.where;
   }

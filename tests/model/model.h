@@ -76,8 +76,8 @@ enum KnownFault : uint32_t {
   kPageCacheEvictionRace = 1u << 7,  // write-behind reads a page frame make_room freed
   // The FAT and bitmap caches may reach the disk with clusters a truncation
   // or removal freed before the entry that owned them is rewritten: a cut
-  // in between leaves them owned but free, or a chain shorter than the
-  // entry's length.
+  // in between leaves them owned but free, a chain shorter than the entry's
+  // length, or, once another file was given them, owned twice.
   kFreedBeforeOwnerWritten = 1u << 9,
 };
 uint32_t known_faults_tolerated();
