@@ -66,7 +66,7 @@ bool space_ran_out(uint64_t needed, const Env& env) {
 namespace {
 
 const uint32_t kAllKnownFaults[] = {
-    kPageCacheEvictionRace, kFreedBeforeOwnerWritten,
+    kFreedBeforeOwnerWritten,
 };
 
 }  // namespace
@@ -92,7 +92,6 @@ uint32_t known_faults_tolerated() {
 
 const char* known_fault_name(uint32_t fault) {
   switch (fault) {
-    case kPageCacheEvictionRace: return "page-cache-race";
     case kFreedBeforeOwnerWritten: return "freed-before-owner";
   }
   return "?";

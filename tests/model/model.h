@@ -73,7 +73,6 @@ struct Handle {
 // from known_faults_tolerated() once its fix is in. EXVOL_MODEL_STRICT=1
 // tolerates none, EXVOL_MODEL_STRICT=name,name none of those named.
 enum KnownFault : uint32_t {
-  kPageCacheEvictionRace = 1u << 7,  // write-behind reads a page frame make_room freed
   // The FAT and bitmap caches may reach the disk with clusters a truncation
   // or removal freed before the entry that owned them is rewritten: a cut
   // in between leaves them owned but free, a chain shorter than the entry's

@@ -40,10 +40,8 @@ GenParams Session::gen_params(const VolumeShape& shape) {
 
 bool Session::make(std::string* skipped, std::string* fault) {
   // A small page cache makes a write's memory measurable, and pages get
-  // evicted while writes run. Known fault: eviction under pressure races
-  // with write-behind, so while it is tolerated the cache keeps its size.
-  if (!model.semantics().tolerates(kPageCacheEvictionRace))
-    host_ubc_set_limit(kCacheBytes);
+  // evicted while writes run.
+  host_ubc_set_limit(kCacheBytes);
   uint64_t bytes = uint64_t{shape.clusters} << (shape.sector_shift + shape.cluster_shift);
   if (shape.mkfs) {
     std::string mkfs = mkfs_program();
