@@ -55,76 +55,6 @@ class LookupTest : public VolumeTest {
   uint64_t device_reads() { return stats().reads; }
 };
 
-// A name given in other case finds the set.
-TEST_F(LookupTest, CaseInsensitiveMatchKeepsTheStoredCase) {
-  Placed readme = builder_.add_file(builder_.root(), u"ReadMe.txt", bytes("hello"));
-  Placed first = builder_.add_file(builder_.root(), u"twins", bytes("1"));
-  builder_.add_file(builder_.root(), u"TWINS", bytes("2"));
-  mount_built();
-
-  Vref upper, lower;
-  ASSERT_EQ(0, lookup("README.TXT", &upper));
-  EXPECT_EQ(readme.offset, upper.node()->x_dir_offset);
-  EXPECT_EQ(5u, upper.node()->x_size);
-  ASSERT_EQ(0, lookup("readme.txt", &lower));
-  EXPECT_EQ(upper.vp, lower.vp);
-
-  Vref twin;
-  ASSERT_EQ(0, lookup("TwInS", &twin));
-  EXPECT_EQ(first.offset, twin.node()->x_dir_offset);
-
-  auto* root = root_;
-  Component c("README.TXT", LOOKUP);
-  uint32_t offset = 0, count = 0;
-  exfat_node_lock(root);
-  EXPECT_EQ(0, exfat_lookup_componentname(root, &c.cn, &offset, &count, ctx_));
-  exfat_node_unlock(root);
-  EXPECT_EQ(readme.offset, offset);
-  EXPECT_EQ(3u, count);  // File, Stream Extension, one name entry
-
-  const std::u16string sought = u"TWINS";
-  const uint16_t* units = reinterpret_cast<const uint16_t*>(sought.data());
-  exfat_node_lock(root);
-  EXPECT_EQ(0, exfat_lookup_name(root, units, 5, exfat_name_hash(xm->xm_upcase, 5, units),
-                                 xm->xm_upcase, nullptr, nullptr, ctx_));
-  EXPECT_EQ(ENOENT, exfat_lookup_name(root, units, 4, exfat_name_hash(xm->xm_upcase, 4, units),
-                                      xm->xm_upcase, &offset, &count, ctx_));
-  exfat_node_unlock(root);
-
-  buf_flushdirtyblks(devvp, 1, 0, "test");
-  std::vector<uint8_t> stored = read_device(
-      builder_.dir_byte_offset(builder_.root(), readme.offset + 64) + 2, 20);
-  std::u16string expect = u"ReadMe.txt";
-  for (size_t i = 0; i < expect.size(); i++)
-    EXPECT_EQ(expect[i], le16dec(&stored[2 * i])) << "unit " << i;
-}
-
-// "." and ".." of the root are the root.
-TEST_F(LookupTest, DotAndDotDot) {
-  Dir sub = builder_.mkdir(builder_.root(), u"sub");
-  builder_.mkdir(sub, u"inner");
-  mount_built();
-
-  int before = host_vnode_iocount(root_vp_);
-  Vref dot, dotdot;
-  ASSERT_EQ(0, lookup(".", &dot));
-  EXPECT_EQ(root_vp_, dot.vp);
-  ASSERT_EQ(0, lookup("..", &dotdot, LOOKUP, kLastLookup | ISDOTDOT));
-  EXPECT_EQ(root_vp_, dotdot.vp);
-  EXPECT_EQ(before + 2, host_vnode_iocount(root_vp_));
-
-  Vref subv, inner, sub_dot, inner_up, sub_up;
-  ASSERT_EQ(0, lookup("sub", &subv));
-  ASSERT_EQ(VDIR, vnode_vtype(subv.vp));
-  ASSERT_EQ(0, lookup(subv.vp, "inner", LOOKUP, kLastLookup, &inner));
-  ASSERT_EQ(0, lookup(subv.vp, ".", LOOKUP, kLastLookup, &sub_dot));
-  EXPECT_EQ(subv.vp, sub_dot.vp);
-  ASSERT_EQ(0, lookup(inner.vp, "..", LOOKUP, kLastLookup | ISDOTDOT, &inner_up));
-  EXPECT_EQ(subv.vp, inner_up.vp);
-  ASSERT_EQ(0, lookup(subv.vp, "..", LOOKUP, kLastLookup | ISDOTDOT, &sub_up));
-  EXPECT_EQ(root_vp_, sub_up.vp);
-}
-
 // A directory whose clusters are another's lists what that one lists. One
 // that lists itself, or an ancestor, must not hand out itself or the
 // ancestor as its own child: such a lookup is refused as corruption.
@@ -154,39 +84,6 @@ TEST_F(LookupTest, DirectorySharingAnothersClustersIsCorrupt) {
   // What the lookups met is still there, each under its own parent.
   EXPECT_EQ(0, lookup("a", &found));
   EXPECT_EQ(av.vp, found.vp);
-}
-
-// A missing last component that a create or rename is about to use is
-// EJUSTRETURN and leaves no negative entry.
-TEST_F(LookupTest, NameCacheEntriesOfHitsAndMisses) {
-  builder_.add_file(builder_.root(), u"present", bytes("p"));
-  mount_built();
-  Vref none;
-
-  size_t entries = host_namecache_count();
-  EXPECT_EQ(EJUSTRETURN, lookup("new", &none, CREATE));
-  EXPECT_EQ(EJUSTRETURN, lookup("new", &none, RENAME));
-  EXPECT_EQ(ENOENT, lookup("dir", &none, CREATE, MAKEENTRY));  // not the last component
-  EXPECT_EQ(ENOENT, lookup("nocache", &none, LOOKUP, ISLASTCN));
-  EXPECT_EQ(entries, host_namecache_count()) << "none of these may leave a negative entry";
-
-  EXPECT_EQ(ENOENT, lookup("ghost", &none, LOOKUP));
-  EXPECT_EQ(ENOENT, lookup("victim", &none, DELETE));
-  EXPECT_EQ(entries + 2, host_namecache_count());
-  Vref first, second;
-  ASSERT_EQ(0, lookup("present", &first));
-
-  forget_device_blocks();
-  ASSERT_EQ(0, lookup("present", &second));
-  EXPECT_EQ(first.vp, second.vp);
-  EXPECT_EQ(ENOENT, lookup("ghost", &none, LOOKUP));
-  EXPECT_EQ(ENOENT, lookup("victim", &none, DELETE));
-  EXPECT_EQ(0u, device_reads()) << "cache entries must answer without reading the directory";
-  EXPECT_EQ(ENOENT, lookup("other", &none, LOOKUP));
-  EXPECT_LT(0u, device_reads()) << "a miss not in the cache reads the directory";
-
-  // A name cached negatively for LOOKUP is still free to create.
-  EXPECT_EQ(EJUSTRETURN, lookup("ghost", &none, CREATE));
 }
 
 class LookupConcurrency : public LookupTest {};
