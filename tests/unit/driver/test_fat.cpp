@@ -49,6 +49,52 @@ class FatTest : public MountTest {
   void fsync_fat() { ASSERT_EQ(0, VNOP_FSYNC(xm->xm_fat_vp, MNT_WAIT, vfs_context_kernel())); }
 };
 
+// A chain ends at any end mark (the bad-cluster mark too); a walk resumes
+// after the cached extent (cluster 40's entry is garbage).
+TEST_F(FatTest, FindLastClusterFollowsTheChainToAnyEndMark) {
+  mount_volume(two_block_fat(), [](ImageBuilder& b) {
+    b.set_fat(10, 11).set_fat(11, 12).set_fat(12, 0xFFFFFFF7);  // bad-cluster mark
+    b.set_fat(20, 21).set_fat(21, 0xFFFFFFFF);
+    b.set_fat(30, 0xFFFFFFF8);
+    b.set_fat(40, 0).set_fat(42, 43).set_fat(43, 0xFFFFFFFF);
+  });
+  const uint64_t bpc = xm->xm_bytes_per_cluster;
+
+  struct exfat_node a = stand_in_node(xm, 10);
+  uint32_t last = 0;
+  uint64_t bytes = 0;
+  ASSERT_EQ(0, exfat_fat_find_last_cluster(&a, &last, &bytes));
+  EXPECT_EQ(12u, last);
+  EXPECT_EQ(3 * bpc, bytes);
+
+  struct exfat_node b = stand_in_node(xm, 20);
+  ASSERT_EQ(0, exfat_fat_find_last_cluster(&b, &last, nullptr));
+  EXPECT_EQ(21u, last);
+  ASSERT_EQ(0, exfat_fat_find_last_cluster(&b, nullptr, &bytes));
+  EXPECT_EQ(2 * bpc, bytes);
+
+  struct exfat_node c = stand_in_node(xm, 30);
+  ASSERT_EQ(0, exfat_fat_find_last_cluster(&c, &last, &bytes));
+  EXPECT_EQ(30u, last);
+  EXPECT_EQ(bpc, bytes);
+
+  struct exfat_node empty = stand_in_node(xm, 0);
+  last = 99;
+  bytes = 99;
+  ASSERT_EQ(0, exfat_fat_find_last_cluster(&empty, &last, &bytes));
+  EXPECT_EQ(0u, last);
+  EXPECT_EQ(0u, bytes);
+
+  struct exfat_node resumed = stand_in_node(xm, 40);
+  resumed.x_extent_cluster = 40;
+  resumed.x_extent_index = 0;
+  resumed.x_extent_length = 3;  // 40, 41, 42
+  ASSERT_EQ(0, exfat_fat_find_last_cluster(&resumed, &last, &bytes));
+  EXPECT_EQ(43u, last);
+  EXPECT_EQ(4 * bpc, bytes);
+  EXPECT_FALSE(xm->xm_flags & XM_CORRUPT);
+}
+
 // Corruption found on several threads at once while an update sets and
 // clears XM_RDONLY: every change of xm_flags is atomic, so no thread's bit is
 // lost (and ThreadSanitizer sees any plain read-modify-write).

@@ -135,6 +135,38 @@ class IoFaults : public NamespaceTest {
   std::vector<uint8_t> image_;
 };
 
+TEST_F(IoFaults, ErrorsAnywhereAreReturnedNeverFatal) {
+  struct Mode {
+    const char* what;
+    bool write_fault;
+    uint64_t flags;
+  } modes[] = {{"unreadable, read-only", false, MNT_RDONLY},
+               {"unreadable", false, 0},
+               {"unwritable", true, 0}};
+  for (const Region& r : regions()) {
+    for (const Mode& m : modes) {
+      SCOPED_TRACE(std::string(r.name) + ", " + m.what);
+      host_memdev_faults faults;
+      (m.write_fault ? faults.fail_write_bytes : faults.fail_read_bytes) = {r.byte};
+      KernLogCapture quiet;
+      int error = mount_faulty(faults, m.flags);
+      if (m.write_fault) {
+        EXPECT_EQ(0, error) << "only reads decide whether a volume mounts";
+      } else if (r.mount_reads_it) {
+        EXPECT_EQ(EIO, error);
+      }
+      if (error != 0)
+        continue;
+      walk_tree(root_vp_);
+      if (m.flags == 0) {
+        write_everything();
+        walk_tree(root_vp_);
+      }
+      unmount_and_remount();
+    }
+  }
+}
+
 // A metadata block whose write fails, in the delayed flush, a sync or the
 // unmount's own flush, leaves the volume dirty on disk for the next mount,
 // even when the device has recovered by the unmount. The failure is logged;

@@ -216,6 +216,53 @@ TEST_F(MountArguments, EachVolumeKeepsItsOwnTimeZone) {
 
 class VolumeFigures : public MountTest {};
 
+// statfs and getattr report the geometry, the free space, the label, the
+// UUID and the fixed capability masks.
+TEST_F(VolumeFigures, StatfsAndGetattrReportTheGeometryAndFreeSpace) {
+  ImageBuilder b = mountable(Geometry{.cluster_shift = 3, .cluster_count = 1000});
+  b.add_label(u"FIGURES");
+  uint32_t used = 0;
+  for (uint32_t c = 2; c < 1002; c++)
+    used += b.allocated(c) ? 1 : 0;
+  ASSERT_EQ(0, load(b.build()));
+  ASSERT_EQ(0, mount(MNT_RDONLY));
+
+  struct vfsstatfs* sbp = vfs_statfs(mp);
+  EXPECT_EQ(4096u, sbp->f_bsize);
+  EXPECT_EQ(1000u, sbp->f_blocks);
+  EXPECT_EQ(1000u - used, sbp->f_bfree);
+  EXPECT_EQ(1000u - used, sbp->f_bavail);
+  EXPECT_EQ(used, sbp->f_bused);
+  EXPECT_EQ(0u, sbp->f_files);
+  EXPECT_STREQ("exfat", sbp->f_fstypename);
+  EXPECT_EQ(static_cast<int32_t>(xm->xm_dev), sbp->f_fsid.val[0]);
+  EXPECT_EQ(vfs_typenum(mp), sbp->f_fsid.val[1]);
+  EXPECT_TRUE(vfs_flags(mp) & MNT_IGNORE_OWNERSHIP);
+
+  struct vfs_attr va;
+  VFSATTR_INIT(&va);
+  char name[MAXPATHLEN];
+  va.f_vol_name = name;
+  VFSATTR_WANTED(&va, f_vol_name);
+  VFSATTR_WANTED(&va, f_uuid);
+  VFSATTR_WANTED(&va, f_capabilities);
+  VFSATTR_WANTED(&va, f_attributes);
+  ASSERT_EQ(0, VFS_GETATTR(mp, &va, vfs_context_kernel()));
+  EXPECT_EQ(1000u, va.f_blocks);
+  EXPECT_EQ(va.f_blocks, va.f_files);
+  EXPECT_EQ(va.f_bfree, va.f_ffree);
+  EXPECT_EQ(1000u - used, va.f_bfree);
+  EXPECT_STREQ("FIGURES", name);
+  EXPECT_EQ(0, memcmp(va.f_uuid, xm->xm_uuid, 16));
+  EXPECT_EQ(0x00402E22u, va.f_capabilities.capabilities[VOL_CAPABILITIES_FORMAT]);
+  EXPECT_EQ(0x0040FFFFu, va.f_capabilities.valid[VOL_CAPABILITIES_FORMAT]);
+  EXPECT_EQ(0x00000382u, va.f_capabilities.capabilities[VOL_CAPABILITIES_INTERFACES]);
+  EXPECT_EQ(0x022416BFu, va.f_attributes.nativeattr.commonattr);
+  EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_vol_name));
+  EXPECT_TRUE(VFSATTR_IS_SUPPORTED(&va, f_bsize));
+  EXPECT_FALSE(VFSATTR_IS_SUPPORTED(&va, f_fsid)) << "filled only when asked for";
+}
+
 class Unmount : public MountTest {};
 
 // The module refuses to stop while a volume is mounted, and stays usable.

@@ -42,6 +42,44 @@ class RootNodeTest : public NodeTest {
   RootNodeTest() : NodeTest(Geometry{.root_clusters = 3}) {}
 };
 
+// A ValidDataLength past DataLength reads as DataLength: the file reads to
+// its end and no further. A node whose slot no longer holds a set of its
+// size (damage, or a directory that shares its clusters with another) is
+// not written over it.
+TEST_F(NodeTest, ValidLengthWithinTheFileAndRewriteOfAVanishedSet) {
+  FileDesc desc;
+  desc.name = u"overlong";
+  desc.first_cluster = builder_.allocate(1, Alloc::Chain);
+  builder_.write_data(desc.first_cluster, Alloc::Chain, bytes("0123456789"));
+  desc.data_length = 10;
+  desc.valid_length = 0x7FFFFFFFFFFFFFFFull;
+  Placed overlong = builder_.add_set(builder_.root(), desc);
+  Placed gone = builder_.add_file(builder_.root(), u"gone", bytes("abc"));
+  mount_built();
+
+  vnode_t vp = get(overlong.offset);
+  EXPECT_EQ(10u, node_of(vp)->x_valid_size);
+  std::vector<uint8_t> data;
+  EXPECT_EQ(0, vn_read_all(vp, &data));
+  EXPECT_EQ(bytes("0123456789"), data);
+
+  struct exfat_node* node = get_node(gone.offset);
+  uint8_t deleted = EXFAT_ENTRY_FILE & ~EXFAT_ENTRY_INUSE;
+  exfat_node_lock(root_);
+  ASSERT_EQ(0, exfat_dir_write(root_, nullptr, &deleted, gone.offset, 1, false, ctx_));
+  exfat_node_unlock(root_);
+  std::vector<uint8_t> slot = root_set(gone.offset);
+  exfat_node_lock(node);
+  node->x_flags |= X_DIRTY;
+  exfat_node_unlock(node);
+  KernLogCapture log;
+  update(node, EIO);
+  EXPECT_EQ(1u, log.count("exfat_node_update: no entry set of 3 entries at offset " +
+                          std::to_string(gone.offset)));
+  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
+  EXPECT_EQ(slot, root_set(gone.offset));
+}
+
 class NodeConcurrency : public NodeTest {};
 
 // Threads racing to instantiate the root all get one node.

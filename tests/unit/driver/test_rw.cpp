@@ -31,10 +31,69 @@ class RwTest : public VolumeTest {
   explicit RwTest(uint32_t cluster_count = 256) : VolumeTest(geometry_with_clusters(cluster_count)) {}
 };
 
+// Reads stop at the size (also with a sector-aligned valid length); reads at
+// or past it move nothing; a negative offset is refused.
+TEST_F(RwTest, ReadStopsAtTheSizeAndRefusesNegativeOffsets) {
+  File f = junk_file(u"f", 2 * kCluster - 300, 1024);
+  mount_built();
+  vnode_t vp = get(f.offset);
+
+  Transfer t = vn_read(vp, 1000, 3 * kCluster);
+  ASSERT_EQ(0, t.error);
+  EXPECT_EQ(2 * kCluster - 300 - 1000, t.data.size());
+  EXPECT_EQ(pattern_bytes(1000, 24), std::vector<uint8_t>(t.data.begin(), t.data.begin() + 24));
+  EXPECT_TRUE(all_zero(t.data, 24));
+  EXPECT_EQ(2 * kCluster - 300, static_cast<uint64_t>(t.offset));
+
+  for (off_t at : {off_t(2 * kCluster - 300), off_t(2 * kCluster), off_t(1) << 40}) {
+    t = vn_read(vp, at, 100);
+    EXPECT_EQ(0, t.error) << at;
+    EXPECT_EQ(0u, t.data.size()) << at;
+    EXPECT_EQ(100, t.resid) << at;
+  }
+  EXPECT_EQ(EINVAL, vn_read(vp, -1, 10).error);
+  EXPECT_EQ(0, vn_read(vp, 0, 0).error);
+}
+
 class RwFullTest : public RwTest {
  protected:
   RwFullTest() : RwTest(64) {}
 };
+
+// Refused writes, with their log lines.
+TEST_F(RwTest, RefusedWritesSayWhy) {
+  File f = junk_file(u"f", 100, 100);
+  File g = junk_file(u"g", 100, 100);
+  mount_built();
+  vnode_t vp = get(f.offset);
+  struct exfat_node* node = node_of(vp);
+  KernLogCapture log;
+
+  EXPECT_EQ(EINVAL, vn_write(vp, -5, pattern_bytes(0, 10)).error);
+  EXPECT_EQ(1u, log.count("exfat_vnop_write: invalid offset (-5)"));
+  EXPECT_EQ(EISDIR, vn_write(root_vp_, 0, pattern_bytes(0, 10)).error);
+  vnode_t link = get(g.offset, VLNK);
+  EXPECT_EQ(EINVAL, vn_write(link, 0, pattern_bytes(0, 10)).error);
+  EXPECT_EQ(1u, log.count("exfat_vnop_write: invalid vnode type (5)"));
+
+  Transfer t = vn_write(vp, INT64_MAX - 5, pattern_bytes(0, 10));
+  EXPECT_EQ(EFBIG, t.error);
+  EXPECT_EQ(1u, log.count("exfat_vnop_write: end of write overflow"));
+  EXPECT_EQ(100u, node->x_size);
+
+  // A size past any offset (only corrupt metadata makes one) stops an append.
+  exfat_node_lock(node);
+  node->x_size = uint64_t(1) << 63;
+  exfat_node_unlock(node);
+  EXPECT_EQ(EFBIG, vn_write(vp, 0, pattern_bytes(0, 10), IO_APPEND).error);
+  EXPECT_EQ(1u, log.count("exfat_vnop_write: file offset overflow (append)"));
+  exfat_node_lock(node);
+  node->x_size = 100;
+  exfat_node_unlock(node);
+
+  EXPECT_EQ(0, vn_write(vp, 0, {}).error);
+  EXPECT_EQ(4u, log.lines().size()) << "nothing else was logged";
+}
 
 // A model of the files of the generator below: their bytes, and how much a
 // write can take on the volume it sees.

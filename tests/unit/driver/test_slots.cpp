@@ -74,6 +74,83 @@ class SlotTest : public VolumeTest {
   struct exfat_node* dir_node_ = nullptr;
 };
 
+// Deleting a set clears bit 7 of each entry's type and changes no other byte,
+// neither of the set nor of its neighbours.
+TEST_F(SlotTest, DeletionClearsOnlyTheInUseBits) {
+  add(3);
+  uint32_t b = add(3);
+  add(4);
+  mount_and_open();
+  std::vector<uint8_t> before = contents(0, kCluster);
+  ASSERT_EQ(EXFAT_ENTRY_FILE, before[b]);
+  host_malloc_fail_nth(1);
+  EXPECT_EQ(ENOMEM, remove(b, 3, 1));
+  host_malloc_fail_nth(0);
+  EXPECT_EQ(before, contents(0, kCluster));
+
+  ASSERT_EQ(0, remove(b, 3, 1));
+  std::vector<uint8_t> after = contents(0, kCluster);
+  EXPECT_EQ(0x05, after[b]);
+  EXPECT_EQ(0x40, after[b + 32]);
+  EXPECT_EQ(0x41, after[b + 64]);
+  std::vector<uint8_t> expected = before;
+  expected[b] = 0x05;
+  expected[b + 32] = 0x40;
+  expected[b + 64] = 0x41;
+  EXPECT_EQ(expected, after);
+
+  unmount_and_check();
+  EXPECT_EQ(expected, read_device(builder_.dir_byte_offset(dir_, 0), kCluster));
+}
+
+// The free flag releases only the clusters of extra secondaries that own some.
+TEST_F(SlotTest, FreeFlagReleasesOnlyExtraSecondaries) {
+  auto set_with_extras = [&](uint32_t* data, uint32_t* run, uint32_t* chain, uint32_t* inert) {
+    *data = builder_.allocate(1, Alloc::Chain);
+    *run = builder_.allocate(2, Alloc::Contiguous);
+    *chain = builder_.allocate(2, Alloc::Chain);
+    *inert = builder_.allocate(1, Alloc::Contiguous);
+    FileDesc desc;
+    desc.first_cluster = *data;
+    desc.data_length = kCluster;
+    desc.extra_secondaries = {
+        raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x03, *run, 2 * kCluster),
+        raw_entry(EXFAT_ENTRY_VENDOR_ALLOC, 0x01, *chain, 2 * kCluster),
+        raw_entry(EXFAT_ENTRY_VENDOR_EXT, 0x02, *inert, kCluster),
+    };
+    return add(3, desc);
+  };
+  uint32_t data0, run0, chain0, inert0, data1, run1, chain1, inert1;
+  uint32_t keep = set_with_extras(&data0, &run0, &chain0, &inert0);
+  uint32_t release = set_with_extras(&data1, &run1, &chain1, &inert1);
+  uint32_t inert_primary = builder_.allocate(1, Alloc::Contiguous);
+  uint32_t benign =
+      builder_.add_entry(dir_, raw_entry(0xA5, 0x03, inert_primary, kCluster)).offset;
+  mount_and_open();
+  const uint32_t free_before = xm->xm_free_clusters;
+
+  ASSERT_EQ(0, remove(keep, 6, 0));
+  EXPECT_EQ(free_before, xm->xm_free_clusters);
+  for (uint32_t c : {data0, run0, run0 + 1, chain0, inert0})
+    EXPECT_TRUE(used(c)) << c;
+
+  ASSERT_EQ(0, remove(release, 6, 1));
+  EXPECT_EQ(free_before + 4, xm->xm_free_clusters);
+  EXPECT_TRUE(used(data1)) << "the stream's clusters go with the file, not here";
+  EXPECT_TRUE(used(inert1));
+  for (uint32_t c : {run1, run1 + 1, chain1})
+    EXPECT_FALSE(used(c)) << c;
+
+  // A primary owns nothing here, whatever its second byte says.
+  ASSERT_EQ(0, remove(benign, 1, 1));
+  EXPECT_TRUE(used(inert_primary));
+
+  std::vector<uint8_t> entries = contents(release, 6 * EXFAT_ENTRY_SIZE);
+  const uint8_t types[] = {0x05, 0x40, 0x41, 0x61, 0x61, 0x60};
+  for (int i = 0; i < 6; i++)
+    EXPECT_EQ(types[i], entries[i * EXFAT_ENTRY_SIZE]) << i;
+}
+
 }  // namespace
 
 namespace {

@@ -1,0 +1,73 @@
+// The node life cycle and the volume sync (on MNT_ASYNC mounts, so nothing
+// else writes): close writes a changed entry back once, a directory's fsync
+// writes its dirty blocks, F_FULLFSYNC flushes the device, sync writes all.
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "exfat_proto.h"
+#include "host/blkdev.h"
+#include "host/buf.h"
+#include "host/kern.h"
+#include "host/mount.h"
+#include "host/vfs.h"
+#include "tests/support/fsck.h"
+#include "tests/support/vnode_io.h"
+#include "tests/unit/driver/volume_fixture.h"
+
+using namespace exvol::test;
+
+namespace {
+
+constexpr uint32_t kCluster = 4096;
+
+class LifeCycleTest : public VolumeTest {
+ protected:
+  void TearDown() override {
+    if (devvp != nullptr)
+      host_memdev_set_faults(devvp, host_memdev_faults{});
+    VolumeTest::TearDown();
+  }
+
+  // A chained file of `clusters` clusters filled with a pattern; returns the
+  // offset of its set in the root.
+  uint32_t file(const std::u16string& name, uint32_t clusters) {
+    return builder_.add_file(builder_.root(), name, pattern_bytes(9, uint64_t(clusters) * kCluster))
+        .offset;
+  }
+
+  void mount_built(uint64_t flags = MNT_ASYNC) { VolumeTest::mount_built(flags); }
+};
+
+// F_FULLFSYNC writes the data, then asks the device to flush its cache.
+TEST_F(LifeCycleTest, FullFsyncFlushesTheDeviceCacheAfterTheData) {
+  uint32_t f = file(u"f", 2);
+  uint32_t g = file(u"g", 2);
+  mount_built();
+  vnode_t vp = get(f);
+  vnode_t other = get(g);
+  settle();
+  host_memdev_faults faults;
+  faults.power_cut_mode = true;
+  host_memdev_set_faults(devvp, faults);
+  uint32_t first = node_of(vp)->x_start_cluster;
+  uint32_t other_first = node_of(other)->x_start_cluster;
+
+  std::vector<uint8_t> data(2 * kCluster, 0x3C);
+  ASSERT_EQ(0, vn_write_at(vp, 0, data));
+  ASSERT_EQ(0, VNOP_IOCTL(vp, 51, nullptr, 0, ctx_));
+  EXPECT_EQ(1u, stats().flushes);
+  EXPECT_EQ(ENOTTY, VNOP_IOCTL(vp, 52, nullptr, 0, ctx_));
+  EXPECT_EQ(ENOTTY, VNOP_IOCTL(root_vp_, 0x20006416u, nullptr, 0, ctx_));
+
+  ASSERT_EQ(0, vn_write_at(other, 0, data));
+  ASSERT_EQ(0, VNOP_FSYNC(other, MNT_WAIT, ctx_));
+  host_memdev_power_cut(devvp);
+  EXPECT_EQ(data, read_device(builder_.cluster_byte_offset(first), data.size()));
+  EXPECT_NE(data, read_device(builder_.cluster_byte_offset(other_first), data.size()))
+      << "without the cache flush the power cut should have lost these writes";
+}
+
+}  // namespace
