@@ -1,5 +1,6 @@
 // Open files through libexvol: the open flags, reading and writing with
-// and without offsets, sizes, syncs, and files removed while open.
+// and without offsets, syncs reaching the device, and handles used after
+// close or unmount.
 
 #include <fcntl.h>
 #include <unistd.h>

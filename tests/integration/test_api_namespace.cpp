@@ -1,5 +1,5 @@
-// Names through libexvol: directories, removal, rename, symbolic links and
-// path resolution, attributes and the read-only volume.
+// Names through libexvol: directory errors, long names, and the read-only
+// volume and its updates.
 
 #include <fcntl.h>
 

@@ -1,5 +1,5 @@
-// The allocation bitmap on a mounted volume: marking runs used and free
-// across words and blocks, counting free clusters, the free-run searches.
+// The allocation bitmap on a mounted volume: marking to the end of a block,
+// counting free runs, the free-extent table.
 
 #include <gtest/gtest.h>
 

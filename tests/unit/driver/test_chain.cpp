@@ -1,6 +1,5 @@
-// Cluster chains and file size changes on mounted builder images: first
-// allocations, growth in place and elsewhere (contiguous to chain), the
-// all-or-nothing space check, cutting and freeing chains.
+// Cluster chains on mounted builder images: the all-or-nothing space check
+// of an extension and freeing a chain that ends early or loops.
 
 #include <gtest/gtest.h>
 

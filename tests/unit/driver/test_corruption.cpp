@@ -1,9 +1,7 @@
 // Failed mounts unwind completely (no driver memory, no vnode, the device's
-// use count as it was), and damaged volumes never crash the mount. The boot
-// region rejections are in test_mount.cpp; EXVOL_FUZZ_SEED and
-// EXVOL_FUZZ_VARIANTS steer the random damage.
+// use count as it was). The boot region rejections are in test_mount.cpp,
+// damaged volumes in test_damaged_walk.cpp.
 
-#include "damage.h"
 #include "mount_fixture.h"
 #include "tests/support/image_builder.h"
 

@@ -1,5 +1,4 @@
-// Directory iteration and directory block I/O: sets across blocks, the
-// checked-end mark, bad and corrupt entries.
+// Directory block I/O: reads and writes of byte ranges of a directory.
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// The one-block FAT cache and the walk to a file's last cluster, on a
-// mounted volume.
+// The walk to a file's last cluster on a mounted volume, and the mount's
+// flags under threads that find corruption.
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,5 @@
-// The node life cycle and the volume sync (on MNT_ASYNC mounts, so nothing
-// else writes): close writes a changed entry back once, a directory's fsync
-// writes its dirty blocks, F_FULLFSYNC flushes the device, sync writes all.
+// F_FULLFSYNC on an MNT_ASYNC mount (nothing else writes): the device's
+// cache is flushed after the data.
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// Renaming the volume through VFS_SETATTR: where the label entry goes, what
-// it holds, which names fit and how they are normalised.
+// Renaming the volume through VFS_SETATTR: which names fit, and none on a
+// read-only volume.
 
 #include <gtest/gtest.h>
 

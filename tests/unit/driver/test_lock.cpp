@@ -1,5 +1,5 @@
-// Locking a node's parent: nodes without one, a file's, and the retry when
-// the node moves while its parent is held.
+// Locking a node's parent: the retry when the node moves while its parent
+// is held.
 
 #include <gtest/gtest.h>
 

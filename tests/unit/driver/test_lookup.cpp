@@ -1,5 +1,5 @@
-// Lookup: case-insensitive matching, "." and "..", the name cache, and a
-// restart when the vnode is being reclaimed.
+// Lookup: a directory sharing another's clusters, and a restart when the
+// vnode is being reclaimed.
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// The volume's dirty state on disk and the delayed metadata flush:
-// coalescing, what it writes, and an unmount that meets it.
+// The volume's dirty state on disk, and an unmount that meets the delayed
+// metadata flush.
 
 #include <atomic>
 #include <chrono>

@@ -1,5 +1,5 @@
-// Nodes: what a node takes from its entry set (the root from its chain),
-// size limits, write-back, and the node hash between threads.
+// Nodes: the valid length within the file, write-back of a set that
+// vanished, and the node hash between threads.
 
 #include <gtest/gtest.h>
 

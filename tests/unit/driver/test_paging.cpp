@@ -1,6 +1,5 @@
 // Paging through mapped access on mounted builder images: zeros past the
-// valid length although the disk holds junk, and the zero fill of the gap
-// before a page stored beyond it.
+// valid length although the disk holds junk.
 
 #include <gtest/gtest.h>
 

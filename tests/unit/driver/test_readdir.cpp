@@ -1,5 +1,4 @@
-// Directory listing: positions and resuming, both record forms, types and
-// file numbers, name conversion.
+// Directory listing: name conversion of stored names.
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// Remove and rmdir as the kernel drives them: the bytes changed, when
-// clusters go, emptiness and benign allocations.
+// Remove and rmdir as the kernel drives them: a node of another directory
+// looked up again, emptiness and what rmdir frees.
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// Rename as the kernel drives it: the new and old sets, moves across and
-// into directories, replacing.
+// Rename as the kernel drives it: sets that can't grow, a stale cached
+// target, and opposite moves on threads.
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-// VNOP_READ and VNOP_WRITE on mounted builder images: zeros from the valid
-// length on whatever the disk holds, the zero fill of writes past it, growth,
-// full volumes, appends, synchronous writes and refused requests.
+// VNOP_READ and VNOP_WRITE on mounted builder images: refused and clipped
+// requests, extensions against a model on a nearly full volume, far writes
+// with bounded memory, write-behind errors at close, and threads.
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// Free entry slots and entry deletion with 512-byte clusters (16 slots per
-// directory cluster): where sets land, growth, bytes changed, clusters freed.
+// Entry deletion with 512-byte clusters (16 slots per directory cluster):
+// the bytes changed and the clusters freed; roots at the format's limit.
 
 #include <gtest/gtest.h>
 
