@@ -249,3 +249,31 @@ TEST_F(IoFaults, FailedMetadataWriteLeavesTheVolumeDirty) {
     }
   }
 }
+
+// A PercentInUse update that can't be written fails a waiting flush with a
+// message, and the volume stays marked dirty although the value is written
+// later.
+TEST_F(IoFaults, FailedPercentInUseWriteLeavesTheVolumeDirty) {
+  KernLogCapture quiet;
+  ASSERT_EQ(0, mount_faulty(host_memdev_faults{}, 0));
+  release_nodes();
+  host_memdev_faults faults;
+  faults.fail_write_bytes = {112};  // PercentInUse
+  host_memdev_set_faults(devvp, faults);
+  const uint32_t first = xm->xm_max_cluster - 99;
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  ASSERT_EQ(0, exfat_bitmap_mark_used(xm, first, 100));
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  {
+    KernLogCapture log;
+    exfat_meta_flush(xm, IO_SYNC);
+    EXPECT_EQ(1u, log.count("exfat_meta_flush_internal: error 5 from exfat_sync_boot_sector"));
+  }
+  host_memdev_set_faults(devvp, host_memdev_faults{});
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  ASSERT_EQ(0, exfat_bitmap_mark_free(xm, first, 100));
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  ASSERT_EQ(0, unmount());
+  expect_nothing_left("after the unmount");
+  EXPECT_NE(0, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
+}
