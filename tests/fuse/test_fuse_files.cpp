@@ -34,6 +34,22 @@ std::map<std::string, ino_t> list_dir(const std::string& dir) {
   return names;
 }
 
+// A file removed while open reports no link through its descriptor, and
+// its data stays readable there.
+TEST_F(FuseFiles, RemovedOpenFileHasNoLinks) {
+  ASSERT_TRUE(write_file(path("doomed"), pattern(100, 1)));
+  int fd = open(path("doomed").c_str(), O_RDONLY);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(0, unlink(path("doomed").c_str()));
+  struct stat st {};
+  EXPECT_EQ(0, fstat(fd, &st));
+  EXPECT_EQ(0u, st.st_nlink);
+  std::vector<uint8_t> got(100);
+  EXPECT_EQ(100, pread(fd, got.data(), got.size(), 0));
+  EXPECT_EQ(pattern(100, 1), got);
+  close(fd);
+}
+
 // A directory or link just made, and a directory just given a child, have
 // a modification stamp pending while the kernel holds them; times set then
 // (as cp -a, tar and rsync set them) must be the ones kept.
