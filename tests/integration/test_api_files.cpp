@@ -1,5 +1,6 @@
 // Open files through libexvol: the open flags, reading and writing with
-// and without offsets, sizes, syncs, and files removed while open.
+// and without offsets, syncs reaching the device, and handles used after
+// close or unmount.
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -10,31 +11,6 @@ namespace exvol::test {
 namespace {
 
 using ApiFiles = ApiTest;
-
-TEST_F(ApiFiles, WrittenDataReadsBackAfterRemount) {
-  ASSERT_FALSE(volume_->mkdir("/d"));
-  std::vector<uint8_t> small = pattern(100, 1), large = pattern(3 * 1024 * 1024 + 17, 2);
-  ASSERT_FALSE(write_file("/d/small", small));
-  ASSERT_FALSE(write_file("d/large.bin", large));
-  ASSERT_FALSE(write_file("/empty", {}));
-  remount();
-  EXPECT_EQ(small, read_file("/d/small"));
-  EXPECT_EQ(large, read_file("/d/large.bin"));
-  EXPECT_TRUE(read_file("/empty").empty());
-  Stat st;
-  ASSERT_FALSE(volume_->stat("/d/large.bin", &st));
-  EXPECT_EQ(FileType::Regular, st.type);
-  EXPECT_EQ(large.size(), st.size);
-  EXPECT_EQ(3u * 1024 * 1024 + 4096, st.allocated) << "whole 4 KiB clusters";
-  EXPECT_EQ(S_IFREG | 0755u, st.mode);
-  EXPECT_EQ(1u, st.nlink);
-  ASSERT_FALSE(volume_->stat("/empty", &st));
-  EXPECT_EQ(0u, st.allocated);
-  EXPECT_EQ(1u, st.file_id) << "files without clusters share the id 1";
-  ASSERT_FALSE(volume_->stat("/d", &st));
-  EXPECT_EQ(S_IFDIR | 0755u, st.mode);
-  unmount_and_check();
-}
 
 TEST_F(ApiFiles, OpenFlags) {
   File f;
@@ -128,61 +104,6 @@ TEST_F(ApiFiles, ReadWriteSeekAndOffsets) {
   unmount_and_check();
 }
 
-TEST_F(ApiFiles, TruncateGrowsWithZerosAndShrinks) {
-  std::vector<uint8_t> data = pattern(10000, 4);
-  ASSERT_FALSE(write_file("/t", data));
-  ASSERT_FALSE(volume_->truncate("/t", 3000));
-  File f;
-  ASSERT_FALSE(volume_->open("/t", O_RDWR, &f));
-  ASSERT_FALSE(f.truncate(9000));
-  EXPECT_EQ(EINVAL, err(f.truncate(-1)));
-  ASSERT_FALSE(f.close());
-  data.resize(3000);
-  data.resize(9000, 0);
-  EXPECT_EQ(data, read_file("/t"));
-  EXPECT_EQ(EINVAL, err(volume_->truncate("/t", -5)));
-  ASSERT_FALSE(volume_->mkdir("/d"));
-  EXPECT_EQ(EISDIR, err(volume_->truncate("/d", 0)));
-  EXPECT_EQ(ENOENT, err(volume_->truncate("/none", 0)));
-  unmount_and_check();
-}
-
-// A file removed, or replaced by a rename, while open keeps its data for
-// the open files; its clusters come back when the last of them is closed.
-TEST_F(ApiFiles, RemoveWhileOpen) {
-  std::vector<uint8_t> data = pattern(40960, 5);
-  ASSERT_FALSE(write_file("/victim", data));
-  uint64_t with_file = free_clusters();
-  File reader, writer;
-  ASSERT_FALSE(volume_->open("/victim", O_RDONLY, &reader));
-  ASSERT_FALSE(volume_->open("/victim", O_RDWR, &writer));
-  ASSERT_FALSE(volume_->unlink("/victim"));
-  Stat st;
-  EXPECT_EQ(ENOENT, err(volume_->stat("/victim", &st)));
-  EXPECT_EQ(with_file, free_clusters()) << "clusters stay while the file is open";
-  size_t done = 0;
-  ASSERT_FALSE(writer.pwrite("NEW", 3, 100, &done));
-  std::vector<uint8_t> back(data.size());
-  ASSERT_FALSE(reader.pread(back.data(), back.size(), 0, &done));
-  memcpy(&data[100], "NEW", 3);
-  EXPECT_EQ(data, back);
-  // A new file may take the name meanwhile.
-  ASSERT_FALSE(write_file("/victim", {'x'}));
-  ASSERT_FALSE(writer.close());
-  EXPECT_EQ(with_file - 1, free_clusters()) << "one open file is left";
-  ASSERT_FALSE(reader.close());
-  EXPECT_EQ(with_file - 1 + 10, free_clusters()) << "the last close frees the clusters";
-
-  ASSERT_FALSE(volume_->open("/victim", O_RDONLY, &reader));
-  ASSERT_FALSE(write_file("/source", data));
-  ASSERT_FALSE(volume_->rename("/source", "/victim"));
-  ASSERT_FALSE(reader.pread(back.data(), back.size(), 0, &done));
-  EXPECT_EQ(std::string("x"), std::string(back.begin(), back.begin() + done));
-  ASSERT_FALSE(reader.close());
-  EXPECT_EQ(data, read_file("/victim"));
-  unmount_and_check();
-}
-
 TEST_F(ApiFiles, SyncsReachTheDevice) {
   MountOptions options;
   options.async = true;
@@ -208,29 +129,6 @@ TEST_F(ApiFiles, SyncsReachTheDevice) {
   EXPECT_EQ(data, read_file("/synced", other.get()));
   ASSERT_FALSE(other->unmount());
   ASSERT_FALSE(f.close());
-  unmount_and_check();
-}
-
-TEST_F(ApiFiles, FullVolumeGivesShortWriteThenNoSpace) {
-  ASSERT_NO_FATAL_FAILURE(format(8u << 20));
-  ASSERT_FALSE(mount());
-  uint64_t free_bytes = free_clusters() * 4096;
-  File f;
-  ASSERT_FALSE(volume_->open("/fill", O_WRONLY | O_CREAT, &f));
-  std::vector<uint8_t> data = pattern(free_bytes + 10000, 7);
-  size_t done = 0;
-  std::error_code ec = f.write(data.data(), data.size(), &done);
-  EXPECT_TRUE(!ec || ec.value() == ENOSPC) << ec.message();
-  EXPECT_EQ(free_bytes, done);
-  EXPECT_EQ(ENOSPC, err(f.write(data.data(), 1, &done)));
-  EXPECT_EQ(0u, done);
-  ASSERT_FALSE(f.close());
-  data.resize(free_bytes);
-  EXPECT_EQ(data, read_file("/fill"));
-  // A directory or link that gets no cluster is undone, name and all.
-  EXPECT_EQ(ENOSPC, err(volume_->mkdir("/nodir")));
-  EXPECT_EQ(ENOSPC, err(volume_->symlink("target", "/nolink")));
-  EXPECT_EQ(std::vector<std::string>{"fill"}, names("/"));
   unmount_and_check();
 }
 

@@ -83,44 +83,6 @@ TEST_F(ApiListing, LargeDirectoryResumesByCookie) {
   unmount_and_check();
 }
 
-// A listing of a builder-made volume: names of every length, a directory,
-// a file of a symbolic link's size that is no link, and a real link, all
-// typed; a file's contents read back.
-TEST_F(ApiListing, BuilderVolumeListsTypedEntries) {
-  Geometry g;
-  g.sector_shift = 9;
-  g.cluster_shift = 3;
-  g.cluster_count = 2048;
-  ImageBuilder b(g);
-  b.add_bitmap_entry().add_upcase_entry().add_label(u"BUILT");
-  Dir docs = b.mkdir(b.root(), u"Docs");
-  std::vector<uint8_t> text = pattern(5000, 21);
-  b.add_file(docs, u"readme.txt", text);
-  b.add_file(docs, u"fake-link", std::vector<uint8_t>(1067, 'x'));
-  b.add_file(docs, u"contig.bin", pattern(9000, 22), Alloc::Contiguous);
-  b.add_file(docs, std::u16string(255, u'L'), {1});
-  ASSERT_FALSE(volume_->unmount());
-  b.write_to(image_.path());
-  ASSERT_FALSE(mount());
-  ASSERT_FALSE(volume_->symlink("readme.txt", "/docs/link"));
-  std::map<std::string, FileType> types;
-  std::vector<DirEntry> entries;
-  ASSERT_FALSE(volume_->list("/docs", &entries));
-  for (const DirEntry& e : entries)
-    types[e.name] = e.type;
-  std::map<std::string, FileType> expected = {{"readme.txt", FileType::Regular},
-                                               {"fake-link", FileType::Regular},
-                                               {"contig.bin", FileType::Regular},
-                                               {std::string(255, 'L'), FileType::Regular},
-                                               {"link", FileType::Symlink}};
-  EXPECT_EQ(expected, types);
-  EXPECT_EQ(text, read_file("/DOCS/README.TXT"));
-  EXPECT_EQ(text, read_file("/docs/link"));
-  EXPECT_EQ(pattern(9000, 22), read_file("/docs/contig.bin"));
-  EXPECT_EQ(std::vector<std::string>{"Docs"}, names("/")) << "the stored case is listed";
-  unmount_and_check();
-}
-
 using ApiNodes = ApiTest;
 
 TEST_F(ApiNodes, ReferencesAndCalls) {

@@ -53,5 +53,25 @@ TEST_F(LogHandlerTest, DriverMessagesAfterMountReachTheHandler) {
   EXPECT_EQ(1u, messages().size());
 }
 
+// What the mount itself printed is captured for the diagnostic and, with
+// echo_kernel_log, passed on to the handler too.
+TEST_F(LogHandlerTest, MountMessagesAreEchoedOnRequest) {
+  ImageBuilder b(Geometry{.sector_shift = 12, .cluster_shift = 0, .cluster_count = 256});
+  b.add_bitmap_entry().add_upcase_entry();
+  ASSERT_FALSE(volume_->unmount());
+  b.write_to(image_.path());
+  install();
+  const std::string line = "exfat_mount_internal: Changed logical block size to 4096";
+  for (bool echo : {false, true}) {
+    MountOptions o;
+    o.echo_kernel_log = echo;
+    std::string diagnostic;
+    ASSERT_FALSE(Volume::mount(image_.path(), o, &volume_, &diagnostic));
+    EXPECT_NE(std::string::npos, diagnostic.find(line)) << diagnostic;
+    EXPECT_EQ(echo ? std::vector<std::string>{line} : std::vector<std::string>{}, messages());
+    ASSERT_FALSE(volume_->unmount());
+  }
+}
+
 }  // namespace
 }  // namespace exvol::test

@@ -84,18 +84,6 @@ inline bool flush_pending(struct exfat_mount* xm) {
   return pending;
 }
 
-// A node's extent cache.
-struct Extent {
-  uint32_t cluster, index, length;
-  bool operator==(const Extent&) const = default;
-};
-inline std::ostream& operator<<(std::ostream& os, const Extent& e) {
-  return os << "{" << e.cluster << ", " << e.index << ", " << e.length << "}";
-}
-inline Extent extent_of(const struct exfat_node* n) {
-  return {n->x_extent_cluster, n->x_extent_index, n->x_extent_length};
-}
-
 // A stand-in node with only the allocation fields, for the walks that look
 // at nothing else.
 inline struct exfat_node stand_in_node(struct exfat_mount* xm, uint32_t start,
@@ -106,19 +94,6 @@ inline struct exfat_node stand_in_node(struct exfat_mount* xm, uint32_t start,
   n.x_size = size;
   n.x_valid_size = size;
   return n;
-}
-
-// Writes the FAT and bitmap caches back and forgets them, so that any later
-// access shows in their offsets.
-inline void forget_caches(struct exfat_mount* xm) {
-  lck_mtx_lock(xm->xm_bitmap_lock);
-  EXPECT_EQ(0, exfat_bitmap_cache_flush(xm, 0));
-  xm->xm_bitmap_cache_offset = EXFAT_CACHE_NONE;
-  lck_mtx_unlock(xm->xm_bitmap_lock);
-  lck_mtx_lock(xm->xm_fat_lock);
-  EXPECT_EQ(0, exfat_fat_cache_flush(xm, 0));
-  xm->xm_fat_cache_offset = EXFAT_CACHE_NONE;
-  lck_mtx_unlock(xm->xm_fat_lock);
 }
 
 // The volume UUID as the usual upper-case string.
@@ -181,7 +156,6 @@ class MountedVolume {
   }
   // The whole boot sector's VolumeFlags and PercentInUse as on the device.
   uint16_t disk_volume_flags() const { return le16dec(read_device(106, 2).data()); }
-  uint8_t disk_percent_in_use() const { return read_device(112, 1)[0]; }
   host_devstats stats() const {
     host_devstats s{};
     host_blkdev_stats(devvp, &s);

@@ -1,5 +1,5 @@
-// The allocation bitmap on a mounted volume: marking runs used and free
-// across words and blocks, counting free clusters, the free-run searches.
+// The allocation bitmap on a mounted volume: marking to the end of a block,
+// counting free runs, the free-extent table.
 
 #include <gtest/gtest.h>
 
@@ -84,37 +84,6 @@ class BitmapTest : public MountTest {
 
 };
 
-TEST_F(BitmapTest, MarkingWorksAcrossWordsAndKeepsTheFreeCount) {
-  mount_volume(geometry_with_clusters(512));
-  const uint32_t w0 = word(0), w2 = word(2), w3 = word(3);
-  const uint32_t free_before = xm->xm_free_clusters;
-
-  // Clusters 31 .. 70 are bits 29 .. 68.
-  ASSERT_EQ(0, mark_used(31, 40));
-  EXPECT_EQ(w0 | 0xE0000000u, word(0));
-  EXPECT_EQ(0xFFFFFFFFu, word(1));
-  EXPECT_EQ(w2 | 0x0000001Fu, word(2));
-  EXPECT_EQ(w3, word(3));
-  EXPECT_EQ(free_before - 40, xm->xm_free_clusters);
-  EXPECT_TRUE(xm->xm_bitmap_cache_dirty);
-
-  ASSERT_EQ(0, mark_free(32, 38));  // leaves 31 and 70 in use
-  EXPECT_EQ(w0 | 0x20000000u, word(0));
-  EXPECT_EQ(0u, word(1));
-  EXPECT_EQ(w2 | 0x00000010u, word(2));
-  EXPECT_EQ(free_before - 2, xm->xm_free_clusters);
-
-  // A run inside one word.
-  ASSERT_EQ(0, mark_used(36, 3));
-  EXPECT_EQ(0x0000001Cu, word(1));
-
-  flush_bitmap();
-  EXPECT_TRUE(disk_used(31));
-  EXPECT_TRUE(disk_used(37));
-  EXPECT_FALSE(disk_used(39));
-  EXPECT_TRUE(disk_used(70));
-}
-
 // Marks within one block keep the cache there; crossing a block's end writes
 // it back and moves on.
 TEST_F(BitmapTest, MarkingExactlyToTheEndOfABlockReadsNoFurtherBlock) {
@@ -177,34 +146,6 @@ TEST_F(BitmapTest, CountFreeContigStopsAtUsedClustersLimitsAndTheEnd) {
   xm->xm_flags &= ~XM_CORRUPT;
 }
 
-// Everything in use except the stretches 10-12, 20-24 and 40-41.
-void three_stretches(ImageBuilder& b) {
-  for (uint32_t c = 2; c <= b.geometry().cluster_count + 1; ++c) {
-    const bool free = (c >= 10 && c <= 12) || (c >= 20 && c <= 24) || (c >= 40 && c <= 41);
-    b.set_allocated(c, !free);
-  }
-}
-
-TEST_F(BitmapTest, FindFreeStopsAtTheFirstStretchLongEnough) {
-  mount_volume(geometry_with_clusters(512), three_stretches);
-  using Runs = std::vector<std::pair<uint32_t, uint32_t>>;
-  EXPECT_EQ((Runs{{20, 4}, {10, 3}}), find_free(4));
-  EXPECT_EQ((Runs{{20, 5}, {10, 3}, {40, 2}}), find_free(6));
-  EXPECT_EQ((Runs{{10, 3}}), find_free(3));
-  EXPECT_EQ((Runs{{10, 1}}), find_free(1));
-  EXPECT_EQ(10u, xm->xm_free_clusters);
-  release();
-
-  // Free: 100 .. 513, the end; the last run is measured to the end.
-  mount_volume(geometry_with_clusters(512), [](ImageBuilder& b) {
-    for (uint32_t c = 2; c < 100; ++c)
-      b.set_allocated(c, true);
-  });
-  EXPECT_EQ((Runs{{100, 50}}), find_free(50));
-  EXPECT_EQ((Runs{{100, 414}}), find_free(414));
-  EXPECT_EQ((Runs{{100, 414}}), find_free(1000));
-}
-
 TEST(ExtentInsert, OrdersByLengthThenClusterAndDropsTheWorst) {
   std::vector<struct exfat_free_extent> t(EXFAT_FREE_EXTENTS, {0, 0});
   exfat_extent_insert(50, 3, t.data());
@@ -236,31 +177,6 @@ TEST(ExtentInsert, OrdersByLengthThenClusterAndDropsTheWorst) {
   EXPECT_EQ(std::make_pair(999u, 5u), at(1));
   exfat_extent_insert(1, 5, t.data());  // lands in the last slot
   EXPECT_EQ(std::make_pair(1u, 5u), at(1));
-}
-
-// Counting ignores the padding bits of the bitmap's last byte (and what
-// follows the bitmap file), below 32 clusters and after whole words alike.
-TEST_F(BitmapTest, CountingLooksOnlyAtRealBits) {
-  for (uint32_t count : {20u, 45u}) {
-    SCOPED_TRACE(count);
-    uint64_t last_byte = 0;
-    mount_volume(
-        geometry_with_clusters(count),
-        [&](ImageBuilder& b) {
-          b.set_allocated(15, true).set_allocated(count + 1, true);  // the last cluster
-          last_byte = b.cluster_byte_offset(b.bitmap_cluster()) + count / 8;
-        },
-        [&](std::vector<uint8_t>& image) {
-          image[last_byte] |= static_cast<uint8_t>(0xFF << (count % 8));
-          image[last_byte + 1] = 0xFF;
-        });
-    EXPECT_EQ(count + 1, xm->xm_max_cluster);
-    uint32_t expected_free = 0;
-    for (uint32_t c = 2; c <= count + 1; ++c)
-      expected_free += built_.allocated(c) ? 0 : 1;
-    EXPECT_EQ(expected_free, xm->xm_free_clusters);
-    release();
-  }
 }
 
 }  // namespace

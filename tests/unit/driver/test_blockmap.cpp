@@ -59,47 +59,6 @@ void five_cluster_chain(ImageBuilder& b) {
   b.set_fat(10, 11).set_fat(11, 12).set_fat(12, 20).set_fat(20, 21).set_fat(21, 0xFFFFFFFF);
 }
 
-TEST_F(BlockmapTest, ExtentCacheFollowsTheChainRunByRun) {
-  mount_volume({}, five_cluster_chain);
-  struct exfat_node n = stand_in_node(xm, 10, 5 * kClusterSize);
-  uint64_t sector = 0, bytes = 0;
-  uint32_t cluster = 0;
-
-  ASSERT_EQ(0, exfat_blockmap(&n, 1, 8, &sector, &cluster, &bytes));
-  EXPECT_EQ(11u, cluster);
-  EXPECT_EQ(sector_of(11), sector);
-  EXPECT_EQ(2u * kClusterSize, bytes);
-  EXPECT_EQ((Extent{10, 0, 3}), extent_of(&n));
-
-  // Cluster 10's entry is damaged now: only a walk from the start sees it.
-  ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, 10, nullptr, 0));
-  ASSERT_EQ(0, exfat_blockmap(&n, 3, 1, &sector, &cluster, &bytes));
-  EXPECT_EQ(20u, cluster);
-  EXPECT_EQ(kClusterSize, bytes);
-  EXPECT_EQ((Extent{20, 3, 2}), extent_of(&n)) << "continued from cluster 12's entry";
-
-  forget_caches(xm);
-  ASSERT_EQ(0, exfat_blockmap(&n, 4, 4, &sector, &cluster, &bytes));
-  EXPECT_EQ(21u, cluster);
-  EXPECT_EQ(kClusterSize, bytes);
-  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset) << "a hit must not read the FAT";
-
-  // Index 0 lies before the cached run: the walk starts again at cluster 10,
-  // whose entry now ends its run after one cluster.
-  ASSERT_EQ(0, exfat_blockmap(&n, 0, 1, &sector, &cluster, &bytes));
-  EXPECT_EQ(10u, cluster);
-  EXPECT_EQ((Extent{10, 0, 1}), extent_of(&n));
-
-  // Going on from there meets the damaged link: corruption, no message, and
-  // the cache stays as it was.
-  KernLogCapture log;
-  EXPECT_EQ(EIO, exfat_blockmap(&n, 1, 1, &sector, &cluster, &bytes));
-  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
-  EXPECT_TRUE(log.lines().empty());
-  EXPECT_EQ((Extent{10, 0, 1}), extent_of(&n));
-  xm->xm_flags &= ~XM_CORRUPT;
-}
-
 TEST_F(BlockmapTest, IndexesPastTheDataAreE2BIG) {
   mount_volume({}, five_cluster_chain);
   uint64_t sector = 0;

@@ -1,6 +1,5 @@
-// Cluster chains and file size changes on mounted builder images: first
-// allocations, growth in place and elsewhere (contiguous to chain), the
-// all-or-nothing space check, cutting and freeing chains.
+// Cluster chains on mounted builder images: the all-or-nothing space check
+// of an extension and freeing a chain that ends early or loops.
 
 #include <gtest/gtest.h>
 
@@ -80,115 +79,6 @@ class ChainGrowthTest : public ChainTest {
   }
 };
 
-// A first allocation is one contiguous run at the lowest stretch that holds
-// it, without FAT access; growth right after it stays contiguous.
-TEST_F(ChainGrowthTest, FirstAllocationAndGrowthInPlaceStayContiguous) {
-  shape(15);
-  uint32_t f = empty_file(u"f");
-  mount_built();
-  struct exfat_node* node = get_node(f);
-  ASSERT_NE(nullptr, node);
-  uint32_t free_before = xm->xm_free_clusters;
-  forget_caches(xm);
-
-  ASSERT_EQ(0, truncate(node, 10 * kCluster - 100));
-  EXPECT_EQ(500u, node->x_start_cluster);
-  EXPECT_EQ(509u, node->x_last_cluster);
-  EXPECT_EQ(10u * kCluster - 100, node->x_size);
-  EXPECT_EQ(0u, node->x_valid_size) << "growth leaves a file's valid size alone";
-  EXPECT_EQ((Extent{500, 0, 10}), extent_of(node));
-  EXPECT_EQ(X_CONTIGUOUS | kSizeDirty, node->x_flags & (X_CONTIGUOUS | kSizeDirty));
-  EXPECT_EQ(free_before - 10, xm->xm_free_clusters);
-  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset) << "a contiguous file touches no FAT";
-
-  ASSERT_EQ(0, truncate(node, 15 * kCluster));
-  EXPECT_TRUE(node->x_flags & X_CONTIGUOUS);
-  EXPECT_EQ(500u, node->x_start_cluster);
-  EXPECT_EQ(514u, node->x_last_cluster);
-  EXPECT_EQ(15u * kCluster, node->x_size);
-  EXPECT_EQ((Extent{500, 0, 15}), extent_of(node));
-  EXPECT_EQ(free_before - 15, xm->xm_free_clusters);
-  EXPECT_EQ(EXFAT_CACHE_NONE, xm->xm_fat_cache_offset);
-  for (uint32_t c : {499u, 500u, 514u, 515u})
-    EXPECT_TRUE(used(c)) << c;
-  for (uint32_t c : {100u, 200u})
-    EXPECT_FALSE(used(c)) << c;
-
-  update(node);
-  unmount_and_check();
-  std::vector<uint8_t> stream = disk_stream(f);
-  EXPECT_EQ(EXFAT_SECONDARY_NO_FAT_CHAIN, stream[1] & EXFAT_SECONDARY_NO_FAT_CHAIN);
-  EXPECT_EQ(500u, le32dec(&stream[20]));
-  EXPECT_EQ(15u * kCluster, le64dec(&stream[24]));
-}
-
-// Growth elsewhere writes the old run into the FAT as a chain linked to the
-// lowest stretch that holds the rest; the extent cache stays on the first run.
-TEST_F(ChainGrowthTest, GrowthElsewhereTurnsTheFileIntoAChain) {
-  shape(10);  // cluster 510 is owned
-  uint32_t f = empty_file(u"f");
-  mount_built();
-  struct exfat_node* node = get_node(f);
-  ASSERT_NE(nullptr, node);
-  uint32_t free_before = xm->xm_free_clusters;
-
-  ASSERT_EQ(0, truncate(node, 10 * kCluster));
-  ASSERT_EQ(500u, node->x_start_cluster);
-  ASSERT_EQ(0, truncate(node, 15 * kCluster));
-  EXPECT_FALSE(node->x_flags & X_CONTIGUOUS);
-  EXPECT_EQ(500u, node->x_start_cluster);
-  EXPECT_EQ(104u, node->x_last_cluster) << "the lowest stretch that holds 5 is 100-108";
-  EXPECT_EQ(15u * kCluster, node->x_size);
-  EXPECT_EQ((Extent{500, 0, 10}), extent_of(node));
-  EXPECT_EQ(free_before - 15, xm->xm_free_clusters);
-  for (uint32_t c = 500; c < 509; c++)
-    EXPECT_EQ(c + 1, fat(c)) << c;
-  EXPECT_EQ(100u, fat(509));
-  for (uint32_t c = 100; c < 104; c++)
-    EXPECT_EQ(c + 1, fat(c)) << c;
-  EXPECT_EQ(EXFAT_FAT_EOC, fat(104));
-  EXPECT_TRUE(used(104));
-  EXPECT_FALSE(used(105));
-
-  // From now on the file grows by chain even where it could run on.
-  ASSERT_EQ(0, truncate(node, 17 * kCluster));
-  EXPECT_EQ(106u, node->x_last_cluster);
-  EXPECT_EQ(105u, fat(104));
-  EXPECT_EQ(EXFAT_FAT_EOC, fat(106));
-
-  update(node);
-  unmount_and_check();
-  std::vector<uint8_t> stream = disk_stream(f);
-  EXPECT_EQ(0, stream[1] & EXFAT_SECONDARY_NO_FAT_CHAIN);
-  EXPECT_EQ(17u * kCluster, le64dec(&stream[24]));
-}
-
-// With no stretch long enough, the longest runs go first, lower first.
-TEST_F(ChainTest, FragmentedGrowthTakesTheLongestRunsFirst) {
-  occupy(2, 99);     // free: 100-102 (3)
-  occupy(103, 199);  // free: 200-209 (10)
-  occupy(210, 299);  // free: 300-304 (5)
-  occupy(305, 399);  // free: 400-404 (5)
-  occupy(405, 1025);
-  uint32_t f = empty_file(u"f");
-  mount_built();
-  struct exfat_node* node = get_node(f);
-  ASSERT_NE(nullptr, node);
-  ASSERT_EQ(23u, xm->xm_free_clusters);
-
-  ASSERT_EQ(0, truncate(node, 23 * kCluster, IO_UNIT));
-  EXPECT_EQ(200u, node->x_start_cluster);
-  EXPECT_EQ(300u, fat(209));
-  EXPECT_EQ(400u, fat(304));
-  EXPECT_EQ(100u, fat(404));
-  EXPECT_EQ(EXFAT_FAT_EOC, fat(102));
-  EXPECT_EQ(102u, node->x_last_cluster);
-  EXPECT_EQ(0u, xm->xm_free_clusters);
-
-  update(node);
-  unmount_and_check();
-}
-
 // All-or-nothing beyond the free space (or without memory for the free-run
 // table) changes nothing; otherwise the file keeps what there was.
 TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
@@ -246,49 +136,6 @@ TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
 
   update(node);
   unmount_and_check();
-}
-
-// Shrinking a chain to one byte ends it at its first cluster.
-TEST_F(ChainTest, ShrinkingAndTruncatingAChain) {
-  uint32_t f = chained_file(u"f", {30, 31, 32, 50, 51}, 5 * kCluster);
-  mount_built();
-  struct exfat_node* node = get_node(f);
-  ASSERT_NE(nullptr, node);
-  uint32_t free_before = xm->xm_free_clusters;
-  ASSERT_FALSE(node->x_flags & X_CONTIGUOUS);
-
-  ASSERT_EQ(0, truncate(node, 1));
-  EXPECT_EQ(EXFAT_FAT_EOC, fat(30));
-  EXPECT_EQ(32u, fat(31));
-  EXPECT_TRUE(used(30));
-  EXPECT_FALSE(used(31));
-  EXPECT_FALSE(used(51));
-  EXPECT_EQ(free_before + 4, xm->xm_free_clusters);
-  EXPECT_EQ(30u, node->x_last_cluster);
-  EXPECT_EQ(1u, node->x_valid_size);
-  EXPECT_EQ((Extent{30, 0, 1}), extent_of(node));
-
-  ASSERT_EQ(0, truncate(node, 0));
-  EXPECT_EQ(0u, node->x_size);
-  EXPECT_EQ(0u, node->x_valid_size);
-  EXPECT_EQ(0u, node->x_start_cluster);
-  EXPECT_EQ(0u, node->x_last_cluster);
-  EXPECT_EQ(0u, node->x_extent_length);
-  EXPECT_EQ(kSizeDirty, node->x_flags & kSizeDirty);
-  EXPECT_EQ(free_before + 5, xm->xm_free_clusters);
-  EXPECT_FALSE(used(30));
-
-  ASSERT_EQ(0, truncate(node, 3 * kCluster));
-  EXPECT_TRUE(node->x_flags & X_CONTIGUOUS);
-  uint32_t lowest = 2;
-  while (builder_.allocated(lowest) || builder_.allocated(lowest + 1) ||
-         builder_.allocated(lowest + 2))
-    lowest++;
-  EXPECT_EQ((Extent{lowest, 0, 3}), extent_of(node));
-
-  update(node);
-  unmount_and_check();
-  EXPECT_EQ(3u * kCluster, le64dec(&disk_stream(f)[24]));
 }
 
 // Freeing follows the chain only, to any end mark; a loop is reported as

@@ -96,43 +96,6 @@ TEST_F(CreateTest, AttributesFromTheNameAndTheFlags) {
   EXPECT_FALSE(VATTR_IS_SUPPORTED(&neither, va_flags));
 }
 
-// mkdir gives the directory one cluster, zero-filled over whatever the free
-// cluster held, so it reads as empty.
-TEST_F(CreateTest, MkdirAllocatesOneZeroedCluster) {
-  // Leave garbage in every free cluster the directory might get.
-  std::vector<uint8_t> garbage(builder_.bytes_per_cluster(), 0xA5);
-  for (uint32_t c = 2; c < 40; c++) {
-    if (!builder_.allocated(c))
-      builder_.write_data(c, Alloc::Contiguous, garbage);
-  }
-  mount_built();
-  uint32_t free_before = free_clusters();
-
-  Vref dir;
-  ASSERT_EQ(0, mkdir(root_vp_, "docs", &dir));
-  ASSERT_EQ(VDIR, vnode_vtype(dir.vp));
-  struct exfat_node* node = dir.node();
-  EXPECT_EQ(512u, node->x_size);
-  EXPECT_TRUE(used(node->x_start_cluster));
-  EXPECT_EQ(free_before - 1, free_clusters());
-  EXPECT_EQ(std::vector<uint8_t>(512, 0), dir_bytes(dir.vp, 0, 512));
-
-  Vref inner;
-  ASSERT_EQ(0, create(dir.vp, "inside", &inner));
-  EXPECT_EQ(0u, inner.node()->x_dir_offset);
-  EXPECT_EQ(node->x_start_cluster, inner.node()->x_dir_cluster);
-  inner.reset();
-
-  uint32_t cluster = node->x_start_cluster;
-  uint32_t offset = node->x_dir_offset;
-  dir.reset();
-  unmount_and_check();
-  std::vector<uint8_t> stream =
-      read_device(builder_.dir_byte_offset(builder_.root(), offset) + 32, 32);
-  EXPECT_EQ(cluster, le32dec(&stream[20]));
-  EXPECT_EQ(512u, le64dec(&stream[24]));
-}
-
 // A create whose parent is removed between the lookup and the operation asks
 // the kernel to restart (and so do mkdir and symlink).
 TEST_F(CreateTest, ParentRemovedBeforeCreateRestarts) {

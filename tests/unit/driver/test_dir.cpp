@@ -1,5 +1,4 @@
-// Directory iteration and directory block I/O: sets across blocks, the
-// checked-end mark, bad and corrupt entries.
+// Directory block I/O: reads and writes of byte ranges of a directory.
 
 #include <gtest/gtest.h>
 
@@ -132,76 +131,6 @@ class DirTest : public exvol::test::MountTest {
   struct exfat_node* node_ = nullptr;
   vfs_context_t ctx_ = nullptr;
 };
-
-// A set whose File entry ends one block and whose other entries begin the next
-// is passed as one contiguous copy, with the File entry's offset.
-TEST_F(DirTest, SetsStraddlingBlocksArriveAsOneCopy) {
-  Dir& d = make_dir(3);
-  builder_.skip_to(d, kBlock - EXFAT_ENTRY_SIZE);
-  std::vector<uint8_t> small = make_file_set(named(u"straddle"), builder_.upcase());
-  builder_.add_entries(d, small);
-
-  FileDesc big = named(u"big");
-  for (int i = 0; i < 253; i++)
-    big.extra_secondaries.push_back(raw_entry(0xE0, 0, 0, 0));
-  std::vector<uint8_t> big_set = make_file_set(big, builder_.upcase());
-  ASSERT_EQ(255, big_set[1]);
-  builder_.skip_to(d, kCluster - EXFAT_ENTRY_SIZE);
-  Placed placed = builder_.add_entries(d, big_set);
-  mount_and_open();
-
-  Recorder r;
-  ASSERT_EQ(0, iterate(0, &r, ITER_SETS));
-  ASSERT_EQ(2u, r.seen.size());
-  EXPECT_EQ(kBlock - EXFAT_ENTRY_SIZE, r.seen[0].offset);
-  EXPECT_EQ(small, r.seen[0].data);
-  EXPECT_EQ(placed.offset, r.seen[1].offset);
-  EXPECT_EQ(EXFAT_SET_BUFFER_SIZE, r.seen[1].data.size());
-  EXPECT_EQ(big_set, r.seen[1].data);
-  // Both sets were valid, so the mark moved past the big one.
-  EXPECT_EQ(placed.offset + EXFAT_SET_BUFFER_SIZE, node_->x_checked_end);
-  EXPECT_EQ(0u, node_->x_flags & X_BAD_SET);
-}
-
-// A set with a wrong checksum is skipped silently on every walk; after it
-// the checked-end mark stays where it was, even past later valid sets.
-TEST_F(DirTest, BadSetIsSkippedOnEveryWalkAndFreezesTheMark) {
-  Dir& d = make_dir();
-  builder_.add_set(d, named(u"a"));
-  std::vector<uint8_t> bad = make_file_set(named(u"b"), builder_.upcase());
-  bad[2] ^= 0x01;
-  Placed bad_at = builder_.add_entries(d, bad);
-  Placed c = builder_.add_set(d, named(u"c"));
-  mount_and_open();
-
-  KernLogCapture log;
-  for (int walk = 0; walk < 2; walk++) {
-    Recorder r;
-    ASSERT_EQ(0, iterate(0, &r, ITER_SETS)) << "walk " << walk;
-    EXPECT_EQ((std::vector<uint32_t>{0, c.offset}), offsets(r)) << "walk " << walk;
-    EXPECT_NE(0u, node_->x_flags & X_BAD_SET);
-    EXPECT_EQ(bad_at.offset, node_->x_checked_end) << "walk " << walk;
-  }
-  EXPECT_TRUE(log.lines().empty());
-  EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
-}
-
-// An unknown critical primary ends the walk with EIO, a message naming its
-// type, and the corruption mark; what came before it was still delivered.
-TEST_F(DirTest, UnknownCriticalPrimaryEndsTheWalk) {
-  Dir& d = make_dir();
-  builder_.add_set(d, named(u"a"));
-  builder_.add_entry(d, raw_entry(0x84));
-  builder_.add_set(d, named(u"after"));
-  mount_and_open();
-
-  KernLogCapture log;
-  Recorder r;
-  EXPECT_EQ(EIO, iterate(0, &r, ITER_SETS));
-  EXPECT_EQ((std::vector<uint32_t>{0}), offsets(r));
-  EXPECT_EQ(1u, log.count("exfat_dir_iterate: Unrecognized primary entry of type 0x84"));
-  EXPECT_NE(0u, xm->xm_flags & XM_CORRUPT);
-}
 
 // exfat_dir_read copies across block and cluster boundaries and reports a range
 // past the directory's end.

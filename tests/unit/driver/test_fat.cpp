@@ -1,5 +1,5 @@
-// The one-block FAT cache and the walk to a file's last cluster, on a
-// mounted volume.
+// The walk to a file's last cluster on a mounted volume, and the mount's
+// flags under threads that find corruption.
 
 #include <gtest/gtest.h>
 
@@ -49,82 +49,6 @@ class FatTest : public MountTest {
   void fsync_fat() { ASSERT_EQ(0, VNOP_FSYNC(xm->xm_fat_vp, MNT_WAIT, vfs_context_kernel())); }
 };
 
-// Clusters 0, 1 and past the heap are EIO and corruption; op 3 (get and set)
-// returns the old entry while storing the new one.
-TEST_F(FatTest, GetSetRefusesClustersOutsideTheHeap) {
-  mount_volume(two_block_fat());
-  const uint32_t max = xm->xm_max_cluster;
-  ASSERT_EQ(1201u, max);
-
-  for (uint32_t bad : {0u, 1u, max + 1}) {
-    xm->xm_flags &= ~XM_CORRUPT;
-    uint32_t value = 0xDEADBEEF;
-    EXPECT_EQ(EIO, exfat_fat_get_set(EXFAT_FAT_GET, xm, bad, &value, 0)) << bad;
-    EXPECT_EQ(0xDEADBEEFu, value) << "nothing is read for cluster " << bad;
-    EXPECT_TRUE(xm->xm_flags & XM_CORRUPT) << bad;
-    xm->xm_flags &= ~XM_CORRUPT;
-    EXPECT_EQ(EIO, exfat_fat_get_set(EXFAT_FAT_SET, xm, bad, nullptr, 7)) << bad;
-    EXPECT_TRUE(xm->xm_flags & XM_CORRUPT) << bad;
-  }
-  xm->xm_flags &= ~XM_CORRUPT;
-
-  // The highest cluster is a data cluster like any other.
-  set(max, 0xFFFFFFFF);
-  EXPECT_EQ(0xFFFFFFFFu, get(max));
-  EXPECT_FALSE(xm->xm_flags & XM_CORRUPT);
-
-  set(40, 41);
-  uint32_t old = 0;
-  ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET | EXFAT_FAT_SET, xm, 40, &old, 0xFFFFFFFF));
-  EXPECT_EQ(41u, old);
-  EXPECT_EQ(0xFFFFFFFFu, get(40));
-}
-
-// Moving the cache writes the dirty block back first; entries are little-endian.
-TEST_F(FatTest, CacheWritesBackADirtyBlockBeforeMovingAndEntriesAreLittleEndian) {
-  mount_volume(two_block_fat());
-  set(40, 0x01020304);  // block 0
-  lck_mtx_lock(xm->xm_fat_lock);
-  EXPECT_EQ(0u, xm->xm_fat_cache_offset);
-  EXPECT_TRUE(xm->xm_fat_cache_dirty);
-  int error = -1;
-  uint32_t* entry = exfat_fat_map(xm, 1100, &error);  // block 1
-  ASSERT_NE(nullptr, entry);
-  EXPECT_EQ(0, error);
-  EXPECT_EQ(4096u, xm->xm_fat_cache_offset);
-  EXPECT_FALSE(xm->xm_fat_cache_dirty) << "the new block starts clean";
-  // The entry pointer lies inside the cache at the entry's place.
-  EXPECT_EQ(reinterpret_cast<char*>(xm->xm_fat_cache) + (1100 * 4 - 4096),
-            reinterpret_cast<char*>(entry));
-  lck_mtx_unlock(xm->xm_fat_lock);
-
-  // Back in block 0 the change must come from the page cache, not be lost.
-  EXPECT_EQ(0x01020304u, get(40));
-
-  fsync_fat();
-  EXPECT_EQ(0x01020304u, disk_entry(40));
-  EXPECT_EQ((std::vector<uint8_t>{0x04, 0x03, 0x02, 0x01}),
-            read_device(built_.fat_byte_offset() + 40 * 4, 4));
-}
-
-// Only the short last block's FAT bytes are written; the FAT vnode doesn't grow.
-TEST_F(FatTest, ShortLastBlockIsWrittenWithoutTouchingWhatFollowsTheFat) {
-  const uint64_t fat_end = mountable(two_block_fat()).fat_byte_offset() + 5120;
-  mount_volume(two_block_fat(), {}, [&](std::vector<uint8_t>& image) {
-    std::memset(image.data() + fat_end, kSentinel, 6 * 512);
-  });
-  ASSERT_EQ(5120u, xm->xm_fat_size);
-
-  // The highest cluster's entry lies in the short block.
-  set(1201, 0x11223344);
-  set(1100, 0xFFFFFFFF);
-  fsync_fat();
-  EXPECT_EQ(0x11223344u, disk_entry(1201));
-  EXPECT_EQ(0xFFFFFFFFu, disk_entry(1100));
-  EXPECT_EQ(std::vector<uint8_t>(6 * 512, kSentinel), read_device(fat_end, 6 * 512));
-  EXPECT_EQ(off_t(5120), ubc_getsize(xm->xm_fat_vp)) << "the FAT vnode must not grow";
-}
-
 // A chain ends at any end mark (the bad-cluster mark too); a walk resumes
 // after the cached extent (cluster 40's entry is garbage).
 TEST_F(FatTest, FindLastClusterFollowsTheChainToAnyEndMark) {
@@ -169,37 +93,6 @@ TEST_F(FatTest, FindLastClusterFollowsTheChainToAnyEndMark) {
   EXPECT_EQ(43u, last);
   EXPECT_EQ(4 * bpc, bytes);
   EXPECT_FALSE(xm->xm_flags & XM_CORRUPT);
-}
-
-// Loops, free entries and clusters past the heap are reported once each,
-// mark the volume corrupt and leave the outputs alone.
-TEST_F(FatTest, FindLastClusterReportsCorruptChains) {
-  mount_volume(two_block_fat(), [](ImageBuilder& b) {
-    b.set_fat(10, 11).set_fat(11, 12).set_fat(12, 10);  // a loop
-    b.set_fat(20, 21).set_fat(21, 0);                   // a free entry in the chain
-    b.set_fat(30, 1202);                                // past xm_max_cluster (1201)
-  });
-  struct {
-    uint32_t start;
-    const char* message;
-  } cases[] = {
-      {10, "exfat_fat_find_last_cluster: Corrupt cluster chain detected"},
-      {20, "exfat_fat_find_last_cluster: invalid cluster: 0"},
-      {30, "exfat_fat_find_last_cluster: invalid cluster: 1202"},
-  };
-  for (const auto& c : cases) {
-    xm->xm_flags &= ~XM_CORRUPT;
-    struct exfat_node n = stand_in_node(xm, c.start);
-    uint32_t last = 77;
-    uint64_t bytes = 77;
-    KernLogCapture log;
-    EXPECT_EQ(EIO, exfat_fat_find_last_cluster(&n, &last, &bytes)) << c.start;
-    EXPECT_EQ(1u, log.count(c.message)) << c.start;
-    EXPECT_EQ(1u, log.lines().size()) << c.start;
-    EXPECT_TRUE(xm->xm_flags & XM_CORRUPT) << c.start;
-    EXPECT_EQ(77u, last) << "outputs stay unchanged on an error";
-    EXPECT_EQ(77u, bytes);
-  }
 }
 
 // Corruption found on several threads at once while an update sets and

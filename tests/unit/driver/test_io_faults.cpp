@@ -167,63 +167,6 @@ TEST_F(IoFaults, ErrorsAnywhereAreReturnedNeverFatal) {
   }
 }
 
-// An unreadable directory is not empty: lookups are EIO, creates fail.
-TEST_F(IoFaults, UnreadableDirectoryIsNotEmpty) {
-  host_memdev_faults faults;
-  faults.fail_read_bytes = {builder_.cluster_byte_offset(sub_.first_cluster)};
-  KernLogCapture quiet;
-  ASSERT_EQ(0, mount_faulty(faults, 0));
-  Vref dir;
-  ASSERT_EQ(0, lookup(root_vp_, "d", LOOKUP, &dir));
-  std::vector<DirRecord> records;
-  EXPECT_EQ(EIO, vn_list(dir.vp, &records));
-  Vref found;
-  EXPECT_EQ(EIO, lookup(dir.vp, "a", LOOKUP, &found));
-  EXPECT_EQ(EIO, lookup(dir.vp, "a", CREATE, &found)) << "a name to create must not look free";
-  Vref made;
-  EXPECT_NE(0, create(dir.vp, "a", &made));
-  dir.reset();
-  unmount_and_remount();
-}
-
-// An unreadable data block, or FAT block of a chain, fails the chained
-// file's read with EIO instead of giving zeros; other files still read.
-TEST_F(IoFaults, UnreadableDataOrFatBlockFailsTheRead) {
-  for (uint64_t byte : {builder_.cluster_byte_offset(chain_.first_cluster + 1),
-                        builder_.fat_byte_offset() + 4u * chain_.first_cluster}) {
-    SCOPED_TRACE(byte);
-    host_memdev_faults faults;
-    faults.fail_read_bytes = {byte};
-    KernLogCapture quiet;
-    ASSERT_EQ(0, mount_faulty(faults, MNT_RDONLY));
-    Vref chained, contiguous;
-    ASSERT_EQ(0, lookup(root_vp_, "chain", LOOKUP, &chained));
-    ASSERT_EQ(0, lookup(root_vp_, "contig", LOOKUP, &contiguous));
-    std::vector<uint8_t> data;
-    EXPECT_EQ(EIO, vn_read_all(chained.vp, &data, 1u << 20, 4096));
-    EXPECT_EQ(0, vn_read_all(contiguous.vp, &data));
-    EXPECT_EQ(pattern_bytes(0, 2 * 512, 4), data);
-    chained.reset();
-    contiguous.reset();
-    unmount_and_remount();
-  }
-}
-
-// An unwritable block fails a synchronous write and the fsync of a delayed one.
-TEST_F(IoFaults, UnwritableDataBlockIsReportedToWhoeverWaits) {
-  host_memdev_faults faults;
-  faults.fail_write_bytes = {builder_.cluster_byte_offset(contig_.first_cluster)};
-  KernLogCapture quiet;
-  ASSERT_EQ(0, mount_faulty(faults, 0));
-  Vref contiguous;
-  ASSERT_EQ(0, lookup(root_vp_, "contig", LOOKUP, &contiguous));
-  EXPECT_EQ(EIO, vn_write_at(contiguous.vp, 0, pattern_bytes(0, 512, 7), IO_SYNC));
-  ASSERT_EQ(0, vn_write_at(contiguous.vp, 0, pattern_bytes(0, 512, 8)));
-  EXPECT_EQ(EIO, VNOP_FSYNC(contiguous.vp, MNT_WAIT, ctx_));
-  contiguous.reset();
-  unmount_and_remount();
-}
-
 // A metadata block whose write fails, in the delayed flush, a sync or the
 // unmount's own flush, leaves the volume dirty on disk for the next mount,
 // even when the device has recovered by the unmount. The failure is logged;
@@ -305,4 +248,32 @@ TEST_F(IoFaults, FailedMetadataWriteLeavesTheVolumeDirty) {
       }
     }
   }
+}
+
+// A PercentInUse update that can't be written fails a waiting flush with a
+// message, and the volume stays marked dirty although the value is written
+// later.
+TEST_F(IoFaults, FailedPercentInUseWriteLeavesTheVolumeDirty) {
+  KernLogCapture quiet;
+  ASSERT_EQ(0, mount_faulty(host_memdev_faults{}, 0));
+  release_nodes();
+  host_memdev_faults faults;
+  faults.fail_write_bytes = {112};  // PercentInUse
+  host_memdev_set_faults(devvp, faults);
+  const uint32_t first = xm->xm_max_cluster - 99;
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  ASSERT_EQ(0, exfat_bitmap_mark_used(xm, first, 100));
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  {
+    KernLogCapture log;
+    exfat_meta_flush(xm, IO_SYNC);
+    EXPECT_EQ(1u, log.count("exfat_meta_flush_internal: error 5 from exfat_sync_boot_sector"));
+  }
+  host_memdev_set_faults(devvp, host_memdev_faults{});
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  ASSERT_EQ(0, exfat_bitmap_mark_free(xm, first, 100));
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  ASSERT_EQ(0, unmount());
+  expect_nothing_left("after the unmount");
+  EXPECT_NE(0, disk_volume_flags() & EXFAT_VOLUME_DIRTY);
 }

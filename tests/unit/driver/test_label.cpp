@@ -1,5 +1,5 @@
-// Renaming the volume through VFS_SETATTR: where the label entry goes, what
-// it holds, which names fit and how they are normalised.
+// Renaming the volume through VFS_SETATTR: which names fit, and none on a
+// read-only volume.
 
 #include <gtest/gtest.h>
 
@@ -17,10 +17,6 @@ namespace {
 
 constexpr uint32_t kCluster = 4096;  // default geometry
 constexpr uint32_t kSystemEntriesEnd = 64;  // after the bitmap and up-case entries
-
-std::vector<uint8_t> entry_bytes(const Entry& e) {
-  return std::vector<uint8_t>(e.begin(), e.end());
-}
 
 class LabelTest : public VolumeTest {
  protected:
@@ -64,32 +60,6 @@ class LabelTest : public VolumeTest {
     return n;
   }
 };
-
-// A volume without a label entry gets one in the first free slot.
-TEST_F(LabelTest, FirstRenameTakesASlotLaterOnesRewriteIt) {
-  Placed f = builder_.add_file(builder_.root(), u"a", bytes("x"));
-  uint32_t slot = f.offset + 32 * f.entries;
-  mount_built();
-  ASSERT_EQ(EXFAT_NO_LABEL_OFFSET, xm->xm_label_offset);
-
-  bool supported = false;
-  ASSERT_EQ(0, set_label("BACKUP DISK", &supported));
-  EXPECT_TRUE(supported);
-  EXPECT_EQ(slot, xm->xm_label_offset);
-  EXPECT_EQ(entry_bytes(label_entry(u"BACKUP DISK")), root_bytes(slot, 32));
-  EXPECT_EQ("BACKUP DISK", reported_label());
-
-  ASSERT_EQ(0, set_label("X"));
-  EXPECT_EQ(slot, xm->xm_label_offset);
-  EXPECT_EQ(entry_bytes(label_entry(u"X")), root_bytes(slot, 32));
-  EXPECT_EQ("X", reported_label());
-  EXPECT_EQ(1, label_entries());
-
-  unmount_and_check();
-  ASSERT_EQ(0, mount());
-  EXPECT_STREQ("X", xm->xm_label);
-  EXPECT_EQ(slot, xm->xm_label_offset);
-}
 
 // Eleven UTF-16 units fit, whatever their UTF-8 length.
 TEST_F(LabelTest, ElevenUnitsFitTwelveDoNot) {

@@ -1,5 +1,5 @@
-// Locking a node's parent: nodes without one, a file's, and the retry when
-// the node moves while its parent is held.
+// Locking a node's parent: the retry when the node moves while its parent
+// is held.
 
 #include <gtest/gtest.h>
 
@@ -51,40 +51,6 @@ class LockTest : public VolumeTest {
   vnode_t file_vp_ = NULLVP;
   struct exfat_node* file_ = nullptr;
 };
-
-// Nodes without an entry set of their own need no parent: no lock, no
-// reference. A file's parent is locked and referenced for the caller.
-TEST_F(LockTest, LockParentOfEachKindOfNode) {
-  mount_with_file();
-  int root_refs = host_vnode_iocount(root_vp_);
-  struct exfat_node* parent = reinterpret_cast<struct exfat_node*>(1);
-
-  exfat_node_lock(root_);
-  EXPECT_EQ(0, exfat_lock_parent(root_, &parent));
-  EXPECT_EQ(nullptr, parent);
-  exfat_node_unlock(root_);
-
-  for (uint32_t flag : {X_DELETED, X_SYSTEM}) {
-    exfat_node_lock(file_);
-    file_->x_flags |= flag;
-    parent = reinterpret_cast<struct exfat_node*>(1);
-    EXPECT_EQ(0, exfat_lock_parent(file_, &parent));
-    EXPECT_EQ(nullptr, parent);
-    file_->x_flags &= ~flag;
-    exfat_node_unlock(file_);
-  }
-  EXPECT_EQ(root_refs, host_vnode_iocount(root_vp_));
-  EXPECT_EQ(nullptr, owner_of(root_));
-
-  exfat_node_lock(file_);
-  ASSERT_EQ(0, exfat_lock_parent(file_, &parent));
-  EXPECT_EQ(root_, parent);
-  EXPECT_EQ(current_thread(), owner_of(root_));
-  EXPECT_EQ(root_refs + 1, host_vnode_iocount(root_vp_));
-  exfat_node_unlock(parent);
-  vnode_put(parent->x_vnode);
-  exfat_node_unlock(file_);
-}
 
 class LockConcurrency : public LockTest {};
 

@@ -1,5 +1,5 @@
-// Lookup: case-insensitive matching, "." and "..", the name cache, and a
-// restart when the vnode is being reclaimed.
+// Lookup: a directory sharing another's clusters, and a restart when the
+// vnode is being reclaimed.
 
 #include <gtest/gtest.h>
 
@@ -55,76 +55,6 @@ class LookupTest : public VolumeTest {
 
   uint64_t device_reads() { return stats().reads; }
 };
-
-// A name given in other case finds the set.
-TEST_F(LookupTest, CaseInsensitiveMatchKeepsTheStoredCase) {
-  Placed readme = builder_.add_file(builder_.root(), u"ReadMe.txt", bytes("hello"));
-  Placed first = builder_.add_file(builder_.root(), u"twins", bytes("1"));
-  builder_.add_file(builder_.root(), u"TWINS", bytes("2"));
-  mount_built();
-
-  Vref upper, lower;
-  ASSERT_EQ(0, lookup("README.TXT", &upper));
-  EXPECT_EQ(readme.offset, upper.node()->x_dir_offset);
-  EXPECT_EQ(5u, upper.node()->x_size);
-  ASSERT_EQ(0, lookup("readme.txt", &lower));
-  EXPECT_EQ(upper.vp, lower.vp);
-
-  Vref twin;
-  ASSERT_EQ(0, lookup("TwInS", &twin));
-  EXPECT_EQ(first.offset, twin.node()->x_dir_offset);
-
-  auto* root = root_;
-  Component c("README.TXT", LOOKUP);
-  uint32_t offset = 0, count = 0;
-  exfat_node_lock(root);
-  EXPECT_EQ(0, exfat_lookup_componentname(root, &c.cn, &offset, &count, ctx_));
-  exfat_node_unlock(root);
-  EXPECT_EQ(readme.offset, offset);
-  EXPECT_EQ(3u, count);  // File, Stream Extension, one name entry
-
-  const std::u16string sought = u"TWINS";
-  const uint16_t* units = reinterpret_cast<const uint16_t*>(sought.data());
-  exfat_node_lock(root);
-  EXPECT_EQ(0, exfat_lookup_name(root, units, 5, exfat_name_hash(xm->xm_upcase, 5, units),
-                                 xm->xm_upcase, nullptr, nullptr, ctx_));
-  EXPECT_EQ(ENOENT, exfat_lookup_name(root, units, 4, exfat_name_hash(xm->xm_upcase, 4, units),
-                                      xm->xm_upcase, &offset, &count, ctx_));
-  exfat_node_unlock(root);
-
-  buf_flushdirtyblks(devvp, 1, 0, "test");
-  std::vector<uint8_t> stored = read_device(
-      builder_.dir_byte_offset(builder_.root(), readme.offset + 64) + 2, 20);
-  std::u16string expect = u"ReadMe.txt";
-  for (size_t i = 0; i < expect.size(); i++)
-    EXPECT_EQ(expect[i], le16dec(&stored[2 * i])) << "unit " << i;
-}
-
-// "." and ".." of the root are the root.
-TEST_F(LookupTest, DotAndDotDot) {
-  Dir sub = builder_.mkdir(builder_.root(), u"sub");
-  builder_.mkdir(sub, u"inner");
-  mount_built();
-
-  int before = host_vnode_iocount(root_vp_);
-  Vref dot, dotdot;
-  ASSERT_EQ(0, lookup(".", &dot));
-  EXPECT_EQ(root_vp_, dot.vp);
-  ASSERT_EQ(0, lookup("..", &dotdot, LOOKUP, kLastLookup | ISDOTDOT));
-  EXPECT_EQ(root_vp_, dotdot.vp);
-  EXPECT_EQ(before + 2, host_vnode_iocount(root_vp_));
-
-  Vref subv, inner, sub_dot, inner_up, sub_up;
-  ASSERT_EQ(0, lookup("sub", &subv));
-  ASSERT_EQ(VDIR, vnode_vtype(subv.vp));
-  ASSERT_EQ(0, lookup(subv.vp, "inner", LOOKUP, kLastLookup, &inner));
-  ASSERT_EQ(0, lookup(subv.vp, ".", LOOKUP, kLastLookup, &sub_dot));
-  EXPECT_EQ(subv.vp, sub_dot.vp);
-  ASSERT_EQ(0, lookup(inner.vp, "..", LOOKUP, kLastLookup | ISDOTDOT, &inner_up));
-  EXPECT_EQ(subv.vp, inner_up.vp);
-  ASSERT_EQ(0, lookup(subv.vp, "..", LOOKUP, kLastLookup | ISDOTDOT, &sub_up));
-  EXPECT_EQ(root_vp_, sub_up.vp);
-}
 
 // A directory whose clusters are another's lists what that one lists. One
 // that lists itself, or an ancestor, must not hand out itself or the

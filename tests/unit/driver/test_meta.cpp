@@ -1,5 +1,5 @@
-// The volume's dirty state on disk and the delayed metadata flush:
-// coalescing, what it writes, and an unmount that meets it.
+// The volume's dirty state on disk, and an unmount that meets the delayed
+// metadata flush.
 
 #include <atomic>
 #include <chrono>
@@ -27,11 +27,6 @@ void dirty_scratch_block(vnode_t devvp, uint8_t fill) {
 
 uint8_t scratch_on_disk(const MountedVolume& v) {
   return v.read_device(kScratchBlock * 512, 1)[0];
-}
-
-// Waits for the armed flush to have run.
-bool wait_for_flush(struct exfat_mount* xm) {
-  return wait_for([&] { return !flush_pending(xm); });
 }
 
 }  // namespace
@@ -81,51 +76,6 @@ class DelayedFlush : public MountTest {
     ASSERT_EQ(0, mount(flags));
   }
 };
-
-TEST_F(DelayedFlush, RequestsWithinTheDelayShareOneFlush) {
-  mount_scratch();
-  dirty_scratch_block(devvp, 0xA1);
-  exfat_meta_flush(xm, 0);
-  EXPECT_TRUE(flush_pending(xm));
-  std::this_thread::sleep_for(10ms);
-  // A second arming of a pending timer would panic.
-  exfat_meta_flush(xm, 0);
-  ASSERT_TRUE(wait_for_flush(xm));
-  EXPECT_EQ(0xA1, scratch_on_disk(*this));
-
-  // Nothing else is armed: a change made now stays in memory…
-  dirty_scratch_block(devvp, 0xA2);
-  std::this_thread::sleep_for(80ms);
-  EXPECT_EQ(0xA1, scratch_on_disk(*this));
-  // …until a later request arms a second flush.
-  exfat_meta_flush(xm, 0);
-  EXPECT_TRUE(flush_pending(xm));
-  ASSERT_TRUE(wait_for_flush(xm));
-  EXPECT_EQ(0xA2, scratch_on_disk(*this));
-}
-
-TEST_F(DelayedFlush, FlushWritesTheCachesAndPercentInUse) {
-  mount_scratch();
-  // Dirty the FAT cache with an unchanged entry, and change the free count.
-  uint32_t value = 0;
-  ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_GET, xm, 2, &value, 0));
-  ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, 2, nullptr, 0x0ABCDEF0));
-  lck_mtx_lock(xm->xm_bitmap_lock);
-  uint32_t saved_free = xm->xm_free_clusters;
-  xm->xm_free_clusters = (xm->xm_max_cluster - 1) / 4;
-  lck_mtx_unlock(xm->xm_bitmap_lock);
-
-  exfat_meta_flush(xm, 0);
-  ASSERT_TRUE(wait_for_flush(xm));
-  EXPECT_EQ(75, disk_percent_in_use());
-  uint64_t fat = static_cast<uint64_t>(xm->xm_fat_offset) * 512;
-  EXPECT_EQ(0x0ABCDEF0u, le32dec(read_device(fat + 8, 4).data()));
-
-  ASSERT_EQ(0, exfat_fat_get_set(EXFAT_FAT_SET, xm, 2, nullptr, value));
-  lck_mtx_lock(xm->xm_bitmap_lock);
-  xm->xm_free_clusters = saved_free;
-  lck_mtx_unlock(xm->xm_bitmap_lock);
-}
 
 // Threads: the timer's callback against unmount.
 class DelayedFlushConcurrency : public MountTest {};

@@ -284,23 +284,6 @@ TEST_F(VolumeFigures, StatfsAndGetattrReportTheGeometryAndFreeSpace) {
 
 class Unmount : public MountTest {};
 
-// A read-only mount, its sync and its unmount leave every byte as it was.
-TEST_F(Unmount, ReadOnlySyncAndUnmountWriteNothing) {
-  ImageBuilder b = mountable();
-  b.add_file(b.root(), u"f", std::vector<uint8_t>(100, 1));
-  b.volume_flags(0x0008).boot_field(112, 40, 1);  // PercentInUse
-  std::vector<uint8_t> image = b.build();
-  ASSERT_EQ(0, load(image));
-  ASSERT_EQ(0, mount(MNT_RDONLY));
-  EXPECT_EQ(0u, stats().writes);
-  host_blkdev_reset_stats(devvp);
-  EXPECT_EQ(0, VFS_SYNC(mp, MNT_WAIT, vfs_context_kernel()));
-  EXPECT_EQ(0u, stats().flushes) << "a read-only sync flushes nothing";
-  ASSERT_EQ(0, unmount());
-  EXPECT_EQ(0u, stats().writes);
-  EXPECT_EQ(image, read_device(0, image.size()));
-}
-
 // The module refuses to stop while a volume is mounted, and stays usable.
 TEST_F(Unmount, ModuleCantStopWhileAVolumeIsMounted) {
   ASSERT_EQ(0, load(mountable().build()));

@@ -1,6 +1,5 @@
 // Paging through mapped access on mounted builder images: zeros past the
-// valid length although the disk holds junk, and the zero fill of the gap
-// before a page stored beyond it.
+// valid length although the disk holds junk.
 
 #include <gtest/gtest.h>
 
@@ -70,45 +69,6 @@ TEST_F(PagingTest, MappedPagesReadZerosPastTheValidLength) {
   }
   page = fault(vp, 0);
   EXPECT_TRUE(holds_pattern(page.data(), 0, PAGE_SIZE));
-}
-
-// A store through a mapping two pages beyond the valid length, paged out
-// by msync, or left to fsync (which must not write it without moving the
-// valid length over it).
-TEST_F(PagingTest, StoreBeyondTheValidLengthPagesOutWithTheGapZeroed) {
-  File f = junk_file(u"f", 4 * kCluster, 1000);
-  File g = junk_file(u"g", 10000, 1000);
-  File h = junk_file(u"h", 4 * kCluster, 1000);
-  mount_built();
-  vnode_t vp = get(f.offset);
-  vnode_t short_vp = get(g.offset);
-  vnode_t synced_vp = get(h.offset);
-
-  store(synced_vp, 8192);
-  ASSERT_EQ(0, VNOP_FSYNC(synced_vp, MNT_WAIT, ctx_));
-  EXPECT_EQ(12288u, node_of(synced_vp)->x_valid_size);
-  std::vector<uint8_t> synced = disk_data(h.first_cluster, 0, 12288);
-  EXPECT_TRUE(all_zero(synced, 1000, 8192));
-  EXPECT_TRUE(holds_pattern(synced.data() + 8192, 8192, 4096));
-
-  store(vp, 8192);
-  ASSERT_EQ(0, ubc_msync(vp, 0, 4 * kCluster, nullptr, UBC_PUSHDIRTY | UBC_SYNC));
-  EXPECT_EQ(12288u, node_of(vp)->x_valid_size);
-  EXPECT_EQ(X_DIRTY | X_STREAM_DIRTY, node_of(vp)->x_flags & (X_DIRTY | X_STREAM_DIRTY));
-  ASSERT_EQ(0, VNOP_FSYNC(vp, MNT_WAIT, ctx_));
-  std::vector<uint8_t> disk = disk_data(f.first_cluster, 0, 12288);
-  EXPECT_TRUE(holds_pattern(disk.data(), 0, 1000));
-  EXPECT_TRUE(all_zero(disk, 1000, 8192)) << "the gap on the device";
-  EXPECT_TRUE(holds_pattern(disk.data() + 8192, 8192, 4096));
-
-  store(short_vp, 8192);
-  ASSERT_EQ(0, ubc_msync(short_vp, 0, 10000, nullptr, UBC_PUSHDIRTY | UBC_SYNC));
-  EXPECT_EQ(10000u, node_of(short_vp)->x_valid_size);
-
-  unmount_and_check();
-  EXPECT_EQ(12288u, le64dec(&disk_stream(f.offset)[8]));
-  EXPECT_EQ(10000u, le64dec(&disk_stream(g.offset)[8]));
-  EXPECT_EQ(12288u, le64dec(&disk_stream(h.offset)[8]));
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// Directory listing: positions and resuming, both record forms, types and
-// file numbers, name conversion.
+// Directory listing: name conversion of stored names.
 
 #include <gtest/gtest.h>
 
@@ -142,38 +141,6 @@ class ReaddirTest : public VolumeTest {
   }
 };
 
-// An empty directory lists ".", ".." and ends, at x_size + 64.
-TEST_F(ReaddirTest, EmptyDirectoryAndTheEnd) {
-  Dir empty = builder_.mkdir(builder_.root(), u"empty", 2);
-  mount_built();
-  vnode_t dvp = child("empty");
-  ASSERT_NE(NULLVP, dvp);
-
-  for (int flags : {0, kExtended}) {
-    SCOPED_TRACE(flags);
-    Listing l = list(dvp, 0, 4096, flags);
-    EXPECT_EQ(0, l.error);
-    ASSERT_EQ((std::vector<std::string>{".", ".."}), l.names());
-    EXPECT_EQ(1, l.eof);
-    EXPECT_EQ(static_cast<off_t>(2 * kCluster + 64), l.next);
-    EXPECT_EQ(empty.first_cluster, l.records[0].ino);
-    EXPECT_EQ(xm->xm_root_cluster, l.records[1].ino);
-    EXPECT_EQ(DT_DIR, l.records[0].type);
-    EXPECT_EQ(DT_DIR, l.records[1].type);
-
-    Listing end = list(dvp, l.next, 4096, flags);
-    EXPECT_EQ(0, end.error);
-    EXPECT_TRUE(end.records.empty());
-    EXPECT_EQ(1, end.eof);
-    EXPECT_EQ(l.next, end.next);
-  }
-
-  Listing root = list(root_vp_, 0, 4096);
-  ASSERT_LE(2u, root.records.size());
-  EXPECT_EQ(xm->xm_root_cluster, root.records[0].ino);
-  EXPECT_EQ(xm->xm_root_cluster, root.records[1].ino);
-}
-
 // Record types and file numbers.
 TEST_F(ReaddirTest, TypesAndFileNumbers) {
   Placed link = builder_.add_file(builder_.root(), u"maybe-link",
@@ -254,43 +221,6 @@ TEST_F(ReaddirTest, NameConversion) {
   EXPECT_EQ(765, extended.records[2].namlen);
   EXPECT_EQ(792, extended.records[2].reclen);
   EXPECT_EQ("last", extended.records[3].name);
-}
-
-// A large directory listed with small buffers, call after call, yields every
-// name once, in directory order, across blocks and clusters.
-TEST_F(ReaddirTest, ResumedListingSeesEverySetOnce) {
-  Dir big = builder_.mkdir(builder_.root(), u"big", 4);
-  std::vector<std::string> expect = {".", ".."};
-  Placed deleted{};
-  for (int i = 0; i < 150; i++) {
-    // Up to 8 units: three entries per set, 150 sets in four clusters.
-    std::string name = std::string("f") + static_cast<char>('a' + i % 26) +
-                       std::string(static_cast<size_t>(i / 26 + 1), 'z');
-    Placed p = builder_.add_file(big, std::u16string(name.begin(), name.end()), {});
-    if (i == 40) {
-      builder_.mark_deleted(big, p.offset, p.entries);
-      deleted = p;
-      continue;
-    }
-    expect.push_back(name);
-  }
-  std::vector<uint8_t> benign(64, 0);  // an unknown benign primary with one secondary
-  benign[0] = 0xA5;
-  benign[1] = 1;
-  benign[32] = 0xE0;
-  le16enc(&benign[2], set_checksum(benign.data()));
-  builder_.add_entries(big, benign);
-  mount_built();
-  vnode_t dvp = child("big");
-  ASSERT_NE(NULLVP, dvp);
-
-  EXPECT_EQ(expect, list_all(dvp, 100));
-  EXPECT_EQ(expect, list_all(dvp, 1000, kExtended));
-
-  Listing at_free = list(dvp, static_cast<off_t>(deleted.offset + 64), 4096);
-  ASSERT_EQ(0, at_free.error);
-  ASSERT_FALSE(at_free.records.empty());
-  EXPECT_EQ(expect[2 + 40], at_free.records[0].name);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Remove and rmdir as the kernel drives them: the bytes changed, when
-// clusters go, emptiness and benign allocations.
+// Remove and rmdir as the kernel drives them: a node of another directory
+// looked up again, emptiness and what rmdir frees.
 
 #include <gtest/gtest.h>
 
@@ -49,46 +49,6 @@ class RemoveTest : public NamespaceTest {
     return clusters;
   }
 };
-
-// Removing an open file deletes its set at once (only the InUse bits change)
-// and marks the node deleted, stale and parentless; it reports no link.
-TEST_F(RemoveTest, OpenFileKeepsItsClustersUntilLastReference) {
-  std::string contents(3 * 512, 'q');
-  Placed placed = builder_.add_file(builder_.root(), u"data", bytes(contents));
-  mount_built();
-  std::vector<uint8_t> before = dir_bytes(root_vp_, placed.offset, 96);
-  uint32_t free_before = free_clusters();
-
-  Vref file;
-  ASSERT_EQ(0, lookup("data", &file));
-  ASSERT_EQ(0, vnode_ref(file.vp));  // as an open descriptor holds it
-  EXPECT_EQ(1u, link_count(file.vp));
-  ASSERT_EQ(0, remove(root_vp_, "data"));
-  EXPECT_EQ(0u, link_count(file.vp)) << "the name is gone";
-
-  std::vector<uint8_t> after = dir_bytes(root_vp_, placed.offset, 96);
-  std::vector<uint8_t> expect = before;
-  expect[0] &= 0x7F;
-  expect[32] &= 0x7F;
-  expect[64] &= 0x7F;
-  EXPECT_EQ(expect, after);
-  struct exfat_node* node = file.node();
-  EXPECT_TRUE(node->x_flags & X_DELETED);
-  EXPECT_TRUE(node->x_hash_flags & X_HASH_STALE);
-  EXPECT_EQ(nullptr, node->x_parent);
-  Vref gone;
-  EXPECT_EQ(ENOENT, lookup("data", &gone));
-
-  EXPECT_EQ(contents, read_file(file.vp, contents.size()));
-  EXPECT_TRUE(used(placed.first_cluster));
-  EXPECT_EQ(free_before, free_clusters());
-
-  vnode_rele(file.vp);
-  file.reset();
-  EXPECT_FALSE(used(placed.first_cluster));
-  EXPECT_EQ(free_before + 3, free_clusters());
-  unmount_and_check();
-}
 
 // A vnode that no longer lives in the directory it is named in (the kernel
 // looked it up before it moved) is sent back for a new lookup, even when

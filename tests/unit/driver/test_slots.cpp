@@ -1,5 +1,5 @@
-// Free entry slots and entry deletion with 512-byte clusters (16 slots per
-// directory cluster): where sets land, growth, bytes changed, clusters freed.
+// Entry deletion with 512-byte clusters (16 slots per directory cluster):
+// the bytes changed and the clusters freed; roots at the format's limit.
 
 #include <gtest/gtest.h>
 
@@ -73,62 +73,6 @@ class SlotTest : public VolumeTest {
   int names_ = 0;
   struct exfat_node* dir_node_ = nullptr;
 };
-
-// A directory with every slot in use grows by one zero-filled cluster, and
-// the new set goes at its old end.
-TEST_F(SlotTest, FullDirectoryGrowsByOneCluster) {
-  for (int i = 0; i < 4; i++)
-    add(3);
-  add(4);
-  ASSERT_EQ(kSlots * EXFAT_ENTRY_SIZE, dir_.next_offset);
-  // Whatever the next cluster held must not show up as entries.
-  builder_.write_data(dir_.first_cluster + 1, Alloc::Contiguous,
-                      std::vector<uint8_t>(kCluster, EXFAT_ENTRY_FILE));
-  mount_and_open();
-  uint32_t free_before = xm->xm_free_clusters;
-
-  uint32_t offset = 0;
-  ASSERT_EQ(0, find(3, &offset));
-  EXPECT_EQ(kCluster, offset);
-  EXPECT_EQ(2u * kCluster, dir_node_->x_size);
-  EXPECT_EQ(2u * kCluster, dir_node_->x_valid_size);
-  EXPECT_EQ(free_before - 1, xm->xm_free_clusters);
-  EXPECT_EQ(std::vector<uint8_t>(kCluster, 0), contents(kCluster, kCluster));
-
-  update_dir();
-  unmount_and_check();
-}
-
-// A deleted set is reused by a search that fits it; a longer search passes
-// it by, unless the slots after it are free too.
-TEST_F(SlotTest, DeletedSetsAreReusedWhenTheyFit) {
-  add(3);
-  uint32_t b = add(3);
-  uint32_t c = add(3);  // slots 9-15 stay free
-  builder_.mark_deleted(dir_, b, 3);
-  mount_and_open();
-
-  uint32_t offset = 0;
-  ASSERT_EQ(0, find(3, &offset));
-  EXPECT_EQ(b, offset);
-  ASSERT_EQ(0, find(4, &offset));
-  EXPECT_EQ(c + 3 * EXFAT_ENTRY_SIZE, offset);
-
-  // With the set after it deleted as well, the run reaches the end.
-  ASSERT_EQ(0, remove(c, 3, 0));
-  ASSERT_EQ(0, find(4, &offset));
-  EXPECT_EQ(b, offset);
-  EXPECT_EQ(kCluster, dir_node_->x_size);
-
-  // A search longer than the trailing run (13 slots) grows the directory
-  // by what the run lacks and starts at the run.
-  ASSERT_EQ(0, find(14, &offset));
-  EXPECT_EQ(b, offset);
-  EXPECT_EQ(2u * kCluster, dir_node_->x_size);
-
-  update_dir();
-  unmount_and_check();
-}
 
 // Deleting a set clears bit 7 of each entry's type and changes no other byte,
 // neither of the set nor of its neighbours.

@@ -72,9 +72,6 @@ inline std::string link_file(const std::string& target) {
   out.resize(1067, ' ');
   return out;
 }
-inline std::vector<uint8_t> link_contents(const std::string& target) {
-  return bytes(link_file(target));
-}
 
 inline Geometry geometry_with_clusters(uint32_t cluster_count) {
   return Geometry{.cluster_count = cluster_count};
@@ -192,11 +189,6 @@ class VolumeTest : public MountTest {
     }
     return set;
   }
-  // The stream extension of the root's set at `offset`, as the device holds
-  // it now (nothing is flushed first).
-  std::vector<uint8_t> disk_stream(uint32_t offset) {
-    return read_device(builder_.dir_byte_offset(builder_.root(), offset + 32), 32);
-  }
   std::vector<uint8_t> disk_data(uint32_t first_cluster, uint64_t offset, size_t length) {
     return read_device(builder_.cluster_byte_offset(first_cluster) + offset, length);
   }
@@ -229,23 +221,6 @@ class VolumeTest : public MountTest {
   void settle() {
     exfat_meta_flush_internal(xm, 1);
     host_blkdev_reset_stats(devvp);
-  }
-
-  // Leaves exactly `free` clusters of the builder's volume unallocated by
-  // giving the others to one filler file, so the volume stays consistent.
-  void leave_free(uint32_t free, const std::u16string& name = u"filler") {
-    uint32_t unallocated = 0;
-    for (uint32_t c = 2; c < builder_.geometry().cluster_count + 2; c++)
-      unallocated += builder_.allocated(c) ? 0 : 1;
-    ASSERT_GE(unallocated, free);
-    uint32_t take = unallocated - free;
-    if (take == 0)
-      return;
-    FileDesc desc;
-    desc.name = name;
-    desc.first_cluster = builder_.allocate(take, Alloc::Chain);
-    desc.data_length = uint64_t(take) * builder_.bytes_per_cluster();
-    builder_.add_set(builder_.root(), desc);
   }
 
   // An empty regular file in the root; returns its set's offset.
