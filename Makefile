@@ -58,7 +58,8 @@ test: deps
 # modes. A failure prints its seed, the command that replays it and, where
 # the mode allows, the sequence shrunk to a test case.
 SECONDS ?= 600
-MODEL_MODES := ModelCheckGeometry ModelCheckPowerCut ModelCheckIoErrors ModelCheckDamaged ModelCheckFuse
+MODEL_MODES := ModelCheckGeometry ModelCheckLargeDirectory ModelCheckPowerCut ModelCheckIoErrors \
+	ModelCheckDamaged ModelCheckFuse
 soak: build
 	@per=$$(( $(SECONDS) / $(words $(MODEL_MODES)) )); [ $$per -gt 0 ] || per=1; status=0; \
 	for mode in $(MODEL_MODES); do \
