@@ -230,6 +230,15 @@ void push_out_one_locked(vlock& lk) {
   g.changed.notify_all();
 }
 
+// Whether more vnodes exist than desiredvnodes, not counting those a push-out
+// is already reclaiming (they still count in numvnodes until it ends; two
+// threads pushing out at once would otherwise both take the excess and
+// reclaim twice what is needed). Caller holds the lock.
+bool over_limit_locked() {
+  vnode_globals& g = G();
+  return g.numvnodes - g.pushouts_in_flight > desiredvnodes && !g.lru.empty();
+}
+
 // The push-out thread: reclaims unused vnodes while there are more vnodes
 // than desiredvnodes. It holds no other lock while reclaiming, so a file
 // system's reclaim can take whatever locks it needs; a thread creating a
@@ -238,7 +247,7 @@ void reaper_main() {
   vnode_globals& g = G();
   vlock lk(g.lock);
   for (;;) {
-    g.reaper_wake.wait(lk, [&] { return g.numvnodes > desiredvnodes && !g.lru.empty(); });
+    g.reaper_wake.wait(lk, [&] { return over_limit_locked(); });
     push_out_one_locked(lk);
   }
 }
@@ -649,7 +658,7 @@ void host_vnode_push_out(void) {
   vnode_globals& g = G();
   vlock lk(g.lock);
   for (;;) {
-    if (g.numvnodes > desiredvnodes && !g.lru.empty()) {
+    if (over_limit_locked()) {
       push_out_one_locked(lk);
     } else if (g.pushouts_in_flight > 0) {
       g.changed.wait(lk);
