@@ -16,6 +16,7 @@
 // No library lock is held while a caller's callback runs.
 
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -54,21 +55,28 @@ struct MapState;
 struct NodeTable {
   struct Entry {
     vnode_t vp = NULLVP;   // weak unless pinned; stale once its vid changed
-    uint32_t vid = 0;
-    bool dir = false;
-    bool pinned = false;   // holds a use reference on vp
-    bool gone = false;     // unlinked or replaced: no key
-    uint32_t kids = 0;     // file nodes keyed under this directory node
+    std::string name;      // a file's key (not gone): its name in parent,
+    uint64_t parent = 0;   // as last looked up; 0 when it has no key
     uint64_t count = 0;    // the front end's references
-    uint64_t parent = 0;   // a file's key (not gone): its directory's node
-    std::string name;      // and its name there, as last looked up
+    uint32_t vid = 0;
+    uint32_t gen = 0;      // the slot's generation: id = gen << 32 | slot
+    uint32_t key_next = 0; // next slot of its key chain; 0 ends it
+    uint32_t kids : 28 = 0;   // file nodes keyed under this directory node
+    uint32_t used : 1 = 0;
+    uint32_t dir : 1 = 0;
+    uint32_t pinned : 1 = 0;  // holds a use reference on vp
+    uint32_t gone : 1 = 0;    // unlinked or replaced: no key
   };
-  std::unordered_map<uint64_t, Entry> by_id;
+  // Entries live in slots (0 and 1 are never used: 1 is the root); an id
+  // is never handed out twice, since a slot's generation grows at reuse.
+  std::deque<Entry> slots{2};
+  std::vector<uint32_t> free_slots;
+  // The keyed file nodes, hashed by key: chains of slots through key_next.
+  std::vector<uint32_t> key_heads;
+  size_t keyed = 0;
   // The node whose weak vnode is vp; check the vid, the record may be stale.
+  // Vnode records are reused, so this stays as small as the vnode cache.
   std::unordered_map<vnode_t, uint64_t> by_vnode;
-  // hash(parent, name) of every keyed file node.
-  std::unordered_multimap<size_t, uint64_t> by_key;
-  uint64_t next_id = 2;  // 1 is the root
   // Unlinks and renames under way and done, by their directories' vnodes
   // hashed: a key is looked up again only across a span that no change in
   // its directory overlapped.

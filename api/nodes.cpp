@@ -34,12 +34,84 @@ size_t key_hash(uint64_t parent, const std::string& name) {
   return std::hash<std::string>()(name) ^ (std::hash<uint64_t>()(parent) * 0x9e3779b97f4a7c15ull);
 }
 
+uint64_t id_of(const Entry& e, uint32_t slot) { return (uint64_t{e.gen} << 32) | slot; }
+
+Entry* find(NodeTable& t, uint64_t id) {
+  uint32_t slot = static_cast<uint32_t>(id);
+  if (slot < 2 || slot >= t.slots.size())
+    return nullptr;
+  Entry& e = t.slots[slot];
+  return e.used && e.gen == static_cast<uint32_t>(id >> 32) ? &e : nullptr;
+}
+
+uint64_t add(NodeTable& t) {
+  uint32_t slot;
+  if (!t.free_slots.empty()) {
+    slot = t.free_slots.back();
+    t.free_slots.pop_back();
+  } else {
+    slot = static_cast<uint32_t>(t.slots.size());
+    t.slots.emplace_back();
+  }
+  Entry& e = t.slots[slot];
+  e.gen = e.gen + 1 == 0 ? 1 : e.gen + 1;
+  e.used = 1;
+  return id_of(e, slot);
+}
+
+void remove(NodeTable& t, uint64_t id) {
+  uint32_t slot = static_cast<uint32_t>(id);
+  Entry& e = t.slots[slot];
+  uint32_t gen = e.gen;
+  std::string().swap(e.name);
+  e = Entry{};
+  e.gen = gen;
+  t.free_slots.push_back(slot);
+}
+
+// --- Keys: chains of slots hashed by (parent, name) ---
+
+uint32_t& key_head(NodeTable& t, uint64_t parent, const std::string& name) {
+  return t.key_heads[key_hash(parent, name) % t.key_heads.size()];
+}
+
+void key_link(NodeTable& t, uint32_t slot, Entry& e) {
+  uint32_t& head = key_head(t, e.parent, e.name);
+  e.key_next = head;
+  head = slot;
+}
+
+// Links the slot of e, whose key is set.
+void key_insert(NodeTable& t, uint32_t slot, Entry& e) {
+  if (t.keyed + 1 > t.key_heads.size()) {
+    t.key_heads.assign(std::max<size_t>(64, 2 * t.key_heads.size()), 0);
+    for (uint32_t s = 2; s < t.slots.size(); s++) {
+      if (t.slots[s].used && t.slots[s].parent != 0 && s != slot)
+        key_link(t, s, t.slots[s]);
+    }
+  }
+  key_link(t, slot, e);
+  t.keyed++;
+}
+
+void key_unlink(NodeTable& t, uint32_t slot, Entry& e) {
+  uint32_t* p = &key_head(t, e.parent, e.name);
+  while (*p != 0 && *p != slot)
+    p = &t.slots[*p].key_next;
+  if (*p == slot) {
+    *p = e.key_next;
+    t.keyed--;
+  }
+  e.key_next = 0;
+}
+
 // The node whose weak vnode is vp, while vp still has that vid; 0 if none.
 uint64_t id_of_vnode(NodeTable& t, vnode_t vp, uint32_t vid) {
   auto it = t.by_vnode.find(vp);
-  if (it == t.by_vnode.end() || t.by_id.at(it->second).vid != vid)
+  if (it == t.by_vnode.end())
     return 0;
-  return it->second;
+  Entry* e = find(t, it->second);
+  return e != nullptr && e->vid == vid ? it->second : 0;
 }
 
 // A directory's node: kRootNode, its held node, or 0.
@@ -57,8 +129,8 @@ size_t bucket(vnode_t dvp) {
 
 // The change bucket of a file node's directory node.
 size_t bucket_of(NodeTable& t, uint64_t dir) {
-  auto it = t.by_id.find(dir);
-  return it == t.by_id.end() ? 0 : bucket(it->second.vp);
+  Entry* e = find(t, dir);
+  return e == nullptr ? 0 : bucket(e->vp);
 }
 
 void attach(NodeTable& t, uint64_t id, Entry& e, vnode_t vp, uint32_t vid) {
@@ -76,18 +148,12 @@ void maybe_erase(NodeTable& t, uint64_t id, Releases* rele);
 void unkey(NodeTable& t, uint64_t id, Entry& e, Releases* rele) {
   if (e.dir || e.parent == 0)
     return;
-  auto [first, last] = t.by_key.equal_range(key_hash(e.parent, e.name));
-  for (auto it = first; it != last; ++it) {
-    if (it->second == id) {
-      t.by_key.erase(it);
-      break;
-    }
-  }
+  key_unlink(t, static_cast<uint32_t>(id), e);
   uint64_t parent = e.parent;
   e.parent = 0;
   std::string().swap(e.name);
-  auto p = t.by_id.find(parent);
-  if (p != t.by_id.end() && p->second.kids-- == 1)
+  Entry* p = find(t, parent);
+  if (p != nullptr && p->kids-- == 1)
     maybe_erase(t, parent, rele);
 }
 
@@ -97,20 +163,19 @@ void rekey(NodeTable& t, uint64_t id, Entry& e, uint64_t parent, const std::stri
            Releases* rele) {
   if (e.parent == parent && e.name == name)
     return;
-  auto p = t.by_id.find(parent);
-  if (p != t.by_id.end())
-    p->second.kids++;
+  if (Entry* p = find(t, parent))
+    p->kids++;
   unkey(t, id, e, rele);
   e.parent = parent;
   e.name = name;
-  t.by_key.emplace(key_hash(parent, name), id);
+  key_insert(t, static_cast<uint32_t>(id), e);
 }
 
 void maybe_erase(NodeTable& t, uint64_t id, Releases* rele) {
-  auto found = t.by_id.find(id);
-  if (found == t.by_id.end())
+  Entry* found = find(t, id);
+  if (found == nullptr)
     return;  // the root
-  Entry& e = found->second;
+  Entry& e = *found;
   if (e.count != 0 || e.kids != 0)
     return;
   unkey(t, id, e, rele);
@@ -119,7 +184,7 @@ void maybe_erase(NodeTable& t, uint64_t id, Releases* rele) {
     t.by_vnode.erase(it);
   if (e.pinned)
     rele->push_back(e.vp);
-  t.by_id.erase(id);
+  remove(t, id);
 }
 
 void release_all(Releases& rele) {
@@ -138,12 +203,13 @@ std::vector<uint64_t> nodes_of(NodeTable& t, vnode_t vp, uint32_t vid, uint64_t 
     ids.push_back(id);
   if (dir == 0)
     return ids;
-  auto [first, last] = t.by_key.equal_range(key_hash(dir, name));
-  for (auto it = first; it != last; ++it) {
-    const Entry& e = t.by_id.at(it->second);
-    if (e.parent == dir && e.name == name &&
-        std::find(ids.begin(), ids.end(), it->second) == ids.end())
-      ids.push_back(it->second);
+  if (t.key_heads.empty())
+    return ids;
+  for (uint32_t slot = key_head(t, dir, name); slot != 0; slot = t.slots[slot].key_next) {
+    const Entry& e = t.slots[slot];
+    uint64_t id = id_of(e, slot);
+    if (e.parent == dir && e.name == name && std::find(ids.begin(), ids.end(), id) == ids.end())
+      ids.push_back(id);
   }
   return ids;
 }
@@ -152,7 +218,7 @@ int hold_locked(NodeTable& t, vnode_t vp, uint32_t vid, bool dir, uint64_t paren
                 const std::string& name, uint64_t* out, Releases* rele) {
   std::vector<uint64_t> ids = nodes_of(t, vp, vid, dir ? 0 : parent, name);
   if (!ids.empty()) {
-    Entry& e = t.by_id.at(ids.front());
+    Entry& e = *find(t, ids.front());
     e.count++;
     attach(t, ids.front(), e, vp, vid);
     if (!dir && !e.gone)
@@ -164,8 +230,8 @@ int hold_locked(NodeTable& t, vnode_t vp, uint32_t vid, bool dir, uint64_t paren
     if (int error = vnode_ref(vp))
       return error;
   }
-  uint64_t id = t.next_id++;
-  Entry& e = t.by_id[id];
+  uint64_t id = add(t);
+  Entry& e = *find(t, id);
   e.dir = e.pinned = dir;
   e.count = 1;
   attach(t, id, e, vp, vid);
@@ -205,10 +271,10 @@ int node_vnode(MountState& ms, NodeId id, IoRef* out) {
     uint64_t changes;
     {
       std::lock_guard<std::mutex> guard(ms.registry_lock);
-      auto it = ms.nodes.by_id.find(static_cast<uint64_t>(id));
-      if (it == ms.nodes.by_id.end())
+      Entry* e = find(ms.nodes, static_cast<uint64_t>(id));
+      if (e == nullptr)
         return ESTALE;
-      seen = it->second;
+      seen = *e;
       size_t b = bucket_of(ms.nodes, seen.parent);
       changes = ms.nodes.changing[b] != 0 ? ~0ull : ms.nodes.changes[b];
     }
@@ -222,17 +288,17 @@ int node_vnode(MountState& ms, NodeId id, IoRef* out) {
     int error = find_again(ms, seen.parent, seen.name, &found);
     uint32_t vid = error == 0 ? vnode_vid(found.get()) : 0;
     std::lock_guard<std::mutex> guard(ms.registry_lock);
-    auto it = ms.nodes.by_id.find(static_cast<uint64_t>(id));
-    if (it == ms.nodes.by_id.end())
+    Entry* now = find(ms.nodes, static_cast<uint64_t>(id));
+    if (now == nullptr)
       return ESTALE;
-    Entry& e = it->second;
+    Entry& e = *now;
     size_t b = bucket_of(ms.nodes, seen.parent);
     if (ms.nodes.changing[b] != 0 || ms.nodes.changes[b] != changes || e.gone || e.pinned ||
         e.parent != seen.parent)
       continue;
     if (error != 0)
       return error;
-    attach(ms.nodes, it->first, e, found.get(), vid);
+    attach(ms.nodes, static_cast<uint64_t>(id), e, found.get(), vid);
     out->reset(found.release());
     return 0;
   }
@@ -262,10 +328,10 @@ int node_ref(MountState& ms, NodeId id) {
   if (id == kRootNode)
     return 0;
   std::lock_guard<std::mutex> guard(ms.registry_lock);
-  auto it = ms.nodes.by_id.find(static_cast<uint64_t>(id));
-  if (it == ms.nodes.by_id.end() || it->second.count == 0)
+  Entry* e = find(ms.nodes, static_cast<uint64_t>(id));
+  if (e == nullptr || e->count == 0)
     return ESTALE;
-  it->second.count++;
+  e->count++;
   return 0;
 }
 
@@ -279,13 +345,13 @@ int node_release(MountState& ms, NodeId id, uint64_t count) {
   {
     std::lock_guard<std::mutex> guard(ms.registry_lock);
     NodeTable& t = ms.nodes;
-    auto it = t.by_id.find(static_cast<uint64_t>(id));
-    if (it == t.by_id.end() || it->second.count == 0)
+    Entry* e = find(t, static_cast<uint64_t>(id));
+    if (e == nullptr || e->count == 0)
       return ESTALE;
-    if (count > it->second.count)
+    if (count > e->count)
       return EINVAL;
-    it->second.count -= count;
-    maybe_erase(t, it->first, &rele);
+    e->count -= count;
+    maybe_erase(t, static_cast<uint64_t>(id), &rele);
   }
   release_all(rele);
   return 0;
@@ -301,7 +367,7 @@ void removed_locked(NodeTable& t, vnode_t vp, vnode_t dvp, const std::string& na
     return;
   uint32_t vid = vnode_vid(vp);
   for (uint64_t id : nodes_of(t, vp, vid, dir_id(t, dvp), name)) {
-    Entry& e = t.by_id.at(id);
+    Entry& e = *find(t, id);
     unkey(t, id, e, rele);
     e.gone = true;
     attach(t, id, e, vp, vid);
@@ -317,8 +383,8 @@ uint64_t dir_node(NodeTable& t, vnode_t dvp) {
     return id;
   if (vnode_ref(dvp) != 0)
     return 0;
-  uint64_t id = t.next_id++;
-  Entry& e = t.by_id[id];
+  uint64_t id = add(t);
+  Entry& e = *find(t, id);
   e.dir = e.pinned = true;
   attach(t, id, e, dvp, vnode_vid(dvp));
   return id;
@@ -332,7 +398,7 @@ void renamed_locked(NodeTable& t, vnode_t fvp, vnode_t fdvp, const std::string& 
   std::vector<uint64_t> ids = nodes_of(t, fvp, vid, dir_id(t, fdvp), fname);
   uint64_t to = ids.empty() ? 0 : dir_node(t, tdvp);
   for (uint64_t id : ids) {
-    Entry& e = t.by_id.at(id);
+    Entry& e = *find(t, id);
     attach(t, id, e, fvp, vid);
     if (e.gone)
       continue;
@@ -395,12 +461,16 @@ void nodes_release_all(MountState& ms) {
   Releases rele;
   {
     std::lock_guard<std::mutex> guard(ms.registry_lock);
-    for (const auto& [id, entry] : ms.nodes.by_id)
-      if (entry.pinned)
-        rele.push_back(entry.vp);
-    ms.nodes.by_id.clear();
+    for (const Entry& e : ms.nodes.slots) {
+      if (e.used && e.pinned)
+        rele.push_back(e.vp);
+    }
+    ms.nodes.slots.resize(2);
+    ms.nodes.slots.shrink_to_fit();
+    ms.nodes.free_slots = {};
+    ms.nodes.key_heads = {};
+    ms.nodes.keyed = 0;
     ms.nodes.by_vnode.clear();
-    ms.nodes.by_key.clear();
   }
   release_all(rele);
 }
@@ -408,8 +478,8 @@ void nodes_release_all(MountState& ms) {
 size_t node_count(MountState& ms) {
   std::lock_guard<std::mutex> guard(ms.registry_lock);
   size_t held = 0;
-  for (const auto& [id, entry] : ms.nodes.by_id)
-    held += entry.count != 0 ? 1 : 0;
+  for (const Entry& e : ms.nodes.slots)
+    held += e.used && e.count != 0 ? 1 : 0;
   return held;
 }
 
