@@ -15,6 +15,7 @@
 //                      across a call into the driver.
 // No library lock is held while a caller's callback runs.
 
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -83,6 +84,7 @@ struct NodeTable {
   static constexpr size_t kBuckets = 64;
   uint32_t changing[kBuckets] = {};
   uint64_t changes[kBuckets] = {};
+  std::condition_variable quiet;  // a change ended
 };
 
 struct MountState {

@@ -19,7 +19,6 @@
 // (by another front end) answers ESTALE.
 
 #include <algorithm>
-#include <thread>
 
 #include "api/internal.h"
 
@@ -265,17 +264,23 @@ int node_vnode(MountState& ms, NodeId id, IoRef* out) {
   // A lookup that an unlink or rename overlapped may have seen the name
   // before or after the change, and the key before: it is done again.
   for (int round = 0; round < 64; round++) {
-    if (round != 0)
-      std::this_thread::yield();
     Entry seen;
     uint64_t changes;
     {
-      std::lock_guard<std::mutex> guard(ms.registry_lock);
+      std::unique_lock<std::mutex> lk(ms.registry_lock);
       Entry* e = find(ms.nodes, static_cast<uint64_t>(id));
       if (e == nullptr)
         return ESTALE;
+      size_t b = bucket_of(ms.nodes, e->parent);
+      if (round != 0) {
+        // Waits holding no vnode: the change may need nothing of ours.
+        ms.nodes.quiet.wait(lk, [&] { return ms.nodes.changing[b] == 0; });
+        e = find(ms.nodes, static_cast<uint64_t>(id));
+        if (e == nullptr)
+          return ESTALE;
+        b = bucket_of(ms.nodes, e->parent);
+      }
       seen = *e;
-      size_t b = bucket_of(ms.nodes, seen.parent);
       changes = ms.nodes.changing[b] != 0 ? ~0ull : ms.nodes.changes[b];
     }
     if (seen.vp != NULLVP && vnode_getwithvid(seen.vp, seen.vid) == 0) {
@@ -430,6 +435,7 @@ void changed(NodeTable& t, vnode_t dvp, vnode_t tdvp) {
       t.changes[bucket(vp)]++;
     }
   }
+  t.quiet.notify_all();
 }
 
 void nodes_removed(MountState& ms, int error, vnode_t vp, vnode_t dvp, const std::string& name) {
