@@ -15,7 +15,9 @@
 //                      across a call into the driver.
 // No library lock is held while a caller's callback runs.
 
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -44,17 +46,45 @@ inline std::error_code make_error(int error) {
 struct OpenFile;
 struct MapState;
 
-// The references a front end holds through NodeIds. Each held node owns
-// one use reference on its vnode, whatever its count. Guarded by
-// MountState::registry_lock.
+// The references a front end holds through NodeIds. A directory's node
+// owns one use reference on its vnode (directories are few, and they anchor
+// their files' keys). A file's node is a compact record: its vnode and vid,
+// held weakly, so that an unused vnode can be reclaimed under the vnode
+// limit, and the key to find it again, its directory's node and its name.
+// A file that is unlinked or replaced while held is pinned from then on: no
+// key leads to it any more. Guarded by MountState::registry_lock.
 struct NodeTable {
   struct Entry {
-    vnode_t vp = NULLVP;
-    uint64_t count = 0;
+    vnode_t vp = NULLVP;   // weak unless pinned; stale once its vid changed
+    std::string name;      // a file's key (not gone): its name in parent,
+    uint64_t parent = 0;   // as last looked up; 0 when it has no key
+    uint64_t count = 0;    // the front end's references
+    uint32_t vid = 0;
+    uint32_t gen = 0;      // the slot's generation: id = gen << 32 | slot
+    uint32_t key_next = 0; // next slot of its key chain; 0 ends it
+    uint32_t kids : 28 = 0;   // file nodes keyed under this directory node
+    uint32_t used : 1 = 0;
+    uint32_t dir : 1 = 0;
+    uint32_t pinned : 1 = 0;  // holds a use reference on vp
+    uint32_t gone : 1 = 0;    // unlinked or replaced: no key
   };
-  std::unordered_map<uint64_t, Entry> by_id;
+  // Entries live in slots (0 and 1 are never used: 1 is the root); an id
+  // is never handed out twice, since a slot's generation grows at reuse.
+  std::deque<Entry> slots{2};
+  std::vector<uint32_t> free_slots;
+  // The keyed file nodes, hashed by key: chains of slots through key_next.
+  std::vector<uint32_t> key_heads;
+  size_t keyed = 0;
+  // The node whose weak vnode is vp; check the vid, the record may be stale.
+  // Vnode records are reused, so this stays as small as the vnode cache.
   std::unordered_map<vnode_t, uint64_t> by_vnode;
-  uint64_t next_id = 2;  // 1 is the root
+  // Unlinks and renames under way and done, by their directories' vnodes
+  // hashed: a key is looked up again only across a span that no change in
+  // its directory overlapped.
+  static constexpr size_t kBuckets = 64;
+  uint32_t changing[kBuckets] = {};
+  uint64_t changes[kBuckets] = {};
+  std::condition_variable quiet;  // a change ended
 };
 
 struct MountState {
@@ -242,7 +272,10 @@ int vn_open(const std::shared_ptr<MountState>& ms, vnode_t vp, int oflags, bool 
 int node_vnode(MountState& ms, NodeId id, IoRef* out);
 // Adds one reference to the node of vp (I/O reference held by the caller),
 // making a new NodeId when vp is not held yet. The root is kRootNode.
-int node_hold(MountState& ms, vnode_t vp, NodeId* out);
+// `parent` and `name` are where the caller found vp, the key of a file node.
+int node_hold(MountState& ms, vnode_t vp, NodeId parent, const std::string& name, NodeId* out);
+// Adds one reference to a held node.
+int node_ref(MountState& ms, NodeId id);
 // Drops count references of a node: ESTALE when it is not held, EINVAL for
 // more references than it has (nothing dropped then).
 int node_release(MountState& ms, NodeId id, uint64_t count);
@@ -250,6 +283,17 @@ size_t node_count(MountState& ms);
 // Drops every node reference (unmount). Caller holds MountState::lock
 // exclusively.
 void nodes_release_all(MountState& ms);
+// Keep file nodes' keys true. The namespace calls announce an unlink or
+// rename with nodes_changing (its directories) before they ask the driver,
+// and end it with
+// nodes_removed (the driver removed vp, found as `name` in dvp) or
+// nodes_renamed (it renamed fvp from fname in fdvp to tname in tdvp,
+// replacing tvp, NULLVP when none), which change nothing when `error` is
+// not 0. The caller holds I/O references on every vnode given.
+void nodes_changing(MountState& ms, vnode_t dvp, vnode_t tdvp = NULLVP);
+void nodes_removed(MountState& ms, int error, vnode_t vp, vnode_t dvp, const std::string& name);
+void nodes_renamed(MountState& ms, int error, vnode_t fvp, vnode_t fdvp, const std::string& fname,
+                   vnode_t tdvp, const std::string& tname, vnode_t tvp);
 
 // Closes an open file or ends a mapping: the caller holds its lock
 // exclusively and it is open. Returns VNOP_CLOSE's or VNOP_MNOMAP's error.

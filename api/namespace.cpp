@@ -184,7 +184,10 @@ int op_unlink(MountState& ms, vnode_t start, std::string_view path) {
     if (immutable(nd.vp.get()))
       return EPERM;
     Component c(nd.last, DELETE, ISLASTCN);
-    return VNOP_REMOVE(nd.dvp.get(), nd.vp.get(), c.cn(), 0, ctx());
+    nodes_changing(ms, nd.dvp.get());
+    int error = VNOP_REMOVE(nd.dvp.get(), nd.vp.get(), c.cn(), 0, ctx());
+    nodes_removed(ms, error, nd.vp.get(), nd.dvp.get(), nd.last);
+    return error;
   });
 }
 
@@ -235,7 +238,11 @@ int op_rename(MountState& ms, vnode_t from_start, std::string_view from, vnode_t
       return 0;
     Component fc(f.last, DELETE, ISLASTCN);
     Component tc(t.last, RENAME, ISLASTCN);
-    return VNOP_RENAME(f.dvp.get(), f.vp.get(), fc.cn(), t.dvp.get(), t.vp.get(), tc.cn(), ctx());
+    nodes_changing(ms, f.dvp.get(), t.dvp.get());
+    int error =
+        VNOP_RENAME(f.dvp.get(), f.vp.get(), fc.cn(), t.dvp.get(), t.vp.get(), tc.cn(), ctx());
+    nodes_renamed(ms, error, f.vp.get(), f.dvp.get(), f.last, t.dvp.get(), t.last, t.vp.get());
+    return error;
   });
 }
 

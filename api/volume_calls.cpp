@@ -60,10 +60,11 @@ int in_node(MountState& ms, NodeId parent, const std::string& name, Op op) {
   return on_node(ms, parent, op);
 }
 
-// Hands out a reference to the node of `made` and, when asked, its
-// attributes.
-int hand_out(MountState& ms, IoRef& made, NodeId* out, Stat* st) {
-  if (int error = detail::node_hold(ms, made.get(), out))
+// Hands out a reference to the node of `made`, found as `name` in parent,
+// and, when asked, its attributes.
+int hand_out(MountState& ms, NodeId parent, const std::string& name, IoRef& made, NodeId* out,
+             Stat* st) {
+  if (int error = detail::node_hold(ms, made.get(), parent, name, out))
     return error;
   return st != nullptr ? detail::vn_getattr(made.get(), st) : 0;
 }
@@ -176,19 +177,13 @@ std::error_code Volume::lookup(NodeId parent, const std::string& name, NodeId* o
       IoRef vp;
       if (int error = detail::op_lookup(ms, dvp, name, false, &vp))
         return error;
-      return hand_out(ms, vp, out, st);
+      return hand_out(ms, parent, name, vp, out, st);
     });
   });
 }
 
 std::error_code Volume::ref(NodeId node) {
-  return call(*impl_, [&](MountState& ms) {
-    IoRef vp;
-    if (int error = detail::node_vnode(ms, node, &vp))
-      return error;
-    NodeId same;
-    return detail::node_hold(ms, vp.get(), &same);
-  });
+  return call(*impl_, [&](MountState& ms) { return detail::node_ref(ms, node); });
 }
 
 std::error_code Volume::unref(NodeId node, uint64_t count) {
@@ -223,7 +218,7 @@ std::error_code Volume::create(NodeId parent, const std::string& name, int oflag
       IoRef made;
       if (int error = detail::op_open(impl_->ms, dvp, name, oflags | O_CREAT, &f, &made))
         return error;
-      return hand_out(ms, made, out, st);
+      return hand_out(ms, parent, name, made, out, st);
     });
   });
   File opened(std::move(f));
@@ -238,7 +233,7 @@ std::error_code Volume::mkdir(NodeId parent, const std::string& name, NodeId* ou
       IoRef made;
       if (int error = detail::op_mkdir(ms, dvp, name, &made))
         return error;
-      return hand_out(ms, made, out, st);
+      return hand_out(ms, parent, name, made, out, st);
     });
   });
 }
@@ -250,7 +245,7 @@ std::error_code Volume::symlink(const std::string& target, NodeId parent, const 
       IoRef made;
       if (int error = detail::op_symlink(ms, dvp, name, target, &made))
         return error;
-      return hand_out(ms, made, out, st);
+      return hand_out(ms, parent, name, made, out, st);
     });
   });
 }
