@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -337,8 +338,13 @@ std::string Runner::remount(bool read_only) {
       std::vector<std::string> f = check(opt_.image);
       findings.insert(findings.end(), f.begin(), f.end());
     }
-    if (!findings.empty())
+    if (!findings.empty()) {
+      // EXVOL_MODEL_KEEP=PATH keeps a copy of the image for a closer look.
+      if (const char* keep = getenv("EXVOL_MODEL_KEEP"))
+        std::filesystem::copy_file(opt_.image, keep,
+                                   std::filesystem::copy_options::overwrite_existing);
       return "Remount: the unmounted volume is not clean:" + join(findings);
+    }
   }
   ro_mount_ = read_only;
   ro_mtime_ = image_mtime(opt_.image);
