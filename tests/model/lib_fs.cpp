@@ -131,6 +131,8 @@ int LibFs::sync(bool wait) {
 }
 
 int LibFs::space(uint64_t* free_clusters, uint32_t* cluster_bytes) {
+  if (!volume_)
+    return ENODEV;  // a remount that failed after an I/O error
   StatFs st;
   int e = err(volume_->statfs(&st));
   *free_clusters = st.blocks_free;

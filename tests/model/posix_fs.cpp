@@ -64,11 +64,14 @@ std::string FuseMount::mount(bool read_only) {
   std::string options = options_;
   if (read_only)
     options += options.empty() ? "ro" : ",ro";
+  pid_ = -1;
   volume_ = std::make_unique<test::MountedVolume>(image_, dir_, options);
+  pid_ = volume_->ok() ? volume_->pid() : -1;
   return volume_->ok() ? "" : "mount.exvol did not mount: " + volume_->log();
 }
 
 int FuseMount::unmount() {
+  pid_ = -1;
   int status = volume_ ? volume_->unmount() : -1;
   volume_.reset();
   return status;
@@ -78,7 +81,7 @@ bool FuseMount::mounted() const {
   return volume_ && volume_->ok() && volume_->pid() > 0;
 }
 pid_t FuseMount::pid() const {
-  return volume_ ? volume_->pid() : -1;
+  return pid_.load();
 }
 std::string FuseMount::log() const {
   return volume_ ? volume_->log() : "";

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <array>
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -34,6 +35,9 @@ class FuseMount {
  private:
   std::string image_, dir_, options_;
   std::unique_ptr<test::MountedVolume> volume_;
+  // The daemon's pid for other threads (the memory sampler): volume_
+  // changes under them at every remount.
+  std::atomic<pid_t> pid_{-1};
 };
 
 class PosixFs final : public Fs {

@@ -104,7 +104,10 @@ uint64_t Session::cluster_offset(uint32_t cluster) const {
   uint8_t boot[512] = {};
   std::ifstream(image(), std::ios::binary).read(reinterpret_cast<char*>(boot), sizeof(boot));
   uint64_t heap = le32(boot + 88);  // ClusterHeapOffset, sectors
-  return (heap << boot[108]) + (uint64_t{cluster} - 2) * (uint64_t{1} << (boot[108] + boot[109]));
+  // A damaged boot sector may hold any shifts: the shape's are the ones made.
+  unsigned sector_shift = boot[108] >= 9 && boot[108] <= 12 ? boot[108] : shape.sector_shift;
+  unsigned cluster_shift = boot[109] <= 25 - sector_shift ? boot[109] : shape.cluster_shift;
+  return (heap << sector_shift) + (uint64_t{cluster} - 2) * (uint64_t{1} << (sector_shift + cluster_shift));
 }
 
 }  // namespace exvol::model
