@@ -488,6 +488,9 @@ std::string Model::do_open(const Op& op, const Outcome& got, const Env& env) {
   bool truncating = (oflags & O_TRUNC) != 0 && !created;
   if (access == O_ACCMODE)
     return fail(EINVAL);
+  // A kernel tests O_DIRECTORY before it refuses to open a link.
+  if (node->type == FileType::Symlink && !sem_.library && (oflags & O_DIRECTORY))
+    return fail(ENOTDIR);
   if (node->type == FileType::Symlink)
     return fail(ELOOP);
   if ((oflags & O_DIRECTORY) && !node->is_dir())
