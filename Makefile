@@ -12,10 +12,10 @@ CMAKE_COMMON := -G Ninja -DEXVOL_WERROR=ON
 
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config libfuse3-dev fuse3 \
 	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs gcovr \
-	scdoc dpkg-dev rsync
+	scdoc dpkg-dev rsync clang-format
 
 .PHONY: all deps build build-tsan release test test-unit test-tsan soak run bench coverage clean \
-	install deb
+	install deb format format-check
 
 all: build
 
@@ -99,6 +99,13 @@ coverage: deps
 	-ctest --test-dir $(BUILD_COV) -j $(JOBS) --timeout 600 > $(BUILD_COV)/ctest.log 2>&1
 	gcovr --gcov-ignore-parse-errors -r . $(BUILD_COV) --filter 'vfsops/' --filter 'vnops/' --filter 'alloc/' --filter 'node/' --filter 'include/' --print-summary -o $(BUILD_COV)/driver.txt
 	gcovr --gcov-ignore-parse-errors -r . $(BUILD_COV) --filter 'host/' --filter 'api/' --print-summary -o $(BUILD_COV)/host-api.txt
+
+# The house style (.clang-format) over every C++ file under version control.
+FORMAT_FILES = $(shell git ls-files '*.cpp' '*.h')
+format:
+	clang-format -i $(FORMAT_FILES)
+format-check:
+	clang-format --dry-run --Werror $(FORMAT_FILES)
 
 clean:
 	rm -rf build

@@ -19,12 +19,20 @@ usr/share/bash-completion/completions/exvol
 usr/share/bash-completion/completions/mount.exvol
 usr/share/man/man1/exvol.1
 usr/share/man/man8/mount.exvol.8"
+expected_dev="usr/include/exvol/check.h
+usr/include/exvol/file.h
+usr/include/exvol/mkfs.h
+usr/include/exvol/types.h
+usr/include/exvol/volume.h
+usr/lib/libexvol.a
+usr/lib/pkgconfig/exvol.pc"
 
 # --- make install with DESTDIR --------------------------------------------------
 root=$scratch/root
 DESTDIR=$root cmake --install "$build" --prefix /usr >/dev/null || fail "cmake --install"
 got=$(cd "$root" && find . \( -type f -o -type l \) | sed 's|^\./||' | sort)
-[[ $got == "$expected" ]] || fail "installed files differ:"$'\n'"$got"
+all=$(printf '%s\n%s\n' "$expected" "$expected_dev" | sort)
+[[ $got == "$all" ]] || fail "installed files differ:"$'\n'"$got"
 [[ $(readlink "$root/usr/sbin/mount.fuse.exvol") == mount.exvol ]] ||
   fail "mount.fuse.exvol is not a link to mount.exvol"
 [[ $("$root/usr/bin/exvol" --version) == "exvol $version" ]] || fail "exvol --version"
@@ -58,13 +66,35 @@ check_completion "$img:/Docs/Deep/ $img:/Docs/a.txt " exvol cat "$img:/Docs/"
 check_completion "$img:Docs/Deep/ " exvol ls "$img:Docs/D"
 check_completion "$img: " exvol cp "$img"
 
+# --- an embedder's program, built against the installed library ------------------
+# The example in docs/ compiles with nothing but what pkg-config tells, and
+# lists the image made above.
+example=$scratch/exvol_tree
+pc() { PKG_CONFIG_PATH=$root/usr/lib/pkgconfig pkg-config "$@" exvol; }
+if ! pc --exists; then
+  fail "pkg-config does not find the installed exvol.pc"
+elif ! c++ -std=c++20 -o "$example" "$(dirname "$0")/../../docs/examples/exvol_tree.cpp" \
+    $(pc --cflags) $(pc --libs); then
+  fail "the example does not build against the installed library"
+else
+  listing=$("$example" "$img" 2>&1)
+  want=$'Docs/\n  Deep/\n  a.txt  2\nlnk  4'
+  [[ $listing == "$want" ]] || fail "example listing: '$listing'"
+  [[ $(pc --modversion) == "$version" ]] || fail "exvol.pc version"
+fi
+
 # --- the Debian package -----------------------------------------------------------
 if command -v cpack >/dev/null && command -v dpkg-deb >/dev/null; then
   (cd "$scratch" && cpack -G DEB --config "$build/CPackConfig.cmake" >/dev/null) ||
     fail "cpack -G DEB"
-  deb=$(ls "$scratch"/*.deb 2>/dev/null | head -1)
+  deb_contents() { dpkg-deb --contents "$1" | awk '$1 !~ /^d/ {print $6}' | sed 's|^\./||' | sort; }
+  deb=$(ls "$scratch"/exvol_*.deb 2>/dev/null | head -1)
+  dev_deb=$(ls "$scratch"/libexvol-dev_*.deb 2>/dev/null | head -1)
+  [[ -n $dev_deb ]] || fail "no libexvol-dev package"
+  [[ -z $dev_deb || $(deb_contents "$dev_deb") == "$expected_dev" ]] ||
+    fail "libexvol-dev contents differ:"$'\n'"$(deb_contents "$dev_deb")"
   if [[ -n $deb ]]; then
-    contents=$(dpkg-deb --contents "$deb" | awk '$1 !~ /^d/ {print $6}' | sed 's|^\./||' | sort)
+    contents=$(deb_contents "$deb")
     [[ $contents == "$expected" ]] || fail "package contents differ:"$'\n'"$contents"
     depends=$(dpkg-deb -f "$deb" Depends)
     for dep in fuse3 libfuse3-3 libutf8proc libmd0; do
