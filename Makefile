@@ -12,7 +12,7 @@ CMAKE_COMMON := -G Ninja -DEXVOL_WERROR=ON
 
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config libfuse3-dev fuse3 \
 	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs gcovr \
-	scdoc dpkg-dev rsync
+	scdoc dpkg-dev rsync nlohmann-json3-dev
 
 .PHONY: all deps build build-tsan release test test-unit test-tsan soak run bench coverage clean \
 	install deb

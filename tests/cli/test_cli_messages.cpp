@@ -114,8 +114,10 @@ TEST_F(CliMessages, InfoShowsTheSerialAsBlkidDoes) {
   EXPECT_NE(std::string::npos, text.out.find("UUID (blkid):    1234-ABCD\n")) << text.out;
   EXPECT_NE(std::string::npos, text.out.find("Name-based UUID: ")) << text.out;
   Result json = exvol({"info", "--json", image_});
-  EXPECT_NE(std::string::npos, json.out.find("  \"serial\": \"1234-ABCD\",\n")) << json.out;
-  EXPECT_NE(std::string::npos, json.out.find("  \"uuid\": \"")) << json.out;
+  nlohmann::json doc = parse_json(json.out);
+  EXPECT_EQ("1234-ABCD", doc["serial"]) << json.out;
+  EXPECT_EQ(0x1234ABCDu, doc["serial_number"]);
+  EXPECT_TRUE(doc["uuid"].is_string()) << json.out;
 
   std::string blkid = tool("blkid");
   if (blkid.empty())
