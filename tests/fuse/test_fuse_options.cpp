@@ -57,6 +57,9 @@ TEST_F(FuseOptions, KernelDriverOptionNamesMountOrSayWhy) {
       {"errors=stop", 1, "bad value for option 'errors': 'stop' (continue, remount-ro or panic)"},
       {"allow_utime=9", 1, "bad value for option 'allow_utime'"},
       {"iocharset=iso8859-1", 1, "names are always UTF-8"},
+      {"ro=1", 1, "mount.exvol: option 'ro' takes no value\n"},
+      {"uid", 1, "mount.exvol: option 'uid' needs a value (uid=...)\n"},
+      {"rw,bogus=1", 1, "mount.exvol: unknown option 'bogus'\n"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.options);
