@@ -83,7 +83,7 @@ check() {  # check WHAT EXPECTED-OUTPUT-PATTERN COMMAND
   fi
 }
 # Every package the .deb depends on came from the archive and is installed.
-depends=$(dpkg-deb -f "$deb" Depends | sed -E 's/\([^)]*\)//g; s/\|[^,]*//g; s/,/ /g')
+depends=$(dpkg-deb -f "$deb" Depends | sed -E 's/\([^)]*\)//g; s/\|[^,]*//g; s/,/ /g' | xargs)
 check "dependencies installed ($depends)" "^(install ok installed[[:space:]]*)+\$" \
   "dpkg-query -W -f='\${Status}\n' $depends"
 check "exvol --version" "^exvol $version\$" "exvol --version"
