@@ -128,8 +128,9 @@ void ErrorWatch::act() {
       say_(what + (ec ? "; switching to read-only failed: " + ec.message()
                       : "; remounted read-only (errors=remount-ro)"));
       // Only root may remount; for anyone else the mount table keeps
-      // saying rw while the daemon refuses every write.
-      if (!ec && geteuid() == 0) {
+      // saying rw while the daemon refuses every write. A mount made ro
+      // is read-only in the kernel already.
+      if (!ec && geteuid() == 0 && !config_.volume.read_only) {
         kernel_remount_pending_ = true;
         remount_kernel_read_only();
       }
