@@ -12,10 +12,10 @@ CMAKE_COMMON := -G Ninja -DEXVOL_WERROR=ON
 
 DEB_PACKAGES := build-essential cmake ninja-build pkg-config libfuse3-dev fuse3 \
 	libutf8proc-dev libmd-dev libgtest-dev libgmock-dev libbenchmark-dev exfatprogs gcovr \
-	scdoc dpkg-dev rsync clang-format
+	scdoc dpkg-dev rsync nlohmann-json3-dev debootstrap clang-format
 
 .PHONY: all deps build build-tsan release test test-unit test-tsan soak run bench coverage clean \
-	install deb format format-check
+	install deb install-test format format-check
 
 all: build
 
@@ -89,6 +89,14 @@ install: release
 deb: deps release
 	cd $(BUILD_REL) && cpack -G DEB
 	@ls $(BUILD_REL)/*.deb
+
+# The package on a fresh Debian: debootstrap (minbase) into a scratch
+# folder, apt-get install of the package in a chroot (its dependencies must
+# resolve from the archive), then the installed programs make, fill and
+# check a volume. Needs root and the network; takes minutes, so it is not
+# part of `make test`.
+install-test: deb
+	bash tests/install/fresh_machine_test.sh $$(ls $(BUILD_REL)/exvol_*.deb | head -1)
 
 # Line coverage of the driver (and, separately, of the host and library) from
 # the whole test suite (the fault tests need the sanitizer runtime).

@@ -112,7 +112,7 @@ class Parser {
       if (a.size() < 2 || a[0] != '-')
         out_->operands.push_back(a);
       else if (a[1] == '-')
-        problem = long_option(a.substr(2));
+        problem = long_option(a.substr(2), raw, &i);
       else
         problem = short_options(a, raw, &i);
       if (!problem.empty())
@@ -122,18 +122,36 @@ class Parser {
   }
 
  private:
-  std::string long_option(const std::string& name) {
-    if (name == "read-only") {
-      out_->mount.read_only = true;
+  // "--name", "--name=value" or "--name value" (for valued options).
+  std::string long_option(const std::string& arg, const std::vector<std::string>& raw,
+                          size_t* i) {
+    size_t eq = arg.find('=');
+    std::string name = arg.substr(0, eq);
+    char letter = name == "read-only" ? 'o' : 0;
+    for (const auto& [long_name, l] : table_.longs) {
+      if (long_name == name)
+        letter = l;
+    }
+    if (letter == 0)
+      return "unknown option --" + name;
+    bool valued = letter != 'o' && strchr(table_.valued, letter);
+    if (!valued && eq != std::string::npos)
+      return "option --" + name + " takes no value";
+    if (!valued) {
+      if (letter == 'o')
+        out_->mount.read_only = true;  // --read-only is -o ro
+      else
+        out_->flags += letter;
       return "";
     }
-    for (const auto& [long_name, letter] : table_.longs) {
-      if (long_name == name) {
-        out_->flags += letter;
-        return "";
-      }
+    if (eq != std::string::npos) {
+      out_->values[letter] = arg.substr(eq + 1);
+    } else if (*i + 1 < raw.size()) {
+      out_->values[letter] = raw[++*i];
+    } else {
+      return "option --" + name + " needs a value";
     }
-    return "unknown option --" + name;
+    return "";
   }
 
   std::string short_options(const std::string& a, const std::vector<std::string>& raw, size_t* i) {

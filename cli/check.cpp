@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "cli.h"
 #include "exvol/check.h"
 #include "text.h"
@@ -71,44 +73,39 @@ void print_pass(const std::string& image, const CheckPass& pass, RepairMode mode
            c.aggressive == 1 ? "needs" : "need", kAggressiveNote);
 }
 
-void print_json_pass(const CheckPass& pass) {
-  printf("{\"complete\": %s, \"files\": %llu, \"directories\": %llu, \"bytes_per_cluster\": %u, "
-         "\"cluster_count\": %llu, \"clusters_in_use\": %llu, \"leaked_clusters\": %llu, "
-         "\"findings_dropped\": %llu, \"findings\": [",
-         pass.complete ? "true" : "false", static_cast<unsigned long long>(pass.files),
-         static_cast<unsigned long long>(pass.directories), pass.bytes_per_cluster,
-         static_cast<unsigned long long>(pass.cluster_count),
-         static_cast<unsigned long long>(pass.clusters_in_use),
-         static_cast<unsigned long long>(pass.leaked_clusters),
-         static_cast<unsigned long long>(pass.findings_dropped));
-  const char* separator = "\n";
+nlohmann::ordered_json pass_json(const CheckPass& pass) {
+  nlohmann::ordered_json findings = nlohmann::ordered_json::array();
   for (const Finding& f : pass.findings) {
-    std::string offset = f.offset == kNoOffset ? "null" : std::to_string(f.offset);
-    printf("%s    {\"path\": %s, \"kind\": \"%s\", \"what\": %s, \"where\": %s, \"offset\": %s, "
-           "\"repairable\": %s, \"aggressive\": %s}",
-           separator, json_string(f.path).c_str(), finding_kind_name(f.kind),
-           json_string(f.what).c_str(), json_string(f.where).c_str(), offset.c_str(),
-           f.repairable ? "true" : "false", f.aggressive ? "true" : "false");
-    separator = ",\n";
+    nlohmann::ordered_json offset;  // null: the finding has no one place
+    if (f.offset != kNoOffset)
+      offset = f.offset;
+    findings.push_back({{"path", f.path},
+                        {"kind", finding_kind_name(f.kind)},
+                        {"what", f.what},
+                        {"where", f.where},
+                        {"offset", offset},
+                        {"repairable", f.repairable},
+                        {"aggressive", f.aggressive}});
   }
-  printf("]}");
+  return {{"complete", pass.complete},
+          {"files", pass.files},
+          {"directories", pass.directories},
+          {"bytes_per_cluster", pass.bytes_per_cluster},
+          {"cluster_count", pass.cluster_count},
+          {"clusters_in_use", pass.clusters_in_use},
+          {"leaked_clusters", pass.leaked_clusters},
+          {"findings_dropped", pass.findings_dropped},
+          {"findings", findings}};
 }
 
-void print_json(const std::string& image, const CheckReport& report) {
-  printf("{\n  \"image\": %s,\n  \"status\": %d,\n  \"passes\": [\n    ", json_string(image).c_str(),
-         report.exit_status());
-  print_json_pass(report.first);
-  if (report.after_repair) {
-    printf(",\n    ");
-    print_json_pass(*report.after_repair);
-  }
-  printf("\n  ],\n  \"repairs\": [");
-  const char* separator = "";
-  for (const std::string& r : report.repairs) {
-    printf("%s\n    %s", separator, json_string(r).c_str());
-    separator = ",";
-  }
-  printf("%s]\n}\n", report.repairs.empty() ? "" : "\n  ");
+void print_check_json(const std::string& image, const CheckReport& report) {
+  nlohmann::ordered_json passes = nlohmann::ordered_json::array({pass_json(report.first)});
+  if (report.after_repair)
+    passes.push_back(pass_json(*report.after_repair));
+  print_json({{"image", image},
+              {"status", report.exit_status()},
+              {"passes", passes},
+              {"repairs", report.repairs}});
 }
 
 }  // namespace
@@ -148,7 +145,7 @@ int check_command(const std::vector<std::string>& args) {
     return 2;
   }
   if (json) {
-    print_json(image, report);
+    print_check_json(image, report);
     return report.exit_status();
   }
   print_pass(image, report.first, options.repair);

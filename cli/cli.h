@@ -53,7 +53,8 @@ struct MountSettings {
 // Which options a command takes besides the common ones (--help, -o,
 // --read-only). `flags` are single-letter switches, `valued` letters take
 // a value (the next argument or the rest of this one), `longs` maps long
-// switches ("json") to a letter that `flags` must list.
+// names ("json", "serial") to a letter of either: "--serial HEX" and
+// "--serial=HEX" are "-S HEX".
 struct OptionTable {
   const char* flags = "";
   const char* valued = "";

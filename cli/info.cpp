@@ -6,6 +6,8 @@
 #include <string>
 
 #include "cli.h"
+#include <nlohmann/json.hpp>
+
 #include "exvol/volume.h"
 #include "session.h"
 #include "text.h"
@@ -52,27 +54,25 @@ void print_human(const std::string& image, const VolumeInfo& v) {
   printf("Volume flags:    0x%04X (%s)\n", v.volume_flags, state_of(v).c_str());
 }
 
-void print_json(const std::string& image, const VolumeInfo& v) {
-  printf("{\n");
-  printf("  \"image\": %s,\n", json_string(image).c_str());
-  printf("  \"label\": %s,\n", json_string(v.label).c_str());
-  printf("  \"serial\": \"%s\",\n", v.serial_string().c_str());
-  printf("  \"uuid\": \"%s\",\n", v.uuid_string().c_str());
-  printf("  \"serial_number\": %u,\n", v.serial_number);
-  printf("  \"bytes_per_sector\": %u,\n", v.bytes_per_sector);
-  printf("  \"bytes_per_cluster\": %u,\n", v.bytes_per_cluster);
-  printf("  \"cluster_count\": %llu,\n", static_cast<unsigned long long>(v.cluster_count));
-  printf("  \"free_clusters\": %llu,\n", static_cast<unsigned long long>(v.free_clusters));
-  printf("  \"total_bytes\": %llu,\n", static_cast<unsigned long long>(v.total_bytes()));
-  printf("  \"free_bytes\": %llu,\n", static_cast<unsigned long long>(v.free_bytes()));
-  printf("  \"percent_in_use\": %u,\n", v.percent_in_use);
-  printf("  \"volume_flags\": %u,\n", v.volume_flags);
-  printf("  \"dirty\": %s,\n", v.dirty() ? "true" : "false");
-  printf("  \"media_failure\": %s,\n", v.media_failure() ? "true" : "false");
-  printf("  \"volume_bytes\": %llu,\n", static_cast<unsigned long long>(v.volume_bytes));
-  printf("  \"device_bytes\": %llu,\n", static_cast<unsigned long long>(v.device_bytes));
-  printf("  \"truncated\": %s\n", v.truncated() ? "true" : "false");
-  printf("}\n");
+void print_info_json(const std::string& image, const VolumeInfo& v) {
+  print_json({{"image", image},
+              {"label", v.label},
+              {"serial", v.serial_string()},
+              {"uuid", v.uuid_string()},
+              {"serial_number", v.serial_number},
+              {"bytes_per_sector", v.bytes_per_sector},
+              {"bytes_per_cluster", v.bytes_per_cluster},
+              {"cluster_count", v.cluster_count},
+              {"free_clusters", v.free_clusters},
+              {"total_bytes", v.total_bytes()},
+              {"free_bytes", v.free_bytes()},
+              {"percent_in_use", v.percent_in_use},
+              {"volume_flags", v.volume_flags},
+              {"dirty", v.dirty()},
+              {"media_failure", v.media_failure()},
+              {"volume_bytes", v.volume_bytes},
+              {"device_bytes", v.device_bytes},
+              {"truncated", v.truncated()}});
 }
 
 }  // namespace
@@ -120,7 +120,7 @@ int info_command(const std::vector<std::string>& args) {
   // composed.
   info.label = composed(info.label);
   if (json)
-    print_json(image, info);
+    print_info_json(image, info);
   else
     print_human(image, info);
   ec = volume->unmount();

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <nlohmann/json.hpp>
+
 #include "cli.h"
 #include "session.h"
 #include "text.h"
@@ -215,31 +217,26 @@ void print_stat(const std::string& name, const Stat& st, const std::string& targ
     printf("Target:     %s\n", target.c_str());
 }
 
-std::string json_time(const timespec& t) {
-  return "{\"sec\": " + std::to_string(static_cast<long long>(t.tv_sec)) +
-         ", \"nsec\": " + std::to_string(t.tv_nsec) + "}";
+nlohmann::ordered_json json_time(const timespec& t) {
+  return {{"sec", static_cast<int64_t>(t.tv_sec)}, {"nsec", static_cast<int64_t>(t.tv_nsec)}};
 }
 
 void print_stat_json(const std::string& name, const Stat& st, const std::string& target) {
-  std::string attributes;
-  for (const std::string& a : attribute_names(st))
-    attributes += (attributes.empty() ? "" : ", ") + json_string(a);
-  printf("{\n");
-  printf("  \"file\": %s,\n", json_string(name).c_str());
-  printf("  \"type\": %s,\n", json_string(type_name(st.type)).c_str());
-  printf("  \"size\": %llu,\n", static_cast<unsigned long long>(st.size));
-  printf("  \"allocated\": %llu,\n", static_cast<unsigned long long>(st.allocated));
-  printf("  \"attributes\": [%s],\n", attributes.c_str());
-  printf("  \"flags\": %u,\n", st.flags);
-  printf("  \"mode\": %u,\n", st.mode & 07777);
-  printf("  \"file_id\": %llu,\n", static_cast<unsigned long long>(st.file_id));
-  printf("  \"parent_id\": %llu,\n", static_cast<unsigned long long>(st.parent_id));
-  printf("  \"birth\": %s,\n", json_time(st.birth).c_str());
-  printf("  \"modified\": %s,\n", json_time(st.modified).c_str());
-  printf("  \"accessed\": %s", json_time(st.accessed).c_str());
+  nlohmann::ordered_json doc = {{"file", name},
+                                {"type", type_name(st.type)},
+                                {"size", st.size},
+                                {"allocated", st.allocated},
+                                {"attributes", attribute_names(st)},
+                                {"flags", st.flags},
+                                {"mode", st.mode & 07777},
+                                {"file_id", st.file_id},
+                                {"parent_id", st.parent_id},
+                                {"birth", json_time(st.birth)},
+                                {"modified", json_time(st.modified)},
+                                {"accessed", json_time(st.accessed)}};
   if (st.type == FileType::Symlink)
-    printf(",\n  \"target\": %s", json_string(target).c_str());
-  printf("\n}\n");
+    doc["target"] = target;
+  print_json(doc);
 }
 
 // Copies an open file to stdout. Returns false when stdout is gone.

@@ -43,33 +43,6 @@ bool parse_size(const std::string& text, uint64_t* out) {
   return true;
 }
 
-// The shared parser knows long switches only; mkfs's two valued long
-// options become short ones before it sees them.
-std::vector<std::string> short_forms(const std::vector<std::string>& raw) {
-  std::vector<std::string> out;
-  for (const std::string& a : raw) {
-    if (a == "--") {
-      out.insert(out.end(), &a, raw.data() + raw.size());
-      break;
-    }
-    bool done = false;
-    for (auto [name, letter] : {std::pair{"--serial", "-S"}, std::pair{"--from", "-F"}}) {
-      std::string n = name;
-      if (a == n) {
-        out.push_back(letter);
-        done = true;
-      } else if (a.rfind(n + "=", 0) == 0) {
-        out.push_back(letter);
-        out.push_back(a.substr(n.size() + 1));
-        done = true;
-      }
-    }
-    if (!done)
-      out.push_back(a);
-  }
-  return out;
-}
-
 std::string human(uint64_t bytes) {
   const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
   int u = 0;
@@ -101,7 +74,8 @@ int mkfs_command(const std::vector<std::string>& raw) {
   const CommandInfo* self = find_command("mkfs");
   Args args;
   int status = 0;
-  if (!parse_args(*self, OptionTable{"", "scLSF", {}}, short_forms(raw), &args, &status))
+  OptionTable table{.valued = "scLSF", .longs = {{"serial", 'S'}, {"from", 'F'}}};
+  if (!parse_args(*self, table, raw, &args, &status))
     return status;
   Reporter report("mkfs");
   if (args.operands.size() != 1)

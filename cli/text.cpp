@@ -2,6 +2,7 @@
 
 #include "text.h"
 
+#include <nlohmann/json.hpp>
 #include <utf8proc.h>
 
 #include <cerrno>
@@ -121,25 +122,9 @@ std::optional<timespec> parse_time(const std::string& text) {
   return timespec{seconds, 0};
 }
 
-std::string json_string(const std::string& s) {
-  std::string out = "\"";
-  for (unsigned char c : s) {
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          char esc[8];
-          snprintf(esc, sizeof(esc), "\\u%04x", c);
-          out += esc;
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
+void print_json(const nlohmann::ordered_json& doc) {
+  std::string text = doc.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  printf("%s\n", text.c_str());
 }
 
 // "R", "H" and "A" for read-only, hidden and archive, in mattrib's order.

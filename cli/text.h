@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include <nlohmann/json_fwd.hpp>
+
 #include "exvol/types.h"
 
 namespace exvol::cli {
@@ -27,8 +29,11 @@ std::string format_time(const timespec& t, bool precise = false);
 // optionally with "T" between date and time and a final "Z" for UTC.
 std::optional<timespec> parse_time(const std::string& text);
 
-// A JSON string literal for `s` (UTF-8 passed through, controls escaped).
-std::string json_string(const std::string& s);
+// Prints `doc` on stdout, indented by two, keys in the order they were
+// added, followed by a newline. Names on a damaged volume, and host paths,
+// need not be valid UTF-8: such bytes print as U+FFFD, so that the output
+// always parses.
+void print_json(const nlohmann::ordered_json& doc);
 
 // "R", "H" and "A" (or "-") for read-only, hidden and archive.
 std::string attribute_letters(const Stat& st);

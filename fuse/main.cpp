@@ -150,12 +150,13 @@ void warn_if_unclean(const Config& c, Volume& volume) {
   syslog(LOG_WARNING, "%s: %s", c.image.c_str(), message.c_str());
 }
 
-// Where the daemon's own messages go once it serves.
+// What errors= does about a damaged volume: to the system log always (the
+// record an administrator looks for later), and to the terminal too in the
+// foreground.
 void say(const Config& c, const std::string& message) {
   if (c.foreground)
     fprintf(stderr, "mount.exvol: %s: %s\n", c.image.c_str(), message.c_str());
-  else
-    syslog(LOG_ERR, "%s: %s", c.image.c_str(), message.c_str());
+  syslog(LOG_ERR, "%s: %s", c.image.c_str(), message.c_str());
 }
 
 fuse_session* make_session(const Config& c, Daemon* daemon) {

@@ -25,34 +25,8 @@ struct Given {
   bool allow_other_set = false;  // allow_other or noallow_other given
 };
 
-// Options that only mean something to mount(8) and /etc/fstab, which
-// mount(8) may hand to a helper; they change nothing here.
-bool is_userspace_only(const std::string& name) {
-  static const char* const kNames[] = {"defaults", "auto",   "noauto", "nofail", "user",
-                                       "nouser",   "users",  "owner",  "group",  "_netdev",
-                                       "loop",     "relatime", "norelatime",
-                                       "strictatime", "nostrictatime", "nodiratime", "diratime",
-                                       "lazytime", "nolazytime"};
-  for (const char* n : kNames) {
-    if (name == n)
-      return true;
-  }
-  return name.rfind("x-", 0) == 0;
-}
-
-// Kernel mount flags handed on to the FUSE mount as they are.
-bool is_kernel_flag(const std::string& name) {
-  static const char* const kNames[] = {"suid",   "nosuid", "dev",     "nodev",
-                                       "exec",   "noexec", "dirsync", "auto_unmount",
-                                       "allow_root"};
-  for (const char* n : kNames) {
-    if (name == n)
-      return true;
-  }
-  return false;
-}
-
 // Above a day, a periodic write-back is no safer than none.
+// (commit='s message below names the limit.)
 constexpr unsigned long kMaxCommitSeconds = 86400;
 
 bool parse_unsigned(const std::string& text, int base, unsigned long max, unsigned long* out) {
@@ -106,128 +80,197 @@ int32_t local_seconds_west() {
   return static_cast<int32_t>(-local.tm_gmtoff);
 }
 
-// Applies one "name" or "name=value" option. Returns "" or the message.
-std::string apply_one(const std::string& option, Config* c, Given* given,
-                      std::string* fsname) {
-  size_t eq = option.find('=');
-  std::string name = option.substr(0, eq);
-  bool has_value = eq != std::string::npos;
-  std::string value = has_value ? option.substr(eq + 1) : "";
+// What one option changes.
+struct Target {
+  Config* c;
+  Given* given;
+  std::string* fsname;
+};
+
+// An option without a value. `apply` gets its name (for the ones passed
+// on to the kernel).
+struct FlagOption {
+  const char* name;
+  void (*apply)(Target&, const std::string& name);
+};
+
+void pass_to_kernel(Target& t, const std::string& name) {
+  append_option(&t.c->fuse_options, name);
+}
+// Options that only mean something to mount(8) and /etc/fstab, which
+// mount(8) may hand to a helper, and atime variants that mean "atime" here.
+void ignore(Target&, const std::string&) {}
+
+const FlagOption kFlagOptions[] = {
+    {"ro", [](Target& t, const std::string&) { t.c->volume.read_only = true; }},
+    {"rw", [](Target& t, const std::string&) { t.c->volume.read_only = false; }},
+    {"noatime", [](Target& t, const std::string&) { t.c->volume.noatime = true; }},
+    {"atime", [](Target& t, const std::string&) { t.c->volume.noatime = false; }},
+    {"async",
+     [](Target& t, const std::string&) {
+       t.c->volume.async = true;
+       t.c->sync_writes = false;
+     }},
+    {"sync",
+     [](Target& t, const std::string&) {
+       t.c->volume.async = false;
+       t.c->sync_writes = true;
+     }},
+    {"allow_other",
+     [](Target& t, const std::string&) {
+       t.c->allow_other = true;
+       t.given->allow_other_set = true;
+     }},
+    {"noallow_other",
+     [](Target& t, const std::string&) {
+       t.c->allow_other = false;
+       t.given->allow_other_set = true;
+     }},
+    {"discard", [](Target& t, const std::string&) { t.c->volume.discard = true; }},
+    {"nodiscard", [](Target& t, const std::string&) { t.c->volume.discard = false; }},
+    // Timestamps in the machine's own time zone: the default, named.
+    {"sys_tz", [](Target& t, const std::string&) { t.c->volume.seconds_west = local_seconds_west(); }},
+    {"default_permissions", [](Target& t, const std::string&) { t.c->default_permissions = true; }},
+    {"quiet", [](Target& t, const std::string&) { t.c->quiet = true; }},
+    {"debug", [](Target& t, const std::string&) { t.c->debug = true; }},
+    {"suid", pass_to_kernel}, {"nosuid", pass_to_kernel}, {"dev", pass_to_kernel},
+    {"nodev", pass_to_kernel}, {"exec", pass_to_kernel}, {"noexec", pass_to_kernel},
+    {"dirsync", pass_to_kernel}, {"auto_unmount", pass_to_kernel}, {"allow_root", pass_to_kernel},
+    {"defaults", ignore}, {"auto", ignore}, {"noauto", ignore}, {"nofail", ignore},
+    {"user", ignore}, {"nouser", ignore}, {"users", ignore}, {"owner", ignore},
+    {"group", ignore}, {"_netdev", ignore}, {"loop", ignore}, {"relatime", ignore},
+    {"norelatime", ignore}, {"strictatime", ignore}, {"nostrictatime", ignore},
+    {"nodiratime", ignore}, {"diratime", ignore}, {"lazytime", ignore}, {"nolazytime", ignore},
+};
+
+// An option with a value. `apply` returns false for a bad value; the
+// message then says what `wanted` (when not empty).
+struct ValueOption {
+  const char* name;
+  const char* wanted;
+  bool (*apply)(Target&, const std::string& value);
+};
+
+bool set_mask(const std::string& value, std::optional<uint16_t>* slot) {
   unsigned long u = 0;
-  long s = 0;
+  if (!parse_unsigned(value, 8, 0777, &u))
+    return false;
+  *slot = static_cast<uint16_t>(u);
+  return true;
+}
 
-  auto bad_value = [&] { return "bad value for option '" + name + "': '" + value + "'"; };
-  auto mask_option = [&](std::optional<uint16_t>* slot) -> std::string {
-    if (!parse_unsigned(value, 8, 0777, &u))
-      return bad_value() + " (an octal mask up to 0777)";
-    *slot = static_cast<uint16_t>(u);
-    return "";
-  };
+bool set_id(const std::string& value, uint32_t* id) {
+  unsigned long u = 0;
+  if (!parse_unsigned(value, 10, UINT32_MAX - 1, &u))
+    return false;
+  *id = static_cast<uint32_t>(u);
+  return true;
+}
 
-  if (!has_value) {
-    if (name == "ro") {
-      c->volume.read_only = true;
-    } else if (name == "rw") {
-      c->volume.read_only = false;
-    } else if (name == "noatime") {
-      c->volume.noatime = true;
-    } else if (name == "atime") {
-      c->volume.noatime = false;
-    } else if (name == "async") {
-      c->volume.async = true;
-      c->sync_writes = false;
-    } else if (name == "sync") {
-      c->volume.async = false;
-      c->sync_writes = true;
-    } else if (name == "allow_other") {
-      c->allow_other = true;
-      given->allow_other_set = true;
-    } else if (name == "noallow_other") {
-      c->allow_other = false;
-      given->allow_other_set = true;
-    } else if (name == "discard") {
-      c->volume.discard = true;
-    } else if (name == "nodiscard") {
-      c->volume.discard = false;
-    } else if (name == "sys_tz") {
-      // Timestamps in the machine's own time zone: the default, named.
-      c->volume.seconds_west = local_seconds_west();
-    } else if (name == "default_permissions") {
-      c->default_permissions = true;
-    } else if (name == "quiet") {
-      c->quiet = true;
-    } else if (name == "debug") {
-      c->debug = true;
-    } else if (is_kernel_flag(name)) {
-      append_option(&c->fuse_options, name);
-    } else if (!is_userspace_only(name)) {
-      return "unknown option '" + name + "'";
-    }
-    return "";
-  }
-
-  if (name == "uid") {
-    if (!parse_unsigned(value, 10, UINT32_MAX - 1, &u))
-      return bad_value() + " (a numeric user id)";
-    c->uid = static_cast<uid_t>(u);
-  } else if (name == "gid") {
-    if (!parse_unsigned(value, 10, UINT32_MAX - 1, &u))
-      return bad_value() + " (a numeric group id)";
-    c->gid = static_cast<gid_t>(u);
-  } else if (name == "umask") {
-    return mask_option(&given->umask);
-  } else if (name == "dmask") {
-    return mask_option(&given->dmask);
-  } else if (name == "fmask") {
-    return mask_option(&given->fmask);
-  } else if (name == "time_offset") {
-    // Minutes east of UTC, the offset of the local time the volume keeps.
-    if (!parse_signed(value, -24 * 60, 24 * 60, &s))
-      return bad_value() + " (minutes east of UTC, -1440 to 1440)";
-    c->volume.seconds_west = static_cast<int32_t>(-s * 60);
-  } else if (name == "commit") {
-    if (!parse_unsigned(value, 10, kMaxCommitSeconds, &u))
-      return bad_value() + " (seconds between write-backs, 0 to " +
-             std::to_string(kMaxCommitSeconds) + "; 0: none)";
-    c->volume.sync_interval_ms = static_cast<uint32_t>(u * 1000);
-  } else if (name == "tz") {
-    if (value != "UTC")
-      return bad_value() + " (only tz=UTC is known)";
-    c->volume.seconds_west = 0;
-  } else if (name == "fsname") {
-    if (value.empty())
-      return bad_value();
-    *fsname = value;
-  } else if (name == "iocharset") {
-    if (value != "utf8" && value != "utf-8")
-      return bad_value() +
-             " (names are always UTF-8 on exvol mounts; use iocharset=utf8 or leave it out)";
-  } else if (name == "allow_utime") {
+const ValueOption kValueOptions[] = {
+    {"uid", "a numeric user id",
+     [](Target& t, const std::string& v) { return set_id(v, &t.c->uid); }},
+    {"gid", "a numeric group id",
+     [](Target& t, const std::string& v) { return set_id(v, &t.c->gid); }},
+    {"umask", "an octal mask up to 0777",
+     [](Target& t, const std::string& v) { return set_mask(v, &t.given->umask); }},
+    {"dmask", "an octal mask up to 0777",
+     [](Target& t, const std::string& v) { return set_mask(v, &t.given->dmask); }},
+    {"fmask", "an octal mask up to 0777",
+     [](Target& t, const std::string& v) { return set_mask(v, &t.given->fmask); }},
     // Accepted for fstab lines written for the kernel driver. Through FUSE
     // the kernel itself decides who may change times (default_permissions:
     // the owner any time, whoever may write the file "now"); a daemon can't
     // widen that, so the mask is checked and kept for nothing else.
-    std::optional<uint16_t> ignored;
-    return mask_option(&ignored);
-  } else if (name == "errors") {
-    if (value == "continue")
-      c->on_errors = Config::OnErrors::kContinue;
-    else if (value == "remount-ro")
-      c->on_errors = Config::OnErrors::kRemountReadOnly;
-    else if (value == "panic")
-      c->on_errors = Config::OnErrors::kPanic;
-    else
-      return bad_value() + " (continue, remount-ro or panic)";
-  } else if (name == "max_read") {
-    if (!parse_unsigned(value, 10, UINT32_MAX, &u))
-      return bad_value();
-    append_option(&c->fuse_options, option);
-  } else if (name == "comment" || name.rfind("x-", 0) == 0) {
+    {"allow_utime", "an octal mask up to 0777",
+     [](Target&, const std::string& v) {
+       std::optional<uint16_t> ignored;
+       return set_mask(v, &ignored);
+     }},
+    // Minutes east of UTC, the offset of the local time the volume keeps.
+    {"time_offset", "minutes east of UTC, -1440 to 1440",
+     [](Target& t, const std::string& v) {
+       long minutes = 0;
+       if (!parse_signed(v, -24 * 60, 24 * 60, &minutes))
+         return false;
+       t.c->volume.seconds_west = static_cast<int32_t>(-minutes * 60);
+       return true;
+     }},
+    {"commit", "seconds between write-backs, 0 to 86400; 0: none",
+     [](Target& t, const std::string& v) {
+       unsigned long seconds = 0;
+       if (!parse_unsigned(v, 10, kMaxCommitSeconds, &seconds))
+         return false;
+       t.c->volume.sync_interval_ms = static_cast<uint32_t>(seconds * 1000);
+       return true;
+     }},
+    {"tz", "only tz=UTC is known",
+     [](Target& t, const std::string& v) {
+       if (v != "UTC")
+         return false;
+       t.c->volume.seconds_west = 0;
+       return true;
+     }},
+    {"fsname", "",
+     [](Target& t, const std::string& v) {
+       *t.fsname = v;
+       return !v.empty();
+     }},
+    {"iocharset", "names are always UTF-8 on exvol mounts; use iocharset=utf8 or leave it out",
+     [](Target&, const std::string& v) { return v == "utf8" || v == "utf-8"; }},
+    {"errors", "continue, remount-ro or panic",
+     [](Target& t, const std::string& v) {
+       static const std::pair<const char*, Config::OnErrors> kPolicies[] = {
+           {"continue", Config::OnErrors::kContinue},
+           {"remount-ro", Config::OnErrors::kRemountReadOnly},
+           {"panic", Config::OnErrors::kPanic}};
+       for (const auto& [name, policy] : kPolicies) {
+         if (v == name) {
+           t.c->on_errors = policy;
+           return true;
+         }
+       }
+       return false;
+     }},
+    {"max_read", "",
+     [](Target& t, const std::string& v) {
+       unsigned long u = 0;
+       if (!parse_unsigned(v, 10, UINT32_MAX, &u))
+         return false;
+       append_option(&t.c->fuse_options, "max_read=" + v);
+       return true;
+     }},
     // fstab bookkeeping for mount(8) and systemd.
-  } else {
-    return "unknown option '" + name + "'";
+    {"comment", "", [](Target&, const std::string&) { return true; }},
+};
+
+// Applies one "name" or "name=value" option. Returns "" or the message.
+std::string apply_one(const std::string& option, Target& t) {
+  size_t eq = option.find('=');
+  std::string name = option.substr(0, eq);
+  // x-systemd.automount and the like: for mount(8) and systemd.
+  if (name.rfind("x-", 0) == 0)
+    return "";
+  for (const FlagOption& f : kFlagOptions) {
+    if (name != f.name)
+      continue;
+    if (eq != std::string::npos)
+      return "option '" + name + "' takes no value";
+    f.apply(t, name);
+    return "";
   }
-  return "";
+  for (const ValueOption& o : kValueOptions) {
+    if (name != o.name)
+      continue;
+    if (eq == std::string::npos)
+      return "option '" + name + "' needs a value (" + name + "=...)";
+    std::string value = option.substr(eq + 1);
+    if (o.apply(t, value))
+      return "";
+    std::string message = "bad value for option '" + name + "': '" + value + "'";
+    return *o.wanted ? message + " (" + o.wanted + ")" : message;
+  }
+  return "unknown option '" + name + "'";
 }
 
 // Splits a -o list at commas that are not escaped with a backslash.
@@ -249,10 +292,11 @@ std::vector<std::string> split_list(const std::string& list) {
 }
 
 std::string apply_list(const std::string& list, Config* c, Given* given, std::string* fsname) {
+  Target t{c, given, fsname};
   for (const std::string& option : split_list(list)) {
     if (option.empty())
       continue;
-    std::string error = apply_one(option, c, given, fsname);
+    std::string error = apply_one(option, t);
     if (!error.empty())
       return error;
   }

@@ -2,7 +2,15 @@
 
 #include "fuse/watch.h"
 
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/statfs.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 
 namespace exvol::fuse {
 
@@ -28,18 +36,78 @@ bool ErrorWatch::panicked() const {
 
 void ErrorWatch::run() {
   std::unique_lock<std::mutex> guard(lock_);
+  bool acted = false;
   while (!stopping_) {
     wake_.wait_for(guard, std::chrono::milliseconds(kPollMs));
     if (stopping_)
       break;
     guard.unlock();
-    VolumeInfo info;
-    bool corrupt = !volume_.info(&info) && info.corrupt;
-    if (corrupt)
-      act();
+    if (!acted) {
+      VolumeInfo info;
+      acted = !volume_.info(&info) && info.corrupt;
+      if (acted)
+        act();
+    } else if (kernel_remount_pending_) {
+      remount_kernel_read_only();
+    }
     guard.lock();
-    if (corrupt)
+    if (acted && !kernel_remount_pending_)
       return;  // once per mount: the fault stays recorded
+  }
+}
+
+namespace {
+
+constexpr long kFuseSuperMagic = 0x65735546;
+
+// The mount flags a remount must give again: MS_REMOUNT sets the mount's
+// flags to exactly those passed.
+unsigned long kept_mount_flags(unsigned long st_flags) {
+  static const struct {
+    unsigned long st, ms;
+  } kFlags[] = {{ST_NOSUID, MS_NOSUID},         {ST_NODEV, MS_NODEV},
+                {ST_NOEXEC, MS_NOEXEC},         {ST_SYNCHRONOUS, MS_SYNCHRONOUS},
+                {ST_NOATIME, MS_NOATIME},       {ST_NODIRATIME, MS_NODIRATIME},
+                {ST_RELATIME, MS_RELATIME}};
+  unsigned long ms = 0;
+  for (const auto& f : kFlags) {
+    if (st_flags & f.st)
+      ms |= f.ms;
+  }
+  return ms;
+}
+
+}  // namespace
+
+// Runs on the watch thread only, which alone touches
+// kernel_remount_pending_. The daemon has made the volume read-only
+// already; this makes the kernel's mount say so (mount table, EROFS from
+// the kernel itself). The mount point is opened anew each time, not held:
+// an open descriptor on the mount would make umount fail with EBUSY.
+void ErrorWatch::remount_kernel_read_only() {
+  int fd = open(config_.mountpoint.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  struct statfs fs {};
+  if (fd < 0 || fstatfs(fd, &fs) != 0 || fs.f_type != kFuseSuperMagic) {
+    // The mount is gone (or something else is mounted there now).
+    kernel_remount_pending_ = false;
+    if (fd >= 0)
+      close(fd);
+    return;
+  }
+  std::string self = "/proc/self/fd/" + std::to_string(fd);
+  unsigned long flags = MS_REMOUNT | MS_RDONLY | kept_mount_flags(fs.f_flags);
+  int rc = mount(nullptr, self.c_str(), nullptr, flags, nullptr);
+  int error = errno;
+  close(fd);
+  if (rc == 0) {
+    kernel_remount_pending_ = false;
+    say_("the kernel's mount is read-only now (errors=remount-ro)");
+  } else if (error != EBUSY) {
+    // EBUSY: files are still open for writing (their writes fail); the
+    // next poll tries again. Anything else will not change.
+    kernel_remount_pending_ = false;
+    say_(std::string("the kernel's mount stays read-write: ") + strerror(error) +
+         "; every write fails with 'Read-only file system' all the same");
   }
 }
 
@@ -59,6 +127,13 @@ void ErrorWatch::act() {
       std::error_code ec = volume_.update(ro, true);
       say_(what + (ec ? "; switching to read-only failed: " + ec.message()
                       : "; remounted read-only (errors=remount-ro)"));
+      // Only root may remount; for anyone else the mount table keeps
+      // saying rw while the daemon refuses every write. A mount made ro
+      // is read-only in the kernel already.
+      if (!ec && geteuid() == 0 && !config_.volume.read_only) {
+        kernel_remount_pending_ = true;
+        remount_kernel_read_only();
+      }
       return;
     }
     case Config::OnErrors::kPanic:

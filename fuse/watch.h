@@ -8,7 +8,10 @@
 // the mount has recorded one and, the first time it has, acts once:
 //   continue    says so, and serves on;
 //   remount-ro  says so and makes the volume read-only (open writers are
-//               revoked: their writes fail from then on);
+//               revoked: their writes fail from then on); as root, it also
+//               remounts the kernel's mount read-only, so that the mount
+//               table shows "ro" (retried while files are still open for
+//               writing, which makes the kernel refuse with EBUSY);
 //   panic       says so and ends the session as SIGTERM does, so that
 //               the daemon unmounts as cleanly as the volume allows and
 //               exits with status 32.
@@ -45,6 +48,7 @@ class ErrorWatch {
  private:
   void run();
   void act();
+  void remount_kernel_read_only();
 
   const Config& config_;
   Volume& volume_;
@@ -54,6 +58,7 @@ class ErrorWatch {
   std::condition_variable wake_;
   bool stopping_ = false;  // lock_
   bool panicked_ = false;  // lock_
+  bool kernel_remount_pending_ = false;  // the watch thread's own
   std::thread thread_;
 };
 

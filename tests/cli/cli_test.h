@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "tests/support/fsck.h"
 
 namespace exvol::cli_test {
@@ -114,6 +116,31 @@ inline Result exvol_on_terminal(const std::vector<std::string>& args) {
   close(master);
   run.status = wait_status(pid);
   return run;
+}
+
+// The JSON values printed one after another (stat --json prints one per
+// operand). A value that does not parse fails the test.
+inline std::vector<nlohmann::json> parse_json_values(const std::string& text) {
+  std::vector<nlohmann::json> values;
+  std::istringstream in(text);
+  while ((in >> std::ws).peek() != std::char_traits<char>::eof()) {
+    try {
+      nlohmann::json value;
+      in >> value;  // one value, leaving the rest in the stream
+      values.push_back(std::move(value));
+    } catch (const nlohmann::json::exception& e) {
+      ADD_FAILURE() << e.what() << "\n" << text;
+      break;
+    }
+  }
+  return values;
+}
+
+// The one JSON value in `text` (null when there is not exactly one).
+inline nlohmann::json parse_json(const std::string& text) {
+  std::vector<nlohmann::json> values = parse_json_values(text);
+  EXPECT_EQ(1u, values.size()) << text;
+  return values.size() == 1 ? values[0] : nlohmann::json();
 }
 
 inline std::string failure_line(const std::string& command, const std::string& what,

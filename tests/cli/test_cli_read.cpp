@@ -111,19 +111,46 @@ TEST_F(CliRead, StatShowsEveryAttribute) {
 
   r = exvol({"stat", "--json", addr("/docs/secret"), addr("/docs/inner")});
   EXPECT_EQ(0, r.status) << r.err;
-  EXPECT_NE(std::string::npos, r.out.find("\"attributes\": [\"hidden\", \"archive\"]")) << r.out;
-  EXPECT_NE(std::string::npos, r.out.find("\"type\": \"directory\"")) << r.out;
-  EXPECT_NE(std::string::npos, r.out.find("\"modified\": {\"sec\": 1704067200, \"nsec\": 0}"));
+  std::vector<nlohmann::json> docs = parse_json_values(r.out);
+  ASSERT_EQ(2u, docs.size()) << r.out;
+  EXPECT_EQ(nlohmann::json({"hidden", "archive"}), docs[0]["attributes"]) << r.out;
+  EXPECT_EQ(addr("/docs/secret"), docs[0]["file"]);
+  EXPECT_EQ(1u, docs[0]["size"]);
+  EXPECT_EQ("directory", docs[1]["type"]);
+  EXPECT_EQ(nlohmann::json({{"sec", 1704067200}, {"nsec", 0}}), docs[1]["modified"]);
+  EXPECT_FALSE(docs[1].contains("target"));
+}
+
+// The JSON output parses whatever the names hold: quotes, backslashes and
+// controls are escaped, bytes that are not UTF-8 become U+FFFD.
+TEST_F(CliRead, JsonParsesWhateverTheNamesHold) {
+  struct Case {
+    std::string name, shown;
+  } cases[] = {
+      {"q\"uo\\te.img", "q\"uo\\te.img"},
+      {"new\nline\t.img", "new\nline\t.img"},
+      {"bad\xff\xc3.img", "bad\uFFFD\uFFFD.img"},
+  };
+  for (const Case& c : cases) {
+    std::string copy = at(c.name);
+    std::filesystem::copy_file(image_, copy);
+    Result r = exvol({"info", "--json", copy});
+    ASSERT_EQ(0, r.status) << r.err;
+    nlohmann::json doc = parse_json(r.out);
+    EXPECT_EQ(at(c.shown), doc["image"]) << r.out;
+    EXPECT_EQ("DATA", doc["label"]);
+    r = exvol({"stat", "--json", copy + ":/docs/zeta.txt"});
+    EXPECT_EQ(at(c.shown) + ":/docs/zeta.txt", parse_json(r.out)["file"]) << r.out;
+  }
 }
 
 TEST_F(CliRead, DfAgreesWithInfo) {
   Result info = exvol({"info", "--json", image_});
   ASSERT_EQ(0, info.status) << info.err;
-  auto number = [&](const std::string& key) {
-    size_t at = info.out.find("\"" + key + "\": ");
-    return std::stoull(info.out.substr(at + key.size() + 4));
-  };
-  uint64_t total = number("total_bytes"), free = number("free_bytes");
+  nlohmann::json doc = parse_json(info.out);
+  uint64_t total = doc["total_bytes"], free = doc["free_bytes"];
+  EXPECT_EQ(doc["cluster_count"].get<uint64_t>() * doc["bytes_per_cluster"].get<uint64_t>(),
+            total);
   Result r = exvol({"df", image_});
   EXPECT_EQ(0, r.status) << r.err;
   char expected[256];
