@@ -22,7 +22,7 @@ const std::vector<VolumeShape>& volume_shapes() {
       {"32 KiB clusters", 9, 6, 320, false},
       {"128 KiB clusters on 4096-byte sectors", 12, 5, 96, false},
       {"1 MiB clusters", 9, 11, 24, false},
-      {"1 MiB clusters on 4096-byte sectors", 12, 8, 20, false},
+      {"2 MiB clusters on 4096-byte sectors", 12, 9, 16, false},
       {"mkfs.exfat, 4 KiB clusters", 9, 3, 4096, true},
   };
   return shapes;

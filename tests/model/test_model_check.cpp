@@ -66,7 +66,8 @@ TEST_P(ModelCheckGeometry, RandomOperationsMatchTheModel) {
       [](uint64_t seed, int steps) { return run_geometry(seed, steps); }, 250, ModeKind::Geometry);
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, ModelCheckGeometry, ::testing::Values(0, 1, 2));
+// Seed 6: 2 MiB clusters.
+INSTANTIATE_TEST_SUITE_P(Seeds, ModelCheckGeometry, ::testing::Values(0, 1, 2, 6));
 
 // One directory of hundreds of entries that the operations keep changing,
 // so that its index is built, updated, found stale or evicted along the way.
