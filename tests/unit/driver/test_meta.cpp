@@ -69,14 +69,6 @@ TEST_F(DirtyMark, CorruptionSetsMediaFailureAndIsNeverMarkedClean) {
   EXPECT_EQ(0x0006, disk_volume_flags()) << "a corrupt volume stays dirty";
 }
 
-class DelayedFlush : public MountTest {
- protected:
-  void mount_scratch(uint64_t flags = 0) {
-    ASSERT_EQ(0, load(mountable().build(), 512, 512, 16 << 20));
-    ASSERT_EQ(0, mount(flags));
-  }
-};
-
 // Threads: the timer's callback against unmount.
 class DelayedFlushConcurrency : public MountTest {};
 
