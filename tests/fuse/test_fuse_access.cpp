@@ -52,25 +52,20 @@ int perform(Op op) {
       struct stat st;
       return stat("mnt/f", &st) == 0 && st.st_mtime == kExplicit ? 0 : kWrongResult;
     }
-    case Op::kTouch:
-      return utimensat(AT_FDCWD, "mnt/f", nullptr, 0) == 0 ? 0 : errno;
+    case Op::kTouch: return utimensat(AT_FDCWD, "mnt/f", nullptr, 0) == 0 ? 0 : errno;
     case Op::kRead:
     case Op::kWrite: {
       int fd = open("mnt/f", op == Op::kRead ? O_RDONLY : O_WRONLY);
       return fd < 0 ? errno : (close(fd) == 0 ? 0 : errno);
     }
-    case Op::kTruncate:
-      return truncate("mnt/f", 1) == 0 ? 0 : errno;
+    case Op::kTruncate: return truncate("mnt/f", 1) == 0 ? 0 : errno;
     case Op::kCreate: {
       int fd = open("mnt/new", O_WRONLY | O_CREAT | O_EXCL, 0644);
       return fd < 0 ? errno : (close(fd) == 0 ? 0 : errno);
     }
-    case Op::kUnlink:
-      return unlink("mnt/victim") == 0 ? 0 : errno;
-    case Op::kRename:
-      return rename("mnt/victim", "mnt/moved") == 0 ? 0 : errno;
-    case Op::kMkdir:
-      return mkdir("mnt/newdir", 0755) == 0 ? 0 : errno;
+    case Op::kUnlink: return unlink("mnt/victim") == 0 ? 0 : errno;
+    case Op::kRename: return rename("mnt/victim", "mnt/moved") == 0 ? 0 : errno;
+    case Op::kMkdir: return mkdir("mnt/newdir", 0755) == 0 ? 0 : errno;
     case Op::kChmod: {
       struct stat st;
       if (stat("mnt/f", &st) != 0)
@@ -124,9 +119,8 @@ struct Mount {
 };
 
 const char* op_name(Op op) {
-  static const char* const names[] = {"set times", "touch",  "read",   "write",
-                                      "truncate",  "create", "unlink", "rename",
-                                      "mkdir",     "chmod",  "lookup"};
+  static const char* const names[] = {"set times", "touch",  "read",  "write", "truncate", "create",
+                                      "unlink",    "rename", "mkdir", "chmod", "lookup"};
   return names[static_cast<int>(op)];
 }
 
@@ -155,33 +149,20 @@ TEST(FuseAccess, AllowUtimeAndTheModesDecideForEveryUser) {
         {kMember, Op::kWrite, EACCES}}},
       // The group may set times; the modes still hold for the rest.
       {"umask=022,allow_utime=020",
-       {{kOwner, Op::kSetTimes, 0},
-        {kMember, Op::kSetTimes, 0},
-        {kMember, Op::kTouch, 0},
-        {kOther, Op::kSetTimes, EPERM},
-        {kOther, Op::kTouch, EACCES},
-        {kRoot, Op::kSetTimes, 0},
-        {kMember, Op::kRead, 0},
-        {kMember, Op::kWrite, EACCES},
-        {kOwner, Op::kWrite, 0},
-        {kMember, Op::kTruncate, EACCES},
-        {kOwner, Op::kTruncate, 0},
-        {kMember, Op::kCreate, EACCES},
-        {kOwner, Op::kCreate, 0},
-        {kRoot, Op::kCreate, 0},
-        {kMember, Op::kUnlink, EACCES},
-        {kOwner, Op::kUnlink, 0},
-        {kMember, Op::kRename, EACCES},
-        {kOwner, Op::kRename, 0},
-        {kMember, Op::kMkdir, EACCES},
-        {kOwner, Op::kMkdir, 0},
-        {kMember, Op::kChmod, EPERM},
-        {kOwner, Op::kChmod, 0},
-        {kRoot, Op::kChmod, 0},
-        {kMember, Op::kLookup, ENOENT}}},
+       {{kOwner, Op::kSetTimes, 0},     {kMember, Op::kSetTimes, 0},
+        {kMember, Op::kTouch, 0},       {kOther, Op::kSetTimes, EPERM},
+        {kOther, Op::kTouch, EACCES},   {kRoot, Op::kSetTimes, 0},
+        {kMember, Op::kRead, 0},        {kMember, Op::kWrite, EACCES},
+        {kOwner, Op::kWrite, 0},        {kMember, Op::kTruncate, EACCES},
+        {kOwner, Op::kTruncate, 0},     {kMember, Op::kCreate, EACCES},
+        {kOwner, Op::kCreate, 0},       {kRoot, Op::kCreate, 0},
+        {kMember, Op::kUnlink, EACCES}, {kOwner, Op::kUnlink, 0},
+        {kMember, Op::kRename, EACCES}, {kOwner, Op::kRename, 0},
+        {kMember, Op::kMkdir, EACCES},  {kOwner, Op::kMkdir, 0},
+        {kMember, Op::kChmod, EPERM},   {kOwner, Op::kChmod, 0},
+        {kRoot, Op::kChmod, 0},         {kMember, Op::kLookup, ENOENT}}},
       // Group-writable files: "now" by writing, explicit times not.
-      {"umask=002,allow_utime=0",
-       {{kMember, Op::kTouch, 0}, {kMember, Op::kSetTimes, EPERM}}},
+      {"umask=002,allow_utime=0", {{kMember, Op::kTouch, 0}, {kMember, Op::kSetTimes, EPERM}}},
       // Everyone may write, and by default (~dmask & 022) set times.
       {"umask=0",
        {{kOther, Op::kSetTimes, 0},
@@ -192,13 +173,15 @@ TEST(FuseAccess, AllowUtimeAndTheModesDecideForEveryUser) {
         {kOther, Op::kRename, 0},
         {kOther, Op::kMkdir, 0},
         {kOther, Op::kChmod, EPERM}}},
-      // Others may set times but not search or read anything.
+      // Others may set times but not search or read anything; the group
+      // may write.
       {"umask=007,allow_utime=2",
        {{kOther, Op::kLookup, EACCES},
         {kOther, Op::kRead, EACCES},
         {kOther, Op::kCreate, EACCES},
         {kMember, Op::kWrite, 0},
-        {kMember, Op::kSetTimes, EPERM}}},
+        {kMember, Op::kTouch, 0},           // by write permission
+        {kMember, Op::kSetTimes, EPERM}}},  // 002 is not for the group
       // Asked for by name, the kernel's checks stay.
       {"umask=022,allow_utime=020,default_permissions", {{kMember, Op::kSetTimes, EPERM}}},
   };
