@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "fuse/access.h"
 #include "fuse/ops.h"
 
 namespace exvol::fuse {
@@ -102,6 +103,8 @@ bool reply_listing(fuse_req_t req, std::error_code ec, const ListingBuffer& buf)
 }  // namespace
 
 void op_open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+  if (access::refused(req, access::may_open(req, ino, fi->flags)))
+    return;
   Daemon& d = daemon_of(req);
   d.initialized();
   File file;
@@ -115,6 +118,8 @@ void op_open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
 
 // The mode is not kept (exFAT has none): the new file reports the mount's.
 void op_create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse_file_info* fi) {
+  if (access::refused(req, access::may_change_dir(req, parent)))
+    return;
   Daemon& d = daemon_of(req);
   File file;
   NodeId node;
@@ -180,6 +185,8 @@ void op_fsync(fuse_req_t req, fuse_ino_t, int, fuse_file_info* fi) {
 }
 
 void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+  if (access::refused(req, access::may_opendir(req, ino)))
+    return;
   File file;
   std::error_code ec = daemon_of(req).volume().open(node_of(ino), O_RDONLY | O_DIRECTORY, &file);
   if (ec)

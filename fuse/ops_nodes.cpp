@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "fuse/access.h"
 #include "fuse/ops.h"
 
 namespace exvol::fuse {
@@ -103,21 +104,6 @@ std::error_code change_times(Daemon& d, NodeId node, const struct stat* attr, in
   return d.volume().utimes(node, tc);
 }
 
-// Whether the caller may access a file with the given kernel mode, by the
-// usual owner/group/other rule (root needs an execute bit only for X_OK).
-bool permitted(fuse_req_t req, const struct stat& st, int mask) {
-  const fuse_ctx* ctx = fuse_req_ctx(req);
-  mode_t mode = st.st_mode;
-  if (ctx->uid == 0)
-    return !(mask & X_OK) || S_ISDIR(mode) || (mode & 0111) != 0;
-  mode_t bits = mode & 07;
-  if (ctx->uid == st.st_uid)
-    bits = (mode >> 6) & 07;
-  else if (ctx->gid == st.st_gid)
-    bits = (mode >> 3) & 07;
-  return (static_cast<mode_t>(mask) & ~bits & 07) == 0;
-}
-
 }  // namespace
 
 void reply_error(fuse_req_t req, std::error_code ec) {
@@ -174,6 +160,8 @@ void op_init(void*, fuse_conn_info* conn) {
 // The name asked for may be another spelling of the stored one: the kernel
 // keeps it briefly, and the daemon remembers it (see Spellings).
 void op_lookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
+  if (access::refused(req, access::may_lookup(req, parent)))
+    return;
   Daemon& d = daemon_of(req);
   d.initialized();
   NodeId node;
@@ -201,6 +189,8 @@ void op_forget_multi(fuse_req_t req, size_t count, fuse_forget_data* forgets) {
 }
 
 void op_getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) {
+  if (access::refused(req, access::may_getattr(req, ino)))
+    return;
   daemon_of(req).initialized();
   reply_attr(req, node_of(ino));
 }
@@ -209,6 +199,8 @@ void op_getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info*) {
 // ReadOnly attribute is set last: a read-only file can't be truncated.
 void op_setattr(fuse_req_t req, fuse_ino_t ino, struct stat* attr, int to_set,
                 fuse_file_info* fi) {
+  if (access::refused(req, access::may_setattr(req, ino, to_set, fi)))
+    return;
   Daemon& d = daemon_of(req);
   NodeId node = node_of(ino);
   std::error_code ec = check_owner(d.config(), attr, to_set);
@@ -234,6 +226,8 @@ void op_readlink(fuse_req_t req, fuse_ino_t ino) {
 
 // Only regular files can live on exFAT; devices, FIFOs and sockets can't.
 void op_mknod(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode, dev_t) {
+  if (access::refused(req, access::may_change_dir(req, parent)))
+    return;
   if (!S_ISREG(mode)) {
     fuse_reply_err(req, EPERM);
     return;
@@ -253,6 +247,8 @@ void op_mknod(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode, 
 }
 
 void op_mkdir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t) {
+  if (access::refused(req, access::may_change_dir(req, parent)))
+    return;
   NodeId node;
   Stat st;
   if (std::error_code ec = daemon_of(req).volume().mkdir(node_of(parent), name, &node, &st))
@@ -262,6 +258,8 @@ void op_mkdir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t) {
 }
 
 void op_unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
+  if (access::refused(req, access::may_change_dir(req, parent)))
+    return;
   Daemon& d = daemon_of(req);
   std::vector<std::string> stale = d.other_spellings(node_of(parent), name);
   std::error_code ec = d.volume().unlink(node_of(parent), name);
@@ -271,6 +269,8 @@ void op_unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
 }
 
 void op_rmdir(fuse_req_t req, fuse_ino_t parent, const char* name) {
+  if (access::refused(req, access::may_change_dir(req, parent)))
+    return;
   Daemon& d = daemon_of(req);
   std::vector<std::string> stale = d.other_spellings(node_of(parent), name);
   std::error_code ec = d.volume().rmdir(node_of(parent), name);
@@ -280,6 +280,8 @@ void op_rmdir(fuse_req_t req, fuse_ino_t parent, const char* name) {
 }
 
 void op_symlink(fuse_req_t req, const char* link, fuse_ino_t parent, const char* name) {
+  if (access::refused(req, access::may_change_dir(req, parent)))
+    return;
   NodeId node;
   Stat st;
   std::error_code ec = daemon_of(req).volume().symlink(link, node_of(parent), name, &node, &st);
@@ -297,6 +299,8 @@ void op_rename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t n
     fuse_reply_err(req, EINVAL);
     return;
   }
+  if (access::refused(req, access::may_rename(req, parent, newparent)))
+    return;
   unsigned how = (flags & RENAME_NOREPLACE) ? kRenameNoReplace : 0;
   Daemon& d = daemon_of(req);
   // Both the file renamed and a file it replaces may be known to the
@@ -349,7 +353,8 @@ void op_access(fuse_req_t req, fuse_ino_t ino, int mask) {
   }
   struct stat attr = d.to_kernel(node_of(ino), st);
   bool ro_file = st.type == FileType::Regular && (st.flags & kFlagImmutable);
-  bool ok = mask == F_OK || (permitted(req, attr, mask) && !((mask & W_OK) && ro_file));
+  bool ok = mask == F_OK || (access::permitted(req, d.config(), attr, mask) &&
+                             !((mask & W_OK) && ro_file));
   fuse_reply_err(req, ok ? 0 : EACCES);
 }
 

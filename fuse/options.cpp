@@ -21,8 +21,9 @@ namespace {
 // masks fall back to umask, then to the process's umask; allow_other unset
 // follows who mounts.
 struct Given {
-  std::optional<uint16_t> umask, dmask, fmask;
+  std::optional<uint16_t> umask, dmask, fmask, allow_utime;
   bool allow_other_set = false;  // allow_other or noallow_other given
+  bool default_permissions_set = false;
 };
 
 // Above a day, a periodic write-back is no safer than none.
@@ -130,7 +131,11 @@ const FlagOption kFlagOptions[] = {
     {"nodiscard", [](Target& t, const std::string&) { t.c->volume.discard = false; }},
     // Timestamps in the machine's own time zone: the default, named.
     {"sys_tz", [](Target& t, const std::string&) { t.c->volume.seconds_west = local_seconds_west(); }},
-    {"default_permissions", [](Target& t, const std::string&) { t.c->default_permissions = true; }},
+    {"default_permissions",
+     [](Target& t, const std::string&) {
+       t.c->default_permissions = true;
+       t.given->default_permissions_set = true;
+     }},
     {"quiet", [](Target& t, const std::string&) { t.c->quiet = true; }},
     {"debug", [](Target& t, const std::string&) { t.c->debug = true; }},
     {"suid", pass_to_kernel}, {"nosuid", pass_to_kernel}, {"dev", pass_to_kernel},
@@ -178,15 +183,8 @@ const ValueOption kValueOptions[] = {
      [](Target& t, const std::string& v) { return set_mask(v, &t.given->dmask); }},
     {"fmask", "an octal mask up to 0777",
      [](Target& t, const std::string& v) { return set_mask(v, &t.given->fmask); }},
-    // Accepted for fstab lines written for the kernel driver. Through FUSE
-    // the kernel itself decides who may change times (default_permissions:
-    // the owner any time, whoever may write the file "now"); a daemon can't
-    // widen that, so the mask is checked and kept for nothing else.
     {"allow_utime", "an octal mask up to 0777",
-     [](Target&, const std::string& v) {
-       std::optional<uint16_t> ignored;
-       return set_mask(v, &ignored);
-     }},
+     [](Target& t, const std::string& v) { return set_mask(v, &t.given->allow_utime); }},
     // Minutes east of UTC, the offset of the local time the volume keeps.
     {"time_offset", "minutes east of UTC, -1440 to 1440",
      [](Target& t, const std::string& v) {
@@ -416,9 +414,18 @@ ParseResult parse_command_line(int argc, char** argv, mode_t umask_now, uid_t ui
   // allow, not only root.
   if (uid_now == 0 && !given.allow_other_set)
     c.allow_other = true;
+  // As with the kernel's FAT and exFAT drivers, directories anyone but the
+  // owner may write let them set times too, unless allow_utime says.
+  c.allow_utime = given.allow_utime.value_or(static_cast<uint16_t>(~c.dmask & 022));
   // A mount others may use must enforce the owner and modes it reports.
-  if (c.allow_other)
-    c.default_permissions = true;
+  // The kernel's checks (default_permissions) let only the owner set
+  // explicit times and refuse before the daemon hears of it; so when
+  // allow_utime lets others do that, the daemon checks everything itself
+  // (fuse/access.h), unless default_permissions was asked for by name.
+  if (c.allow_other) {
+    c.check_access = (c.allow_utime & 022) != 0 && !given.default_permissions_set;
+    c.default_permissions = !c.check_access;
+  }
 
   if (std::string error = resolve_path(positional[0], false, &c.image); !error.empty()) {
     r.error = error;

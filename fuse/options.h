@@ -51,6 +51,13 @@ struct Config {
   // Let the kernel check access against the reported owner and modes.
   bool default_permissions = false;
   bool allow_other = false;
+  // Permission bits that let a user other than the owner set explicit
+  // times: 020 members of the group, 002 everyone. Default: ~dmask & 022.
+  uint16_t allow_utime = 0;
+  // The daemon checks every request against the reported owner and modes
+  // (and allow_utime) instead of the kernel: for mounts that serve others
+  // and give them more than the kernel's rules would (see access.h).
+  bool check_access = false;
 
   // What to do once the driver finds damage or a metadata write fails
   // (errors=): go on, remount read-only, or unmount and exit.
@@ -73,8 +80,9 @@ struct ParseResult {
 
 // Parses argv. `umask_now`, `uid_now` and `gid_now` are the caller's
 // process mask and identity, the defaults of umask, uid and gid; when
-// uid_now is 0 (root mounts), allow_other and default_permissions are on
-// unless the options say "noallow_other". Relative
+// uid_now is 0 (root mounts), allow_other is on unless the options say
+// "noallow_other"; with allow_other, either the kernel (default_permissions)
+// or the daemon (check_access) checks permissions. Relative
 // paths are made absolute against the working directory (the daemon leaves
 // it); a path that does not exist is an error here already.
 ParseResult parse_command_line(int argc, char** argv, mode_t umask_now, uid_t uid_now,
