@@ -11,7 +11,7 @@
 #include <memory>
 #include <new>
 
-#include "api/check_internal.h"
+#include "api/check_private.h"
 #include "api/device_lock.h"
 
 namespace exvol {

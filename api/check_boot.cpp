@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "api/check_internal.h"
+#include "api/check_private.h"
 
 namespace exvol::checker {
 

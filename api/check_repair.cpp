@@ -6,7 +6,7 @@
 
 #include <bit>
 
-#include "api/check_internal.h"
+#include "api/check_private.h"
 
 namespace exvol::checker {
 

@@ -5,7 +5,7 @@
 
 #include <cstdio>
 
-#include "api/check_internal.h"
+#include "api/check_private.h"
 
 namespace exvol::checker {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <unordered_map>
 
-#include "api/check_internal.h"
+#include "api/check_private.h"
 
 namespace exvol::checker {
 

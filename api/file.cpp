@@ -8,7 +8,7 @@
 
 #include <limits>
 
-#include "api/internal.h"
+#include "api/api_private.h"
 #include "exvol/file.h"
 #include "host/uio.h"
 

@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-#include "api/internal.h"
+#include "api/api_private.h"
 #include "exvol/file.h"
 #include "host/ubc.h"
 

@@ -18,7 +18,7 @@
 #include <cstring>
 #include <set>
 
-#include "api/mkfs_internal.h"
+#include "api/mkfs_private.h"
 #include "exfat_proto.h"
 #include "host/utf8.h"
 

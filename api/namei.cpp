@@ -6,7 +6,7 @@
 #include <sched.h>
 #include <utility>
 
-#include "api/internal.h"
+#include "api/api_private.h"
 #include "host/uio.h"
 
 namespace exvol::detail {

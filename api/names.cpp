@@ -5,7 +5,7 @@
 
 #include <cstdlib>
 
-#include "api/internal.h"
+#include "api/api_private.h"
 
 namespace exvol::detail {
 

@@ -10,7 +10,7 @@
 
 #include <fcntl.h>
 
-#include "api/internal.h"
+#include "api/api_private.h"
 
 namespace exvol::detail {
 

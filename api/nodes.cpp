@@ -20,7 +20,7 @@
 
 #include <algorithm>
 
-#include "api/internal.h"
+#include "api/api_private.h"
 
 namespace exvol::detail {
 

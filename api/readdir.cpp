@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "api/internal.h"
+#include "api/api_private.h"
 #include "host/kern.h"
 #include "host/uio.h"
 #include "vnops/exfat_dirent.h"

@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "api/internal.h"
+#include "api/api_private.h"
 #include "host/uio.h"
 
 namespace exvol::detail {

@@ -18,7 +18,7 @@
 #include <shared_mutex>
 #include <vector>
 
-#include "api/internal.h"
+#include "api/api_private.h"
 #include "host/blkdev.h"
 #include "host/buf.h"
 #include "host/kern.h"

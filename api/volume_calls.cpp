@@ -4,7 +4,7 @@
 
 #include <fcntl.h>
 
-#include "api/internal.h"
+#include "api/api_private.h"
 #include "exvol/volume.h"
 
 namespace exvol {

@@ -20,7 +20,7 @@
 #include "host/kern.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
-#include "host/vnode_internal.h"
+#include "host/vnode_slots_private.h"
 
 // A device vnode (VBLK) carries a spec_dev in its device slot. The spec_dev
 // owns a backend that moves bytes: a file or block device reached with

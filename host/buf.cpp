@@ -15,10 +15,10 @@
 #include "host/buf_private.h"
 #include "host/kern.h"
 #include "host/mount.h"
-#include "host/ubc_internal.h"
+#include "host/ubc_io_private.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
-#include "host/vnode_internal.h"
+#include "host/vnode_slots_private.h"
 
 // The buffer cache.
 //

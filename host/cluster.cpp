@@ -27,7 +27,7 @@
 #include "host/cluster_private.h"
 #include "host/kern.h"
 #include "host/mount.h"
-#include "host/ubc_internal.h"
+#include "host/ubc_io_private.h"
 #include "host/ubc_private.h"
 #include "host/uio.h"
 #include "host/vfs.h"

@@ -28,7 +28,7 @@
 #include "host/kern.h"
 #include "host/malloc.h"
 #include "host/thread_call_private.h"
-#include "host/vnode_internal.h"
+#include "host/vnode_slots_private.h"
 #include "host/vnode_private.h"
 
 // --- Mount queries and setters ------------------------------------------------

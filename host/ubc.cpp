@@ -21,7 +21,7 @@
 #include "host/ubc.h"
 #include "host/ubc_private.h"
 #include "host/vnode.h"
-#include "host/vnode_internal.h"
+#include "host/vnode_slots_private.h"
 
 namespace ubc {
 

@@ -16,7 +16,7 @@
 #include "host/malloc.h"
 #include "host/mount.h"
 #include "host/ubc.h"
-#include "host/ubc_internal.h"
+#include "host/ubc_io_private.h"
 #include "host/ubc_private.h"
 #include "host/vfs.h"
 

@@ -34,7 +34,7 @@
 #include "host/mount.h"
 #include "host/namecache.h"
 #include "host/vfs.h"
-#include "host/vnode_internal.h"
+#include "host/vnode_slots_private.h"
 #include "host/vnode_private.h"
 
 int desiredvnodes = 4096;

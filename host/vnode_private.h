@@ -122,7 +122,7 @@ struct vnode {
   std::atomic<void*> v_data{nullptr};
   std::atomic<mount_t> v_mount{nullptr};
 
-  // --- owned by other host services (host/vnode_internal.h) ---
+  // --- owned by other host services (host/vnode_slots_private.h) ---
   void* v_ubcinfo = nullptr;
   void* v_bufinfo = nullptr;
   void* v_specinfo = nullptr;

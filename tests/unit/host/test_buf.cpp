@@ -11,7 +11,7 @@
 #include "host/buf.h"
 #include "host/vfs.h"
 #include "host/vnode.h"
-#include "host/vnode_internal.h"
+#include "host/vnode_slots_private.h"
 #include "host_test_util.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include "host/malloc.h"
 #include "host/mount.h"
 #include "host/vfs.h"
-#include "host/vnode_internal.h"
+#include "host/vnode_slots_private.h"
 #include "host_test_util.h"
 #include "tinyfs.h"
 
