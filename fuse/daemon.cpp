@@ -222,7 +222,7 @@ std::error_code Daemon::close_handle(uint64_t fh) {
 // kept long.
 std::error_code Daemon::close(std::unique_ptr<Handle> h) {
   std::error_code ec = h->file.close();
-  if (h->ever_written.load())
+  if (h->ever_written.load() || h->ever_read.load())
     drop_attrs(h->node);
   if (h->writable) {
     std::lock_guard<std::mutex> guard(handles_lock_);

@@ -58,8 +58,10 @@ struct Handle {
   bool writable = false;  // opened for writing: counted in Daemon's writers
   // Written since the last flush; set by write, cleared by flush.
   std::atomic<bool> written{false};
-  // Written at all: its release may still change what the file reports.
+  // Written, or read (an access stamp), at all: the file's close may still
+  // stamp it.
   std::atomic<bool> ever_written{false};
+  std::atomic<bool> ever_read{false};
 };
 
 // The kernel keeps a directory entry per name it was told about, compared
@@ -169,9 +171,9 @@ class Daemon {
   // kAttrTimeout.
   double attr_timeout(NodeId node, const Stat& st);
   // Has the kernel drop the attributes it holds of a node: the volume
-  // stamped its times or trimmed its clusters when a handle that wrote was
-  // flushed or closed, which the kernel does not see. Sent before the
-  // request is answered; it takes no lock of the kernel's.
+  // stamped its times or trimmed its clusters when a handle that wrote (or
+  // read) was flushed or closed, which the kernel does not see. Sent before
+  // the request is answered; it takes no lock of the kernel's.
   void drop_attrs(NodeId node);
 
   // How long the kernel may trust names: nothing but this daemon changes

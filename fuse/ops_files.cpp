@@ -149,7 +149,10 @@ void op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info*
   if (buffer.size() < size)
     buffer.resize(size);
   size_t done = 0;
-  std::error_code ec = Daemon::handle(fi->fh).file.pread(buffer.data(), size, off, &done);
+  Handle& h = Daemon::handle(fi->fh);
+  if (!h.ever_read.load(std::memory_order_relaxed))
+    h.ever_read.store(true);
+  std::error_code ec = h.file.pread(buffer.data(), size, off, &done);
   if (ec && done == 0)
     reply_error(req, ec);
   else
