@@ -249,8 +249,10 @@ std::error_code Daemon::shut_down() {
   // The kernel releases every file before the unmount completes, but a
   // daemon stopped by a signal, or a connection that was aborted, leaves
   // handles behind. Their Files must close first: an open file keeps the
-  // volume busy and its pending directory entry unwritten.
+  // volume busy and its pending directory entry unwritten. The session
+  // has ended: nothing more is sent to the kernel.
   invalidator_.stop();
+  se_ = nullptr;
   std::vector<Handle*> left;
   {
     std::lock_guard<std::mutex> guard(handles_lock_);

@@ -214,7 +214,9 @@ class Daemon {
   std::unordered_set<Handle*> handles_;  // protected by handles_lock_
   // Open writable handles by node; handles_lock_.
   std::unordered_map<NodeId, uint32_t> writers_;
-  fuse_session* se_ = nullptr;  // set before the session serves requests
+  // Set before the session serves requests; cleared by shut_down, which
+  // runs after the session's descriptor was closed.
+  fuse_session* se_ = nullptr;
   Spellings spellings_;
   Invalidator invalidator_;
   std::string read_ahead_file_;  // set before the session serves requests

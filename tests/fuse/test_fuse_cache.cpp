@@ -208,5 +208,21 @@ TEST_F(FuseCache, FilesNobodyWritesKeepTheirAttributesAndReadersNeedNoFlush) {
   EXPECT_GT(after.st_atim.tv_sec, before.st_atim.tv_sec);
 }
 
+// A descriptor that wrote, still open when a signal ends the daemon: its
+// handle is closed after the session has ended, when the daemon must send
+// the kernel nothing (the session's descriptor is closed, its number free
+// for reuse).
+TEST_F(FuseCache, HandlesClosedAfterTheSessionEndedSendNothing) {
+  int fd = open(path("f").c_str(), O_RDWR | O_CREAT, 0644);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(3, write(fd, "abc", 3));
+  ASSERT_EQ(0, kill(mount_->pid(), SIGTERM));
+  EXPECT_EQ(0, mount_->wait_exit()) << mount_->log();
+  close(fd);
+  EXPECT_EQ(std::string::npos, mount_->log().find("writing device")) << mount_->log();
+  EXPECT_FALSE(volume_dirty(image_));
+  EXPECT_EQ("", fsck_problems(image_));
+}
+
 }  // namespace
 }  // namespace exvol::test
