@@ -72,6 +72,7 @@ std::string folded(const std::string& name) {
 }  // namespace
 
 void Daemon::mounted(fuse_session* se) {
+  se_ = se;
   invalidator_.start(se);
   read_ahead_file_ = read_ahead_file(config_.mountpoint);
 }
@@ -139,6 +140,13 @@ void Spellings::looked_up(NodeId parent, const std::string& name) {
 }
 
 std::vector<std::string> Spellings::recent(NodeId parent, const std::string& name) {
+  {
+    // Most removals follow no lookup (`rm -rf` names what a listing
+    // returned): they skip the folding.
+    std::lock_guard<std::mutex> guard(lock_);
+    if (recent_.empty())
+      return {};
+  }
   std::string k = key(parent, name);
   Clock::time_point now = Clock::now();
   std::lock_guard<std::mutex> guard(lock_);
@@ -195,6 +203,8 @@ uint64_t Daemon::add_handle(std::unique_ptr<Handle> handle) {
   Handle* raw = handle.release();
   std::lock_guard<std::mutex> guard(handles_lock_);
   handles_.insert(raw);
+  if (raw->writable)
+    writers_[raw->node]++;
   return reinterpret_cast<uint64_t>(raw);
 }
 
@@ -207,14 +217,42 @@ std::error_code Daemon::close_handle(uint64_t fh) {
   return close(std::unique_ptr<Handle>(raw));
 }
 
-std::error_code Daemon::close(std::unique_ptr<Handle> h) { return h->file.close(); }
+// The handle stays a writer until its file is closed: the close may stamp
+// the file, and attributes the kernel asks for before that must not be
+// kept long.
+std::error_code Daemon::close(std::unique_ptr<Handle> h) {
+  std::error_code ec = h->file.close();
+  if (h->ever_written.load() || h->ever_read.load())
+    drop_attrs(h->node);
+  if (h->writable) {
+    std::lock_guard<std::mutex> guard(handles_lock_);
+    auto it = writers_.find(h->node);
+    if (it != writers_.end() && --it->second == 0)
+      writers_.erase(it);
+  }
+  return ec;
+}
+
+double Daemon::attr_timeout(NodeId node, const Stat& st) {
+  if (st.type == FileType::Directory)
+    return kAttrTimeout;
+  std::lock_guard<std::mutex> guard(handles_lock_);
+  return writers_.count(node) != 0 ? kAttrTimeout : kFileAttrTimeout;
+}
+
+void Daemon::drop_attrs(NodeId node) {
+  if (se_ != nullptr)
+    fuse_lowlevel_notify_inval_inode(se_, static_cast<fuse_ino_t>(node), -1, 0);
+}
 
 std::error_code Daemon::shut_down() {
   // The kernel releases every file before the unmount completes, but a
   // daemon stopped by a signal, or a connection that was aborted, leaves
   // handles behind. Their Files must close first: an open file keeps the
-  // volume busy and its pending directory entry unwritten.
+  // volume busy and its pending directory entry unwritten. The session
+  // has ended: nothing more is sent to the kernel.
   invalidator_.stop();
+  se_ = nullptr;
   std::vector<Handle*> left;
   {
     std::lock_guard<std::mutex> guard(handles_lock_);
@@ -259,12 +297,12 @@ struct stat Daemon::to_kernel(NodeId node, const Stat& st) const {
   return out;
 }
 
-fuse_entry_param Daemon::entry(NodeId node, const Stat& st, bool looked_up) const {
+fuse_entry_param Daemon::entry(NodeId node, const Stat& st, bool looked_up) {
   fuse_entry_param e{};
   e.ino = static_cast<fuse_ino_t>(node);
   e.generation = 0;  // ids are never reused while the daemon runs
   e.attr = to_kernel(node, st);
-  e.attr_timeout = kAttrTimeout;
+  e.attr_timeout = attr_timeout(node, st);
   e.entry_timeout = looked_up ? kLookupEntryTimeout : kEntryTimeout;
   return e;
 }

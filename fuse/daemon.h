@@ -53,9 +53,15 @@ namespace exvol::fuse {
 
 struct Handle {
   File file;
+  NodeId node{};
   bool directory = false;
+  bool writable = false;  // opened for writing: counted in Daemon's writers
   // Written since the last flush; set by write, cleared by flush.
   std::atomic<bool> written{false};
+  // Written, or read (an access stamp), at all: the file's close may still
+  // stamp it.
+  std::atomic<bool> ever_written{false};
+  std::atomic<bool> ever_read{false};
 };
 
 // The kernel keeps a directory entry per name it was told about, compared
@@ -142,6 +148,7 @@ class Daemon {
   void initialized();
 
   // Registers a handle for an open file and returns the FUSE handle for it.
+  // A writable handle counts as a writer of its node until it is closed.
   uint64_t add_handle(std::unique_ptr<Handle> handle);
   // The handle of a FUSE file handle the kernel holds.
   static Handle& handle(uint64_t fh) { return *reinterpret_cast<Handle*>(fh); }
@@ -158,7 +165,16 @@ class Daemon {
   // The attributes and entry of a node, with this mount's cache timeouts:
   // kLookupEntryTimeout for the entry when `looked_up` (the name may be
   // another spelling than the stored one), else kEntryTimeout.
-  fuse_entry_param entry(NodeId node, const Stat& st, bool looked_up = false) const;
+  fuse_entry_param entry(NodeId node, const Stat& st, bool looked_up = false);
+  // How long the kernel may keep a node's attributes: kFileAttrTimeout
+  // for a file or link that no handle has open for writing, else
+  // kAttrTimeout.
+  double attr_timeout(NodeId node, const Stat& st);
+  // Has the kernel drop the attributes it holds of a node: the volume
+  // stamped its times or trimmed its clusters when a handle that wrote (or
+  // read) was flushed or closed, which the kernel does not see. Sent before
+  // the request is answered; it takes no lock of the kernel's.
+  void drop_attrs(NodeId node);
 
   // How long the kernel may trust names: nothing but this daemon changes
   // the volume, and the kernel drops what it changes itself (and what
@@ -168,6 +184,13 @@ class Daemon {
   // writes its entry back (at close, fsync or the periodic sync), which
   // the kernel does not see.
   static constexpr double kAttrTimeout = 1.0;
+  // A file that no handle has open for writing gets no new stamp: its
+  // attributes change only through requests the kernel sees itself
+  // (setattr answers with the new ones; write, rename and unlink make it
+  // drop them) and at the flush and release of a handle that wrote (see
+  // drop_attrs). So they are kept as long as names are, and a warm listing
+  // of many files asks nothing.
+  static constexpr double kFileAttrTimeout = 3600.0;
   static constexpr double kEntryTimeout = 3600.0;
   static constexpr double kLookupEntryTimeout = 1.0;
 
@@ -189,6 +212,11 @@ class Daemon {
   // Never held while calling the library.
   std::mutex handles_lock_;
   std::unordered_set<Handle*> handles_;  // protected by handles_lock_
+  // Open writable handles by node; handles_lock_.
+  std::unordered_map<NodeId, uint32_t> writers_;
+  // Set before the session serves requests; cleared by shut_down, which
+  // runs after the session's descriptor was closed.
+  fuse_session* se_ = nullptr;
   Spellings spellings_;
   Invalidator invalidator_;
   std::string read_ahead_file_;  // set before the session serves requests

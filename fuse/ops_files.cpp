@@ -26,13 +26,14 @@ int library_flags(int kernel_flags, const Config& c) {
   return flags;
 }
 
-// Hands an open File to the kernel. If the reply can't be delivered the
-// kernel will never release the handle, so it is closed here.
-// Registers the handle of a newly opened file in fi.
-void add_handle(Daemon& d, fuse_file_info* fi, File file, bool directory) {
+// Registers the handle of a newly opened file of `node` in fi.
+void add_handle(Daemon& d, fuse_file_info* fi, NodeId node, File file, bool directory) {
   auto h = std::make_unique<Handle>();
   h->file = std::move(file);
+  h->node = node;
   h->directory = directory;
+  h->writable = !directory && (h->file.flags() & O_ACCMODE) != O_RDONLY;
+  bool h_writable = h->writable;
   fi->fh = d.add_handle(std::move(h));
   // Nothing but this daemon changes the volume, and the kernel drops what
   // it cached of a file or listing it changes itself, so what it has
@@ -40,11 +41,18 @@ void add_handle(Daemon& d, fuse_file_info* fi, File file, bool directory) {
   fi->keep_cache = 1;
   if (directory)
     fi->cache_readdir = 1;
+  // Only a handle that can write has anything to do at close(2) (see
+  // op_flush), and this daemon keeps no POSIX locks the kernel would ask
+  // it to drop: the others spare that request.
+  if (!directory && !h_writable)
+    fi->noflush = 1;
 }
 
-void reply_open(fuse_req_t req, fuse_file_info* fi, File file, bool directory) {
+// Hands an open File to the kernel. If the reply can't be delivered the
+// kernel will never release the handle, so it is closed here.
+void reply_open(fuse_req_t req, fuse_file_info* fi, NodeId node, File file, bool directory) {
   Daemon& d = daemon_of(req);
-  add_handle(d, fi, std::move(file), directory);
+  add_handle(d, fi, node, std::move(file), directory);
   if (fuse_reply_open(req, fi) != 0)
     d.close_handle(fi->fh);
 }
@@ -113,7 +121,7 @@ void op_open(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   if (ec)
     reply_error(req, ec);
   else
-    reply_open(req, fi, std::move(file), false);
+    reply_open(req, fi, node_of(ino), std::move(file), false);
 }
 
 // The mode is not kept (exFAT has none): the new file reports the mount's.
@@ -131,7 +139,7 @@ void op_create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse
     reply_error(req, ec);
     return;
   }
-  add_handle(d, fi, std::move(file), false);
+  add_handle(d, fi, node, std::move(file), false);
   fuse_entry_param e = d.entry(node, st);
   if (fuse_reply_create(req, &e, fi) != 0) {
     d.close_handle(fi->fh);
@@ -146,7 +154,10 @@ void op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info*
   if (buffer.size() < size)
     buffer.resize(size);
   size_t done = 0;
-  std::error_code ec = Daemon::handle(fi->fh).file.pread(buffer.data(), size, off, &done);
+  Handle& h = Daemon::handle(fi->fh);
+  if (!h.ever_read.load(std::memory_order_relaxed))
+    h.ever_read.store(true);
+  std::error_code ec = h.file.pread(buffer.data(), size, off, &done);
   if (ec && done == 0)
     reply_error(req, ec);
   else
@@ -160,8 +171,10 @@ void op_write(fuse_req_t req, fuse_ino_t, const char* buf, size_t size, off_t of
   size_t done = 0;
   Handle& h = Daemon::handle(fi->fh);
   std::error_code ec = h.file.pwrite(buf, size, off, &done);
-  if (done != 0)
+  if (done != 0) {
     h.written.store(true);
+    h.ever_written.store(true);
+  }
   if (ec && done == 0)
     reply_error(req, ec);
   else
@@ -173,8 +186,10 @@ void op_write(fuse_req_t req, fuse_ino_t, const char* buf, size_t size, off_t of
 void op_flush(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
   Handle& h = Daemon::handle(fi->fh);
   std::error_code ec;
-  if (h.written.exchange(false))
+  if (h.written.exchange(false)) {
     ec = h.file.fsync();
+    daemon_of(req).drop_attrs(h.node);
+  }
   fuse_reply_err(req, ec.value());
 }
 
@@ -192,7 +207,7 @@ void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
   if (ec)
     reply_error(req, ec);
   else
-    reply_open(req, fi, std::move(file), true);
+    reply_open(req, fi, node_of(ino), std::move(file), true);
 }
 
 // Plain listings carry no reference, so names other than "." and ".."

@@ -80,6 +80,7 @@ std::error_code change_size(Daemon& d, NodeId node, off_t size, fuse_file_info* 
     Handle& h = Daemon::handle(fi->fh);
     if (!h.directory && (h.file.flags() & O_ACCMODE) != O_RDONLY) {
       h.written.store(true);
+      h.ever_written.store(true);
       return h.file.truncate(size);
     }
   }
@@ -128,7 +129,7 @@ void reply_attr(fuse_req_t req, NodeId node) {
     return;
   }
   struct stat attr = d.to_kernel(node, st);
-  fuse_reply_attr(req, &attr, Daemon::kAttrTimeout);
+  fuse_reply_attr(req, &attr, d.attr_timeout(node, st));
 }
 
 void op_init(void*, fuse_conn_info* conn) {

@@ -87,10 +87,16 @@ void lru_remove_locked(vnode_t vp) {
 
 void reaper_main();
 
+// How far the vnodes may exceed the limit before the push-out thread is
+// woken; it then pushes out down to the limit. A stream of new vnodes (a
+// large create or listing) so wakes it once a batch instead of once a
+// vnode, each wake being a thread switch. Small limits get no slack.
+int push_out_slack() { return desiredvnodes >= 1024 ? desiredvnodes / 32 : 0; }
+
 // Starts the push-out thread the first time the limit is exceeded.
 void wake_reaper_locked() {
   vnode_globals& g = G();
-  if (g.numvnodes <= desiredvnodes || g.lru.empty()) return;
+  if (g.numvnodes <= desiredvnodes + push_out_slack() || g.lru.empty()) return;
   if (!g.reaper_started) {
     g.reaper_started = true;
     std::thread(reaper_main).detach();

@@ -159,7 +159,9 @@ int vflush(mount_t mp, vnode_t skipvp, int flags);
 // --- Host controls (not kernel interfaces) ---------------------------------
 
 // The vnode limit: unused vnodes beyond it are reclaimed, least recently
-// used first. desiredvnodes is also the size hashinit callers ask for.
+// used first, by a host thread that is woken once they exceed it by 1/32
+// (none below 1,024) and then reclaims down to it. desiredvnodes is also
+// the size hashinit callers ask for.
 extern int desiredvnodes;
 void host_set_desiredvnodes(int n);
 // Vnodes currently allocated to a mount (live or unused, not yet reclaimed).
