@@ -188,9 +188,14 @@ class Daemon {
   // attributes change only through requests the kernel sees itself
   // (setattr answers with the new ones; write, rename and unlink make it
   // drop them) and at the flush and release of a handle that wrote (see
-  // drop_attrs). So they are kept as long as names are, and a warm listing
-  // of many files asks nothing.
-  static constexpr double kFileAttrTimeout = 3600.0;
+  // drop_attrs). They could be kept as long as names are, but for one
+  // thing: after its state was reclaimed, a file looked up through another
+  // spelling of its name gets a second inode number (see api/nodes.cpp),
+  // and what is written or truncated through one number leaves the other's
+  // size and times in the kernel unchanged. Until the node table gives a
+  // file one number whatever the spelling, they are kept a second, like
+  // everything else.
+  static constexpr double kFileAttrTimeout = kAttrTimeout;
   static constexpr double kEntryTimeout = 3600.0;
   static constexpr double kLookupEntryTimeout = 1.0;
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "host/vnode_internal.h"
+#include "host/vnode_slots_private.h"
 #include "host_test_util.h"
 #include "tinyfs.h"
 
