@@ -150,7 +150,9 @@ int exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who) {
 
 // The flush itself: percentInUse, the bitmap cache and the bitmap vnode's
 // pages, the FAT cache and the FAT vnode's pages, then the device's dirty
-// metadata buffers (waited for when wait is nonzero). The bitmap goes
+// metadata buffers (waited for when wait is nonzero), and last the clusters
+// given back whose owners' entries were in those buffers (then the buffers
+// are always waited for, and the caches written once more). The bitmap goes
 // before the FAT because a FAT link alone is enough to give the root
 // directory (which has no entry) a cluster: were the power lost between the
 // two, the root would own a cluster the bitmap calls free, which the
@@ -168,11 +170,16 @@ void exfat_meta_flush_internal(struct exfat_mount* mount, int wait) {
   if (error)
     kprintf("exfat_meta_flush_internal: error %d from exfat_sync_boot_sector\n", error);
 
+  // Clusters whose freeing is in the buffer cache by now are freed after
+  // the buffers are on the disk (exfat_pending.cpp).
+  struct exfat_pending_free batch[EXFAT_PENDING_FREES];
+  uint32_t n = exfat_pending_take(mount, batch);
   exfat_flush_alloc_caches(mount, "exfat_meta_flush_internal");
   error = buf_flushdirtyblks(mount->xm_devvp, wait, 0, "exfat_meta_flush");
   if (error)
     kprintf("exfat_meta_flush_internal: error %d writing metadata blocks\n",
             exfat_note_write_error(mount, error));
+  exfat_pending_finish(mount, batch, n, "exfat_meta_flush_internal");
 }
 
 // The call every metadata-changing operation ends with. sync IO_SYNC flushes

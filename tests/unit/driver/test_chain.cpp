@@ -117,6 +117,9 @@ TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
       ASSERT_EQ(0, truncate(node, 0));
     }
   }
+  // What the cut gave back is free once the node's entry is written.
+  exfat_pending_release(xm, node);
+  settle_frees();
 
   exfat_node_lock(node);
   lck_mtx_lock(xm->xm_bitmap_lock);
