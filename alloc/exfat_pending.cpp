@@ -174,10 +174,11 @@ int exfat_free_run(struct exfat_mount* mount, uint32_t first, uint32_t count,
 }
 
 // Gives back the FAT chain from `first`, ending the remaining chain at `cut`
-// (0: nothing remains). `owner` and `origin` as for exfat_free_run. A chain
-// that can't be walked is freed at once, as exfat_chain_free does. The
-// caller holds xm_bitmap_lock and then xm_fat_lock (held on return).
-// Returns 0, or the error of the walk or of freeing at once.
+// (0: nothing remains). `owner` and `origin` as for exfat_free_run. The
+// chain is walked first: when that fails nothing is freed and the error is
+// recorded (XM_CORRUPT: the volume is not marked clean). The caller holds
+// xm_bitmap_lock and then xm_fat_lock (held on return). Returns 0, or the
+// error of the walk or of freeing at once.
 int exfat_free_chain(struct exfat_mount* mount, uint32_t first, uint32_t cut,
                      struct exfat_node* owner, struct exfat_node* origin) {
   lck_mtx_assert(mount->xm_bitmap_lock, LCK_MTX_ASSERT_OWNED);
@@ -186,11 +187,15 @@ int exfat_free_chain(struct exfat_mount* mount, uint32_t first, uint32_t cut,
     return free_chain_now(mount, first, cut);
   uint32_t total = 0;
   int error = exfat_cluster_valid(mount, first) ? pending_count_chain(mount, first, &total) : 0;
-  if (error == 0 && total != 0 &&
-      pending_add(mount, pending_entry(first, total, cut, true, owner, origin)))
+  if (error) {
+    // Nothing is freed: a chain that can't be walked to its end stays with
+    // its owner, which keeps its size (a truncation fails) and so every
+    // cluster it still names. A removed owner's clusters are lost to the
+    // volume instead, which therefore is not marked clean.
+    return exfat_note_write_error(mount, error);
+  }
+  if (total != 0 && pending_add(mount, pending_entry(first, total, cut, true, owner, origin)))
     return 0;
-  if (error == EIO && (mount->xm_flags & XM_CORRUPT))
-    return error;
   return free_chain_now(mount, first, cut);
 }
 
