@@ -42,7 +42,10 @@
 //
 // Locking: the list, xm_pending_count and xm_pending_ready are guarded by
 // xm_bitmap_lock; chains are walked and cut with xm_fat_lock as well, taken
-// after it. Applying takes both; the callers of take/finish hold neither.
+// after it. xm_pending_lock is held from taking a batch until it is freed
+// (across the directory writes), so that an allocation short of space can
+// wait for a batch in flight; it is taken before the allocation locks,
+// never while holding one.
 
 #include "host/blkdev.h"
 #include "host/buf.h"
@@ -295,9 +298,12 @@ int exfat_pending_take_back(struct exfat_node* node, uint64_t wanted, uint32_t* 
 
 // Moves the READY entries into `batch` (EXFAT_PENDING_FREES slots) and
 // returns how many. They stay counted in xm_pending_ready until
-// exfat_pending_finish. Takes xm_bitmap_lock.
+// exfat_pending_finish. One batch is in flight at a time: when entries are
+// taken, xm_pending_lock stays held until exfat_pending_finish. Takes
+// xm_pending_lock, then xm_bitmap_lock; the caller holds neither.
 uint32_t exfat_pending_take(struct exfat_mount* mount, struct exfat_pending_free* batch) {
   uint32_t n = 0;
+  lck_mtx_lock(mount->xm_pending_lock);
   lck_mtx_lock(mount->xm_bitmap_lock);
   for (uint32_t i = 0; i < mount->xm_pending_count;) {
     if (mount->xm_pending[i].state == EXFAT_PENDING_READY) {
@@ -308,6 +314,8 @@ uint32_t exfat_pending_take(struct exfat_mount* mount, struct exfat_pending_free
     }
   }
   lck_mtx_unlock(mount->xm_bitmap_lock);
+  if (n == 0)
+    lck_mtx_unlock(mount->xm_pending_lock);
   return n;
 }
 
@@ -346,12 +354,16 @@ void exfat_pending_finish(struct exfat_mount* mount, const struct exfat_pending_
             exfat_note_write_error(mount, error));
   else
     exfat_flush_alloc_caches(mount, who);
+  lck_mtx_unlock(mount->xm_pending_lock);
 }
 
-// Frees every READY entry now: exfat_pending_take, then
-// exfat_pending_finish. The caller holds no allocation lock (node locks are
-// fine: nothing here waits for one).
+// Frees every READY entry now: waits for a batch in flight, then
+// exfat_pending_take and exfat_pending_finish. The caller holds no
+// allocation lock and not xm_pending_lock (node locks are fine: nothing
+// here waits for one).
 void exfat_pending_flush(struct exfat_mount* mount, const char* who) {
+  lck_mtx_lock(mount->xm_pending_lock);
+  lck_mtx_unlock(mount->xm_pending_lock);
   struct exfat_pending_free batch[EXFAT_PENDING_FREES];
   exfat_pending_finish(mount, batch, exfat_pending_take(mount, batch), who);
 }

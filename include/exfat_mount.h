@@ -89,6 +89,7 @@ struct exfat_mount {
   uint8_t xm_uuid[16];         // volume UUID, RFC 4122 byte order
   uint32_t xm_label_offset;    // label entry's offset in the root, or EXFAT_NO_LABEL_OFFSET
   // Clusters given back but not yet free: see alloc/exfat_pending.cpp.
+  lck_mtx_t* xm_pending_lock;  // held while a batch of them is being freed
   struct exfat_pending_free xm_pending[EXFAT_PENDING_FREES];  // xm_bitmap_lock
   uint32_t xm_pending_count;   // used slots of xm_pending; xm_bitmap_lock
   uint32_t xm_pending_ready;   // clusters of entries that no entry on disk needs; xm_bitmap_lock

@@ -254,11 +254,11 @@ int exfat_mount_geometry(struct exfat_mount* mount, mount_t mp, const uint8_t* b
   return 0;
 }
 
-// Creates the record's four mutexes, in the documented order. Returns 0 or
+// Creates the record's five mutexes, in the documented order. Returns 0 or
 // ENOMEM; mutexes already made stay in the record for the unwinding path.
 int exfat_mount_alloc_locks(struct exfat_mount* mount) {
   lck_mtx_t** locks[] = {&mount->xm_bitmap_lock, &mount->xm_fat_lock, &mount->xm_rename_lock,
-                         &mount->xm_meta_lock};
+                         &mount->xm_meta_lock, &mount->xm_pending_lock};
   for (lck_mtx_t** lock : locks) {
     *lock = lck_mtx_alloc_init(exfat_lck_grp, exfat_lck_attr);
     if (*lock == nullptr)
@@ -273,7 +273,7 @@ void exfat_mount_free(struct exfat_mount* mount) {
   if (mount->xm_upcase != nullptr)
     OSFree(mount->xm_upcase, EXFAT_UPCASE_TABLE_SIZE, exfat_malloc_tag);
   lck_mtx_t* locks[] = {mount->xm_bitmap_lock, mount->xm_fat_lock, mount->xm_rename_lock,
-                        mount->xm_meta_lock};
+                        mount->xm_meta_lock, mount->xm_pending_lock};
   for (lck_mtx_t* lock : locks) {
     if (lock != nullptr)
       lck_mtx_free(lock, exfat_lck_grp);
