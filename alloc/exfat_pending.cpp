@@ -333,8 +333,7 @@ void exfat_pending_finish(struct exfat_mount* mount, const struct exfat_pending_
     return;
   // Allocations reach the disk before the entries that name them: the
   // caches go first, as in every flush.
-  exfat_flush_alloc_caches(mount, who);
-  int error = buf_flushdirtyblks(mount->xm_devvp, 1, 0, who);
+  int error = exfat_flush_metadata(mount, 1, who);
   if (error == 0) {
     error = VNOP_IOCTL(mount->xm_devvp, DKIOCSYNCHRONIZECACHE, nullptr, FWRITE,
                        vfs_context_kernel());

@@ -113,6 +113,7 @@ int exfat_mark_vol_dirty(struct exfat_mount* mount, int dirty, vfs_context_t con
 int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t context);
 void exfat_meta_flush(struct exfat_mount* mount, int sync);
 int exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who);
+int exfat_flush_metadata(struct exfat_mount* mount, int wait, const char* who);
 void exfat_meta_flush_internal(struct exfat_mount* mount, int wait);
 void exfat_meta_sync_callback(thread_call_param_t mount, thread_call_param_t unused);
 int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context);

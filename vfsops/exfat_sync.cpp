@@ -69,6 +69,12 @@ int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context) {
 
   struct exfat_pending_free batch[EXFAT_PENDING_FREES];
   uint32_t n = exfat_pending_take(mount, batch);
+  // The entries just written may name clusters allocated since the caches
+  // were written: the caches go again, with the buffers, before the device
+  // sync. Not after a cache write failed: the volume is not marked clean
+  // any more, and the failing block is not retried.
+  if (cache_error == 0)
+    cache_error = exfat_flush_metadata(mount, waitfor == MNT_WAIT, "exfat_vfs_sync");
   int device_error = VNOP_FSYNC(mount->xm_devvp, waitfor, context);
   exfat_pending_finish(mount, batch, n, "exfat_vfs_sync");
   if (device_error)
