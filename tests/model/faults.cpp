@@ -181,16 +181,11 @@ std::string unacceptable(const std::string& image, const std::set<std::string>& 
   std::string fsck = test::fsck_program();
   if (fsck.empty())
     return "";
-  FILE* p = popen((fsck + " -n '" + image + "' 2>&1").c_str(), "r");
-  std::string out;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;)
-    out.append(buf, n);
-  int status = pclose(p);
+  test::FsckResult r = test::run_fsck_file(image);
   std::string bad;
-  if (!WIFEXITED(status) || (WEXITSTATUS(status) != 0 && WEXITSTATUS(status) != 4))
-    bad += "\n    fsck.exfat status " + std::to_string(WEXITSTATUS(status));
-  std::istringstream in(out);
+  if (r.status != 0 && r.status != 4)
+    bad += "\n    fsck.exfat status " + std::to_string(r.status);
+  std::istringstream in(r.output);
   for (std::string line; std::getline(in, line);) {
     if (line.empty() || line.rfind("exfatprogs version", 0) == 0 ||
         line.find(": clean. directories ") != std::string::npos ||
