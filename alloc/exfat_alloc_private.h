@@ -41,3 +41,7 @@ static inline uint64_t exfat_cluster_to_sector(const struct exfat_mount* mount, 
 // file's page cache (defined in exfat_fat.cpp; used by both caches).
 int exfat_cache_io(vnode_t vp, void* buffer, uint32_t offset, uint32_t length, uint32_t filesize,
                    int rw, int ioflags);
+
+// Gathers the run of consecutive clusters from `start` in a chain
+// (exfat_chain.cpp). The caller holds xm_fat_lock.
+int exfat_chain_run(struct exfat_mount* mount, uint32_t start, uint32_t* length, uint32_t* next);

@@ -69,8 +69,7 @@ int exfat_chain_alloc(struct exfat_mount* mount, uint32_t first, uint32_t count)
 // the run). When an entry cannot be read, the run includes the cluster
 // whose entry failed and the read error is returned. The caller holds
 // xm_fat_lock.
-static int exfat_chain_run(struct exfat_mount* mount, uint32_t start, uint32_t* length,
-                           uint32_t* next) {
+int exfat_chain_run(struct exfat_mount* mount, uint32_t start, uint32_t* length, uint32_t* next) {
   *length = 1;
   uint32_t entry = 0;
   int error = exfat_fat_get_set_internal(EXFAT_FAT_GET, mount, start, &entry, 0);
@@ -250,12 +249,32 @@ static int exfat_extend_in_place(struct exfat_node* node, uint64_t want, uint64_
   struct exfat_mount* mount = node->x_mount;
   int error = 0;
   if (node->x_last_cluster == 0) {
-    error = exfat_fat_find_last_cluster(node, &node->x_last_cluster, nullptr);
+    // A chain's last cluster by the node's size, not by its end mark: a
+    // tail cut off is still linked until it is freed.
+    if (node->x_flags & X_CONTIGUOUS) {
+      error = exfat_fat_find_last_cluster(node, &node->x_last_cluster, nullptr);
+    } else {
+      lck_mtx_lock(mount->xm_fat_lock);
+      error = exfat_blockmap_internal(node, exfat_clamp_count(*have - 1), 1, nullptr,
+                                      &node->x_last_cluster, nullptr);
+      lck_mtx_unlock(mount->xm_fat_lock);
+      if (error == E2BIG) {
+        kprintf("exfat_file_extend: chain shorter than its file\n");
+        exfat_set_corrupt(mount);
+        error = EIO;
+      }
+    }
     if (error)
       return error;
   }
-  if (node->x_last_cluster >= mount->xm_max_cluster)
-    return 0;
+  uint32_t got = 0;
+  error = exfat_pending_take_back(node, want - *have, &got);
+  if (got != 0) {
+    *have += got;
+    node->x_flags |= EXFAT_SIZE_DIRTY;
+  }
+  if (error || *have == want || node->x_last_cluster >= mount->xm_max_cluster)
+    return error;
 
   uint32_t free_after = 0;
   error = exfat_bitmap_count_free_contig(mount, node->x_last_cluster + 1,
@@ -352,7 +371,7 @@ int exfat_file_extend(struct exfat_node* node, uint64_t new_size, int flags) {
 // the rest. The caller holds the node lock and xm_bitmap_lock; takes and
 // releases xm_fat_lock. Returns 0 or a FAT, mapping or bitmap error; the
 // chain may already be cut when a later step fails.
-static int exfat_shrink_chain(struct exfat_node* node, uint32_t keep) {
+static int exfat_shrink_chain(struct exfat_node* node, uint32_t keep, struct exfat_node* owner) {
   struct exfat_mount* mount = node->x_mount;
   lck_mtx_lock(mount->xm_fat_lock);
   int error;
@@ -362,30 +381,23 @@ static int exfat_shrink_chain(struct exfat_node* node, uint32_t keep) {
     if (error == 0) {
       node->x_last_cluster = last;
       uint32_t first_free = 0;
-      error = exfat_fat_get_set_internal(EXFAT_FAT_GET | EXFAT_FAT_SET, mount, last, &first_free,
-                                         EXFAT_FAT_EOC);
+      error = exfat_fat_get_set_internal(EXFAT_FAT_GET, mount, last, &first_free, 0);
+      // The end mark at `last` is written when the tail is freed: see
+      // exfat_pending.cpp.
       if (error == 0)
-        error = exfat_chain_free(mount, first_free);
+        error = exfat_free_chain(mount, first_free, last, owner, node);
     }
   } else {
     node->x_last_cluster = 0;
-    error = exfat_chain_free(mount, node->x_start_cluster);
+    error = exfat_free_chain(mount, node->x_start_cluster, 0, owner, node);
   }
   lck_mtx_unlock(mount->xm_fat_lock);
   return error;
 }
 
-// Frees the clusters of a node past ⌈new_size / cluster size⌉ and sets its
-// sizes: x_size to new_size, x_valid_size lowered to it. A contiguous node
-// changes only the bitmap; a chained one gets its new end mark first. Cut to
-// 0, the node loses X_CONTIGUOUS and its first cluster, so its next
-// allocation is contiguous again.
-//
-// The caller holds the node lock and xm_bitmap_lock, not xm_fat_lock. A new
-// size not below x_size is a caller error (fatal). Returns 0, or a FAT,
-// mapping or bitmap error, with x_size, x_valid_size and the extent cache
-// unchanged (the chain may already be cut at the new end).
-int exfat_file_shrink(struct exfat_node* node, uint64_t new_size) {
+// exfat_file_shrink with the owner of the clusters given back, as for
+// exfat_free_run.
+static int exfat_shrink_for(struct exfat_node* node, uint64_t new_size, struct exfat_node* owner) {
   struct exfat_mount* mount = node->x_mount;
   lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
   lck_mtx_assert(mount->xm_bitmap_lock, LCK_MTX_ASSERT_OWNED);
@@ -397,9 +409,9 @@ int exfat_file_shrink(struct exfat_node* node, uint64_t new_size) {
   if (node->x_flags & X_CONTIGUOUS) {
     node->x_last_cluster = new_size != 0 ? node->x_start_cluster + keep - 1 : 0;
     uint32_t have = static_cast<uint32_t>(exfat_clusters_for(mount, node->x_size));
-    error = exfat_bitmap_mark_free(mount, node->x_start_cluster + keep, have - keep);
+    error = exfat_free_run(mount, node->x_start_cluster + keep, have - keep, owner, node);
   } else {
-    error = exfat_shrink_chain(node, keep);
+    error = exfat_shrink_chain(node, keep, owner);
   }
   if (error)
     return error;
@@ -425,6 +437,23 @@ int exfat_file_shrink(struct exfat_node* node, uint64_t new_size) {
   return 0;
 }
 
+// Gives back the clusters of a node past ⌈new_size / cluster size⌉ and sets
+// its sizes: x_size to new_size, x_valid_size lowered to it. The clusters
+// (and a chain's new end mark) are handed to the pending list
+// (exfat_pending.cpp), held until the node's entry set is rewritten unless
+// the node was removed. Cut to 0, the node loses X_CONTIGUOUS and its first
+// cluster, so its next allocation is contiguous again.
+//
+// The caller holds the node lock and xm_bitmap_lock, not xm_fat_lock. A new
+// size not below x_size is a caller error (fatal). Returns 0, or a FAT,
+// mapping or bitmap error, with x_size, x_valid_size and the extent cache
+// unchanged.
+int exfat_file_shrink(struct exfat_node* node, uint64_t new_size) {
+  // The clusters stay allocated until the entry set that names them is
+  // rewritten (a removed node's set is deleted already).
+  return exfat_shrink_for(node, new_size, (node->x_flags & X_DELETED) ? nullptr : node);
+}
+
 // Gives back what a failed all-or-nothing extension of a regular file took:
 // the clusters past the old size, and the size itself. A directory keeps its
 // new clusters (zeroed, part of its valid length, harmless as free entry
@@ -432,7 +461,7 @@ int exfat_file_shrink(struct exfat_node* node, uint64_t new_size) {
 // not land on clusters that were freed and handed to someone else. The
 // caller holds the node lock and xm_bitmap_lock. A failure to shrink is
 // logged; the file then keeps the clusters, covered by its size.
-static void exfat_extend_undo(struct exfat_node* node, uint64_t old_size) {
+static void exfat_extend_undo(struct exfat_node* node, uint64_t old_size, uint32_t taken) {
   if ((node->x_attributes & EXFAT_ATTR_DIRECTORY) || node->x_size <= old_size)
     return;
   struct exfat_mount* mount = node->x_mount;
@@ -441,7 +470,11 @@ static void exfat_extend_undo(struct exfat_node* node, uint64_t old_size) {
     node->x_flags |= EXFAT_SIZE_DIRTY;
     return;
   }
-  int error = exfat_file_shrink(node, old_size);
+  // Clusters that came from the free space were never named by any entry
+  // set (the node and xm_bitmap_lock were held throughout) and are free
+  // again at once; its own clusters a node took back wait as before.
+  int error = exfat_shrink_for(node, old_size,
+                               mount->xm_pending_taken == taken ? EXFAT_FREE_NOW : node);
   if (error)
     kprintf("exfat_truncate: error %d giving back a failed extension\n", error);
 }
@@ -475,16 +508,22 @@ int exfat_truncate(struct exfat_node* node, uint64_t new_size, int flags, vfs_co
       return 0;
     }
     const uint64_t old_size = node->x_size;
-    lck_mtx_lock(mount->xm_bitmap_lock);
-    if ((flags & IO_UNIT) && new_clusters - old_clusters > mount->xm_free_clusters) {
-      error = ENOSPC;
-    } else {
-      error = exfat_file_extend(node, new_size, flags);
-      if (error && (flags & IO_UNIT))
-        exfat_extend_undo(node, old_size);
+    for (int attempt = 0;; attempt++) {
+      lck_mtx_lock(mount->xm_bitmap_lock);
+      if ((flags & IO_UNIT) && new_clusters - old_clusters > mount->xm_free_clusters) {
+        error = ENOSPC;
+      } else {
+        const uint32_t taken = mount->xm_pending_taken;
+        error = exfat_file_extend(node, new_size, flags);
+        if (error && (flags & IO_UNIT))
+          exfat_extend_undo(node, old_size, taken);
+      }
+      bool retry = exfat_pending_retry(mount, error, attempt);
+      lck_mtx_unlock(mount->xm_bitmap_lock);
+      if (!retry)
+        return error;
+      exfat_pending_flush(mount, "exfat_truncate");
     }
-    lck_mtx_unlock(mount->xm_bitmap_lock);
-    return error;
   }
 
   if (new_clusters >= old_clusters) {
@@ -494,6 +533,7 @@ int exfat_truncate(struct exfat_node* node, uint64_t new_size, int flags, vfs_co
     node->x_flags |= EXFAT_SIZE_DIRTY;
     return 0;
   }
+  exfat_pending_make_room(mount);
   lck_mtx_lock(mount->xm_bitmap_lock);
   error = exfat_file_shrink(node, new_size);
   lck_mtx_unlock(mount->xm_bitmap_lock);

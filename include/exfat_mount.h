@@ -27,6 +27,22 @@
 #define EXFAT_NO_LABEL_OFFSET 0xFFFFFFFFu
 #define EXFAT_CACHE_NONE 0xFFFFFFFFu  // cache offset: nothing cached
 
+// Clusters a truncation or removal gave back, kept allocated until no
+// directory entry on disk can still name them (alloc/exfat_pending.cpp).
+#define EXFAT_PENDING_FREES 64
+#define EXFAT_PENDING_HELD 1   // the owner's entry still names them: not yet written
+#define EXFAT_PENDING_READY 2  // the change that dropped them is in the buffer cache
+
+struct exfat_pending_free {
+  uint32_t first;       // first cluster of the run, or the chain's first cluster
+  uint32_t clusters;    // how many clusters the entry frees
+  uint32_t cut;         // chain: the cluster whose FAT entry becomes the end mark, or 0
+  uint8_t chain;        // 1: the FAT chain from `first`; 0: `clusters` clusters from `first`
+  uint8_t state;        // EXFAT_PENDING_*
+  const void* owner;    // HELD: the node whose entry must be written first
+  const void* origin;   // the node that gave them back (nullptr once it is gone)
+};
+
 struct exfat_mount {
   mount_t xm_mp;               // the kernel mount
   vnode_t xm_fat_vp;           // "<FAT>", a use reference from fat_init_vol to uninit
@@ -72,6 +88,12 @@ struct exfat_mount {
   char xm_label[EXFAT_LABEL_BYTES];  // volume label, UTF-8
   uint8_t xm_uuid[16];         // volume UUID, RFC 4122 byte order
   uint32_t xm_label_offset;    // label entry's offset in the root, or EXFAT_NO_LABEL_OFFSET
+  // Clusters given back but not yet free: see alloc/exfat_pending.cpp.
+  lck_mtx_t* xm_pending_lock;  // held while a batch of them is being freed
+  struct exfat_pending_free xm_pending[EXFAT_PENDING_FREES];  // xm_bitmap_lock
+  uint32_t xm_pending_count;   // used slots of xm_pending; xm_bitmap_lock
+  uint32_t xm_pending_ready;   // clusters of entries that no entry on disk needs; xm_bitmap_lock
+  uint32_t xm_pending_taken;   // bumped whenever a node takes its own back; xm_bitmap_lock
   lck_mtx_t* xm_meta_lock;     // guards xm_meta_state
   thread_call_t xm_meta_timer; // the delayed metadata flush
   uint32_t xm_meta_state;      // META_*; xm_meta_lock

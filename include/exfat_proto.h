@@ -113,6 +113,7 @@ int exfat_mark_vol_dirty(struct exfat_mount* mount, int dirty, vfs_context_t con
 int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t context);
 void exfat_meta_flush(struct exfat_mount* mount, int sync);
 int exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who);
+int exfat_flush_metadata(struct exfat_mount* mount, int wait, const char* who);
 void exfat_meta_flush_internal(struct exfat_mount* mount, int wait);
 void exfat_meta_sync_callback(thread_call_param_t mount, thread_call_param_t unused);
 int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context);
@@ -169,6 +170,23 @@ int exfat_count_free_clusters(struct exfat_mount* mount);
 
 int exfat_chain_alloc(struct exfat_mount* mount, uint32_t first, uint32_t count);
 int exfat_chain_free(struct exfat_mount* mount, uint32_t first);
+// The owner of clusters no entry set ever named: exfat_free_run and
+// exfat_free_chain free them at once.
+#define EXFAT_FREE_NOW (reinterpret_cast<struct exfat_node*>(uintptr_t(1)))
+int exfat_free_run(struct exfat_mount* mount, uint32_t first, uint32_t count,
+                   struct exfat_node* owner, struct exfat_node* origin);
+int exfat_free_chain(struct exfat_mount* mount, uint32_t first, uint32_t cut,
+                     struct exfat_node* owner, struct exfat_node* origin);
+void exfat_pending_release(struct exfat_mount* mount, const struct exfat_node* node);
+void exfat_pending_node_gone(struct exfat_mount* mount, const struct exfat_node* node,
+                             bool removed);
+int exfat_pending_take_back(struct exfat_node* node, uint64_t wanted, uint32_t* got);
+uint32_t exfat_pending_take(struct exfat_mount* mount, struct exfat_pending_free* batch);
+void exfat_pending_finish(struct exfat_mount* mount, const struct exfat_pending_free* batch,
+                          uint32_t n, const char* who);
+void exfat_pending_flush(struct exfat_mount* mount, const char* who);
+void exfat_pending_make_room(struct exfat_mount* mount);
+bool exfat_pending_retry(struct exfat_mount* mount, int error, int attempt);
 int exfat_file_add_extent(struct exfat_node* node, uint32_t first, uint32_t count);
 int exfat_file_extend(struct exfat_node* node, uint64_t new_size, int flags);
 int exfat_file_shrink(struct exfat_node* node, uint64_t new_size);

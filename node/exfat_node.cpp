@@ -686,8 +686,12 @@ int exfat_node_update(struct exfat_node* node, struct exfat_node* parent, vfs_co
         (node->x_flags & X_STREAM_DIRTY) ? kFileAndStreamBytes : EXFAT_ENTRY_SIZE;
     error = exfat_dir_write(parent, nullptr, set, node->x_dir_offset, write_bytes, false, context);
   }
-  if (!error)
+  if (!error) {
     node->x_flags &= ~(X_DIRTY | X_STREAM_DIRTY);
+    // The set in the buffer cache no longer names clusters the node gave
+    // back: they may be freed once it is on the disk.
+    exfat_pending_release(node->x_mount, node);
+  }
   OSFree(set, EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag);
   return error;
 }

@@ -10,9 +10,10 @@
 //
 // Locking: xm_meta_lock guards xm_meta_state and the arming of the timer;
 // the timer's callback holds it for its whole flush. Inside a flush
-// xm_fat_lock and then xm_bitmap_lock are taken one after the other, never
-// together. A synchronous flush runs without xm_meta_lock, possibly
-// alongside the timer's; the cache locks serialise the cache writes, and
+// xm_bitmap_lock is held across the bitmap cache, the FAT cache (under
+// xm_fat_lock) and the device's buffers (exfat_flush_metadata). A
+// synchronous flush runs without xm_meta_lock, possibly alongside the
+// timer's; the cache locks serialise the cache writes, and
 // xm_percent_in_use is accessed atomically for the same reason.
 
 #include "exfat_proto.h"
@@ -114,18 +115,21 @@ int exfat_sync_boot_sector(struct exfat_mount* mount, int wait, vfs_context_t co
 namespace {
 
 // Writes one allocation cache, the FAT's (`fat`) or the bitmap's, and pushes
-// its system vnode's pages, under the cache's lock. See
-// exfat_flush_alloc_caches.
-int exfat_flush_alloc_cache(struct exfat_mount* mount, bool fat, const char* who) {
+// its system vnode's pages, under the cache's lock (taken here unless
+// `held`). See exfat_flush_alloc_caches.
+int exfat_flush_alloc_cache(struct exfat_mount* mount, bool fat, const char* who,
+                            bool held = false) {
   lck_mtx_t* lock = fat ? mount->xm_fat_lock : mount->xm_bitmap_lock;
-  lck_mtx_lock(lock);
+  if (!held)
+    lck_mtx_lock(lock);
   int error = fat ? exfat_fat_cache_flush(mount, 0) : exfat_bitmap_cache_flush(mount, 0);
   if (error && fat)
     mount->xm_fat_cache_dirty = 0;
   else if (error)
     mount->xm_bitmap_cache_dirty = 0;
   int push_error = cluster_push(fat ? mount->xm_fat_vp : mount->xm_bitmap_vp, IO_SYNC);
-  lck_mtx_unlock(lock);
+  if (!held)
+    lck_mtx_unlock(lock);
   if (error == 0)
     error = push_error;
   if (error)
@@ -148,9 +152,31 @@ int exfat_flush_alloc_caches(struct exfat_mount* mount, const char* who) {
   return error != 0 ? error : fat_error;
 }
 
+// Writes the allocation caches as exfat_flush_alloc_caches does and then the
+// device's dirty buffers (waited for with `wait`), holding xm_bitmap_lock
+// throughout, xm_fat_lock inside it for the FAT's part. Every allocation
+// holds xm_bitmap_lock, so none can slip in between: a directory block
+// written here never names a cluster whose bitmap bit or FAT link is still
+// only in a cache. Errors are reported and recorded as by
+// exfat_flush_alloc_caches; a buffer write error is returned after a cache
+// error. The caller holds neither cache lock nor a busy device buffer.
+int exfat_flush_metadata(struct exfat_mount* mount, int wait, const char* who) {
+  lck_mtx_lock(mount->xm_bitmap_lock);
+  int error = exfat_flush_alloc_cache(mount, false, who, true);
+  int fat_error = exfat_flush_alloc_cache(mount, true, who);
+  int buffer_error = buf_flushdirtyblks(mount->xm_devvp, wait, 0, who);
+  lck_mtx_unlock(mount->xm_bitmap_lock);
+  if (buffer_error)
+    kprintf("%s: error %d writing metadata blocks\n", who,
+            exfat_note_write_error(mount, buffer_error));
+  return error != 0 ? error : fat_error != 0 ? fat_error : buffer_error;
+}
+
 // The flush itself: percentInUse, the bitmap cache and the bitmap vnode's
 // pages, the FAT cache and the FAT vnode's pages, then the device's dirty
-// metadata buffers (waited for when wait is nonzero). The bitmap goes
+// metadata buffers (waited for when wait is nonzero), and last the clusters
+// given back whose owners' entries were in those buffers (then the buffers
+// are always waited for, and the caches written once more). The bitmap goes
 // before the FAT because a FAT link alone is enough to give the root
 // directory (which has no entry) a cluster: were the power lost between the
 // two, the root would own a cluster the bitmap calls free, which the
@@ -168,11 +194,12 @@ void exfat_meta_flush_internal(struct exfat_mount* mount, int wait) {
   if (error)
     kprintf("exfat_meta_flush_internal: error %d from exfat_sync_boot_sector\n", error);
 
-  exfat_flush_alloc_caches(mount, "exfat_meta_flush_internal");
-  error = buf_flushdirtyblks(mount->xm_devvp, wait, 0, "exfat_meta_flush");
-  if (error)
-    kprintf("exfat_meta_flush_internal: error %d writing metadata blocks\n",
-            exfat_note_write_error(mount, error));
+  // Clusters whose freeing is in the buffer cache by now are freed after
+  // the buffers are on the disk (exfat_pending.cpp).
+  struct exfat_pending_free batch[EXFAT_PENDING_FREES];
+  uint32_t n = exfat_pending_take(mount, batch);
+  exfat_flush_metadata(mount, wait, "exfat_meta_flush_internal");
+  exfat_pending_finish(mount, batch, n, "exfat_meta_flush_internal");
 }
 
 // The call every metadata-changing operation ends with. sync IO_SYNC flushes

@@ -48,7 +48,9 @@ int exfat_sync_callback(vnode_t vp, void* argument_record) {
 // the FAT cache and the FAT vnode's pages, in the metadata flush's order
 // (bitmap before FAT, see exfat_meta_flush_internal; cache write errors are
 // printed and the cache is dropped as clean), every active file and
-// directory, and then the device's buffers through its fsync. A metadata
+// directory, and then the device's buffers through its fsync; last the
+// clusters given back whose owners' entries are on the disk now are freed
+// (exfat_pending_finish). A metadata
 // write that fails is recorded (exfat_note_write_error): the volume is not
 // marked clean any more. The caller holds no driver lock. Returns the device
 // fsync's error, else the caches', else the last file error, else the boot
@@ -65,7 +67,16 @@ int exfat_vfs_sync(mount_t mp, int waitfor, vfs_context_t context) {
   struct exfat_sync_args args = {context, waitfor, 0};
   vnode_iterate(mp, VNODE_ITERATE_ACTIVE, exfat_sync_callback, &args);
 
+  struct exfat_pending_free batch[EXFAT_PENDING_FREES];
+  uint32_t n = exfat_pending_take(mount, batch);
+  // The entries just written may name clusters allocated since the caches
+  // were written: the caches go again, with the buffers, before the device
+  // sync. Not after a cache write failed: the volume is not marked clean
+  // any more, and the failing block is not retried.
+  if (cache_error == 0)
+    cache_error = exfat_flush_metadata(mount, waitfor == MNT_WAIT, "exfat_vfs_sync");
   int device_error = VNOP_FSYNC(mount->xm_devvp, waitfor, context);
+  exfat_pending_finish(mount, batch, n, "exfat_vfs_sync");
   if (device_error)
     return exfat_note_write_error(mount, device_error);
   if (cache_error)

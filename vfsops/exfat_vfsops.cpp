@@ -67,8 +67,10 @@ void exfat_statfs_fill(struct exfat_mount* mount, mount_t mp, bool at_mount) {
     sbp->f_fsid.val[0] = static_cast<int32_t>(mount->xm_dev);
     sbp->f_fsid.val[1] = vfs_typenum(mp);
   }
+  // Clusters given back and only waiting for a directory write count as
+  // free: an allocation that needs them writes that first.
   lck_mtx_lock(mount->xm_bitmap_lock);
-  uint32_t free_clusters = mount->xm_free_clusters;
+  uint32_t free_clusters = mount->xm_free_clusters + mount->xm_pending_ready;
   lck_mtx_unlock(mount->xm_bitmap_lock);
   sbp->f_bfree = free_clusters;
   sbp->f_bavail = free_clusters;
@@ -252,11 +254,11 @@ int exfat_mount_geometry(struct exfat_mount* mount, mount_t mp, const uint8_t* b
   return 0;
 }
 
-// Creates the record's four mutexes, in the documented order. Returns 0 or
+// Creates the record's five mutexes, in the documented order. Returns 0 or
 // ENOMEM; mutexes already made stay in the record for the unwinding path.
 int exfat_mount_alloc_locks(struct exfat_mount* mount) {
   lck_mtx_t** locks[] = {&mount->xm_bitmap_lock, &mount->xm_fat_lock, &mount->xm_rename_lock,
-                         &mount->xm_meta_lock};
+                         &mount->xm_meta_lock, &mount->xm_pending_lock};
   for (lck_mtx_t** lock : locks) {
     *lock = lck_mtx_alloc_init(exfat_lck_grp, exfat_lck_attr);
     if (*lock == nullptr)
@@ -271,7 +273,7 @@ void exfat_mount_free(struct exfat_mount* mount) {
   if (mount->xm_upcase != nullptr)
     OSFree(mount->xm_upcase, EXFAT_UPCASE_TABLE_SIZE, exfat_malloc_tag);
   lck_mtx_t* locks[] = {mount->xm_bitmap_lock, mount->xm_fat_lock, mount->xm_rename_lock,
-                        mount->xm_meta_lock};
+                        mount->xm_meta_lock, mount->xm_pending_lock};
   for (lck_mtx_t* lock : locks) {
     if (lock != nullptr)
       lck_mtx_free(lock, exfat_lck_grp);
@@ -317,12 +319,17 @@ int exfat_mount_unwind(struct exfat_mount* mount, mount_t mp, buf_t bp, vfs_cont
 // (exfat_note_write_error), so the mark is not written. The caller holds no
 // driver lock. Returns the first error.
 //
+// Clusters given back are freed first (exfat_pending.cpp): every node is
+// gone, so every entry that named them is in the buffer cache.
+//
 // percentInUse is written here too, first: the unmount's vflush releases
 // the last references of removed files, whose clusters are freed only then,
 // after any sync that preceded the unmount, and other systems show the
 // figure as the volume's fill level.
 int exfat_unmount_flush(struct exfat_mount* mount, vfs_context_t context) {
   bool writable = !(mount->xm_flags & XM_RDONLY);
+  if (writable)
+    exfat_pending_flush(mount, "exfat_vfs_unmount");
   int errors[] = {
       writable ? exfat_sync_boot_sector(mount, 1, context) : 0,
       VNOP_FSYNC(mount->xm_fat_vp, MNT_WAIT, context),

@@ -78,8 +78,10 @@ void exfat_copy_string(char* dst, const char* src, size_t limit) {
 // whole strings written before the new value is reported). Returns 0.
 int exfat_vfs_getattr(mount_t mp, struct vfs_attr* attr, vfs_context_t context) {
   struct exfat_mount* mount = static_cast<struct exfat_mount*>(vfs_fsprivate(mp));
+  // As in exfat_statfs_fill: clusters waiting only for a directory write
+  // count as free.
   lck_mtx_lock(mount->xm_bitmap_lock);
-  uint64_t free_clusters = mount->xm_free_clusters;
+  uint64_t free_clusters = uint64_t(mount->xm_free_clusters) + mount->xm_pending_ready;
   lck_mtx_unlock(mount->xm_bitmap_lock);
   uint64_t blocks = mount->xm_max_cluster - 1;
 

@@ -123,6 +123,7 @@ int exfat_vnop_reclaim(struct vnop_reclaim_args* ap) {
     return 0;
 
   (void)exfat_inactive(vp, ap->a_context);
+  exfat_pending_node_gone(node->x_mount, node, (node->x_flags & X_DELETED) != 0);
 
   lck_mtx_lock(exfat_hash_lock);
   exfat_hash_remove(node);

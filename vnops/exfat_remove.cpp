@@ -82,21 +82,25 @@ void victim_mark_deleted(struct exfat_node* victim) {
 // `first`. An allocation of length 0 or with FirstCluster below 2 holds
 // nothing. A range outside the heap is refused by the bitmap with EIO (and
 // XM_CORRUPT), so an entry from a damaged volume can't free clusters that
-// don't exist. The caller holds the directory's lock and no allocation lock.
-int free_allocation(struct exfat_mount* mount, uint16_t flags, uint32_t first, uint64_t length) {
+// don't exist. The clusters stay allocated until `dir`, whose clusters
+// hold the entry, is removed (exfat_pending.cpp). The caller holds the
+// directory's lock and no allocation lock.
+int free_allocation(struct exfat_node* dir, uint16_t flags, uint32_t first, uint64_t length) {
   if (first < EXFAT_FIRST_CLUSTER || length == 0)
     return 0;
+  struct exfat_mount* mount = dir->x_mount;
   int error;
+  exfat_pending_make_room(mount);
   lck_mtx_lock(mount->xm_bitmap_lock);
   if (flags & kNoFatChain) {
     uint64_t clusters = (length + mount->xm_bytes_per_cluster - 1) / mount->xm_bytes_per_cluster;
     // A count too large for 32 bits is clamped, so that the bitmap refuses
     // the range instead of freeing a truncated one.
     uint32_t count = clusters > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(clusters);
-    error = exfat_bitmap_mark_free(mount, first, count);
+    error = exfat_free_run(mount, first, count, dir, nullptr);
   } else {
     lck_mtx_lock(mount->xm_fat_lock);
-    error = exfat_chain_free(mount, first);
+    error = exfat_free_chain(mount, first, 0, dir, nullptr);
     lck_mtx_unlock(mount->xm_fat_lock);
   }
   lck_mtx_unlock(mount->xm_bitmap_lock);
@@ -116,7 +120,7 @@ int exfat_dir_empty_callback(void* argument, uint8_t* set, uint8_t* entry, uint3
   return set[0] == EXFAT_ENTRY_FILE ? ENOTEMPTY : 0;
 }
 
-// The walk callback (set form, ITER_SETS, argument the exfat_mount) that
+// The walk callback (set form, ITER_SETS, argument the directory's node) that
 // releases the clusters held by the sets left in an empty directory being
 // removed: the primary's allocation and each secondary's, where
 // AllocationPossible says there is one. Runs under the directory's node
@@ -126,7 +130,7 @@ int exfat_dir_empty_callback(void* argument, uint8_t* set, uint8_t* entry, uint3
 int exfat_dir_free_callback(void* argument, uint8_t* set, uint8_t* entry, uint32_t offset) {
   (void)entry;
   (void)offset;
-  auto* mount = static_cast<struct exfat_mount*>(argument);
+  auto* dir = static_cast<struct exfat_node*>(argument);
   if (!(set[0] & EXFAT_ENTRY_BENIGN)) {
     kprintf("exfat_dir_free_callback: found unexpected primary of type 0x%2x", set[0]);
     return EIO;
@@ -135,12 +139,12 @@ int exfat_dir_free_callback(void* argument, uint8_t* set, uint8_t* entry, uint32
   uint16_t flags = le16dec(set + kPrimaryFlagsOffset);
   int error = 0;
   if (flags & kAllocationPossible)
-    error = free_allocation(mount, flags, le32dec(set + kFirstClusterOffset),
+    error = free_allocation(dir, flags, le32dec(set + kFirstClusterOffset),
                             le64dec(set + kDataLengthOffset));
   for (uint32_t i = 1; error == 0 && i <= set[1]; i++) {
     const uint8_t* secondary = set + i * EXFAT_ENTRY_SIZE;
     if (secondary[1] & kAllocationPossible)
-      error = free_allocation(mount, secondary[1], le32dec(secondary + kFirstClusterOffset),
+      error = free_allocation(dir, secondary[1], le32dec(secondary + kFirstClusterOffset),
                               le64dec(secondary + kDataLengthOffset));
   }
   return error;
@@ -228,7 +232,7 @@ int exfat_vnop_rmdir(struct vnop_rmdir_args* ap) {
                             ap->a_context);
   if (error)
     goto unlock;
-  error = exfat_dir_iterate(victim, 0, mount, exfat_dir_free_callback, ITER_SETS, ap->a_context);
+  error = exfat_dir_iterate(victim, 0, victim, exfat_dir_free_callback, ITER_SETS, ap->a_context);
   if (error)
     goto unlock;
 

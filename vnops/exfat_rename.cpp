@@ -258,7 +258,7 @@ int rename_replace_victim(struct rename_state* rs, bool* marked) {
                                   rs->context);
     if (error)
       return error;
-    error = exfat_dir_iterate(victim, 0, rs->mount, exfat_dir_free_callback, ITER_SETS,
+    error = exfat_dir_iterate(victim, 0, victim, exfat_dir_free_callback, ITER_SETS,
                               rs->context);
     if (error)
       return error;

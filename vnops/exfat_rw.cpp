@@ -144,14 +144,23 @@ int exfat_write_grow(struct exfat_node* node, uint64_t offset, uint64_t end, int
     return 0;
   }
 
-  lck_mtx_lock(mount->xm_bitmap_lock);
   uint64_t must = (ioflag & IO_UNIT) ? want : clusters_of(offset + 1, cluster_size);
-  if (must > have && must - have > mount->xm_free_clusters) {
+  int error;
+  for (int attempt = 0;; attempt++) {
+    lck_mtx_lock(mount->xm_bitmap_lock);
+    have = clusters_of(node->x_size, cluster_size);
+    if (must > have && must - have > mount->xm_free_clusters)
+      error = ENOSPC;
+    else
+      error = node->x_size < end ? exfat_file_extend(node, end, ioflag) : 0;
+    bool retry = exfat_pending_retry(mount, error, attempt);
     lck_mtx_unlock(mount->xm_bitmap_lock);
-    return ENOSPC;
+    if (!retry)
+      break;
+    // Clusters freed by removals wait until the directory blocks are
+    // written; out of space, that is done now.
+    exfat_pending_flush(mount, "exfat_vnop_write");
   }
-  int error = exfat_file_extend(node, end, ioflag);
-  lck_mtx_unlock(mount->xm_bitmap_lock);
   // A free count above what the bitmap holds may still leave the write's
   // start outside the file: then nothing fits after all.
   if (error == ENOSPC && !(ioflag & IO_UNIT) && node->x_size > offset) {

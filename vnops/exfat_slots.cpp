@@ -106,12 +106,16 @@ int exfat_find_empty_entries(struct exfat_node* dir, uint32_t wanted, uint32_t* 
 
 // Releases the clusters that an extra secondary entry (one with
 // AllocationPossible) owns: a NoFatChain run by its length, or a FAT chain.
+// The clusters stay allocated until the deletion is written to the
+// directory's buffer (exfat_delete_dirents releases them then, as `dir`'s).
 // The caller holds the directory's node lock; the allocation locks are taken
 // here, xm_bitmap_lock before xm_fat_lock. Returns 0 or the release's error.
-static int exfat_free_secondary(struct exfat_mount* mount, const uint8_t* entry) {
+static int exfat_free_secondary(struct exfat_node* dir, const uint8_t* entry) {
+  struct exfat_mount* mount = dir->x_mount;
   const uint32_t first = le32dec(entry + 20);
   const uint64_t length = le64dec(entry + 24);
   int error;
+  exfat_pending_make_room(mount);
   lck_mtx_lock(mount->xm_bitmap_lock);
   if (entry[1] & EXFAT_SECONDARY_NO_FAT_CHAIN) {
     // A length from disk too large for a 32-bit count is clamped, so that
@@ -119,10 +123,10 @@ static int exfat_free_secondary(struct exfat_mount* mount, const uint8_t* entry)
     // truncated one.
     uint64_t clusters = (length + mount->xm_bytes_per_cluster - 1) / mount->xm_bytes_per_cluster;
     uint32_t count = clusters > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(clusters);
-    error = exfat_bitmap_mark_free(mount, first, count);
+    error = exfat_free_run(mount, first, count, dir, nullptr);
   } else {
     lck_mtx_lock(mount->xm_fat_lock);
-    error = exfat_chain_free(mount, first);
+    error = exfat_free_chain(mount, first, 0, dir, nullptr);
     lck_mtx_unlock(mount->xm_fat_lock);
   }
   lck_mtx_unlock(mount->xm_bitmap_lock);
@@ -136,7 +140,7 @@ static int exfat_free_secondary(struct exfat_mount* mount, const uint8_t* entry)
 // the file (when its last user lets go, or by emptying a directory). A
 // root-only type in a set is reported and still freed. The caller holds the
 // directory's node lock.
-static void exfat_delete_entry(struct exfat_mount* mount, uint8_t* entry, int free_clusters) {
+static void exfat_delete_entry(struct exfat_node* dir, uint8_t* entry, int free_clusters) {
   const uint8_t type = entry[0];
   if (free_clusters) {
     if (type == EXFAT_ENTRY_FILE || type == EXFAT_ENTRY_STREAM || type == EXFAT_ENTRY_NAME) {
@@ -145,7 +149,7 @@ static void exfat_delete_entry(struct exfat_mount* mount, uint8_t* entry, int fr
       kprintf("exfat_delete_dirents: Unexpected entry of type 0x%02X\n", type);
     } else if ((type & EXFAT_ENTRY_SECONDARY) && (type & EXFAT_ENTRY_INUSE) &&
                (entry[1] & EXFAT_SECONDARY_ALLOCATION_POSSIBLE)) {
-      int error = exfat_free_secondary(mount, entry);
+      int error = exfat_free_secondary(dir, entry);
       // The entry goes either way; clusters that could not be released
       // are lost to the volume rather than the deletion failing half-done.
       if (error)
@@ -181,8 +185,14 @@ int exfat_delete_dirents(struct exfat_node* dir, uint32_t offset, uint32_t count
   int error = exfat_dir_read(dir, nullptr, buffer, offset, length, context);
   if (error == 0) {
     for (uint32_t i = 0; i < count; i++)
-      exfat_delete_entry(mount, buffer + i * EXFAT_ENTRY_SIZE, free_clusters);
+      exfat_delete_entry(dir, buffer + i * EXFAT_ENTRY_SIZE, free_clusters);
     error = exfat_dir_write(dir, nullptr, buffer, offset, length, false, context);
+    // The deletion is in the buffer cache: what the entries owned may be
+    // freed once it is on the disk. Unwritten, it stays allocated.
+    if (error == 0)
+      exfat_pending_release(mount, dir);
+    else
+      exfat_pending_node_gone(mount, dir, false);
   }
   OSFree(buffer, EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag);
   return error;

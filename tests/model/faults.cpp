@@ -181,16 +181,11 @@ std::string unacceptable(const std::string& image, const std::set<std::string>& 
   std::string fsck = test::fsck_program();
   if (fsck.empty())
     return "";
-  FILE* p = popen((fsck + " -n '" + image + "' 2>&1").c_str(), "r");
-  std::string out;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;)
-    out.append(buf, n);
-  int status = pclose(p);
+  test::FsckResult r = test::run_fsck_file(image);
   std::string bad;
-  if (!WIFEXITED(status) || (WEXITSTATUS(status) != 0 && WEXITSTATUS(status) != 4))
-    bad += "\n    fsck.exfat status " + std::to_string(WEXITSTATUS(status));
-  std::istringstream in(out);
+  if (r.status != 0 && r.status != 4)
+    bad += "\n    fsck.exfat status " + std::to_string(r.status);
+  std::istringstream in(r.output);
   for (std::string line; std::getline(in, line);) {
     if (line.empty() || line.rfind("exfatprogs version", 0) == 0 ||
         line.find(": clean. directories ") != std::string::npos ||
@@ -224,7 +219,7 @@ bool surplus_chain(const Finding& f) {
 // to a file (allocated before the entries that own them were written, or
 // not yet freed after), the dirty flag, a stale PercentInUse and torn sets
 // nothing was owed for. Anything else is a write-ordering fault.
-std::string unacceptable_to_exvol_check(const std::string& image, const Semantics& sem,
+std::string unacceptable_to_exvol_check(const std::string& image,
                                         const std::set<std::string>& owed_paths) {
   CheckReport report;
   if (std::error_code ec = check(image, CheckOptions(), &report))
@@ -238,10 +233,7 @@ std::string unacceptable_to_exvol_check(const std::string& image, const Semantic
     if (torn && owed_paths.count(f.path) == 0)
       continue;
     if (f.kind != FindingKind::Leak && f.kind != FindingKind::VolumeDirty &&
-        f.kind != FindingKind::PercentInUse && !surplus_chain(f) &&
-        !((f.kind == FindingKind::Unmarked || f.kind == FindingKind::ChainLength ||
-           f.kind == FindingKind::CrossLink) &&
-          sem.tolerates(kFreedBeforeOwnerWritten)))
+        f.kind != FindingKind::PercentInUse && !surplus_chain(f))
       bad += "\n    exvol check: " + f.path + ": " + f.what + ", " + f.where;
   }
   return bad;
@@ -390,7 +382,7 @@ RunResult run_power_cut(uint64_t seed, int steps, const FsFactory& factory,
             static_cast<unsigned long long>(at_cut.writes), at_cut.cut ? "cut" : "not cut",
             faults.write_cache ? "with" : "without", promises.size(), owed_at_cut.size(),
             due.size());
-  if (std::string bad = unacceptable(s.image(), owed_paths) + unacceptable_to_exvol_check(s.image(), s.model.semantics(), owed_paths);
+  if (std::string bad = unacceptable(s.image(), owed_paths) + unacceptable_to_exvol_check(s.image(), owed_paths);
       !bad.empty()) {
     r.fault = "after the power cut the checker finds:" + bad;
     return r;

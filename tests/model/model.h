@@ -73,11 +73,7 @@ struct Handle {
 // from known_faults_tolerated() once its fix is in. EXVOL_MODEL_STRICT=1
 // tolerates none, EXVOL_MODEL_STRICT=name,name none of those named.
 enum KnownFault : uint32_t {
-  // The FAT and bitmap caches may reach the disk with clusters a truncation
-  // or removal freed before the entry that owned them is rewritten: a cut
-  // in between leaves them owned but free, a chain shorter than the entry's
-  // length, or, once another file was given them, owned twice.
-  kFreedBeforeOwnerWritten = 1u << 9,
+  // None open now.
 };
 uint32_t known_faults_tolerated();
 const char* known_fault_name(uint32_t fault);

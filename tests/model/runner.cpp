@@ -124,18 +124,15 @@ std::vector<std::string> fsck_findings(const std::string& image) {
   std::string fsck = test::fsck_program();
   if (fsck.empty())
     return findings;
-  std::string command = fsck + " -n '" + image + "' 2>&1";
-  FILE* p = popen(command.c_str(), "r");
-  if (p == nullptr)
-    return {"can't run " + fsck};
-  std::string out;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;)
-    out.append(buf, n);
-  int status = pclose(p);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-    findings.push_back("fsck.exfat -n (status " + std::to_string(WEXITSTATUS(status)) +
-                       "): " + out);
+  test::FsckResult r = test::run_fsck_file(image);
+  const std::string& out = r.output;
+  // fsck.exfat 1.2.0 misreads an entry set that continues in a cluster not
+  // adjacent to its first: such findings are set aside when our own
+  // checker finds the volume clean and every finding is about such a set.
+  bool misread = r.status == 4 && test::fsck_only_misreads_split_sets(image, out) &&
+                 exvol_check_findings(image).empty();
+  if (r.status != 0 && !misread)
+    findings.push_back("fsck.exfat -n (status " + std::to_string(r.status) + "): " + out);
   return findings;
 }
 

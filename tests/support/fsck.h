@@ -17,6 +17,21 @@ struct FsckResult {
 std::string fsck_program();
 // Writes the image to a temporary file and checks it without repairing.
 FsckResult run_fsck(const std::vector<uint8_t>& image);
+// Checks the image file at `path` without repairing, for at most two
+// minutes and 1 MiB of output: on some volumes fsck.exfat 1.2.0 never ends,
+// printing the same findings over and over. A run cut short has status -1
+// and says so at the end of its output.
+FsckResult run_fsck_file(const std::string& path);
+
+// Whether every ERROR line of fsck.exfat's output for `image` is about an
+// entry set that crosses from one cluster of a FAT-chained directory into a
+// cluster that does not follow it on the disk, and that set is valid when
+// read along the chain: fsck.exfat 1.2.0 reads such a set as if the
+// clusters were adjacent, so it reports the set's checksum wrong and the
+// set's entries in the next cluster as entries of unknown type. False when
+// there is no ERROR line, the image can't be read, or any line is about
+// something else.
+bool fsck_only_misreads_split_sets(const std::string& image, const std::string& output);
 
 // A temporary file removed when the object goes away.
 class TempFile {

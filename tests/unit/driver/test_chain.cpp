@@ -117,6 +117,9 @@ TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
       ASSERT_EQ(0, truncate(node, 0));
     }
   }
+  // What the cut gave back is free once the node's entry is written.
+  exfat_pending_release(xm, node);
+  settle_frees();
 
   exfat_node_lock(node);
   lck_mtx_lock(xm->xm_bitmap_lock);
@@ -136,6 +139,38 @@ TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
 
   update(node);
   unmount_and_check();
+}
+
+// Clusters a truncation gives back stay allocated, their chain uncut, until
+// the file's entry is written; the file takes its own back when it grows;
+// cuts that overlap are freed once; a FAT read failure frees nothing.
+TEST_F(ChainTest, FreedClustersWaitForTheirOwnersEntry) {
+  std::vector<uint32_t> chain = {40, 41, 42, 43, 44, 45, 46, 47, 60, 61, 62, 63};
+  uint32_t f = chained_file(u"f", chain, chain.size() * kCluster);
+  mount_built();
+  struct exfat_node* node = get_node(f);
+  ASSERT_NE(nullptr, node);
+  const uint32_t free_before = free_clusters();
+
+  ASSERT_EQ(0, truncate(node, 2 * kCluster));
+  settle_frees();
+  EXPECT_EQ(free_before, free_clusters()) << "the entry on disk still names them";
+  for (uint32_t c : chain)
+    EXPECT_TRUE(used(c)) << c;
+  EXPECT_EQ(42u, fat(41)) << "the end mark waits with the tail";
+
+  ASSERT_EQ(0, truncate(node, 5 * kCluster));
+  EXPECT_EQ(44u, node->x_last_cluster) << "its own tail comes back";
+  EXPECT_EQ(free_before, free_clusters());
+
+  ASSERT_EQ(0, truncate(node, 3 * kCluster));
+  ASSERT_EQ(0, truncate(node, 0));
+  exfat_pending_release(xm, node);  // as exfat_node_update does
+  settle_frees();
+  EXPECT_EQ(free_before + chain.size(), free_clusters()) << "each cluster freed once";
+  for (uint32_t c : chain)
+    EXPECT_FALSE(used(c)) << c;
+  EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
 }
 
 // Freeing follows the chain only, to any end mark; a loop is reported as

@@ -98,6 +98,7 @@ TEST_F(RemoveTest, RmdirEmptinessAndWhatItFrees) {
   EXPECT_EQ(0, lookup(still.vp, "f", LOOKUP, &inside));
 
   ASSERT_EQ(0, rmdir(root_vp_, "guid"));
+  settle_frees();
   Vref gone;
   EXPECT_EQ(ENOENT, lookup("guid", &gone));
   EXPECT_FALSE(used(guid.first_cluster));
@@ -110,6 +111,7 @@ TEST_F(RemoveTest, RmdirEmptinessAndWhatItFrees) {
   for (uint32_t c : held)
     ASSERT_TRUE(used(c)) << c;
   ASSERT_EQ(0, rmdir(root_vp_, "vendor"));
+  settle_frees();
   for (uint32_t c : held)
     EXPECT_FALSE(used(c)) << c;
   EXPECT_FALSE(used(own));

@@ -135,6 +135,7 @@ TEST_F(SlotTest, FreeFlagReleasesOnlyExtraSecondaries) {
     EXPECT_TRUE(used(c)) << c;
 
   ASSERT_EQ(0, remove(release, 6, 1));
+  settle_frees();
   EXPECT_EQ(free_before + 4, xm->xm_free_clusters);
   EXPECT_TRUE(used(data1)) << "the stream's clusters go with the file, not here";
   EXPECT_TRUE(used(inert1));

@@ -204,6 +204,9 @@ class VolumeTest : public MountTest {
     EXPECT_EQ(0, error);
     return value;
   }
+  // Frees the clusters given back whose owners' entries are written (the
+  // metadata flush does it otherwise, after writing the directory blocks).
+  void settle_frees() { exfat_pending_flush(xm, "test"); }
   uint32_t free_clusters() {
     lck_mtx_lock(xm->xm_bitmap_lock);
     uint32_t n = xm->xm_free_clusters;
