@@ -7,6 +7,7 @@
 
 #include <sys/file.h>
 
+#include <algorithm>
 #include <functional>
 #include <random>
 
@@ -423,6 +424,43 @@ TEST(Check, MkfsImagesOfEveryClusterSizePass) {
     CheckReport r = run_check(image.path());
     EXPECT_TRUE(r.first.clean()) << cluster << "\n" << listing(r.first);
     EXPECT_EQ(1u, r.first.directories);
+  }
+}
+
+// Repairable faults two or three at once, on different paths (the
+// bitmap's excepted: its faults are independent): one aggressive repair
+// fixes them all, whatever order it meets them in.
+TEST(Check, AggressiveRepairFixesFaultsTogether) {
+  uint32_t seed = getenv("EXVOL_CHECK_SEED") ? static_cast<uint32_t>(atoi(getenv("EXVOL_CHECK_SEED"))) : 1;
+  std::vector<Fault> fixable = faults();
+  std::erase_if(fixable, [](const Fault& f) { return f.fixed_by == RepairMode::None; });
+  std::mt19937 rng(seed);
+  TempFile image;
+  for (int variant = 0; variant < 60; variant++) {
+    std::shuffle(fixable.begin(), fixable.end(), rng);
+    const size_t want = 2 + rng() % 2;
+    std::vector<const Fault*> chosen;
+    std::string names;
+    for (const Fault& f : fixable)
+      if (chosen.size() < want &&
+          std::none_of(chosen.begin(), chosen.end(), [&](const Fault* c) {
+            return c->path == f.path && f.path != "<bitmap>";
+          })) {
+        chosen.push_back(&f);
+        names += std::string(f.name) + "; ";
+      }
+    SCOPED_TRACE("EXVOL_CHECK_SEED=" + std::to_string(seed) + " variant " +
+                 std::to_string(variant) + ": " + names);
+    Populated v;
+    for (const Fault* f : chosen)
+      f->build(v);
+    std::vector<uint8_t> bytes = v.b.build();
+    for (const Fault* f : chosen)
+      f->edit(v, bytes);
+    image.write(bytes);
+    CheckReport fixed = run_check(image.path(), RepairMode::Aggressive);
+    ASSERT_EQ(0, fixed.exit_status()) << listing(fixed.final_pass());
+    expect_fsck_clean(image.path());
   }
 }
 
