@@ -413,6 +413,11 @@ TEST(Check, TakesTheLockAMountTakes) {
   EXPECT_EQ(0, r.exit_status());
 }
 
+TEST(Check, MissingImageIsAnError) {
+  CheckReport r;
+  EXPECT_EQ(ENOENT, check("/nonexistent/image", CheckOptions(), &r).value());
+}
+
 TEST(Check, MkfsImagesOfEveryClusterSizePass) {
   std::string mkfs = tool_path("mkfs.exfat");
   if (mkfs.empty())
