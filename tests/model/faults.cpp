@@ -438,6 +438,10 @@ RunResult run_io_errors(uint64_t seed, int steps) {
   Generator gen(seed, params);
   Runner runner(*s.fs, s.model, s.run_options());
   bool fired = false;
+  // The device's counters are those of the previous run until the faults
+  // are attached here.
+  bool attached = false;
+  uint64_t session_write_faults = 0;  // write faults before this session began
   {
     Watchdog watchdog(120, [&] { return "I/O errors, seed " + std::to_string(seed); });
     for (int i = 0; i < steps; i++) {
@@ -451,6 +455,7 @@ RunResult run_io_errors(uint64_t seed, int steps) {
           (rng() % 2 ? faults.fail_reads : faults.fail_writes).push_back(at);
         }
         faulty_attach(s.image(), faults);
+        attached = true;
       }
       Op op = gen.next(s.model);
       // What is judged is the unmount of the session that met the fault: a
@@ -460,7 +465,9 @@ RunResult run_io_errors(uint64_t seed, int steps) {
       r.ops.push_back(op);
       watchdog.tick();
       std::string fault = runner.run(op);
-      if (!fired && faulty_stats().faults > 0) {
+      if (attached && op.kind == OpKind::Remount)
+        session_write_faults = faulty_stats().write_faults;  // a new session
+      if (attached && !fired && faulty_stats().faults > 0) {
         fired = true;
         runner.set_lenient(true);
         fault.clear();  // the operation that met the fault answers as it may
@@ -471,10 +478,18 @@ RunResult run_io_errors(uint64_t seed, int steps) {
         return r;
       }
     }
-    if (s.fs->mounted() && s.fs->unmount() != 0)
+    int unmounted = s.fs->mounted() ? s.fs->unmount() : -1;
+    if (unmounted > 0)
       s.fs->force_unmount();
-    fired |= faulty_stats().faults > 0;
+    fired |= attached && faulty_stats().faults > 0;
+    // A device write that failed, whenever it was made, is the unmount's
+    // error: the volume on the device lacks something it was given.
+    bool write_failed = attached && faulty_stats().write_faults > session_write_faults;
     faulty_detach();
+    if (write_failed && unmounted == 0) {
+      r.fault = "a device write failed, yet the unmount reported success";
+      return r;
+    }
   }
   // A volume marked clean must be correct; one left dirty must at least
   // mount and read without a crash.

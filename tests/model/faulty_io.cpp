@@ -167,6 +167,7 @@ extern "C" ssize_t pwritev(int fd, const struct iovec* iov, int count, off_t off
     return fail_eio();
   if (hits(g_faults.fail_writes, static_cast<uint64_t>(offset), length)) {
     g_stats.faults++;
+    g_stats.write_faults++;
     return fail_eio();
   }
   if (g_faults.write_cache) {

@@ -29,6 +29,7 @@ struct DeviceStats {
   uint64_t writes = 0;   // writes that reached the image
   uint64_t flushes = 0;  // data syncs that made writes durable
   uint64_t faults = 0;   // requests failed by a chosen byte
+  uint64_t write_faults = 0;  // of those, writes
   bool cut = false;      // a write found the power gone
 };
 
