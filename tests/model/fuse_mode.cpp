@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <random>
@@ -121,6 +122,20 @@ std::string shared_op(PosixFs& fs, std::mt19937_64& rng) {
 
 }  // namespace
 
+// Removes a tree through the mount; "" or what failed.
+std::string remove_tree(const std::string& top) {
+  namespace fs = std::filesystem;
+  std::error_code ec;
+  for (auto it = fs::recursive_directory_iterator(top, ec); !ec && it != fs::end(it);
+       it.increment(ec)) {
+    if (!it->is_symlink())
+      fs::permissions(it->path(), fs::perms::owner_write, fs::perm_options::add, ec);
+  }
+  if (!ec)
+    fs::remove_all(top, ec);
+  return ec ? "removing " + top + ": " + ec.message() : "";
+}
+
 RunResult run_fuse(uint64_t seed, int steps, int threads, uint64_t memory_ceiling) {
   RunResult r;
   std::string why = test::fuse_unavailable_reason();
@@ -169,15 +184,29 @@ RunResult run_fuse(uint64_t seed, int steps, int threads, uint64_t memory_ceilin
       return r;
   }
 
+  // The single thread may have filled the volume (a write far past the end
+  // of a file allocates the whole gap), and the threads below assume room:
+  // its tree goes, read-only files made writable first.
+  if (std::string f = remove_tree(mount.dir() + "/t"); !f.empty()) {
+    r.fault = f;
+    return r;
+  }
+
   // Several threads at once: their own subtrees, and the shared directory.
   std::vector<std::unique_ptr<PosixFs>> fss;
   std::vector<std::unique_ptr<Model>> models;
   std::vector<std::string> faults(static_cast<size_t>(threads));
   PosixFs root(mount, "");
-  root.mkdir("/shared");
+  if (int e = root.mkdir("/shared")) {
+    r.fault = "mkdir /shared: " + errno_name(e);
+    return r;
+  }
   for (int t = 0; t < threads; t++) {
     std::string base = "/c" + std::to_string(t);
-    root.mkdir(base);
+    if (int e = root.mkdir(base)) {
+      r.fault = "mkdir " + base + ": " + errno_name(e);
+      return r;
+    }
     fss.push_back(std::make_unique<PosixFs>(mount, base));
     models.push_back(std::make_unique<Model>(fuse_semantics()));
   }
@@ -186,7 +215,10 @@ RunResult run_fuse(uint64_t seed, int steps, int threads, uint64_t memory_ceilin
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; t++) {
       workers.emplace_back([&, t] {
-        Generator gen(seed * 31 + static_cast<uint64_t>(t), fuse_params(cluster, volume, false));
+        // Each thread's writes reach at most a share of the volume, so
+        // that no thread runs out of space because others hold it.
+        Generator gen(seed * 31 + static_cast<uint64_t>(t),
+                      fuse_params(cluster, volume / (static_cast<uint64_t>(threads) + 2), false));
         RunOptions options = fuse_options(image);
         options.trace_tag = "c" + std::to_string(t) + " ";
         Runner runner(*fss[static_cast<size_t>(t)], *models[static_cast<size_t>(t)], options);
