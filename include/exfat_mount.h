@@ -4,8 +4,10 @@
 // One exfat_mount exists per mounted volume, allocated zero-filled at mount
 // under exfat_malloc_tag, attached to the kernel mount as its private data
 // and freed at unmount. Lock order among its mutexes, outermost first:
-// xm_rename_lock, xm_bitmap_lock, xm_fat_lock; xm_meta_lock is never held
-// together with the others.
+// xm_rename_lock, xm_bitmap_lock, xm_fat_lock. xm_meta_lock (held by the
+// delayed flush for the whole flush) and xm_pending_lock (held while a
+// batch of freed clusters is released) are taken before xm_bitmap_lock and
+// xm_fat_lock, xm_meta_lock first; docs/LOCKING.md gives the whole order.
 
 #include <atomic>
 
