@@ -203,8 +203,6 @@ uint64_t Daemon::add_handle(std::unique_ptr<Handle> handle) {
   Handle* raw = handle.release();
   std::lock_guard<std::mutex> guard(handles_lock_);
   handles_.insert(raw);
-  if (raw->writable)
-    writers_[raw->node]++;
   return reinterpret_cast<uint64_t>(raw);
 }
 
@@ -217,27 +215,11 @@ std::error_code Daemon::close_handle(uint64_t fh) {
   return close(std::unique_ptr<Handle>(raw));
 }
 
-// The handle stays a writer until its file is closed: the close may stamp
-// the file, and attributes the kernel asks for before that must not be
-// kept long.
 std::error_code Daemon::close(std::unique_ptr<Handle> h) {
   std::error_code ec = h->file.close();
   if (h->ever_written.load() || h->ever_read.load())
     drop_attrs(h->node);
-  if (h->writable) {
-    std::lock_guard<std::mutex> guard(handles_lock_);
-    auto it = writers_.find(h->node);
-    if (it != writers_.end() && --it->second == 0)
-      writers_.erase(it);
-  }
   return ec;
-}
-
-double Daemon::attr_timeout(NodeId node, const Stat& st) {
-  if (st.type == FileType::Directory)
-    return kAttrTimeout;
-  std::lock_guard<std::mutex> guard(handles_lock_);
-  return writers_.count(node) != 0 ? kAttrTimeout : kFileAttrTimeout;
 }
 
 void Daemon::drop_attrs(NodeId node) {
@@ -302,7 +284,7 @@ fuse_entry_param Daemon::entry(NodeId node, const Stat& st, bool looked_up) {
   e.ino = static_cast<fuse_ino_t>(node);
   e.generation = 0;  // ids are never reused while the daemon runs
   e.attr = to_kernel(node, st);
-  e.attr_timeout = attr_timeout(node, st);
+  e.attr_timeout = kAttrTimeout;
   e.entry_timeout = looked_up ? kLookupEntryTimeout : kEntryTimeout;
   return e;
 }

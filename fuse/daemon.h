@@ -166,10 +166,6 @@ class Daemon {
   // kLookupEntryTimeout for the entry when `looked_up` (the name may be
   // another spelling than the stored one), else kEntryTimeout.
   fuse_entry_param entry(NodeId node, const Stat& st, bool looked_up = false);
-  // How long the kernel may keep a node's attributes: kFileAttrTimeout
-  // for a file or link that no handle has open for writing, else
-  // kAttrTimeout.
-  double attr_timeout(NodeId node, const Stat& st);
   // Has the kernel drop the attributes it holds of a node: the volume
   // stamped its times or trimmed its clusters when a handle that wrote (or
   // read) was flushed or closed, which the kernel does not see. Sent before
@@ -183,19 +179,14 @@ class Daemon {
   // second: the volume stamps the times of a file or directory when it
   // writes its entry back (at close, fsync or the periodic sync), which
   // the kernel does not see.
-  static constexpr double kAttrTimeout = 1.0;
-  // A file that no handle has open for writing gets no new stamp: its
-  // attributes change only through requests the kernel sees itself
-  // (setattr answers with the new ones; write, rename and unlink make it
-  // drop them) and at the flush and release of a handle that wrote (see
-  // drop_attrs). They could be kept as long as names are, but for one
-  // thing: after its state was reclaimed, a file looked up through another
+  // A file that no handle has open for writing gets no new stamp, so its
+  // attributes could be kept as long as names are, but for one thing:
+  // after its state was reclaimed, a file looked up through another
   // spelling of its name gets a second inode number (see api/nodes.cpp),
   // and what is written or truncated through one number leaves the other's
   // size and times in the kernel unchanged. Until the node table gives a
-  // file one number whatever the spelling, they are kept a second, like
-  // everything else.
-  static constexpr double kFileAttrTimeout = kAttrTimeout;
+  // file one number whatever the spelling, every node's are kept a second.
+  static constexpr double kAttrTimeout = 1.0;
   static constexpr double kEntryTimeout = 3600.0;
   static constexpr double kLookupEntryTimeout = 1.0;
 
@@ -217,8 +208,6 @@ class Daemon {
   // Never held while calling the library.
   std::mutex handles_lock_;
   std::unordered_set<Handle*> handles_;  // protected by handles_lock_
-  // Open writable handles by node; handles_lock_.
-  std::unordered_map<NodeId, uint32_t> writers_;
   // Set before the session serves requests; cleared by shut_down, which
   // runs after the session's descriptor was closed.
   fuse_session* se_ = nullptr;

@@ -129,7 +129,7 @@ void reply_attr(fuse_req_t req, NodeId node) {
     return;
   }
   struct stat attr = d.to_kernel(node, st);
-  fuse_reply_attr(req, &attr, d.attr_timeout(node, st));
+  fuse_reply_attr(req, &attr, Daemon::kAttrTimeout);
 }
 
 void op_init(void*, fuse_conn_info* conn) {
