@@ -33,11 +33,12 @@ static void exfat_blockmap_output(const struct exfat_node* node, uint32_t run_cl
 }
 
 // Measures the run of consecutive clusters that starts at `first` (a valid
-// cluster): *length receives its length and *next the FAT value that ends
-// it, the next link of the chain. A run never passes xm_max_cluster. The
-// caller holds xm_fat_lock. Returns exfat_fat_map's error.
-static int exfat_measure_run(struct exfat_mount* mount, uint32_t first, uint32_t* length,
-                             uint32_t* next) {
+// cluster), at most `limit` (>= 1) of them: *length receives its length and
+// *next the FAT value that follows its last cluster, the next link of the
+// chain. A run never passes xm_max_cluster. The caller holds xm_fat_lock.
+// Returns exfat_fat_map's error.
+static int exfat_measure_run(struct exfat_mount* mount, uint32_t first, uint32_t limit,
+                             uint32_t* length, uint32_t* next) {
   uint32_t c = first;
   uint32_t n = 1;
   for (;;) {
@@ -46,7 +47,7 @@ static int exfat_measure_run(struct exfat_mount* mount, uint32_t first, uint32_t
     if (entry == nullptr)
       return error;
     const uint32_t value = le32dec(entry);
-    if (value != c + 1 || value > mount->xm_max_cluster) {
+    if (value != c + 1 || value > mount->xm_max_cluster || n == limit) {
       *length = n;
       *next = value;
       return 0;
@@ -98,6 +99,8 @@ int exfat_blockmap_internal(struct exfat_node* node, uint32_t index, uint32_t co
     run_index = 0;
   }
 
+  const uint64_t file_clusters =
+      (node->x_size + mount->xm_bytes_per_cluster - 1) / mount->xm_bytes_per_cluster;
   uint32_t passed_index = run_index;  // index of the run just passed
   uint32_t run_cluster = 0;
   uint32_t run_length = 0;
@@ -114,7 +117,13 @@ int exfat_blockmap_internal(struct exfat_node* node, uint32_t index, uint32_t co
       return EIO;
     }
     run_cluster = link;
-    int error = exfat_measure_run(mount, run_cluster, &run_length, &link);
+    // The run is cut at the end of the file: past it the chain may go on
+    // (a truncated tail waiting to be freed, or a damaged chain longer than
+    // its file) and be relinked when the file grows, which a cached run
+    // reaching over it would never see.
+    const uint32_t limit =
+        static_cast<uint32_t>(std::min<uint64_t>(file_clusters - run_index, UINT32_MAX));
+    int error = exfat_measure_run(mount, run_cluster, limit, &run_length, &link);
     if (error)
       return error;
     passed_index = run_index;

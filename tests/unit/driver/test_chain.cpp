@@ -158,6 +158,16 @@ TEST_F(ChainTest, FreedClustersWaitForTheirOwnersEntry) {
   for (uint32_t c : chain)
     EXPECT_TRUE(used(c)) << c;
   EXPECT_EQ(42u, fat(41)) << "the end mark waits with the tail";
+  // A lookup's cached run stops at the end of the file: the tail still
+  // linked after it is relinked elsewhere when the file grows from a run
+  // other than its own tail, and a cached run over it would then map the
+  // file's new clusters to the old tail's.
+  lck_mtx_lock(xm->xm_fat_lock);
+  node->x_extent_length = 0;  // the lookup walks the chain
+  lck_mtx_unlock(xm->xm_fat_lock);
+  uint64_t sector = 0;
+  ASSERT_EQ(0, exfat_blockmap(node, 1, 1, &sector, nullptr, nullptr));
+  EXPECT_EQ(2u, node->x_extent_index + node->x_extent_length);
 
   ASSERT_EQ(0, truncate(node, 5 * kCluster));
   EXPECT_EQ(44u, node->x_last_cluster) << "its own tail comes back";
