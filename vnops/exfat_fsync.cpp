@@ -200,8 +200,14 @@ int exfat_fsync_internal(vnode_t vp, bool wait, bool flush_dir_blocks, vfs_conte
     error = push_error;
   exfat_node_lock(node);
 
-  if (flush_dir_blocks && (node->x_attributes & EXFAT_ATTR_DIRECTORY))
+  if (flush_dir_blocks && (node->x_attributes & EXFAT_ATTR_DIRECTORY)) {
+    // The directory's blocks may name clusters whose bitmap bits and FAT
+    // links are still only in the allocation caches: those go first. Every
+    // change to these blocks is made under this directory's lock, held from
+    // here until they are written, so none can name a later allocation.
+    (void)exfat_flush_alloc_caches(mount, "exfat_fsync_internal");
     (void)exfat_dir_flush(node, wait);
+  }
   exfat_update_times(node);
 
   bool keep_dirty = false;

@@ -69,4 +69,23 @@ TEST_F(LifeCycleTest, FullFsyncFlushesTheDeviceCacheAfterTheData) {
       << "without the cache flush the power cut should have lost these writes";
 }
 
+// A directory's fsync writes its blocks after the allocation caches: an
+// entry on the disk never names a cluster that the disk's bitmap calls free
+// (a power cut right after would leave the file owning a free cluster).
+TEST_F(LifeCycleTest, DirectoryFsyncWritesTheAllocationsItsEntriesName) {
+  uint32_t f = empty_file(u"f");
+  mount_built();
+  vnode_t vp = get(f);
+  settle();
+  ASSERT_EQ(0, vn_write_at(vp, 0, std::vector<uint8_t>(kCluster, 0x5A)));
+  update(node_of(vp));  // the entry into the root's cached block, as close does
+  ASSERT_EQ(0, VNOP_FSYNC(root_vp_, MNT_WAIT, ctx_));
+  EXPECT_GT(stats().writes, 0u) << "the root's block was written";
+
+  const uint32_t bit = node_of(vp)->x_start_cluster - 2;
+  const uint32_t bitmap = node_of(xm->xm_bitmap_vp)->x_start_cluster;
+  std::vector<uint8_t> byte = read_device(builder_.cluster_byte_offset(bitmap) + bit / 8, 1);
+  EXPECT_TRUE((byte[0] >> (bit % 8)) & 1) << "cluster " << bit + 2 << " is free on the disk";
+}
+
 }  // namespace
