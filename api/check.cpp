@@ -227,6 +227,7 @@ const char* finding_kind_name(FindingKind kind) {
     case FindingKind::Unmarked: return "unmarked";
     case FindingKind::Leak: return "leak";
     case FindingKind::Depth: return "depth";
+    case FindingKind::SharedFile: return "shared_file";
   }
   return "unknown";
 }

@@ -107,10 +107,15 @@ bool Pass::take(uint32_t cluster) {
   if (naming_owners_) {
     auto it = std::lower_bound(shared_.begin(), shared_.end(), cluster,
                                [](const SharedCluster& s, uint32_t c) { return s.cluster < c; });
-    for (; it != shared_.end() && it->cluster == cluster; ++it)
-      if (it->first_owner.empty())
+    for (; it != shared_.end() && it->cluster == cluster; ++it) {
+      if (it->first_owner.empty()) {
         it->first_owner = *claiming_;
+        it->owner_at_start = claimed_ == 0;
+        it->owner_length = claiming_length_;
+      }
+    }
   }
+  claimed_++;
   return true;
 }
 
@@ -125,6 +130,8 @@ Claim Pass::claim(const std::string& path, uint32_t first, uint64_t length, bool
   if (n == 0 && !to_end)
     return result;
   claiming_ = &path;
+  claiming_length_ = length;
+  claimed_ = 0;
   can_truncate_ = can_truncate;
   if (!geo_.valid_cluster(first)) {
     add_claim_finding(make_finding(path, FindingKind::FirstCluster,
@@ -290,7 +297,7 @@ void Pass::conflict(const std::string& path, uint32_t cluster, uint32_t kept, ui
   long index = add_claim_finding(make_finding(
       path, FindingKind::CrossLink, "cluster " + std::to_string(cluster) + " is owned twice", where));
   if (!naming_owners_)
-    shared_.push_back({cluster, index, {}});
+    shared_.push_back({cluster, index, kept == 0, claiming_length_, {}});
   result->why = "its clusters from " + std::to_string(cluster) + " on belong to another file";
 }
 
@@ -307,8 +314,18 @@ void Pass::name_first_owners() {
   naming_owners_ = false;
   for (const SharedCluster& s : shared_) {
     Finding* f = sink_.at(s.finding);
-    if (f && !ec && !s.first_owner.empty())
+    if (f == nullptr || ec || s.first_owner.empty())
+      continue;
+    // A directory reached again below itself is a cycle, not a second entry.
+    bool below = f->path.compare(0, s.first_owner.size() + 1, s.first_owner + "/") == 0;
+    if (s.at_start && s.owner_at_start && s.length == s.owner_length && !below) {
+      // Both entries describe one file: what a rename leaves when it is cut
+      // short between writing the new entry and deleting the old one.
+      f->kind = FindingKind::SharedFile;
+      f->what = "the same clusters as " + s.first_owner + ": two entries for one file";
+    } else {
       f->what = "cluster " + std::to_string(s.cluster) + " also belongs to " + s.first_owner;
+    }
   }
 }
 

@@ -229,15 +229,23 @@ class Pass {
 
   // Shared clusters found while claiming, with the finding that names the
   // later owner; name_first_owners() fills in the first.
+  // A later owner whose first cluster is the first owner's first cluster,
+  // with the same data length, holds a second entry for the same file.
   struct SharedCluster {
     uint32_t cluster;
     long finding;
+    bool at_start;      // the later owner's first cluster
+    uint64_t length;    // the later owner's data length
     std::string first_owner;
+    bool owner_at_start = false;  // the first owner's first cluster
+    uint64_t owner_length = 0;
   };
   std::vector<SharedCluster> shared_;
   bool naming_owners_ = false;
   bool can_truncate_ = false;  // of the owner claim() is walking for
   const std::string* claiming_ = nullptr;  // the owner claim() is walking for
+  uint64_t claiming_length_ = 0;            // its data length
+  uint64_t claimed_ = 0;                    // clusters it has taken so far
   // Leaked clusters are freed only when every owner could be read: no
   // unreadable entry set, no directory left unread, no shared cluster.
   bool owners_unknown_ = false;

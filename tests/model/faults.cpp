@@ -228,8 +228,10 @@ std::string unacceptable_to_exvol_check(const std::string& image,
   for (const Finding& f : report.first.findings) {
     // An entry set that spans two directory blocks is written in two
     // requests: a cut between them tears a set no sync has vouched for.
+    // A rename writes the new set before it deletes the old one: a cut
+    // between leaves two entries for the file nothing was owed for.
     bool torn = f.kind == FindingKind::SetShape || f.kind == FindingKind::SetChecksum ||
-                f.kind == FindingKind::EntryType;
+                f.kind == FindingKind::EntryType || f.kind == FindingKind::SharedFile;
     if (torn && owed_paths.count(f.path) == 0)
       continue;
     if (f.kind != FindingKind::Leak && f.kind != FindingKind::VolumeDirty &&

@@ -70,6 +70,7 @@ enum class FindingKind : uint8_t {
   Unmarked,        // owned clusters free in the bitmap
   Leak,            // bitmap bits without an owner
   Depth,           // directories nested too deep to follow
+  SharedFile,      // two entries for one file's clusters (a rename cut short)
 };
 
 // "boot_checksum", "cross_link", …: the kind's name in JSON output.
