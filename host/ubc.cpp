@@ -9,7 +9,6 @@
 // page-out thread (host/ubc_pageout.cpp), which hands them to the file
 // system's VNOP_PAGEOUT.
 
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -83,13 +82,8 @@ constexpr size_t kFreeSlack = 2 * kSlabPages;
 
 Slab* slab_new_locked() {
   Pool& pl = pool();
-  constexpr size_t kSlabBytes = size_t(kSlabPages) * PAGE_SIZE;
-  void* mem = aligned_alloc(kSlabBytes, kSlabBytes);
+  void* mem = aligned_alloc(PAGE_SIZE, size_t(kSlabPages) * PAGE_SIZE);
   if (mem == nullptr) return nullptr;
-  // One fault per slab instead of one per page: a cold stream through the
-  // pool spent a fifth of its time faulting fresh frames in. Advice only;
-  // without huge pages the frames fault in one by one as before.
-  madvise(mem, kSlabBytes, MADV_HUGEPAGE);
   Slab* s = new (std::nothrow) Slab;
   if (s == nullptr) {
     free(mem);

@@ -95,10 +95,9 @@ struct Page {
   vnode_t gone_vp = nullptr;  // the file a PG_GONE page came from (ubc lock)
 };
 
-// Pages are allocated 512 at a time (2 MiB of frames, one huge page where
-// the system has them: see slab_new_locked). Frames of one slab are
+// Pages are allocated 256 at a time (1 MiB of frames). Frames of one slab are
 // adjacent, so a run of pages taken from a fresh slab becomes one I/O vector.
-constexpr uint32_t kSlabPages = 512;
+constexpr uint32_t kSlabPages = 256;
 struct Slab {
   char* mem = nullptr;
   Page pages[kSlabPages];
