@@ -10,7 +10,8 @@
 //   files10k_*   the same with 10,000 files in 10 directories, plus a warm
 //                `ls -lR` (the second of two)
 //   rand4k_tN    4 KiB random reads and writes (70/30, pread/pwrite) on a
-//                256 MiB file with N threads for EXVOL_BENCH_SECONDS (15)
+//                256 MiB file with N threads for EXVOL_BENCH_SECONDS (15),
+//                and the daemon's processor time per operation
 //   seq_write    1 GiB written in 1 MiB writes, then fsync
 //   seq_read     the same file read cold (exvol: after a remount; tmpfs
 //                can only be read from memory)
