@@ -10,7 +10,8 @@
 //   files10k_*   the same with 10,000 files in 10 directories, plus a warm
 //                `ls -lR` (the second of two)
 //   rand4k_tN    4 KiB random reads and writes (70/30, pread/pwrite) on a
-//                256 MiB file with N threads for EXVOL_BENCH_SECONDS (15)
+//                256 MiB file with N threads for EXVOL_BENCH_SECONDS (15),
+//                and the daemon's processor time per operation
 //   seq_write    1 GiB written in 1 MiB writes, then fsync
 //   seq_read     the same file read cold (exvol: after a remount; tmpfs
 //                can only be read from memory)
@@ -101,6 +102,22 @@ class Mount {
   void remount() {
     stop();
     start();
+  }
+  // The daemon's processor time so far (user and system), in seconds.
+  double cpu_seconds() const {
+    std::ifstream f("/proc/" + std::to_string(pid_) + "/stat");
+    std::string line;
+    std::getline(f, line);
+    // Fields after the command name, which ends at the last ')': state is
+    // the first, utime the 12th and stime the 13th.
+    std::istringstream rest(line.substr(line.rfind(')') + 2));
+    std::string field;
+    double ticks = 0;
+    for (int i = 1; i <= 13 && rest >> field; i++) {
+      if (i >= 12)
+        ticks += std::stod(field);
+    }
+    return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
   }
   // The daemon's resident memory in MiB.
   double rss_mib() const {
@@ -223,16 +240,21 @@ double random_io(const std::string& path, int threads, double secs) {
   return static_cast<double>(ops.load()) / seconds_since(t0);
 }
 
-void bench_random(Target& ex, Target& tm, double secs) {
+// Also prints the daemon's processor time per operation, which depends
+// less than the rates on what else the machine is doing.
+void bench_random(Target& ex, Target& tm, double secs, const Mount& m) {
   std::string paths[2] = {ex.root + "/rand.dat", tm.root + "/rand.dat"};
   for (const std::string& p : paths)
     fill(p, kRandFileBytes);
   for (int threads : {1, 4}) {
     double iops[2];
-    for (int i = 0; i < 2; i++)
-      iops[i] = random_io(paths[i], threads, secs);
+    double cpu = m.cpu_seconds();
+    iops[0] = random_io(paths[0], threads, secs);
+    cpu = m.cpu_seconds() - cpu;
+    iops[1] = random_io(paths[1], threads, secs);
     std::string name = "rand4k_t" + std::to_string(threads);
     report(name.c_str(), iops[0], iops[1], "op/s");
+    printf("%s daemon CPU: %.2f us/op\n", name.c_str(), cpu * 1e6 / (iops[0] * secs));
     ratio(name.c_str(), iops[1], iops[0]);
   }
   for (const std::string& p : paths)
@@ -310,7 +332,7 @@ int main(int, char** argv) {
     bench_files("files100k", 100, 1000, ex, tm, m);
   }
   if (only.empty() || only == "random")
-    bench_random(ex, tm, secs);
+    bench_random(ex, tm, secs, m);
   if (only.empty() || only == "sequential")
     bench_sequential(ex, tm);
 

@@ -20,6 +20,7 @@
 #include <algorithm>
 #include <cstring>
 #include <deque>
+#include <utility>
 #include <vector>
 
 #include "host/buf.h"
@@ -77,6 +78,9 @@ struct Xfer {
   // What to do with the list's pages at the end: commit/abort them and free
   // the list (ordinary transfers), or leave them busy (pages on loan).
   bool commit = true;
+  // The next transfer of the same job: small asynchronous writes of one
+  // push go to a transfer thread together, in one hand-off.
+  Xfer* next = nullptr;
 };
 
 // Maps [x.foff, x.foff + x.size) through the file system's blockmap
@@ -202,17 +206,19 @@ void transfer_thread() {
     Xfer* x = e.queue.front();
     e.queue.pop_front();
     l.unlock();
-    int err = xfer_exec(*x);
     Info* info = x->info;
-    // The error is recorded before the pages are released, so that whoever
-    // waits for them (a push that meets them busy) finds it.
-    if (err && !x->read) {
-      l.relock();
-      if (info->error == 0) info->error = err;
-      l.unlock();
+    while (x != nullptr) {
+      int err = xfer_exec(*x);
+      // The error is recorded before the pages are released, so that
+      // whoever waits for them (a push that meets them busy) finds it.
+      if (err && !x->read) {
+        l.relock();
+        if (info->error == 0) info->error = err;
+        l.unlock();
+      }
+      xfer_finish(*x, err);
+      delete std::exchange(x, x->next);
     }
-    xfer_finish(*x, err);
-    delete x;
     l.relock();
     // After this the file may be reclaimed and its Info freed.
     info->inflight--;
@@ -221,7 +227,8 @@ void transfer_thread() {
   }
 }
 
-// Queues a mapped transfer. The ubc lock is held.
+// Queues a job: a mapped transfer and those chained to it, all of one
+// file. It counts as one transfer in flight. The ubc lock is held.
 void submit_locked(Xfer* x) {
   Engine& e = engine();
   while (e.threads < kTransferThreads) {
@@ -611,10 +618,20 @@ int write_copy(Info* info, uio_t uio, off_t end, off_t oldEOF) {
   return 0;
 }
 
+// A run of dirty pages that its writer leaves (it wrote elsewhere next)
+// shorter than this is not written behind: it stays dirty for the file's
+// next push (fsync, close), the page-out thread, or the push of the whole
+// file once the file or the pool has too many dirty pages. Random small
+// writes would otherwise cost a transfer, and a hand-off to a transfer
+// thread, each, and a page written again before it is pushed costs
+// nothing more. 128 KiB: below that a request's fixed cost dominates.
+constexpr uint64_t kWbMinPages = 32;
+
 // Write-behind after a write that dirtied pages [first, full) completely
 // (the page holding the end of a write that stops mid-page is not counted,
 // as the next sequential write will dirty it again). Full maximal runs of
-// a sequential stream are written at once, asynchronously; a file with more
+// a sequential stream are written at once, asynchronously, and so is a
+// run of at least kWbMinPages that the writer leaves; a file with more
 // dirty pages than its share, or a pool over its dirty limit, gets all its
 // dirty pages scheduled. Finally the writer is held back while too many of
 // its transfers are in flight, which bounds dirty and busy memory.
@@ -626,7 +643,7 @@ void write_behind(Info* info, uint64_t first, uint64_t full) {
     if (first >= info->wb_start && first <= info->wb_end) {
       info->wb_end = std::max(info->wb_end, full);
     } else {
-      if (info->wb_end > info->wb_start) runs.emplace_back(info->wb_start, info->wb_end);
+      if (info->wb_end - info->wb_start >= kWbMinPages) runs.emplace_back(info->wb_start, info->wb_end);
       info->wb_start = first;
       info->wb_end = std::max(first, full);
     }
@@ -693,10 +710,37 @@ uint32_t take_dirty_run_locked(Info* info, uint64_t* pg, uint64_t last, Page** o
 
 }  // namespace
 
+// Asynchronous writes of one push, gathered into jobs of up to a maximal
+// transfer's worth of pages (the pages stay busy until their job is done).
+class Batch {
+ public:
+  ~Batch() { submit(); }
+  // Adds a mapped write.
+  void add(Xfer* x) {
+    (head_ == nullptr ? head_ : tail_->next) = x;
+    tail_ = x;
+    pages_ += x->size / PAGE_SIZE;
+    if (pages_ >= kMaxIO / PAGE_SIZE) submit();
+  }
+  void submit() {
+    if (head_ == nullptr) return;
+    Locker l;
+    submit_locked(head_);
+    head_ = tail_ = nullptr;
+    pages_ = 0;
+  }
+
+ private:
+  Xfer* head_ = nullptr;
+  Xfer* tail_ = nullptr;
+  uint32_t pages_ = 0;
+};
+
 int cl_push_range(Info* info, uint64_t first, uint64_t last, bool wait, bool mapped_too) {
   Page* pages[kMaxIO / PAGE_SIZE];
   int error = 0;
   uint64_t pg = first;
+  Batch batch;
   for (;;) {
     off_t filesize;
     uint32_t n;
@@ -722,9 +766,18 @@ int cl_push_range(Info* info, uint64_t first, uint64_t last, bool wait, bool map
     x->foff = off_t(start) * PAGE_SIZE;
     x->size = n * PAGE_SIZE;
     x->read = false;
-    int err = xfer_start(x, filesize, wait);
+    int err = 0;
+    if (wait) {
+      err = xfer_start(x, filesize, true);
+    } else if ((err = xfer_map(*x, filesize)) != 0) {
+      xfer_finish(*x, err);
+      delete x;
+    } else {
+      batch.add(x);
+    }
     if (err && !error) error = err;
   }
+  batch.submit();
   if (wait) {
     Locker l;
     while (info->inflight != 0) sleep_locked();

@@ -257,6 +257,57 @@ TEST_F(ClusterTest, SequentialEightMegabytesTakeFewLargeRequests) {
   EXPECT_TRUE(fs.on_device(f) == w);
 }
 
+// Catches write-behind of every short run a random writer leaves (a device request
+// per small write), and a long run left dirty when its writer moves on.
+TEST_F(ClusterTest, ShortRunsWaitForAPushAndLongOnesAreWrittenBehind) {
+  const off_t size = 4 << 20;
+  bmfs_file* f = fs.create(size, {{1000, uint32_t(size / 4096)}});
+  std::vector<char> model = fs.on_device(f);
+  auto write_pages = [&](uint64_t first, uint64_t n, uint32_t seed) {
+    for (uint64_t pg = first; pg < first + n; pg++) {
+      std::vector<char> d = random_bytes(4096, seed + uint32_t(pg));
+      ASSERT_EQ(fs.write(f, off_t(pg) * 4096, d.data(), d.size()), 0);
+      std::copy(d.begin(), d.end(), model.begin() + off_t(pg) * 4096);
+    }
+  };
+  host_blkdev_reset_stats(fs.devvp());
+  for (uint64_t pg = 0; pg < 128; pg += 2) write_pages(pg, 1, 20);  // 64 scattered pages
+  EXPECT_EQ(host_test::devstats(fs.devvp()).writes, 0u) << "a request per scattered page";
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 64u);
+  write_pages(200, 40, 21);  // 160 KiB in 4 KiB writes, then a write elsewhere
+  write_pages(300, 1, 22);
+  EXPECT_TRUE(host_test::eventually([&] { return host_ubc_vnode_dirty_pages(f->vp) == 65u; }))
+      << "the long run was left dirty";
+  EXPECT_EQ(host_test::devstats(fs.devvp()).writes, 1u) << "the long run in one request";
+  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  EXPECT_EQ(host_ubc_vnode_dirty_pages(f->vp), 0u);
+  EXPECT_TRUE(fs.on_device(f) == model);
+}
+
+// Catches random small writes whose dirty pages are bounded by nothing but the pool:
+// a file's dirty pages stay within the dirty limit, and every write reaches the device.
+TEST_F(ClusterTest, RandomSmallWritesKeepDirtyPagesBounded) {
+  host_test::PoolLimit limit(1 << 20);  // 256 pages, dirty limit 128
+  const off_t size = 4 << 20;
+  bmfs_file* f = fs.create(size, {{1000, uint32_t(size / 4096)}});
+  std::vector<char> model = fs.on_device(f);
+  std::mt19937 rng(23);
+  size_t peak = 0;
+  host_ubc_reset_resident_peak();
+  for (int i = 0; i < 3000; i++) {
+    off_t off = off_t(rng() % (size / 4096)) * 4096 + off_t(rng() % 2 ? 0 : rng() % 4096);
+    size_t len = std::min<size_t>(4096, size_t(size - off));
+    std::vector<char> d = random_bytes(len, uint32_t(i));
+    ASSERT_EQ(fs.write(f, off, d.data(), d.size()), 0);
+    std::copy(d.begin(), d.end(), model.begin() + off);
+    peak = std::max(peak, host_ubc_vnode_dirty_pages(f->vp));
+  }
+  EXPECT_LE(peak, 128u) << "dirty pages of one random writer";
+  EXPECT_LE(host_ubc_resident_peak_bytes(), size_t(1 << 20) + (1u << 20));
+  ASSERT_EQ(cluster_push(f->vp, IO_SYNC), 0);
+  EXPECT_TRUE(fs.on_device(f) == model);
+}
+
 // --- Memory bounds ------------------------------------------------------------------
 
 // Catches a zero fill or a copy that holds all its pages before any is written: the
