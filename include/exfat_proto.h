@@ -272,6 +272,7 @@ void exfat_hash_remove(struct exfat_node* node);
 void exfat_node_lock(struct exfat_node* node);
 int exfat_node_try_lock(struct exfat_node* node);
 void exfat_node_unlock(struct exfat_node* node);
+void exfat_node_init_done(struct exfat_node* node);
 int exfat_node_get(struct exfat_mount* mount, vnode_t parent_vp, struct componentname* cnp,
                    uint32_t offset, enum vtype type, int keep_locked, struct exfat_node** nodep,
                    vfs_context_t context);
@@ -333,7 +334,7 @@ enum vtype exfat_check_link(struct exfat_node* node, vfs_context_t context);
 // 1 MiB.
 static inline uint32_t exfat_link_buffer_size(const struct exfat_mount* mount) {
   const uint32_t sector = mount->xm_bytes_per_sector;
-  return (1067 + sector - 1) / sector * sector;
+  return (kSymlinkFileSize + sector - 1) / sector * sector;
 }
 void exfat_md5_digest(const void* data, size_t length, char* digest);
 
@@ -350,6 +351,17 @@ int exfat_new_node_allocate(struct exfat_node* dir, struct exfat_node* node, uin
                             uint32_t entries, uint64_t size, const char* operation,
                             const char* kind, vfs_context_t context);
 void exfat_new_node_ready(struct exfat_node* node);
+int exfat_new_entry(vnode_t dvp, struct componentname* cnp, struct vnode_attr* vap,
+                    uint16_t base, uint8_t** bufferp, uint32_t* offset, vfs_context_t context);
+void exfat_new_buffer_free(uint8_t* buffer);
+// What gives a new directory or link its clusters and contents; called with
+// the parent's and the new node's locks held.
+typedef int (*exfat_new_finish_t)(struct exfat_node* dir, struct exfat_node* node,
+                                  uint32_t offset, uint32_t entries, const void* argument,
+                                  vfs_context_t context);
+int exfat_new_node_make(vnode_t dvp, struct componentname* cnp, uint32_t offset,
+                        uint32_t entries, enum vtype type, exfat_new_finish_t finish,
+                        const void* argument, vnode_t* vpp, vfs_context_t context);
 
 // --- Namespace: inactive, close, fsync, reclaim, attributes ------------------------------
 

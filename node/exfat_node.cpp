@@ -68,18 +68,6 @@ inline bool node_matches(const struct exfat_node* node, uint32_t dev, uint32_t d
          node->x_dir_offset == offset && (node->x_hash_flags & X_HASH_STALE) == 0;
 }
 
-// Ends the initialisation of a node: clears X_HASH_INIT and wakes the threads
-// that found the node being initialised. Takes and drops exfat_hash_lock.
-void node_init_done(struct exfat_node* node) {
-  lck_mtx_lock(exfat_hash_lock);
-  node->x_hash_flags &= ~X_HASH_INIT;
-  if (node->x_hash_flags & X_HASH_WAIT) {
-    node->x_hash_flags &= ~X_HASH_WAIT;
-    wakeup(node);
-  }
-  lck_mtx_unlock(exfat_hash_lock);
-}
-
 // Frees a node record and its two mutexes. The node must be out of the hash
 // and unlocked; nothing else may refer to it.
 void node_free(struct exfat_node* node) {
@@ -347,6 +335,19 @@ void node_store_entries(const struct exfat_node* node, uint8_t* set) {
 
 }  // namespace
 
+// Ends the initialisation of a node: clears X_HASH_INIT, and X_HASH_WAIT
+// with a wakeup of the threads that found the node being initialised. The
+// caller holds no exfat_hash_lock; it is taken and dropped here.
+void exfat_node_init_done(struct exfat_node* node) {
+  lck_mtx_lock(exfat_hash_lock);
+  node->x_hash_flags &= ~X_HASH_INIT;
+  if (node->x_hash_flags & X_HASH_WAIT) {
+    node->x_hash_flags &= ~X_HASH_WAIT;
+    wakeup(node);
+  }
+  lck_mtx_unlock(exfat_hash_lock);
+}
+
 // --- The node hash ------------------------------------------------------------------
 
 // Creates the hash lock, the node memory tag and the table. Called once when
@@ -594,7 +595,7 @@ int exfat_node_get(struct exfat_mount* mount, vnode_t parent_vp, struct componen
   *nodep = node;
   if (keep_locked)
     return 0;
-  node_init_done(node);
+  exfat_node_init_done(node);
   exfat_node_unlock(node);
   if (parent != nullptr)
     exfat_node_unlock(parent);
