@@ -19,19 +19,8 @@ namespace {
 // vnode exists. Stores it in x_vnode. Returns vnode_create's error.
 int make_temporary_vnode(struct exfat_node* node, vnode_t* vpp) {
   struct vnode_fsparam param;
-  memset(&param, 0, sizeof(param));
-  param.vnfs_mp = node->x_mount->xm_mp;
-  param.vnfs_vtype = VNON;
-  param.vnfs_str = "exfat";
-  param.vnfs_dvp = NULLVP;
-  param.vnfs_fsnode = node;
-  param.vnfs_vops = exfat_vnodeop_p;
-  param.vnfs_markroot = 0;
-  param.vnfs_marksystem = 0;
-  param.vnfs_rdev = 0;
-  param.vnfs_filesize = kSymlinkFileSize;
-  param.vnfs_cnp = nullptr;
-  param.vnfs_flags = VNFS_NOCACHE;
+  exfat_vnode_param_init(&param, node->x_mount->xm_mp, VNON, node, exfat_vnodeop_p,
+                         kSymlinkFileSize, VNFS_NOCACHE);
   int error = vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &param, vpp);
   if (!error)
     node->x_vnode = *vpp;
