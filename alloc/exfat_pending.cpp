@@ -202,6 +202,33 @@ int exfat_free_chain(struct exfat_mount* mount, uint32_t first, uint32_t cut,
   return free_chain_now(mount, first, cut);
 }
 
+// Gives back an allocation an entry set names: `length` bytes from `first`,
+// a run outside the FAT when `no_fat_chain`, else a FAT chain. The clusters
+// stay allocated until `owner`, whose entry set or clusters still name
+// them, lets go (exfat_free_run, exfat_free_chain). A run longer than a
+// 32-bit count is clamped, so that the bitmap refuses it as corrupt instead
+// of freeing a truncated one. The caller holds the owner's node lock and no
+// allocation lock; xm_bitmap_lock is taken here, then xm_fat_lock for a
+// chain. Returns 0 or the release's error.
+int exfat_free_allocation(struct exfat_node* owner, bool no_fat_chain, uint32_t first,
+                          uint64_t length) {
+  struct exfat_mount* mount = owner->x_mount;
+  int error;
+  exfat_pending_make_room(mount);
+  lck_mtx_lock(mount->xm_bitmap_lock);
+  if (no_fat_chain) {
+    uint64_t clusters = (length + mount->xm_bytes_per_cluster - 1) / mount->xm_bytes_per_cluster;
+    uint32_t count = clusters > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(clusters);
+    error = exfat_free_run(mount, first, count, owner, nullptr);
+  } else {
+    lck_mtx_lock(mount->xm_fat_lock);
+    error = exfat_free_chain(mount, first, 0, owner, nullptr);
+    lck_mtx_unlock(mount->xm_fat_lock);
+  }
+  lck_mtx_unlock(mount->xm_bitmap_lock);
+  return error;
+}
+
 // The node has written its entry set: what it held becomes READY. Takes
 // xm_bitmap_lock; the caller may hold node locks.
 void exfat_pending_release(struct exfat_mount* mount, const struct exfat_node* node) {
