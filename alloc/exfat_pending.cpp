@@ -105,27 +105,25 @@ void pending_merge_run(struct exfat_mount* mount, uint32_t start, uint32_t lengt
   }
 }
 
+// pending_count_chain's visit: merges the pending tails a run runs into.
+// Returns the read error of the run's last link, or 0.
+int pending_count_run(struct exfat_mount* mount, uint32_t start, uint32_t length, uint32_t next,
+                      int read_error, void* argument) {
+  (void)argument;
+  if (read_error)
+    return read_error;
+  pending_merge_run(mount, start, length, next);
+  return 0;
+}
+
 // Counts the clusters of the chain from `first`, merging pending tails it
 // runs into. The caller holds both allocation locks. Returns 0, a FAT read
 // error or EIO (with XM_CORRUPT) for a chain that loops.
 int pending_count_chain(struct exfat_mount* mount, uint32_t first, uint32_t* total) {
   uint64_t count = 0;
-  uint32_t cluster = first;
-  while (exfat_cluster_valid(mount, cluster)) {
-    if (count > mount->xm_max_cluster) {
-      kprintf("exfat_chain_free: corrupt cluster chain detected\n");
-      exfat_set_corrupt(mount);
-      return EIO;
-    }
-    uint32_t length = 0;
-    uint32_t next = 0;
-    int error = exfat_chain_run(mount, cluster, &length, &next);
-    if (error)
-      return error;
-    pending_merge_run(mount, cluster, length, next);
-    count += length;
-    cluster = next;
-  }
+  int error = exfat_chain_walk(mount, first, pending_count_run, nullptr, &count);
+  if (error)
+    return error;
   *total = static_cast<uint32_t>(count);
   return 0;
 }
