@@ -65,6 +65,8 @@ int exfat_vfs_ioctl(mount_t mp, u_long command, caddr_t data, int flags, vfs_con
 int exfat_mount_internal(vnode_t devvp, mount_t mp, vfs_context_t context);
 int exfat_vfs_unmount(mount_t mp, int mntflags, vfs_context_t context);
 int exfat_vfs_root(mount_t mp, vnode_t* vpp, vfs_context_t context);
+int exfat_vfs_root_locked(mount_t mp, vnode_t* vpp, struct exfat_node** rootp,
+                          vfs_context_t context);
 int exfat_vfs_start(mount_t mp, int flags, vfs_context_t context);
 
 // --- Volume: system files and the root directory scan ----------------------------------
@@ -283,8 +285,8 @@ void exfat_node_init_done(struct exfat_node* node);
 struct exfat_node* exfat_node_alloc(void);
 void exfat_node_free(struct exfat_node* node);
 void exfat_node_unhash(struct exfat_node* node);
-void exfat_vnode_param_init(struct vnode_fsparam* param, mount_t mp, enum vtype type,
-                            void* fsnode, VOPFUNC* vops, off_t size, uint32_t flags);
+void exfat_vnode_param_init(struct vnode_fsparam* param, mount_t mp, enum vtype type, void* fsnode,
+                            VOPFUNC* vops, off_t size, uint32_t flags);
 int exfat_node_get(struct exfat_mount* mount, vnode_t parent_vp, struct componentname* cnp,
                    uint32_t offset, enum vtype type, int keep_locked, struct exfat_node** nodep,
                    vfs_context_t context);
@@ -363,17 +365,16 @@ int exfat_new_node_allocate(struct exfat_node* dir, struct exfat_node* node, uin
                             uint32_t entries, uint64_t size, const char* operation,
                             const char* kind, vfs_context_t context);
 void exfat_new_node_ready(struct exfat_node* node);
-int exfat_new_entry(vnode_t dvp, struct componentname* cnp, struct vnode_attr* vap,
-                    uint16_t base, uint8_t** bufferp, uint32_t* offset, vfs_context_t context);
+int exfat_new_entry(vnode_t dvp, struct componentname* cnp, struct vnode_attr* vap, uint16_t base,
+                    uint8_t** bufferp, uint32_t* offset, vfs_context_t context);
 void exfat_new_buffer_free(uint8_t* buffer);
 // What gives a new directory or link its clusters and contents; called with
 // the parent's and the new node's locks held.
-typedef int (*exfat_new_finish_t)(struct exfat_node* dir, struct exfat_node* node,
-                                  uint32_t offset, uint32_t entries, const void* argument,
-                                  vfs_context_t context);
-int exfat_new_node_make(vnode_t dvp, struct componentname* cnp, uint32_t offset,
-                        uint32_t entries, enum vtype type, exfat_new_finish_t finish,
-                        const void* argument, vnode_t* vpp, vfs_context_t context);
+typedef int (*exfat_new_finish_t)(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
+                                  uint32_t entries, const void* argument, vfs_context_t context);
+int exfat_new_node_make(vnode_t dvp, struct componentname* cnp, uint32_t offset, uint32_t entries,
+                        enum vtype type, exfat_new_finish_t finish, const void* argument,
+                        vnode_t* vpp, vfs_context_t context);
 
 // --- Namespace: inactive, close, fsync, reclaim, attributes ------------------------------
 

@@ -340,8 +340,8 @@ void exfat_node_unhash(struct exfat_node* node) {
 // `fsnode` with the operations `vops` and the VNFS_ flags `flags`: no
 // parent, no name, neither root nor system, which the caller changes where
 // its vnode differs. Takes no lock.
-void exfat_vnode_param_init(struct vnode_fsparam* param, mount_t mp, enum vtype type,
-                            void* fsnode, VOPFUNC* vops, off_t size, uint32_t flags) {
+void exfat_vnode_param_init(struct vnode_fsparam* param, mount_t mp, enum vtype type, void* fsnode,
+                            VOPFUNC* vops, off_t size, uint32_t flags) {
   memset(param, 0, sizeof(*param));
   param->vnfs_mp = mp;
   param->vnfs_vtype = type;

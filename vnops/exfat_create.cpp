@@ -164,8 +164,8 @@ void exfat_new_node_ready(struct exfat_node* node) {
 // (exfat_new_set_write). *bufferp receives the 8192-byte buffer, or NULL
 // when none was allocated; the caller frees it with exfat_new_buffer_free.
 // On success the set stands at *offset, and buffer[1] + 1 entries long.
-int exfat_new_entry(vnode_t dvp, struct componentname* cnp, struct vnode_attr* vap,
-                    uint16_t base, uint8_t** bufferp, uint32_t* offset, vfs_context_t context) {
+int exfat_new_entry(vnode_t dvp, struct componentname* cnp, struct vnode_attr* vap, uint16_t base,
+                    uint8_t** bufferp, uint32_t* offset, vfs_context_t context) {
   auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
   uint16_t name[EXFAT_MAX_NAME_LENGTH];
   uint32_t length = 0;
@@ -200,9 +200,9 @@ void exfat_new_buffer_free(uint8_t* buffer) {
 // stays held. Returns 0 with the new vnode and its I/O reference in *vpp;
 // exfat_node_get's error (the set stays on disk); or finish's error (the
 // vnode's reference is dropped again).
-int exfat_new_node_make(vnode_t dvp, struct componentname* cnp, uint32_t offset,
-                        uint32_t entries, enum vtype type, exfat_new_finish_t finish,
-                        const void* argument, vnode_t* vpp, vfs_context_t context) {
+int exfat_new_node_make(vnode_t dvp, struct componentname* cnp, uint32_t offset, uint32_t entries,
+                        enum vtype type, exfat_new_finish_t finish, const void* argument,
+                        vnode_t* vpp, vfs_context_t context) {
   auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
   lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
   struct exfat_mount* mount = dir->x_mount;
@@ -225,8 +225,8 @@ namespace {
 
 // mkdir's finish: one zero-filled cluster, which holds only
 // end-of-directory markers.
-int mkdir_finish(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
-                 uint32_t entries, const void* argument, vfs_context_t context) {
+int mkdir_finish(struct exfat_node* dir, struct exfat_node* node, uint32_t offset, uint32_t entries,
+                 const void* argument, vfs_context_t context) {
   (void)argument;
   return exfat_new_node_allocate(dir, node, offset, entries, dir->x_mount->xm_bytes_per_cluster,
                                  "mkdir", "directory", context);
@@ -251,8 +251,8 @@ int exfat_vnop_create(struct vnop_create_args* ap) {
   auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
   uint8_t* buffer = nullptr;
   uint32_t offset = 0;
-  int error = exfat_new_entry(dvp, ap->a_cnp, ap->a_vap, kFileAttributes, &buffer, &offset,
-                              ap->a_context);
+  int error =
+      exfat_new_entry(dvp, ap->a_cnp, ap->a_vap, kFileAttributes, &buffer, &offset, ap->a_context);
   if (error) {
     exfat_node_unlock(dir);
     exfat_new_buffer_free(buffer);
@@ -290,8 +290,8 @@ int exfat_vnop_mkdir(struct vnop_mkdir_args* ap) {
   int error = exfat_new_entry(dvp, ap->a_cnp, ap->a_vap, kDirectoryAttributes, &buffer, &offset,
                               ap->a_context);
   if (!error)
-    error = exfat_new_node_make(dvp, ap->a_cnp, offset, buffer[1] + 1u, VDIR, mkdir_finish,
-                                nullptr, ap->a_vpp, ap->a_context);
+    error = exfat_new_node_make(dvp, ap->a_cnp, offset, buffer[1] + 1u, VDIR, mkdir_finish, nullptr,
+                                ap->a_vpp, ap->a_context);
   exfat_node_unlock(static_cast<struct exfat_node*>(vnode_fsnode(dvp)));
   exfat_new_buffer_free(buffer);
   return error;

@@ -71,11 +71,10 @@ int exfat_scan_root_dir(mount_t mp, vfs_context_t context) {
   mount->xm_label_offset = EXFAT_NO_LABEL_OFFSET;
 
   vnode_t root_vp = NULLVP;
-  int error = exfat_vfs_root(mp, &root_vp, context);
+  struct exfat_node* root = nullptr;
+  int error = exfat_vfs_root_locked(mp, &root_vp, &root, context);
   if (error)
     return error;
-  struct exfat_node* root = static_cast<struct exfat_node*>(vnode_fsnode(root_vp));
-  exfat_node_lock(root);
 
   struct exfat_scan_context scan = {mount, root_vp};
   error = exfat_dir_iterate(root, 0, &scan, exfat_scan_root_callback, ITER_SINGLES, context);
