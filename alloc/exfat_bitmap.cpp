@@ -140,6 +140,14 @@ static int exfat_walk_load(struct exfat_bitmap_walk* w) {
   return w->word ? 0 : error;
 }
 
+// Moves the walk on to the word that holds `bit` (at or past the word it
+// stands at) and makes it addressable. Returns exfat_walk_load's error.
+static int exfat_walk_to(struct exfat_bitmap_walk* w, uint32_t bit) {
+  while (w->bit + 32 <= bit)
+    exfat_walk_next(w);
+  return exfat_walk_load(w);
+}
+
 // Bits [from, from + n) of a word, as a mask (n from 1 to 32 - from).
 static uint32_t exfat_bit_mask(uint32_t from, uint32_t n) {
   const uint32_t ones = (n >= 32) ? ~0u : ((1u << n) - 1);
@@ -324,11 +332,7 @@ static int exfat_find_clear_bit(struct exfat_bitmap_walk* w, uint32_t* bit, uint
   *found = false;
   uint32_t b = *bit;
   while (b <= last) {
-    if (w->bit + 32 <= b) {
-      exfat_walk_next(w);
-      continue;
-    }
-    int error = exfat_walk_load(w);
+    int error = exfat_walk_to(w, b);
     if (error)
       return error;
     // Set bits below b in this word are treated as in use, so the search
@@ -353,11 +357,7 @@ static int exfat_measure_clear_run(struct exfat_bitmap_walk* w, uint32_t s, uint
                                    uint32_t* e) {
   uint32_t b = s;
   while (b < end) {
-    if (w->bit + 32 <= b) {
-      exfat_walk_next(w);
-      continue;
-    }
-    int error = exfat_walk_load(w);
+    int error = exfat_walk_to(w, b);
     if (error)
       return error;
     const uint32_t used_bits = le32dec(w->word) & (~0u << (b - w->bit));

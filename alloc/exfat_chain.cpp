@@ -81,6 +81,24 @@ int exfat_chain_run(struct exfat_mount* mount, uint32_t start, uint32_t* length,
   return error;
 }
 
+namespace {
+
+// exfat_chain_free's visit: frees one run in the bitmap, with xm_fat_lock
+// dropped around the update and held again on return (xm_bitmap_lock stays
+// held). A run whose last link could not be read is still freed. Returns
+// the read error, else the bitmap's.
+int chain_free_run(struct exfat_mount* mount, uint32_t start, uint32_t length, uint32_t next,
+                   int read_error, void* argument) {
+  (void)next;
+  (void)argument;
+  lck_mtx_unlock(mount->xm_fat_lock);
+  int error = exfat_bitmap_mark_free(mount, start, length);
+  lck_mtx_lock(mount->xm_fat_lock);
+  return read_error ? read_error : error;
+}
+
+}  // namespace
+
 // Frees every cluster of the chain that starts at `first`, one bitmap
 // update per run of consecutive clusters. The chain ends at an end-of-chain
 // or bad-cluster value, or at any other value outside the heap. The caller
@@ -96,15 +114,26 @@ int exfat_chain_free(struct exfat_mount* mount, uint32_t first) {
   lck_mtx_assert(mount->xm_fat_lock, LCK_MTX_ASSERT_OWNED);
   if (first < EXFAT_FIRST_CLUSTER)
     return 0;
-
-  int error = 0;
-  uint32_t cluster = first;
-  // A chain cannot hold more clusters than the heap. A loop would free the
-  // same clusters for ever, raising the free count each time, so a walk
-  // that passes the heap's size is stopped as corrupt.
   uint64_t freed = 0;
-  while (error == 0 && exfat_cluster_valid(mount, cluster)) {
-    if (freed > mount->xm_max_cluster) {
+  return exfat_chain_walk(mount, first, chain_free_run, nullptr, &freed);
+}
+
+// Walks the chain from `first` one run of consecutive clusters at a time
+// (exfat_chain_run) and hands each run to visit(mount, start, length, next,
+// read_error, argument): `next` is the cluster after the run; a non-zero
+// read_error means the entry of the run's last cluster could not be read.
+// The walk ends at a value outside the heap, or at the first non-zero
+// return of `visit`, which it returns. A chain cannot hold more clusters
+// than the heap, so a walk that passes the heap's size is a loop: it stops
+// with EIO and XM_CORRUPT set. *clusters receives the clusters visited.
+// The caller holds xm_fat_lock; `visit` may drop it but holds it again on
+// its return.
+int exfat_chain_walk(struct exfat_mount* mount, uint32_t first, exfat_chain_visit_t visit,
+                     void* argument, uint64_t* clusters) {
+  lck_mtx_assert(mount->xm_fat_lock, LCK_MTX_ASSERT_OWNED);
+  *clusters = 0;
+  for (uint32_t cluster = first; exfat_cluster_valid(mount, cluster);) {
+    if (*clusters > mount->xm_max_cluster) {
       kprintf("exfat_chain_free: corrupt cluster chain detected\n");
       exfat_set_corrupt(mount);
       return EIO;
@@ -112,17 +141,13 @@ int exfat_chain_free(struct exfat_mount* mount, uint32_t first) {
     uint32_t length = 0;
     uint32_t next = 0;
     int read_error = exfat_chain_run(mount, cluster, &length, &next);
-
-    lck_mtx_unlock(mount->xm_fat_lock);
-    error = exfat_bitmap_mark_free(mount, cluster, length);
-    lck_mtx_lock(mount->xm_fat_lock);
-
-    if (read_error)
-      return read_error;
-    freed += length;
+    int error = visit(mount, cluster, length, next, read_error, argument);
+    if (error)
+      return error;
+    *clusters += length;
     cluster = next;
   }
-  return error;
+  return 0;
 }
 
 // Replaces a node's extent cache. The caller holds the node lock; the cache

@@ -58,19 +58,10 @@ int exfat_fat_init_vol(struct exfat_mount* mount) {
   fnode->xf_fat_size = mount->xm_fat_size;
 
   {
-    struct vnode_fsparam param = {};
-    param.vnfs_mp = mount->xm_mp;
-    param.vnfs_vtype = VREG;
-    param.vnfs_str = "exfat";
-    param.vnfs_dvp = NULLVP;
-    param.vnfs_fsnode = fnode;
-    param.vnfs_vops = exfat_fat_vnodeop_p;
-    param.vnfs_markroot = 0;
+    struct vnode_fsparam param;
+    exfat_vnode_param_init(&param, mount->xm_mp, VREG, fnode, exfat_fat_vnodeop_p,
+                           mount->xm_fat_size, VNFS_CANTCACHE);
     param.vnfs_marksystem = 1;
-    param.vnfs_rdev = 0;
-    param.vnfs_filesize = mount->xm_fat_size;
-    param.vnfs_cnp = nullptr;
-    param.vnfs_flags = VNFS_CANTCACHE;
     error = vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &param, &mount->xm_fat_vp);
   }
   if (error) {

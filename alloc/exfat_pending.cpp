@@ -105,27 +105,25 @@ void pending_merge_run(struct exfat_mount* mount, uint32_t start, uint32_t lengt
   }
 }
 
+// pending_count_chain's visit: merges the pending tails a run runs into.
+// Returns the read error of the run's last link, or 0.
+int pending_count_run(struct exfat_mount* mount, uint32_t start, uint32_t length, uint32_t next,
+                      int read_error, void* argument) {
+  (void)argument;
+  if (read_error)
+    return read_error;
+  pending_merge_run(mount, start, length, next);
+  return 0;
+}
+
 // Counts the clusters of the chain from `first`, merging pending tails it
 // runs into. The caller holds both allocation locks. Returns 0, a FAT read
 // error or EIO (with XM_CORRUPT) for a chain that loops.
 int pending_count_chain(struct exfat_mount* mount, uint32_t first, uint32_t* total) {
   uint64_t count = 0;
-  uint32_t cluster = first;
-  while (exfat_cluster_valid(mount, cluster)) {
-    if (count > mount->xm_max_cluster) {
-      kprintf("exfat_chain_free: corrupt cluster chain detected\n");
-      exfat_set_corrupt(mount);
-      return EIO;
-    }
-    uint32_t length = 0;
-    uint32_t next = 0;
-    int error = exfat_chain_run(mount, cluster, &length, &next);
-    if (error)
-      return error;
-    pending_merge_run(mount, cluster, length, next);
-    count += length;
-    cluster = next;
-  }
+  int error = exfat_chain_walk(mount, first, pending_count_run, nullptr, &count);
+  if (error)
+    return error;
   *total = static_cast<uint32_t>(count);
   return 0;
 }
@@ -200,6 +198,33 @@ int exfat_free_chain(struct exfat_mount* mount, uint32_t first, uint32_t cut,
   if (total != 0 && pending_add(mount, pending_entry(first, total, cut, true, owner, origin)))
     return 0;
   return free_chain_now(mount, first, cut);
+}
+
+// Gives back an allocation an entry set names: `length` bytes from `first`,
+// a run outside the FAT when `no_fat_chain`, else a FAT chain. The clusters
+// stay allocated until `owner`, whose entry set or clusters still name
+// them, lets go (exfat_free_run, exfat_free_chain). A run longer than a
+// 32-bit count is clamped, so that the bitmap refuses it as corrupt instead
+// of freeing a truncated one. The caller holds the owner's node lock and no
+// allocation lock; xm_bitmap_lock is taken here, then xm_fat_lock for a
+// chain. Returns 0 or the release's error.
+int exfat_free_allocation(struct exfat_node* owner, bool no_fat_chain, uint32_t first,
+                          uint64_t length) {
+  struct exfat_mount* mount = owner->x_mount;
+  int error;
+  exfat_pending_make_room(mount);
+  lck_mtx_lock(mount->xm_bitmap_lock);
+  if (no_fat_chain) {
+    uint64_t clusters = (length + mount->xm_bytes_per_cluster - 1) / mount->xm_bytes_per_cluster;
+    uint32_t count = clusters > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(clusters);
+    error = exfat_free_run(mount, first, count, owner, nullptr);
+  } else {
+    lck_mtx_lock(mount->xm_fat_lock);
+    error = exfat_free_chain(mount, first, 0, owner, nullptr);
+    lck_mtx_unlock(mount->xm_fat_lock);
+  }
+  lck_mtx_unlock(mount->xm_bitmap_lock);
+  return error;
 }
 
 // The node has written its entry set: what it held becomes READY. Takes

@@ -364,3 +364,24 @@ static_assert(offsetof(struct exfat_guid_entry, Reserved) == 22);
 
 // 1980-01-01 00:00:00 in seconds since 1970-01-01 00:00:00.
 #define EXFAT_EPOCH_UNIX 315532800
+
+// --- Symbolic links ----------------------------------------------------------------
+//
+// The format has no link entry: a link is a regular file of exactly 1067
+// bytes, recognised by its contents:
+//
+//   offset  0  "XSym\n"
+//           5  the target length L, four decimal digits, then '\n'
+//          10  MD5 of the target, 32 lowercase hex digits, then '\n'
+//          43  the L target bytes; then '\n' when L < 1024, and spaces
+//              up to offset 1066 when L < 1023
+
+inline constexpr char kSymlinkMagic[] = "XSym\n";
+inline constexpr uint32_t kSymlinkMagicLength = 5;
+inline constexpr uint32_t kSymlinkFileSize = 1067;
+inline constexpr uint32_t kSymlinkLengthOffset = 5;
+inline constexpr uint32_t kSymlinkLengthDigits = 4;
+inline constexpr uint32_t kSymlinkDigestOffset = 10;
+inline constexpr uint32_t kSymlinkDigestLength = 32;
+inline constexpr uint32_t kSymlinkTargetOffset = 43;
+inline constexpr uint32_t kSymlinkMaxTarget = 1024;

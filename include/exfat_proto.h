@@ -65,6 +65,8 @@ int exfat_vfs_ioctl(mount_t mp, u_long command, caddr_t data, int flags, vfs_con
 int exfat_mount_internal(vnode_t devvp, mount_t mp, vfs_context_t context);
 int exfat_vfs_unmount(mount_t mp, int mntflags, vfs_context_t context);
 int exfat_vfs_root(mount_t mp, vnode_t* vpp, vfs_context_t context);
+int exfat_vfs_root_locked(mount_t mp, vnode_t* vpp, struct exfat_node** rootp,
+                          vfs_context_t context);
 int exfat_vfs_start(mount_t mp, int flags, vfs_context_t context);
 
 // --- Volume: system files and the root directory scan ----------------------------------
@@ -170,6 +172,11 @@ int exfat_count_free_clusters(struct exfat_mount* mount);
 
 int exfat_chain_alloc(struct exfat_mount* mount, uint32_t first, uint32_t count);
 int exfat_chain_free(struct exfat_mount* mount, uint32_t first);
+// What exfat_chain_walk hands each run of a chain to (exfat_chain.cpp).
+typedef int (*exfat_chain_visit_t)(struct exfat_mount* mount, uint32_t start, uint32_t length,
+                                   uint32_t next, int read_error, void* argument);
+int exfat_chain_walk(struct exfat_mount* mount, uint32_t first, exfat_chain_visit_t visit,
+                     void* argument, uint64_t* clusters);
 // The owner of clusters no entry set ever named: exfat_free_run and
 // exfat_free_chain free them at once.
 #define EXFAT_FREE_NOW (reinterpret_cast<struct exfat_node*>(uintptr_t(1)))
@@ -177,6 +184,8 @@ int exfat_free_run(struct exfat_mount* mount, uint32_t first, uint32_t count,
                    struct exfat_node* owner, struct exfat_node* origin);
 int exfat_free_chain(struct exfat_mount* mount, uint32_t first, uint32_t cut,
                      struct exfat_node* owner, struct exfat_node* origin);
+int exfat_free_allocation(struct exfat_node* owner, bool no_fat_chain, uint32_t first,
+                          uint64_t length);
 void exfat_pending_release(struct exfat_mount* mount, const struct exfat_node* node);
 void exfat_pending_node_gone(struct exfat_mount* mount, const struct exfat_node* node,
                              bool removed);
@@ -272,6 +281,12 @@ void exfat_hash_remove(struct exfat_node* node);
 void exfat_node_lock(struct exfat_node* node);
 int exfat_node_try_lock(struct exfat_node* node);
 void exfat_node_unlock(struct exfat_node* node);
+void exfat_node_init_done(struct exfat_node* node);
+struct exfat_node* exfat_node_alloc(void);
+void exfat_node_free(struct exfat_node* node);
+void exfat_node_unhash(struct exfat_node* node);
+void exfat_vnode_param_init(struct vnode_fsparam* param, mount_t mp, enum vtype type, void* fsnode,
+                            VOPFUNC* vops, off_t size, uint32_t flags);
 int exfat_node_get(struct exfat_mount* mount, vnode_t parent_vp, struct componentname* cnp,
                    uint32_t offset, enum vtype type, int keep_locked, struct exfat_node** nodep,
                    vfs_context_t context);
@@ -333,7 +348,7 @@ enum vtype exfat_check_link(struct exfat_node* node, vfs_context_t context);
 // 1 MiB.
 static inline uint32_t exfat_link_buffer_size(const struct exfat_mount* mount) {
   const uint32_t sector = mount->xm_bytes_per_sector;
-  return (1067 + sector - 1) / sector * sector;
+  return (kSymlinkFileSize + sector - 1) / sector * sector;
 }
 void exfat_md5_digest(const void* data, size_t length, char* digest);
 
@@ -350,6 +365,16 @@ int exfat_new_node_allocate(struct exfat_node* dir, struct exfat_node* node, uin
                             uint32_t entries, uint64_t size, const char* operation,
                             const char* kind, vfs_context_t context);
 void exfat_new_node_ready(struct exfat_node* node);
+int exfat_new_entry(vnode_t dvp, struct componentname* cnp, struct vnode_attr* vap, uint16_t base,
+                    uint8_t** bufferp, uint32_t* offset, vfs_context_t context);
+void exfat_new_buffer_free(uint8_t* buffer);
+// What gives a new directory or link its clusters and contents; called with
+// the parent's and the new node's locks held.
+typedef int (*exfat_new_finish_t)(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
+                                  uint32_t entries, const void* argument, vfs_context_t context);
+int exfat_new_node_make(vnode_t dvp, struct componentname* cnp, uint32_t offset, uint32_t entries,
+                        enum vtype type, exfat_new_finish_t finish, const void* argument,
+                        vnode_t* vpp, vfs_context_t context);
 
 // --- Namespace: inactive, close, fsync, reclaim, attributes ------------------------------
 
@@ -360,6 +385,9 @@ int exfat_inactive(vnode_t vp, vfs_context_t context);
 int exfat_vnop_fsync(struct vnop_fsync_args* ap);
 int exfat_fsync_internal(vnode_t vp, bool wait, bool flush_dir_blocks, vfs_context_t context);
 int exfat_dir_flush(struct exfat_node* dir, bool wait);
+int exfat_dir_each_block(struct exfat_node* dir,
+                         void (*apply)(struct exfat_mount* mount, daddr64_t block, bool wait),
+                         bool wait);
 int exfat_vnop_reclaim(struct vnop_reclaim_args* ap);
 int exfat_vnop_ioctl(struct vnop_ioctl_args* ap);
 int exfat_vnop_getattr(struct vnop_getattr_args* ap);

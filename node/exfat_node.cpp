@@ -68,44 +68,6 @@ inline bool node_matches(const struct exfat_node* node, uint32_t dev, uint32_t d
          node->x_dir_offset == offset && (node->x_hash_flags & X_HASH_STALE) == 0;
 }
 
-// Ends the initialisation of a node: clears X_HASH_INIT and wakes the threads
-// that found the node being initialised. Takes and drops exfat_hash_lock.
-void node_init_done(struct exfat_node* node) {
-  lck_mtx_lock(exfat_hash_lock);
-  node->x_hash_flags &= ~X_HASH_INIT;
-  if (node->x_hash_flags & X_HASH_WAIT) {
-    node->x_hash_flags &= ~X_HASH_WAIT;
-    wakeup(node);
-  }
-  lck_mtx_unlock(exfat_hash_lock);
-}
-
-// Frees a node record and its two mutexes. The node must be out of the hash
-// and unlocked; nothing else may refer to it.
-void node_free(struct exfat_node* node) {
-  if (node->x_io_lock != nullptr)
-    lck_mtx_free(node->x_io_lock, exfat_lck_grp);
-  if (node->x_lock != nullptr)
-    lck_mtx_free(node->x_lock, exfat_lck_grp);
-  OSFree(node, sizeof(*node), exfat_node_tag);
-}
-
-// Allocates a zero-filled node with its two mutexes. NULL when memory runs
-// out; nothing is left allocated then.
-struct exfat_node* node_alloc(void) {
-  auto* node = static_cast<struct exfat_node*>(OSMalloc(sizeof(struct exfat_node), exfat_node_tag));
-  if (node == nullptr)
-    return nullptr;
-  memset(node, 0, sizeof(*node));
-  node->x_lock = lck_mtx_alloc_init(exfat_lck_grp, exfat_lck_attr);
-  node->x_io_lock = lck_mtx_alloc_init(exfat_lck_grp, exfat_lck_attr);
-  if (node->x_lock == nullptr || node->x_io_lock == nullptr) {
-    node_free(node);
-    return nullptr;
-  }
-  return node;
-}
-
 // Copies the File and Stream Extension entries of a node's set into the
 // node. The set was validated by the lookup that found it.
 void node_load_entries(struct exfat_node* node, const uint8_t* entries) {
@@ -242,21 +204,14 @@ inline bool wants_cache_entry(vnode_t parent_vp, const struct componentname* cnp
 int node_create_vnode(struct exfat_node* node, vnode_t parent_vp, struct componentname* cnp,
                       enum vtype type) {
   struct vnode_fsparam param;
-  memset(&param, 0, sizeof(param));
-  param.vnfs_mp = node->x_mount->xm_mp;
-  param.vnfs_vtype = type;
-  param.vnfs_str = "exfat";
-  param.vnfs_dvp = parent_vp;
-  param.vnfs_fsnode = node;
-  param.vnfs_vops = exfat_vnodeop_p;
-  param.vnfs_markroot = (parent_vp == NULLVP) ? 1 : 0;
-  param.vnfs_marksystem = 0;
-  param.vnfs_rdev = 0;
-  param.vnfs_filesize = static_cast<off_t>(node->x_size);
-  param.vnfs_cnp = cnp;
-  param.vnfs_flags = VNFS_ADDFSREF;
+  uint32_t flags = VNFS_ADDFSREF;
   if (!wants_cache_entry(parent_vp, cnp))
-    param.vnfs_flags |= VNFS_NOCACHE;
+    flags |= VNFS_NOCACHE;
+  exfat_vnode_param_init(&param, node->x_mount->xm_mp, type, node, exfat_vnodeop_p,
+                         static_cast<off_t>(node->x_size), flags);
+  param.vnfs_dvp = parent_vp;
+  param.vnfs_markroot = (parent_vp == NULLVP) ? 1 : 0;
+  param.vnfs_cnp = cnp;
   return vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &param, &node->x_vnode);
 }
 
@@ -310,13 +265,9 @@ int node_get_found(struct exfat_node* node, vnode_t parent_vp, struct componentn
 // freed. Caller holds the node's lock once; the parent's lock is handled by
 // the caller.
 void node_get_abandon(struct exfat_node* node) {
-  lck_mtx_lock(exfat_hash_lock);
-  exfat_hash_remove(node);
-  if (node->x_hash_flags & X_HASH_WAIT)
-    wakeup(node);
-  lck_mtx_unlock(exfat_hash_lock);
+  exfat_node_unhash(node);
   exfat_node_unlock(node);
-  node_free(node);
+  exfat_node_free(node);
 }
 
 // Writes the node's attributes and times into the File entry of a set copy,
@@ -346,6 +297,75 @@ void node_store_entries(const struct exfat_node* node, uint8_t* set) {
 }
 
 }  // namespace
+
+// Frees a node record and its two mutexes. The node must be out of the hash
+// and unlocked; nothing else may refer to it.
+void exfat_node_free(struct exfat_node* node) {
+  if (node->x_io_lock != nullptr)
+    lck_mtx_free(node->x_io_lock, exfat_lck_grp);
+  if (node->x_lock != nullptr)
+    lck_mtx_free(node->x_lock, exfat_lck_grp);
+  OSFree(node, sizeof(*node), exfat_node_tag);
+}
+
+// Allocates a zero-filled node with its two mutexes. NULL when memory runs
+// out; nothing is left allocated then. Takes no lock, so that it may be
+// called with exfat_hash_lock held.
+struct exfat_node* exfat_node_alloc(void) {
+  auto* node = static_cast<struct exfat_node*>(OSMalloc(sizeof(struct exfat_node), exfat_node_tag));
+  if (node == nullptr)
+    return nullptr;
+  memset(node, 0, sizeof(*node));
+  node->x_lock = lck_mtx_alloc_init(exfat_lck_grp, exfat_lck_attr);
+  node->x_io_lock = lck_mtx_alloc_init(exfat_lck_grp, exfat_lck_attr);
+  if (node->x_lock == nullptr || node->x_io_lock == nullptr) {
+    exfat_node_free(node);
+    return nullptr;
+  }
+  return node;
+}
+
+// Takes a node whose initialisation failed out of the hash and wakes the
+// threads that sleep on it: they search again and find nothing. The caller
+// holds no exfat_hash_lock; it is taken and dropped here.
+void exfat_node_unhash(struct exfat_node* node) {
+  lck_mtx_lock(exfat_hash_lock);
+  exfat_hash_remove(node);
+  if (node->x_hash_flags & X_HASH_WAIT)
+    wakeup(node);
+  lck_mtx_unlock(exfat_hash_lock);
+}
+
+// Fills *param for a vnode of this file system of `type` and `size` over
+// `fsnode` with the operations `vops` and the VNFS_ flags `flags`: no
+// parent, no name, neither root nor system, which the caller changes where
+// its vnode differs. Takes no lock.
+void exfat_vnode_param_init(struct vnode_fsparam* param, mount_t mp, enum vtype type, void* fsnode,
+                            VOPFUNC* vops, off_t size, uint32_t flags) {
+  memset(param, 0, sizeof(*param));
+  param->vnfs_mp = mp;
+  param->vnfs_vtype = type;
+  param->vnfs_str = "exfat";
+  param->vnfs_dvp = NULLVP;
+  param->vnfs_fsnode = fsnode;
+  param->vnfs_vops = vops;
+  param->vnfs_filesize = size;
+  param->vnfs_cnp = nullptr;
+  param->vnfs_flags = flags;
+}
+
+// Ends the initialisation of a node: clears X_HASH_INIT, and X_HASH_WAIT
+// with a wakeup of the threads that found the node being initialised. The
+// caller holds no exfat_hash_lock; it is taken and dropped here.
+void exfat_node_init_done(struct exfat_node* node) {
+  lck_mtx_lock(exfat_hash_lock);
+  node->x_hash_flags &= ~X_HASH_INIT;
+  if (node->x_hash_flags & X_HASH_WAIT) {
+    node->x_hash_flags &= ~X_HASH_WAIT;
+    wakeup(node);
+  }
+  lck_mtx_unlock(exfat_hash_lock);
+}
 
 // --- The node hash ------------------------------------------------------------------
 
@@ -549,7 +569,7 @@ int exfat_node_get(struct exfat_mount* mount, vnode_t parent_vp, struct componen
     return error;
   }
 
-  node = node_alloc();
+  node = exfat_node_alloc();
   if (node == nullptr) {
     lck_mtx_unlock(exfat_hash_lock);
     if (!keep_locked && parent != nullptr)
@@ -594,7 +614,7 @@ int exfat_node_get(struct exfat_mount* mount, vnode_t parent_vp, struct componen
   *nodep = node;
   if (keep_locked)
     return 0;
-  node_init_done(node);
+  exfat_node_init_done(node);
   exfat_node_unlock(node);
   if (parent != nullptr)
     exfat_node_unlock(parent);

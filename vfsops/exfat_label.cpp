@@ -123,11 +123,10 @@ int exfat_vfs_setattr(mount_t mp, struct vfs_attr* attr, vfs_context_t context) 
     return EROFS;
 
   vnode_t root_vp = NULLVP;
-  int error = exfat_vfs_root(mp, &root_vp, context);
+  struct exfat_node* root = nullptr;
+  int error = exfat_vfs_root_locked(mp, &root_vp, &root, context);
   if (error)
     return error;
-  struct exfat_node* root = static_cast<struct exfat_node*>(vnode_fsnode(root_vp));
-  exfat_node_lock(root);
 
   uint8_t entry[EXFAT_ENTRY_SIZE];
   error = exfat_label_entry_build(attr->f_vol_name, entry);

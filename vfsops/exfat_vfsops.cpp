@@ -547,6 +547,19 @@ int exfat_vfs_root(mount_t mp, vnode_t* vpp, vfs_context_t context) {
   return 0;
 }
 
+// The root directory's vnode in *vpp, with an I/O reference the caller
+// drops, and its node in *rootp, locked here. The caller holds no node
+// lock. Returns exfat_vfs_root's error, with nothing held.
+int exfat_vfs_root_locked(mount_t mp, vnode_t* vpp, struct exfat_node** rootp,
+                          vfs_context_t context) {
+  int error = exfat_vfs_root(mp, vpp, context);
+  if (error)
+    return error;
+  *rootp = static_cast<struct exfat_node*>(vnode_fsnode(*vpp));
+  exfat_node_lock(*rootp);
+  return 0;
+}
+
 // The file system's start entry: nothing to do once mounted.
 int exfat_vfs_start(mount_t mp, int flags, vfs_context_t context) {
   return 0;

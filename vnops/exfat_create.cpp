@@ -150,15 +150,89 @@ int exfat_new_node_allocate(struct exfat_node* dir, struct exfat_node* node, uin
 // lock. The caller holds the node's lock (once) and not exfat_hash_lock.
 void exfat_new_node_ready(struct exfat_node* node) {
   lck_mtx_assert(node->x_lock, LCK_MTX_ASSERT_OWNED);
-  lck_mtx_lock(exfat_hash_lock);
-  node->x_hash_flags &= ~X_HASH_INIT;
-  if (node->x_hash_flags & X_HASH_WAIT) {
-    node->x_hash_flags &= ~X_HASH_WAIT;
-    wakeup(node);
-  }
-  lck_mtx_unlock(exfat_hash_lock);
+  exfat_node_init_done(node);
   exfat_node_unlock(node);
 }
+
+// Begins a create, mkdir or symlink in the directory dvp. The caller holds
+// no driver lock; the directory's node lock is taken here and stays held on
+// every return, for the caller to release (or hand to exfat_node_get). A
+// removed directory gives ERESTART with its name-cache entries purged, so
+// that the kernel looks the name up again; then the name is checked
+// (exfat_new_name), the set buffer allocated (ENOMEM) and the entry set
+// written with the FileAttributes `base` plus what the name and vap ask for
+// (exfat_new_set_write). *bufferp receives the 8192-byte buffer, or NULL
+// when none was allocated; the caller frees it with exfat_new_buffer_free.
+// On success the set stands at *offset, and buffer[1] + 1 entries long.
+int exfat_new_entry(vnode_t dvp, struct componentname* cnp, struct vnode_attr* vap, uint16_t base,
+                    uint8_t** bufferp, uint32_t* offset, vfs_context_t context) {
+  auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
+  uint16_t name[EXFAT_MAX_NAME_LENGTH];
+  uint32_t length = 0;
+  uint16_t hash = 0;
+
+  *bufferp = nullptr;
+  exfat_node_lock(dir);
+  if (dir->x_flags & X_DELETED) {
+    cache_purge(dvp);
+    return ERESTART;
+  }
+  int error = exfat_new_name(dir, cnp, name, &length, &hash, context);
+  if (error)
+    return error;
+  *bufferp = static_cast<uint8_t*>(OSMalloc(EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag));
+  if (*bufferp == nullptr)
+    return ENOMEM;
+  return exfat_new_set_write(dir, *bufferp, name, length, hash,
+                             exfat_new_attributes(cnp, vap, base), offset, context);
+}
+
+// Frees the buffer exfat_new_entry allocated; NULL is allowed.
+void exfat_new_buffer_free(uint8_t* buffer) {
+  if (buffer != nullptr)
+    OSFree(buffer, EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag);
+}
+
+// Makes the node of a set exfat_new_entry wrote at `offset` (`entries`
+// entries long) in dvp, as `type`, and has `finish` give it its clusters
+// and contents while it stays locked and marked X_HASH_INIT, so that
+// lookups of it wait. The caller holds the directory's node lock, which
+// stays held. Returns 0 with the new vnode and its I/O reference in *vpp;
+// exfat_node_get's error (the set stays on disk); or finish's error (the
+// vnode's reference is dropped again).
+int exfat_new_node_make(vnode_t dvp, struct componentname* cnp, uint32_t offset, uint32_t entries,
+                        enum vtype type, exfat_new_finish_t finish, const void* argument,
+                        vnode_t* vpp, vfs_context_t context) {
+  auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
+  lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
+  struct exfat_mount* mount = dir->x_mount;
+  struct exfat_node* node = nullptr;
+  int error = exfat_node_get(mount, dvp, cnp, offset, type, 1, &node, context);
+  if (!error) {
+    error = finish(dir, node, offset, entries, argument, context);
+    exfat_new_node_ready(node);
+    if (!error)
+      *vpp = node->x_vnode;
+    else
+      vnode_put(node->x_vnode);
+  }
+  cache_purge_negatives(dvp);
+  exfat_meta_flush(mount, 0);
+  return error;
+}
+
+namespace {
+
+// mkdir's finish: one zero-filled cluster, which holds only
+// end-of-directory markers.
+int mkdir_finish(struct exfat_node* dir, struct exfat_node* node, uint32_t offset, uint32_t entries,
+                 const void* argument, vfs_context_t context) {
+  (void)argument;
+  return exfat_new_node_allocate(dir, node, offset, entries, dir->x_mount->xm_bytes_per_cluster,
+                                 "mkdir", "directory", context);
+}
+
+}  // namespace
 
 // --- The vnode operations -------------------------------------------------------------
 
@@ -175,50 +249,26 @@ void exfat_new_node_ready(struct exfat_node* node) {
 int exfat_vnop_create(struct vnop_create_args* ap) {
   vnode_t dvp = ap->a_dvp;
   auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
-  struct exfat_mount* mount = dir->x_mount;
-  uint16_t name[EXFAT_MAX_NAME_LENGTH];
-  uint32_t length = 0;
-  uint16_t hash = 0;
-  uint32_t offset = 0;
   uint8_t* buffer = nullptr;
-  struct exfat_node* node = nullptr;
-  int error;
-
-  exfat_node_lock(dir);
-  if (dir->x_flags & X_DELETED) {
-    cache_purge(dvp);
-    error = ERESTART;
-    goto unlock;
+  uint32_t offset = 0;
+  int error =
+      exfat_new_entry(dvp, ap->a_cnp, ap->a_vap, kFileAttributes, &buffer, &offset, ap->a_context);
+  if (error) {
+    exfat_node_unlock(dir);
+    exfat_new_buffer_free(buffer);
+    return error;
   }
-  error = exfat_new_name(dir, ap->a_cnp, name, &length, &hash, ap->a_context);
-  if (error)
-    goto unlock;
-  buffer = static_cast<uint8_t*>(OSMalloc(EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag));
-  if (buffer == nullptr) {
-    error = ENOMEM;
-    goto unlock;
-  }
-  error = exfat_new_set_write(dir, buffer, name, length, hash,
-                              exfat_new_attributes(ap->a_cnp, ap->a_vap, kFileAttributes),
-                              &offset, ap->a_context);
-  if (error)
-    goto unlock;
 
   // Decision: when exfat_node_get fails the set just written is left on
   // disk. It is a valid empty file that a later lookup finds; deleting it
   // here would need the parent's lock, which the node layer has released.
-  error = exfat_node_get(mount, dvp, ap->a_cnp, offset, VREG, 0, &node, ap->a_context);
+  struct exfat_node* node = nullptr;
+  error = exfat_node_get(dir->x_mount, dvp, ap->a_cnp, offset, VREG, 0, &node, ap->a_context);
   if (!error)
     *ap->a_vpp = node->x_vnode;
   cache_purge_negatives(dvp);
-  exfat_meta_flush(mount, 0);
-  OSFree(buffer, EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag);
-  return error;
-
-unlock:
-  exfat_node_unlock(dir);
-  if (buffer != nullptr)
-    OSFree(buffer, EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag);
+  exfat_meta_flush(dir->x_mount, 0);
+  exfat_new_buffer_free(buffer);
   return error;
 }
 
@@ -227,62 +277,23 @@ unlock:
 // have no "." or ".." entries. The caller holds no driver lock; the parent's
 // node lock is held throughout, the new node's across its allocation.
 //
-// Returns 0; ENOMEM (nothing locked or changed); ERESTART when the parent
-// has been removed (its name-cache entries purged); the name conversion's
-// error; EEXIST; ENOSPC or an I/O error from the slots; exfat_node_get's
-// error (the set stays on disk as a zero-length directory); the first
-// cluster's allocation error (ENOSPC), after which the set is gone again;
-// or EIO when that undoing failed (logged, XM_CORRUPT set).
+// Returns 0; ERESTART when the parent has been removed (its name-cache
+// entries purged); the name conversion's error; EEXIST; ENOMEM (nothing
+// changed); ENOSPC or an I/O error from the slots; exfat_node_get's error
+// (the set stays on disk as a zero-length directory); the first cluster's
+// allocation error (ENOSPC), after which the set is gone again; or EIO when
+// that undoing failed (logged, XM_CORRUPT set).
 int exfat_vnop_mkdir(struct vnop_mkdir_args* ap) {
   vnode_t dvp = ap->a_dvp;
-  auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
-  struct exfat_mount* mount = dir->x_mount;
-  uint16_t name[EXFAT_MAX_NAME_LENGTH];
-  uint32_t length = 0;
-  uint16_t hash = 0;
+  uint8_t* buffer = nullptr;
   uint32_t offset = 0;
-  struct exfat_node* node = nullptr;
-  int error;
-
-  auto* buffer = static_cast<uint8_t*>(OSMalloc(EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag));
-  if (buffer == nullptr)
-    return ENOMEM;
-
-  exfat_node_lock(dir);
-  if (dir->x_flags & X_DELETED) {
-    cache_purge(dvp);
-    error = ERESTART;
-    goto unlock;
-  }
-  error = exfat_new_name(dir, ap->a_cnp, name, &length, &hash, ap->a_context);
-  if (error)
-    goto unlock;
-  error = exfat_new_set_write(dir, buffer, name, length, hash,
-                              exfat_new_attributes(ap->a_cnp, ap->a_vap, kDirectoryAttributes),
-                              &offset, ap->a_context);
-  if (error)
-    goto unlock;
-
-  // The new node comes back locked and still being initialised: lookups of
-  // it wait until its cluster exists. The parent stays locked.
-  error = exfat_node_get(mount, dvp, ap->a_cnp, offset, VDIR, 1, &node, ap->a_context);
-  if (!error) {
-    // One zero-filled cluster: it holds only end-of-directory markers.
-    error = exfat_new_node_allocate(dir, node, offset, buffer[1] + 1u,
-                                    mount->xm_bytes_per_cluster, "mkdir", "directory",
-                                    ap->a_context);
-    exfat_new_node_ready(node);
-    if (!error)
-      *ap->a_vpp = node->x_vnode;
-    else
-      vnode_put(node->x_vnode);
-  }
-  cache_purge_negatives(dvp);
-  exfat_meta_flush(mount, 0);
-
-unlock:
-  exfat_node_unlock(dir);
-  OSFree(buffer, EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag);
+  int error = exfat_new_entry(dvp, ap->a_cnp, ap->a_vap, kDirectoryAttributes, &buffer, &offset,
+                              ap->a_context);
+  if (!error)
+    error = exfat_new_node_make(dvp, ap->a_cnp, offset, buffer[1] + 1u, VDIR, mkdir_finish, nullptr,
+                                ap->a_vpp, ap->a_context);
+  exfat_node_unlock(static_cast<struct exfat_node*>(vnode_fsnode(dvp)));
+  exfat_new_buffer_free(buffer);
   return error;
 }
 

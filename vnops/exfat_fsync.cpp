@@ -217,6 +217,29 @@ int exfat_fsync_internal(vnode_t vp, bool wait, bool flush_dir_blocks, vfs_conte
   return error;
 }
 
+// Calls apply(mount, block, wait) on every metadata block of the
+// directory's clusters, in order. The caller holds the directory's node
+// lock; the mapping takes xm_fat_lock for a chain, and `apply` is called
+// with no allocation lock held. Returns 0 at the end of the clusters, or
+// any other mapping error.
+int exfat_dir_each_block(struct exfat_node* dir,
+                         void (*apply)(struct exfat_mount* mount, daddr64_t block, bool wait),
+                         bool wait) {
+  lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
+  struct exfat_mount* mount = dir->x_mount;
+  for (uint32_t index = 0;; index++) {
+    uint64_t sector = 0;
+    int error = exfat_blockmap(dir, index, 1, &sector, nullptr, nullptr);
+    if (error == E2BIG)
+      return 0;
+    if (error)
+      return error;
+    for (uint32_t j = 0; j < mount->xm_blocks_per_cluster; j++)
+      apply(mount, static_cast<daddr64_t>(sector + uint64_t(j) * mount->xm_sectors_per_block),
+            wait);
+  }
+}
+
 // Writes the directory's metadata blocks that sit in the buffer cache with a
 // delayed write pending (synchronously with `wait`), cluster by cluster;
 // blocks that are not cached are skipped, not read. Nothing for a deleted
@@ -227,19 +250,7 @@ int exfat_dir_flush(struct exfat_node* dir, bool wait) {
   lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
   if (dir->x_flags & X_DELETED)
     return 0;
-  struct exfat_mount* mount = dir->x_mount;
-  for (uint32_t index = 0;; index++) {
-    uint64_t sector = 0;
-    int error = exfat_blockmap(dir, index, 1, &sector, nullptr, nullptr);
-    if (error == E2BIG)
-      return 0;
-    if (error)
-      return error;
-    for (uint32_t j = 0; j < mount->xm_blocks_per_cluster; j++)
-      exfat_dir_flush_block(mount,
-                            static_cast<daddr64_t>(sector + uint64_t(j) * mount->xm_sectors_per_block),
-                            wait);
-  }
+  return exfat_dir_each_block(dir, exfat_dir_flush_block, wait);
 }
 
 // The full-sync request (F_FULLFSYNC): fsync the vnode, waiting, then have

@@ -1,13 +1,7 @@
-// Recognising symbolic links. The format has no link entry, so a link is a
-// regular file of exactly 1067 bytes:
-//
-//   offset  0  "XSym\n"
-//           5  target length L, four decimal digits, then '\n'
-//          10  MD5 of the target, 32 lowercase hex digits, then '\n'
-//          43  the L target bytes, then '\n' and space padding to 1067
-//
-// A file of that size whose magic, length and digest check out is shown as
-// a link (VLNK); anything else stays a regular file.
+// Recognising symbolic links, regular files of exactly 1067 bytes laid out
+// as exfat_format.h describes. A file of that size whose magic, length and
+// digest check out is shown as a link (VLNK); anything else stays a regular
+// file.
 
 #include <md5.h>
 
@@ -21,33 +15,12 @@
 
 namespace {
 
-const char symlink_magic[] = "XSym\n";
-constexpr uint32_t kSymlinkMagicLength = 5;
-constexpr uint32_t kSymlinkFileSize = 1067;
-constexpr uint32_t kSymlinkLengthOffset = 5;
-constexpr uint32_t kSymlinkLengthDigits = 4;
-constexpr uint32_t kSymlinkDigestOffset = 10;
-constexpr uint32_t kSymlinkDigestLength = 32;
-constexpr uint32_t kSymlinkTargetOffset = 43;
-constexpr uint32_t kSymlinkMaxTarget = 1024;
-
 // Makes a vnode through which the node's data can be read before its real
 // vnode exists. Stores it in x_vnode. Returns vnode_create's error.
 int make_temporary_vnode(struct exfat_node* node, vnode_t* vpp) {
   struct vnode_fsparam param;
-  memset(&param, 0, sizeof(param));
-  param.vnfs_mp = node->x_mount->xm_mp;
-  param.vnfs_vtype = VNON;
-  param.vnfs_str = "exfat";
-  param.vnfs_dvp = NULLVP;
-  param.vnfs_fsnode = node;
-  param.vnfs_vops = exfat_vnodeop_p;
-  param.vnfs_markroot = 0;
-  param.vnfs_marksystem = 0;
-  param.vnfs_rdev = 0;
-  param.vnfs_filesize = kSymlinkFileSize;
-  param.vnfs_cnp = nullptr;
-  param.vnfs_flags = VNFS_NOCACHE;
+  exfat_vnode_param_init(&param, node->x_mount->xm_mp, VNON, node, exfat_vnodeop_p,
+                         kSymlinkFileSize, VNFS_NOCACHE);
   int error = vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &param, vpp);
   if (!error)
     node->x_vnode = *vpp;
@@ -57,7 +30,7 @@ int make_temporary_vnode(struct exfat_node* node, vnode_t* vpp) {
 // Checks the contents of a link file's first 1067 bytes. Returns the target
 // length, or -1 when the contents are not a valid link.
 long parse_link(const uint8_t* data) {
-  if (strncmp(reinterpret_cast<const char*>(data), symlink_magic, kSymlinkMagicLength) != 0)
+  if (strncmp(reinterpret_cast<const char*>(data), kSymlinkMagic, kSymlinkMagicLength) != 0)
     return -1;
   long length = 0;
   for (uint32_t i = 0; i < kSymlinkLengthDigits; i++) {

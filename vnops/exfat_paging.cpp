@@ -190,14 +190,13 @@ int exfat_vnop_pagein(struct vnop_pagein_args* ap) {
     }
   }
 
-  struct exfat_page_walk walk = {};
-  walk.vp = vp;
-  walk.node = node;
-  walk.f_offset = f_offset;
-  walk.size = size;
-  walk.filesize = filesize;
-  walk.flags = ap->a_flags;
-  walk.pageout = false;
+  struct exfat_page_walk walk = {.vp = vp,
+                                 .node = node,
+                                 .f_offset = f_offset,
+                                 .size = size,
+                                 .filesize = filesize,
+                                 .flags = ap->a_flags,
+                                 .pageout = false};
   int error = ubc_create_upl(vp, f_offset, static_cast<int>(size), &walk.upl, &walk.pl,
                              kPageinListFlags);
   if (error || walk.upl == nullptr) {
@@ -258,13 +257,12 @@ int exfat_vnop_pageout(struct vnop_pageout_args* ap) {
     return error;
   }
 
-  struct exfat_page_walk walk = {};
-  walk.vp = vp;
-  walk.node = node;
-  walk.f_offset = f_offset;
-  walk.size = size;
-  walk.flags = ap->a_flags;
-  walk.pageout = true;
+  struct exfat_page_walk walk = {.vp = vp,
+                                 .node = node,
+                                 .f_offset = f_offset,
+                                 .size = size,
+                                 .flags = ap->a_flags,
+                                 .pageout = true};
   error = exfat_pageout_list(vp, node, f_offset, size, list_flags, &walk.upl, &walk.pl);
   if (error || walk.upl == nullptr) {
     exfat_node_unlock(node);

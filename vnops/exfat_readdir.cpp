@@ -30,7 +30,6 @@ namespace {
 constexpr uint64_t kDotCookie = 0;        // "."
 constexpr uint64_t kSetCookieBase = 64;   // cookie of the set at directory offset 0
 constexpr uint64_t kCookieStep = 32;      // cookies are entry-sized steps
-constexpr uint16_t kSymlinkFileSize = 1067;  // a link file's fixed size
 
 // The record being built: one buffer large enough for either form.
 union exfat_readdir_record {

@@ -88,23 +88,7 @@ void victim_mark_deleted(struct exfat_node* victim) {
 int free_allocation(struct exfat_node* dir, uint16_t flags, uint32_t first, uint64_t length) {
   if (first < EXFAT_FIRST_CLUSTER || length == 0)
     return 0;
-  struct exfat_mount* mount = dir->x_mount;
-  int error;
-  exfat_pending_make_room(mount);
-  lck_mtx_lock(mount->xm_bitmap_lock);
-  if (flags & kNoFatChain) {
-    uint64_t clusters = (length + mount->xm_bytes_per_cluster - 1) / mount->xm_bytes_per_cluster;
-    // A count too large for 32 bits is clamped, so that the bitmap refuses
-    // the range instead of freeing a truncated one.
-    uint32_t count = clusters > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(clusters);
-    error = exfat_free_run(mount, first, count, dir, nullptr);
-  } else {
-    lck_mtx_lock(mount->xm_fat_lock);
-    error = exfat_free_chain(mount, first, 0, dir, nullptr);
-    lck_mtx_unlock(mount->xm_fat_lock);
-  }
-  lck_mtx_unlock(mount->xm_bitmap_lock);
-  return error;
+  return exfat_free_allocation(dir, (flags & kNoFatChain) != 0, first, length);
 }
 
 }  // namespace
@@ -150,6 +134,17 @@ int exfat_dir_free_callback(void* argument, uint8_t* set, uint8_t* entry, uint32
   return error;
 }
 
+namespace {
+
+// Drops one cached metadata block without writing it (exfat_dir_each_block's
+// `apply`; a drop always waits for the block's I/O).
+void invalidate_block(struct exfat_mount* mount, daddr64_t block, bool wait) {
+  (void)wait;
+  buf_invalblkno(mount->xm_devvp, block, BUF_WAIT);
+}
+
+}  // namespace
+
 // Drops every cached metadata block of a directory's clusters from the
 // device's buffer cache without writing it, delayed writes included, so
 // that a removed directory's blocks can't land on clusters that have been
@@ -158,19 +153,7 @@ int exfat_dir_free_callback(void* argument, uint8_t* set, uint8_t* entry, uint32
 int exfat_dir_invalidate(struct exfat_node* dir) {
   lck_mtx_assert(dir->x_lock, LCK_MTX_ASSERT_OWNED);
   exfat_dirindex_drop(dir);
-  struct exfat_mount* mount = dir->x_mount;
-  for (uint32_t index = 0;; index++) {
-    uint64_t sector = 0;
-    int error = exfat_blockmap(dir, index, 1, &sector, nullptr, nullptr);
-    if (error == E2BIG)
-      return 0;
-    if (error)
-      return error;
-    for (uint32_t j = 0; j < mount->xm_blocks_per_cluster; j++)
-      buf_invalblkno(mount->xm_devvp,
-                     static_cast<daddr64_t>(sector + uint64_t(j) * mount->xm_sectors_per_block),
-                     BUF_WAIT);
-  }
+  return exfat_dir_each_block(dir, invalidate_block, true);
 }
 
 // Removes the name a_cnp, which leads to a_vp, from directory a_dvp. The

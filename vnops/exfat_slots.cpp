@@ -111,26 +111,8 @@ int exfat_find_empty_entries(struct exfat_node* dir, uint32_t wanted, uint32_t* 
 // The caller holds the directory's node lock; the allocation locks are taken
 // here, xm_bitmap_lock before xm_fat_lock. Returns 0 or the release's error.
 static int exfat_free_secondary(struct exfat_node* dir, const uint8_t* entry) {
-  struct exfat_mount* mount = dir->x_mount;
-  const uint32_t first = le32dec(entry + 20);
-  const uint64_t length = le64dec(entry + 24);
-  int error;
-  exfat_pending_make_room(mount);
-  lck_mtx_lock(mount->xm_bitmap_lock);
-  if (entry[1] & EXFAT_SECONDARY_NO_FAT_CHAIN) {
-    // A length from disk too large for a 32-bit count is clamped, so that
-    // the bitmap refuses the range as corrupt instead of freeing a
-    // truncated one.
-    uint64_t clusters = (length + mount->xm_bytes_per_cluster - 1) / mount->xm_bytes_per_cluster;
-    uint32_t count = clusters > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(clusters);
-    error = exfat_free_run(mount, first, count, dir, nullptr);
-  } else {
-    lck_mtx_lock(mount->xm_fat_lock);
-    error = exfat_free_chain(mount, first, 0, dir, nullptr);
-    lck_mtx_unlock(mount->xm_fat_lock);
-  }
-  lck_mtx_unlock(mount->xm_bitmap_lock);
-  return error;
+  return exfat_free_allocation(dir, (entry[1] & EXFAT_SECONDARY_NO_FAT_CHAIN) != 0,
+                               le32dec(entry + 20), le64dec(entry + 24));
 }
 
 // Clears the InUse bit of one entry being deleted, after releasing what it

@@ -1,12 +1,6 @@
-// Making and reading symbolic links. The format has no link entry: a link
-// is a regular file of exactly 1067 bytes (see exfat_link_check.cpp, which
-// recognises them):
-//
-//   offset  0  "XSym\n"
-//           5  the target length L, "%04d\n"
-//          10  MD5 of the target, 32 lowercase hex digits, '\n'
-//          43  the L target bytes; then '\n' when L < 1024, and spaces
-//              up to offset 1066 when L < 1023
+// Making and reading symbolic links: regular files of exactly 1067 bytes
+// laid out as exfat_format.h describes (exfat_link_check.cpp recognises
+// them).
 //
 // Creation follows create and mkdir (exfat_create.cpp): the entry set is
 // written first, then the node is made locked and marked X_HASH_INIT while
@@ -30,15 +24,6 @@
 
 namespace {
 
-const char symlink_magic[] = "XSym\n";
-constexpr size_t kSymlinkMagicLength = 5;
-constexpr uint32_t kSymlinkFileSize = 1067;
-constexpr size_t kSymlinkLengthOffset = 5;
-constexpr size_t kSymlinkDigestOffset = 10;
-constexpr size_t kSymlinkDigestLength = 32;
-constexpr size_t kSymlinkTargetOffset = 43;
-constexpr size_t kSymlinkMaxTarget = 1024;
-
 inline kauth_cred_t context_cred(vfs_context_t context) {
   return context != nullptr ? vfs_context_ucred(context) : NOCRED;
 }
@@ -51,7 +36,7 @@ inline uint32_t link_buffer_size(const struct exfat_mount* mount) {
 // Lays a link's contents for `target` (length <= 1024) out in `data`,
 // which holds at least 1067 bytes already zeroed.
 void symlink_fill(char* data, const char* target, size_t length) {
-  memcpy(data, symlink_magic, kSymlinkMagicLength);
+  memcpy(data, kSymlinkMagic, kSymlinkMagicLength);
   // "%04d\n" also writes the newline at offset 9; snprintf's NUL lands on
   // offset 10 and is overwritten by the digest.
   snprintf(data + kSymlinkLengthOffset, 6, "%04d\n", static_cast<int>(length));
@@ -80,15 +65,22 @@ int symlink_write_contents(struct exfat_node* node, const char* target, size_t l
   return buf_bdwrite(bp);
 }
 
-// Gives a new link its clusters and contents, undoing the creation when
-// the clusters can't be had. The caller holds the parent's and the new
-// node's locks. Returns 0; exfat_new_node_allocate's error; or the
-// contents' write error.
+// What symlink_finish writes: the target and its length.
+struct symlink_target {
+  const char* target;
+  size_t length;
+};
+
+// symlink's finish: gives a new link its clusters and contents, undoing the
+// creation when the clusters can't be had. The caller holds the parent's
+// and the new node's locks. Returns 0; exfat_new_node_allocate's error; or
+// the contents' write error.
 int symlink_finish(struct exfat_node* dir, struct exfat_node* node, uint32_t offset,
-                   uint32_t entries, const char* target, size_t length, vfs_context_t context) {
+                   uint32_t entries, const void* argument, vfs_context_t context) {
+  const auto* target = static_cast<const struct symlink_target*>(argument);
   int error = exfat_new_node_allocate(dir, node, offset, entries, kSymlinkFileSize, "symlink",
                                       "symlink", context);
-  return error ? error : symlink_write_contents(node, target, length);
+  return error ? error : symlink_write_contents(node, target->target, target->length);
 }
 
 }  // namespace
@@ -99,60 +91,25 @@ int symlink_finish(struct exfat_node* dir, struct exfat_node* node, uint32_t off
 // node lock is held throughout.
 //
 // Returns 0; ENAMETOOLONG for a longer target, before anything else;
-// ENOMEM; ERESTART when the parent has been removed (its name-cache entries
-// purged); the name conversion's error; EEXIST; ENOSPC or an I/O error from
-// the slots; exfat_node_get's error; ENOSPC when the link's clusters can't
-// be had (the set is deleted again); EIO when that deletion failed (logged,
-// XM_CORRUPT set); or the contents' write error.
+// ERESTART when the parent has been removed (its name-cache entries
+// purged); the name conversion's error; EEXIST; ENOMEM; ENOSPC or an I/O
+// error from the slots; exfat_node_get's error; ENOSPC when the link's
+// clusters can't be had (the set is deleted again); EIO when that deletion
+// failed (logged, XM_CORRUPT set); or the contents' write error.
 int exfat_vnop_symlink(struct vnop_symlink_args* ap) {
   vnode_t dvp = ap->a_dvp;
-  auto* dir = static_cast<struct exfat_node*>(vnode_fsnode(dvp));
-  struct exfat_mount* mount = dir->x_mount;
-  uint16_t name[EXFAT_MAX_NAME_LENGTH];
-  uint32_t length = 0;
-  uint16_t hash = 0;
-  uint32_t offset = 0;
-  struct exfat_node* node = nullptr;
-  int error;
-
-  size_t target_length = strlen(ap->a_target);
-  if (target_length > kSymlinkMaxTarget)
+  const struct symlink_target target = {ap->a_target, strlen(ap->a_target)};
+  if (target.length > kSymlinkMaxTarget)
     return ENAMETOOLONG;
-  auto* buffer = static_cast<uint8_t*>(OSMalloc(EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag));
-  if (buffer == nullptr)
-    return ENOMEM;
-
-  exfat_node_lock(dir);
-  if (dir->x_flags & X_DELETED) {
-    cache_purge(dvp);
-    error = ERESTART;
-    goto unlock;
-  }
-  error = exfat_new_name(dir, ap->a_cnp, name, &length, &hash, ap->a_context);
-  if (error)
-    goto unlock;
-  error = exfat_new_set_write(dir, buffer, name, length, hash,
-                              exfat_new_attributes(ap->a_cnp, ap->a_vap, EXFAT_ATTR_ARCHIVE),
-                              &offset, ap->a_context);
-  if (error)
-    goto unlock;
-
-  error = exfat_node_get(mount, dvp, ap->a_cnp, offset, VLNK, 1, &node, ap->a_context);
-  if (!error) {
-    error = symlink_finish(dir, node, offset, buffer[1] + 1u, ap->a_target, target_length,
-                           ap->a_context);
-    exfat_new_node_ready(node);
-    if (!error)
-      *ap->a_vpp = node->x_vnode;
-    else
-      vnode_put(node->x_vnode);
-  }
-  cache_purge_negatives(dvp);
-  exfat_meta_flush(mount, 0);
-
-unlock:
-  exfat_node_unlock(dir);
-  OSFree(buffer, EXFAT_SET_BUFFER_SIZE, exfat_malloc_tag);
+  uint8_t* buffer = nullptr;
+  uint32_t offset = 0;
+  int error = exfat_new_entry(dvp, ap->a_cnp, ap->a_vap, EXFAT_ATTR_ARCHIVE, &buffer, &offset,
+                              ap->a_context);
+  if (!error)
+    error = exfat_new_node_make(dvp, ap->a_cnp, offset, buffer[1] + 1u, VLNK, symlink_finish,
+                                &target, ap->a_vpp, ap->a_context);
+  exfat_node_unlock(static_cast<struct exfat_node*>(vnode_fsnode(dvp)));
+  exfat_new_buffer_free(buffer);
   return error;
 }
 

@@ -71,11 +71,10 @@ int exfat_scan_root_dir(mount_t mp, vfs_context_t context) {
   mount->xm_label_offset = EXFAT_NO_LABEL_OFFSET;
 
   vnode_t root_vp = NULLVP;
-  int error = exfat_vfs_root(mp, &root_vp, context);
+  struct exfat_node* root = nullptr;
+  int error = exfat_vfs_root_locked(mp, &root_vp, &root, context);
   if (error)
     return error;
-  struct exfat_node* root = static_cast<struct exfat_node*>(vnode_fsnode(root_vp));
-  exfat_node_lock(root);
 
   struct exfat_scan_context scan = {mount, root_vp};
   error = exfat_dir_iterate(root, 0, &scan, exfat_scan_root_callback, ITER_SINGLES, context);
@@ -158,22 +157,9 @@ int exfat_system_node_get(struct exfat_mount* mount, vnode_t dir_vp, const char*
       hash_error != 0)
     panic("exfat: exfat_system_node_get: system file node already exists!");
 
-  struct exfat_node* node =
-      static_cast<struct exfat_node*>(OSMalloc(sizeof(struct exfat_node), exfat_node_tag));
+  struct exfat_node* node = exfat_node_alloc();
   if (node == nullptr) {
     lck_mtx_unlock(exfat_hash_lock);
-    return ENOMEM;
-  }
-  memset(node, 0, sizeof(*node));
-  node->x_lock = lck_mtx_alloc_init(exfat_lck_grp, exfat_lck_attr);
-  node->x_io_lock = lck_mtx_alloc_init(exfat_lck_grp, exfat_lck_attr);
-  if (node->x_lock == nullptr || node->x_io_lock == nullptr) {
-    lck_mtx_unlock(exfat_hash_lock);
-    if (node->x_io_lock != nullptr)
-      lck_mtx_free(node->x_io_lock, exfat_lck_grp);
-    if (node->x_lock != nullptr)
-      lck_mtx_free(node->x_lock, exfat_lck_grp);
-    OSFree(node, sizeof(*node), exfat_node_tag);
     return ENOMEM;
   }
   node->x_mount = mount;
@@ -190,30 +176,14 @@ int exfat_system_node_get(struct exfat_mount* mount, vnode_t dir_vp, const char*
   node->x_valid_size = size;
 
   struct vnode_fsparam param;
-  memset(&param, 0, sizeof(param));
-  param.vnfs_mp = mount->xm_mp;
-  param.vnfs_vtype = VREG;
-  param.vnfs_str = "exfat";
-  param.vnfs_dvp = NULLVP;
-  param.vnfs_fsnode = node;
-  param.vnfs_vops = exfat_vnodeop_p;
-  param.vnfs_markroot = 0;
+  exfat_vnode_param_init(&param, mount->xm_mp, VREG, node, exfat_vnodeop_p,
+                         static_cast<off_t>(size), VNFS_NOCACHE | VNFS_CANTCACHE);
   param.vnfs_marksystem = 1;
-  param.vnfs_rdev = 0;
-  param.vnfs_filesize = static_cast<off_t>(size);
-  param.vnfs_cnp = nullptr;
-  param.vnfs_flags = VNFS_NOCACHE | VNFS_CANTCACHE;
   vnode_t vp = NULLVP;
   int error = vnode_create(VNCREATE_FLAVOR, VCREATESIZE, &param, &vp);
   if (error) {
-    lck_mtx_lock(exfat_hash_lock);
-    exfat_hash_remove(node);
-    if (node->x_hash_flags & X_HASH_WAIT)
-      wakeup(node);
-    lck_mtx_unlock(exfat_hash_lock);
-    lck_mtx_free(node->x_io_lock, exfat_lck_grp);
-    lck_mtx_free(node->x_lock, exfat_lck_grp);
-    OSFree(node, sizeof(*node), exfat_node_tag);
+    exfat_node_unhash(node);
+    exfat_node_free(node);
     return error;
   }
   node->x_vnode = vp;
@@ -222,11 +192,7 @@ int exfat_system_node_get(struct exfat_mount* mount, vnode_t dir_vp, const char*
     vnode_update_identity(vp, NULLVP, name, 0, 0, VNODE_UPDATE_NAME);
   vnode_addfsref(vp);
   *vpp = vp;
-  lck_mtx_lock(exfat_hash_lock);
-  node->x_hash_flags &= ~X_HASH_INIT;
-  if (node->x_hash_flags & X_HASH_WAIT)
-    wakeup(node);
-  lck_mtx_unlock(exfat_hash_lock);
+  exfat_node_init_done(node);
   return 0;
 }
 

@@ -169,13 +169,21 @@ class ScratchDir {
   std::string path_;
 };
 
-inline void make_builder_image(const std::string& path) {
+// A builder volume of the tests' geometry (512-byte sectors, 4 KiB
+// clusters, kTestClusterCount of them) with its bitmap and up-case table.
+inline ImageBuilder test_builder() {
   Geometry g;
   g.sector_shift = 9;
   g.cluster_shift = 3;
   g.cluster_count = kTestClusterCount;
   ImageBuilder b(g);
-  b.add_bitmap_entry().add_upcase_entry().add_label(u"FUSETEST");
+  b.add_bitmap_entry().add_upcase_entry();
+  return b;
+}
+
+inline void make_builder_image(const std::string& path) {
+  ImageBuilder b = test_builder();
+  b.add_label(u"FUSETEST");
   b.write_to(path);
 }
 
@@ -303,16 +311,31 @@ inline std::vector<uint8_t> read_file(const std::string& path) {
   return std::vector<uint8_t>(s.begin(), s.end());
 }
 
-// A fresh builder volume mounted read-write for the test body. TearDown
-// unmounts and expects what every test must leave: a daemon that exited
-// with 0 and a volume marked clean that the checker passes.
-class FuseVolumeTest : public ::testing::Test {
+// A fresh builder image and a mount point's name (the directory is not
+// made) in a scratch directory, for tests that mount it themselves.
+class FuseImageTest : public ::testing::Test {
  protected:
   void SetUp() override {
     SKIP_WITHOUT_FUSE();
     image_ = scratch_.sub("volume.img");
     mountpoint_ = scratch_.sub("mnt");
     make_builder_image(image_);
+  }
+
+  ScratchDir scratch_;
+  std::string image_;
+  std::string mountpoint_;
+};
+
+// A fresh builder volume mounted read-write for the test body. TearDown
+// unmounts and expects what every test must leave: a daemon that exited
+// with 0 and a volume marked clean that the checker passes.
+class FuseVolumeTest : public FuseImageTest {
+ protected:
+  void SetUp() override {
+    FuseImageTest::SetUp();
+    if (IsSkipped())
+      return;
     mount_ = std::make_unique<MountedVolume>(image_, mountpoint_);
     ASSERT_TRUE(mount_->ok());
   }
@@ -335,9 +358,6 @@ class FuseVolumeTest : public ::testing::Test {
   }
   std::string path(const std::string& rel) const { return mount_->path(rel); }
 
-  ScratchDir scratch_;
-  std::string image_;
-  std::string mountpoint_;
   std::unique_ptr<MountedVolume> mount_;
 };
 

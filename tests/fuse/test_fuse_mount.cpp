@@ -14,25 +14,19 @@
 namespace exvol::test {
 namespace {
 
-class FuseMount : public ::testing::Test {
+class FuseMount : public FuseImageTest {
  protected:
   void SetUp() override {
-    SKIP_WITHOUT_FUSE();
-    image_ = scratch_.sub("volume.img");
-    mnt_ = scratch_.sub("mnt");
-    make_builder_image(image_);
-    std::filesystem::create_directories(mnt_);
+    FuseImageTest::SetUp();
+    if (!IsSkipped())
+      std::filesystem::create_directories(mountpoint_);
   }
 
   void expect_clean() {
-    EXPECT_FALSE(is_mountpoint(mnt_));
+    EXPECT_FALSE(is_mountpoint(mountpoint_));
     EXPECT_FALSE(volume_dirty(image_));
     EXPECT_EQ("", fsck_problems(image_));
   }
-
-  ScratchDir scratch_;
-  std::string image_;
-  std::string mnt_;
 };
 
 mode_t mode_of(const std::string& path) {
@@ -45,7 +39,7 @@ mode_t mode_of(const std::string& path) {
 TEST_F(FuseMount, UmountAndSignalsLeaveACleanVolume) {
   for (int sig : {0, SIGTERM, SIGINT}) {
     SCOPED_TRACE(sig);
-    MountedVolume m(image_, mnt_);
+    MountedVolume m(image_, mountpoint_);
     ASSERT_TRUE(m.ok());
     EXPECT_TRUE(volume_dirty(image_)) << "a read-write mount marks the volume dirty";
     ASSERT_TRUE(write_file(m.path("f" + std::to_string(sig)), pattern(300000, sig)));
@@ -57,7 +51,7 @@ TEST_F(FuseMount, UmountAndSignalsLeaveACleanVolume) {
     }
     expect_clean();
   }
-  MountedVolume m(image_, mnt_, "ro");
+  MountedVolume m(image_, mountpoint_, "ro");
   ASSERT_TRUE(m.ok());
   for (int sig : {0, SIGTERM, SIGINT})
     EXPECT_TRUE(read_file(m.path("f" + std::to_string(sig))) == pattern(300000, sig)) << sig;
@@ -66,10 +60,10 @@ TEST_F(FuseMount, UmountAndSignalsLeaveACleanVolume) {
 // The way mount(8) runs the helper: without -f the command returns once
 // the mount is usable, and the daemon goes on in the background.
 TEST_F(FuseMount, DaemonModeReturnsWhenTheMountIsReady) {
-  RunResult r = run_program({EXVOL_MOUNT_BIN, image_, mnt_, "-o", "rw,noatime"});
+  RunResult r = run_program({EXVOL_MOUNT_BIN, image_, mountpoint_, "-o", "rw,noatime"});
   ASSERT_EQ(0, r.status) << r.err;
-  ASSERT_TRUE(is_mountpoint(mnt_));
-  EXPECT_TRUE(write_file(mnt_ + "/bg", pattern(5000, 2)));
+  ASSERT_TRUE(is_mountpoint(mountpoint_));
+  EXPECT_TRUE(write_file(mountpoint_ + "/bg", pattern(5000, 2)));
   // The daemon in the background holds the image, not the parent that
   // returned.
   RunResult other = run_program({EXVOL_CLI_BIN, "mkdir", image_ + ":/x"});
@@ -77,7 +71,7 @@ TEST_F(FuseMount, DaemonModeReturnsWhenTheMountIsReady) {
   EXPECT_NE(std::string::npos,
             other.err.find(image_ + " is in use by another program (mount.exvol, pid "))
       << other.err;
-  EXPECT_TRUE(unmount_dir(mnt_));
+  EXPECT_TRUE(unmount_dir(mountpoint_));
   // The daemon holds a lock on the image until it has finished.
   int fd = open(image_.c_str(), O_RDONLY);
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
@@ -89,12 +83,12 @@ TEST_F(FuseMount, DaemonModeReturnsWhenTheMountIsReady) {
 
 TEST_F(FuseMount, ReadOnlyMountRefusesChangesAndLeavesTheImageAlone) {
   {
-    MountedVolume m(image_, mnt_);
+    MountedVolume m(image_, mountpoint_);
     ASSERT_TRUE(m.ok());
     ASSERT_TRUE(write_file(m.path("file"), pattern(10000, 3)));
   }
   std::vector<uint8_t> before = read_file(image_);
-  MountedVolume m(image_, mnt_, "ro");
+  MountedVolume m(image_, mountpoint_, "ro");
   ASSERT_TRUE(m.ok());
   EXPECT_TRUE(read_file(m.path("file")) == pattern(10000, 3));
   EXPECT_EQ(EROFS, ERRNO_OF(open(m.path("file").c_str(), O_WRONLY)));
@@ -108,7 +102,7 @@ TEST_F(FuseMount, ReadOnlyMountRefusesChangesAndLeavesTheImageAlone) {
 
 TEST_F(FuseMount, OwnerAndMasksAreWhatFilesReport) {
   {
-    MountedVolume m(image_, mnt_, "uid=1234,gid=5678,dmask=027,fmask=137");
+    MountedVolume m(image_, mountpoint_, "uid=1234,gid=5678,dmask=027,fmask=137");
     ASSERT_TRUE(m.ok());
     ASSERT_EQ(0, mkdir(m.path("d").c_str(), 0777));
     ASSERT_TRUE(write_file(m.path("d/f"), {'f'}));
@@ -124,7 +118,7 @@ TEST_F(FuseMount, OwnerAndMasksAreWhatFilesReport) {
     EXPECT_EQ(S_IFLNK | 0777u, st.st_mode);
   }
   // umask sets both masks; a later dmask overrides it for directories.
-  MountedVolume m(image_, mnt_, "umask=077,dmask=022");
+  MountedVolume m(image_, mountpoint_, "umask=077,dmask=022");
   ASSERT_TRUE(m.ok());
   EXPECT_EQ(S_IFREG | 0700u, mode_of(m.path("d/f")));
   EXPECT_EQ(S_IFDIR | 0755u, mode_of(m.path("d")));
@@ -136,7 +130,7 @@ TEST_F(FuseMount, OwnerAndMasksAreWhatFilesReport) {
 TEST_F(FuseMount, ChmodKeepsOnlyTheReadOnlyAttribute) {
   std::string f;
   {
-    MountedVolume m(image_, mnt_, "fmask=002");
+    MountedVolume m(image_, mountpoint_, "fmask=002");
     ASSERT_TRUE(m.ok());
     f = m.path("f");
     ASSERT_TRUE(write_file(f, {'f'}));
@@ -147,7 +141,7 @@ TEST_F(FuseMount, ChmodKeepsOnlyTheReadOnlyAttribute) {
     EXPECT_EQ(EPERM, ERRNO_OF(unlink(f.c_str())));
   }
   {
-    MountedVolume m(image_, mnt_, "fmask=002");
+    MountedVolume m(image_, mountpoint_, "fmask=002");
     ASSERT_TRUE(m.ok());
     EXPECT_EQ(S_IFREG | 0555u, mode_of(f)) << "ReadOnly is kept on the volume";
     // Bits beyond the mask are dropped, so asking for more is fine.
@@ -158,7 +152,7 @@ TEST_F(FuseMount, ChmodKeepsOnlyTheReadOnlyAttribute) {
     EXPECT_EQ(EPERM, ERRNO_OF(chown(f.c_str(), 4242, static_cast<gid_t>(-1))));
     EXPECT_EQ(0, chown(f.c_str(), getuid(), getgid()));
   }
-  MountedVolume m(image_, mnt_, "quiet,fmask=022");
+  MountedVolume m(image_, mountpoint_, "quiet,fmask=022");
   ASSERT_TRUE(m.ok());
   EXPECT_EQ(0, chmod(f.c_str(), 0600));
   EXPECT_EQ(S_IFREG | 0755u, mode_of(f)) << "only the write bits mean something";
@@ -178,19 +172,19 @@ TEST_F(FuseMount, BadCommandLinesAndImagesFailWithTheReason) {
     int status;
     std::string message;
   } cases[] = {
-      {{image_, mnt_, "-o", "rw,bogus"}, 1, "unknown option 'bogus'"},
-      {{image_, mnt_, "-o", "uid=alice"}, 1, "bad value for option 'uid'"},
-      {{image_, mnt_, "-o", "umask=999"}, 1, "bad value for option 'umask'"},
-      {{image_, mnt_, "-o", "time_offset=100000"}, 1, "bad value for option 'time_offset'"},
-      {{image_, mnt_, "--frobnicate"}, 1, "unknown argument '--frobnicate'"},
+      {{image_, mountpoint_, "-o", "rw,bogus"}, 1, "unknown option 'bogus'"},
+      {{image_, mountpoint_, "-o", "uid=alice"}, 1, "bad value for option 'uid'"},
+      {{image_, mountpoint_, "-o", "umask=999"}, 1, "bad value for option 'umask'"},
+      {{image_, mountpoint_, "-o", "time_offset=100000"}, 1, "bad value for option 'time_offset'"},
+      {{image_, mountpoint_, "--frobnicate"}, 1, "unknown argument '--frobnicate'"},
       {{image_}, 1, "an image and a mount point are needed"},
-      {{image_, mnt_, "extra"}, 1, "unexpected argument 'extra'"},
-      {{image_, mnt_, "-o"}, 1, "option -o needs an argument"},
-      {{scratch_.sub("missing.img"), mnt_}, 1, "No such file or directory"},
+      {{image_, mountpoint_, "extra"}, 1, "unexpected argument 'extra'"},
+      {{image_, mountpoint_, "-o"}, 1, "option -o needs an argument"},
+      {{scratch_.sub("missing.img"), mountpoint_}, 1, "No such file or directory"},
       {{image_, image_}, 1, "not a directory"},
-      {{junk, mnt_, "-f"}, 32, "can't mount " + junk},
+      {{junk, mountpoint_, "-f"}, 32, "can't mount " + junk},
       // Without -f the parent reports the child's failure.
-      {{junk, mnt_}, 32, "can't mount " + junk},
+      {{junk, mountpoint_}, 32, "can't mount " + junk},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.message);
@@ -199,7 +193,7 @@ TEST_F(FuseMount, BadCommandLinesAndImagesFailWithTheReason) {
     RunResult r = run_program(argv);
     EXPECT_EQ(c.status, r.status);
     EXPECT_NE(std::string::npos, r.err.find(c.message)) << r.err;
-    EXPECT_FALSE(is_mountpoint(mnt_));
+    EXPECT_FALSE(is_mountpoint(mountpoint_));
   }
   EXPECT_EQ(0, run_program({EXVOL_MOUNT_BIN, "--help"}).status);
 }
@@ -218,7 +212,7 @@ TEST_F(FuseMount, AVolumeIsMountedOnceAtATimeByAnyRoute) {
     EXPECT_FALSE(is_mountpoint(second));
   };
   {
-    MountedVolume m(image_, mnt_);
+    MountedVolume m(image_, mountpoint_);
     ASSERT_TRUE(m.ok());
     refused(image_, image_, m.pid());
   }
@@ -226,11 +220,11 @@ TEST_F(FuseMount, AVolumeIsMountedOnceAtATimeByAnyRoute) {
   std::string route = loop.device() + " (a loop device of " +
                       std::filesystem::canonical(image_).string() + ")";
   {
-    MountedVolume m(image_, mnt_);
+    MountedVolume m(image_, mountpoint_);
     ASSERT_TRUE(m.ok());
     refused(loop.device(), route, m.pid());
   }
-  MountedVolume m(loop.device(), mnt_);
+  MountedVolume m(loop.device(), mountpoint_);
   ASSERT_TRUE(m.ok());
   refused(image_, image_, m.pid());
   EXPECT_EQ(0, m.unmount()) << m.log();
@@ -241,13 +235,13 @@ TEST_F(FuseMount, AVolumeIsMountedOnceAtATimeByAnyRoute) {
 TEST_F(FuseMount, ReadOnlyDevicesMountOnlyReadOnly) {
   std::filesystem::resize_file(image_, 8 << 20);
   std::vector<uint8_t> before = read_file(image_);
-  RunResult r = run_program({EXVOL_MOUNT_BIN, image_, mnt_, "-f"});
+  RunResult r = run_program({EXVOL_MOUNT_BIN, image_, mountpoint_, "-f"});
   EXPECT_EQ(32, r.status);
   EXPECT_NE(std::string::npos, r.err.find("but the device holds only 16384 (8.0 MiB); it can "
                                           "only be mounted read-only\n"))
       << r.err;
   {
-    MountedVolume m(image_, mnt_, "ro");
+    MountedVolume m(image_, mountpoint_, "ro");
     ASSERT_TRUE(m.ok());
     EXPECT_EQ(0, m.unmount());
     EXPECT_NE(std::string::npos, m.log().find("; what lies beyond is missing\n")) << m.log();
@@ -256,13 +250,13 @@ TEST_F(FuseMount, ReadOnlyDevicesMountOnlyReadOnly) {
 
   make_builder_image(image_);
   ATTACH_LOOP_OR_SKIP(loop, image_, true);
-  r = run_program({EXVOL_MOUNT_BIN, loop.device(), mnt_, "-f"});
+  r = run_program({EXVOL_MOUNT_BIN, loop.device(), mountpoint_, "-f"});
   EXPECT_EQ(32, r.status);
   EXPECT_EQ("mount.exvol: can't mount " + loop.device() +
                 ": Read-only file system: the device is write-protected; it can only be mounted "
                 "read-only\n",
             r.err);
-  MountedVolume m(loop.device(), mnt_, "ro");
+  MountedVolume m(loop.device(), mountpoint_, "ro");
   ASSERT_TRUE(m.ok());
   EXPECT_EQ(0, m.unmount());
 }
@@ -274,7 +268,7 @@ TEST_F(FuseMount, FailedDeviceWritesFailTheUnmount) {
   std::unique_ptr<MountedVolume> m;
   {
     FileSizeLimit limit(8 << 20);  // the daemon keeps it
-    m = std::make_unique<MountedVolume>(image_, mnt_);
+    m = std::make_unique<MountedVolume>(image_, mountpoint_);
   }
   ASSERT_TRUE(m->ok());
   write_file(m->path("big"), pattern(20 << 20, 4));  // its close may fail too

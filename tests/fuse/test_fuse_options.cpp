@@ -12,19 +12,7 @@
 namespace exvol::test {
 namespace {
 
-class FuseOptions : public ::testing::Test {
- protected:
-  void SetUp() override {
-    SKIP_WITHOUT_FUSE();
-    image_ = scratch_.sub("volume.img");
-    mnt_ = scratch_.sub("mnt");
-    make_builder_image(image_);
-  }
-
-  ScratchDir scratch_;
-  std::string image_;
-  std::string mnt_;
-};
+using FuseOptions = FuseImageTest;
 
 // How often the daemon looks for a recorded fault (fuse/watch.h).
 constexpr int ErrorWatchPollMs = 200;
@@ -64,13 +52,13 @@ TEST_F(FuseOptions, KernelDriverOptionNamesMountOrSayWhy) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.options);
     if (c.status != 0) {
-      std::filesystem::create_directories(mnt_);
-      RunResult r = run_program({EXVOL_MOUNT_BIN, image_, mnt_, "-f", "-o", c.options});
+      std::filesystem::create_directories(mountpoint_);
+      RunResult r = run_program({EXVOL_MOUNT_BIN, image_, mountpoint_, "-f", "-o", c.options});
       EXPECT_EQ(c.status, r.status);
       EXPECT_NE(std::string::npos, r.err.find(c.message)) << r.err;
       continue;
     }
-    MountedVolume m(image_, mnt_, c.options);
+    MountedVolume m(image_, mountpoint_, c.options);
     ASSERT_TRUE(m.ok());
     EXPECT_TRUE(write_file(m.path("f"), pattern(1000, 1)));
     EXPECT_EQ(0, unlink(m.path("f").c_str()));
@@ -99,12 +87,7 @@ std::string mount_table_options(const std::string& dir) {
 // file open for writing is closed (the kernel refuses before), keeping
 // the mount's other flags.
 TEST_F(FuseOptions, ErrorsDecideWhatDamageDoesToTheMount) {
-  Geometry g;
-  g.sector_shift = 9;
-  g.cluster_shift = 3;
-  g.cluster_count = kTestClusterCount;
-  ImageBuilder b(g);
-  b.add_bitmap_entry().add_upcase_entry();
+  ImageBuilder b = test_builder();
   FileDesc bad;
   bad.name = u"bad";
   bad.first_cluster = kTestClusterCount + 100;
@@ -125,10 +108,10 @@ TEST_F(FuseOptions, ErrorsDecideWhatDamageDoesToTheMount) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.option);
     b.write_to(image_);
-    MountedVolume m(image_, mnt_, c.option);
+    MountedVolume m(image_, mountpoint_, c.option);
     ASSERT_TRUE(m.ok());
     ASSERT_TRUE(write_file(m.path("before"), pattern(100, 2)));
-    std::string flags_before = mount_table_options(mnt_);
+    std::string flags_before = mount_table_options(mountpoint_);
     ASSERT_EQ(0u, flags_before.rfind("rw,", 0)) << flags_before;
     int writer = open(m.path("before").c_str(), O_WRONLY);
     ASSERT_GE(writer, 0);
@@ -137,18 +120,19 @@ TEST_F(FuseOptions, ErrorsDecideWhatDamageDoesToTheMount) {
     EXPECT_TRUE(eventually([&] { return log_has(m, c.message); })) << m.log();
     std::this_thread::sleep_for(std::chrono::milliseconds(3 * ErrorWatchPollMs));
     if (c.status != 32) {
-      EXPECT_EQ(flags_before, mount_table_options(mnt_)) << "remounted under an open writer";
+      EXPECT_EQ(flags_before, mount_table_options(mountpoint_)) << "remounted under an open writer";
     }
     close(writer);
     if (c.option == "errors=remount-ro" && geteuid() == 0) {
       std::string ro = "ro" + flags_before.substr(2);
-      EXPECT_TRUE(eventually([&] { return mount_table_options(mnt_) == ro; }))
-          << mount_table_options(mnt_) << "\n" << m.log();
+      EXPECT_TRUE(eventually([&] { return mount_table_options(mountpoint_) == ro; }))
+          << mount_table_options(mountpoint_) << "\n"
+          << m.log();
       EXPECT_TRUE(log_has(m, "the kernel's mount is read-only now")) << m.log();
     }
     if (c.status == 32) {
       EXPECT_EQ(32, m.wait_exit()) << m.log();
-      EXPECT_FALSE(is_mountpoint(mnt_));
+      EXPECT_FALSE(is_mountpoint(mountpoint_));
     } else {
       int fd = open(m.path("after").c_str(), O_WRONLY | O_CREAT, 0644);
       EXPECT_EQ(c.write_errno, fd < 0 ? errno : 0);
@@ -183,7 +167,7 @@ TEST_F(FuseOptions, DiscardPunchesFreedClustersOutOfTheImage) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.options + (c.truncate ? " truncate" : " remove"));
-    MountedVolume m(image_, mnt_, c.options);
+    MountedVolume m(image_, mountpoint_, c.options);
     ASSERT_TRUE(m.ok());
     // The file's own fsync puts all of its data on the image before it is
     // measured; the kernel may release the file later than the close.
@@ -196,7 +180,7 @@ TEST_F(FuseOptions, DiscardPunchesFreedClustersOutOfTheImage) {
     ASSERT_EQ(static_cast<ssize_t>(kBytes), write(fd, data.data(), kBytes));
     ASSERT_EQ(0, fsync(fd));
     ASSERT_EQ(0, close(fd));
-    int root = open(mnt_.c_str(), O_RDONLY | O_DIRECTORY);
+    int root = open(mountpoint_.c_str(), O_RDONLY | O_DIRECTORY);
     ASSERT_GE(root, 0);
     EXPECT_EQ(0, fsync(root));
     close(root);
@@ -232,7 +216,7 @@ TEST_F(FuseOptions, RootMountsServeTheUidUserUnlessTold) {
     GTEST_SKIP() << "needs root: a root mount and a second user";
   // The scratch directory is the owner's alone; user 1000 must reach the
   // mount point.
-  std::filesystem::permissions(std::filesystem::path(mnt_).parent_path(),
+  std::filesystem::permissions(std::filesystem::path(mountpoint_).parent_path(),
                                std::filesystem::perms::owner_all |
                                    std::filesystem::perms::others_exec |
                                    std::filesystem::perms::group_exec);
@@ -246,7 +230,7 @@ TEST_F(FuseOptions, RootMountsServeTheUidUserUnlessTold) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.options);
-    MountedVolume m(image_, mnt_, c.options);
+    MountedVolume m(image_, mountpoint_, c.options);
     ASSERT_TRUE(m.ok());
     EXPECT_EQ(c.expected, as_user_1000(m.path("mine")));
     EXPECT_EQ(0, m.unmount()) << m.log();
@@ -256,15 +240,10 @@ TEST_F(FuseOptions, RootMountsServeTheUidUserUnlessTold) {
 TEST_F(FuseOptions, ADirtyVolumeIsReportedAtMount) {
   for (bool dirty : {true, false}) {
     SCOPED_TRACE(dirty);
-    Geometry g;
-    g.sector_shift = 9;
-    g.cluster_shift = 3;
-    g.cluster_count = kTestClusterCount;
-    ImageBuilder b(g);
-    b.add_bitmap_entry().add_upcase_entry();
+    ImageBuilder b = test_builder();
     b.volume_flags(dirty ? 0x0002 : 0);
     b.write_to(image_);
-    MountedVolume m(image_, mnt_);
+    MountedVolume m(image_, mountpoint_);
     ASSERT_TRUE(m.ok());
     EXPECT_EQ(dirty, log_has(m, image_ + ": warning: the volume was not cleanly unmounted and "
                                           "may be damaged; unmount it and run 'exvol check " +
@@ -292,7 +271,7 @@ TEST_F(FuseOptions, CopyToolsKeepTimesWithTheDocumentedFlags) {
   // any modes with quiet.
   for (const std::string options : {"fmask=0133", "quiet"}) {
     SCOPED_TRACE(options);
-    MountedVolume m(image_, mnt_, options);
+    MountedVolume m(image_, mountpoint_, options);
     ASSERT_TRUE(m.ok());
     struct Case {
       std::string name;

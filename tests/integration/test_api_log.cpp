@@ -30,9 +30,7 @@ class LogHandlerTest : public ApiTest {
 };
 
 TEST_F(LogHandlerTest, DriverMessagesAfterMountReachTheHandler) {
-  Geometry g;
-  g.cluster_count = 1024;
-  ImageBuilder b(g);
+  ImageBuilder b(Geometry{.cluster_count = 1024});
   b.add_bitmap_entry().add_upcase_entry();
   Dir d = b.mkdir(b.root(), u"d");
   b.add_entry(d, raw_entry(0x84));  // a critical primary nobody knows

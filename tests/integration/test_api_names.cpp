@@ -94,9 +94,7 @@ std::set<std::string> host_tree(const std::string& root) {
 // volume) are left out of listings with a line in the log, and so a
 // recursive copy out of the volume writes only below its target.
 TEST_F(ApiNames, NamesNoPathCanReachAreLeftOut) {
-  Geometry g;
-  g.cluster_count = 1024;
-  ImageBuilder b(g);
+  ImageBuilder b(Geometry{.cluster_count = 1024});
   b.add_bitmap_entry().add_upcase_entry();
   Dir out = b.mkdir(b.root(), u"out");
   b.add_file(out, u"ok", {1});

@@ -14,7 +14,7 @@
 #include "exvol/mkfs.h"
 #include "host/utf8.h"
 #include "tests/integration/api_fixture.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/host_mount_fixture.h"
 
 namespace exvol::test {
 namespace {

@@ -10,7 +10,7 @@
 #include "host/kern.h"
 #include "host/vfs.h"
 #include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/host_mount_fixture.h"
 
 using namespace exvol::test;
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "exfat_proto.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/host_mount_fixture.h"
 
 using exvol::test::uuid_string;
 

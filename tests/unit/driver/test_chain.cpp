@@ -214,4 +214,38 @@ TEST_F(ChainTest, ChainFreeFollowsTheChainOnly) {
   EXPECT_TRUE(used(62));
 }
 
+// A chain given back while its owner still names it is walked as the
+// immediate free walks it: a loop is corruption and nothing of it is
+// freed; a chain's clusters stay used until the owner lets go.
+TEST_F(ChainTest, HeldChainFreeWalksAsTheImmediateFreeDoes) {
+  for (uint32_t c : {40u, 41u, 42u, 60u, 90u, 91u})
+    builder_.set_allocated(c, true);
+  builder_.set_fat(40, 41).set_fat(41, 42).set_fat(42, 60).set_fat(60, EXFAT_FAT_EOC);
+  builder_.set_fat(90, 91).set_fat(91, 90);
+  mount_built();
+  struct exfat_node owner = stand_in_node(xm, 0);
+  const uint32_t free_before = xm->xm_free_clusters;
+  KernLogCapture log;
+
+  lck_mtx_lock(xm->xm_bitmap_lock);
+  lck_mtx_lock(xm->xm_fat_lock);
+  EXPECT_EQ(0, exfat_free_chain(xm, 40, 0, &owner, nullptr));
+  EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
+  EXPECT_NE(0, exfat_free_chain(xm, 90, 0, &owner, nullptr));
+  lck_mtx_unlock(xm->xm_fat_lock);
+  lck_mtx_unlock(xm->xm_bitmap_lock);
+  EXPECT_TRUE(xm->xm_flags & XM_CORRUPT);
+  EXPECT_EQ(1u, log.count("exfat_chain_free: corrupt cluster chain detected"));
+  for (uint32_t c : {40u, 41u, 42u, 60u})
+    EXPECT_TRUE(used(c)) << c << " is still named by its owner";
+
+  exfat_pending_release(xm, &owner);
+  settle_frees();
+  EXPECT_EQ(free_before + 4, xm->xm_free_clusters);
+  for (uint32_t c : {40u, 41u, 42u, 60u})
+    EXPECT_FALSE(used(c)) << c;
+  EXPECT_TRUE(used(90));
+  EXPECT_TRUE(used(91));
+}
+
 }  // namespace

@@ -2,7 +2,7 @@
 // use count as it was). The boot region rejections are in test_mount.cpp,
 // damaged volumes in test_damaged_walk.cpp.
 
-#include "mount_fixture.h"
+#include "tests/unit/driver/host_mount_fixture.h"
 #include "tests/support/image_builder.h"
 
 using namespace exvol::test;

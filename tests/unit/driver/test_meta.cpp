@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "host/buf.h"
-#include "mount_fixture.h"
+#include "tests/unit/driver/host_mount_fixture.h"
 #include "tests/support/image_builder.h"
 
 using namespace exvol::test;

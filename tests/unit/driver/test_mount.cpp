@@ -10,7 +10,7 @@
 
 #include "host/buf.h"
 #include "host/ubc.h"
-#include "mount_fixture.h"
+#include "tests/unit/driver/host_mount_fixture.h"
 #include "tests/support/fsck.h"
 #include "tests/support/image_builder.h"
 #include "tests/support/vnode_io.h"

@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "mount_fixture.h"
+#include "tests/unit/driver/host_mount_fixture.h"
 #include "tests/support/image_builder.h"
 
 using namespace exvol::test;

@@ -22,7 +22,7 @@
 #include "host/vnode.h"
 #include "tests/support/fsck.h"
 #include "tests/support/image_builder.h"
-#include "tests/unit/driver/mount_fixture.h"
+#include "tests/unit/driver/host_mount_fixture.h"
 
 namespace exvol::test {
 
