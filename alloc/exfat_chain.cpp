@@ -125,11 +125,14 @@ int exfat_chain_free(struct exfat_mount* mount, uint32_t first) {
 // The walk ends at a value outside the heap, or at the first non-zero
 // return of `visit`, which it returns. A chain cannot hold more clusters
 // than the heap, so a walk that passes the heap's size is a loop: it stops
-// with EIO and XM_CORRUPT set. *clusters receives the clusters visited.
-// The caller holds xm_fat_lock; `visit` may drop it but holds it again on
-// its return.
+// with EIO and XM_CORRUPT set. It also ends at the cut of a tail that the
+// batch of frees in flight is releasing (exfat_pending_flight_stop): that
+// tail is the batch's. *clusters receives the clusters visited. The caller
+// holds xm_bitmap_lock and xm_fat_lock; `visit` may drop xm_fat_lock but
+// holds it again on its return.
 int exfat_chain_walk(struct exfat_mount* mount, uint32_t first, exfat_chain_visit_t visit,
                      void* argument, uint64_t* clusters) {
+  lck_mtx_assert(mount->xm_bitmap_lock, LCK_MTX_ASSERT_OWNED);
   lck_mtx_assert(mount->xm_fat_lock, LCK_MTX_ASSERT_OWNED);
   *clusters = 0;
   for (uint32_t cluster = first; exfat_cluster_valid(mount, cluster);) {
@@ -141,6 +144,12 @@ int exfat_chain_walk(struct exfat_mount* mount, uint32_t first, exfat_chain_visi
     uint32_t length = 0;
     uint32_t next = 0;
     int read_error = exfat_chain_run(mount, cluster, &length, &next);
+    if (uint32_t stop = exfat_pending_flight_stop(mount, cluster, length, next)) {
+      if (stop < length)
+        read_error = 0;  // the failed link lies past the cut
+      length = stop;
+      next = EXFAT_FAT_EOC;
+    }
     int error = visit(mount, cluster, length, next, read_error, argument);
     if (error)
       return error;

@@ -37,6 +37,11 @@
 // flushes READY entries beforehand so that this happens only when every
 // slot is held by a file not yet written back.
 //
+// A batch being freed has left the list, but its tails are still linked
+// until it writes their end marks: chain walks meanwhile stop at those cuts
+// (exfat_pending_flight_stop), so that no new entry counts, and no file
+// takes back, clusters the batch is about to free.
+//
 // statfs counts READY clusters as free, and an allocation that runs short
 // while some are READY flushes and tries again (exfat_pending_flush).
 //
@@ -338,6 +343,8 @@ uint32_t exfat_pending_take(struct exfat_mount* mount, struct exfat_pending_free
       ++i;
     }
   }
+  mount->xm_pending_flight = n != 0 ? batch : nullptr;
+  mount->xm_pending_flight_count = n;
   lck_mtx_unlock(mount->xm_bitmap_lock);
   if (n == 0)
     lck_mtx_unlock(mount->xm_pending_lock);
@@ -372,6 +379,8 @@ void exfat_pending_finish(struct exfat_mount* mount, const struct exfat_pending_
     if (apply_error)
       kprintf("%s: error %d freeing clusters from %u\n", who, apply_error, batch[i].first);
   }
+  mount->xm_pending_flight = nullptr;
+  mount->xm_pending_flight_count = 0;
   lck_mtx_unlock(mount->xm_bitmap_lock);
   if (error)
     kprintf("%s: error %d writing directory blocks; freed clusters stay allocated\n", who,
@@ -401,6 +410,28 @@ void exfat_pending_make_room(struct exfat_mount* mount) {
   lck_mtx_unlock(mount->xm_bitmap_lock);
   if (full)
     exfat_pending_flush(mount, "exfat_pending_make_room");
+}
+
+// A chain walk must not go past the cut of a tail in the batch being freed:
+// the batch writes the end mark there and frees the tail itself. Until then
+// the tail is still linked, and a walk that went on would count (or free) it
+// a second time; a later take-back of the walk's own entry would even hand
+// the file clusters the batch is about to free. Returns the clusters of the
+// run [start, start + length), followed by `next`, up to and including such
+// a cut, or 0 when none lies in it. The caller holds xm_bitmap_lock (and
+// xm_fat_lock, as a walker does).
+uint32_t exfat_pending_flight_stop(const struct exfat_mount* mount, uint32_t start, uint32_t length,
+                                   uint32_t next) {
+  uint32_t stop = 0;
+  for (uint32_t i = 0; i < mount->xm_pending_flight_count; i++) {
+    const struct exfat_pending_free& e = mount->xm_pending_flight[i];
+    if (!e.chain || e.cut < start || e.cut - start >= length)
+      continue;
+    uint32_t link = e.cut == start + length - 1 ? next : e.cut + 1;
+    if (e.first == link && (stop == 0 || e.cut - start + 1 < stop))
+      stop = e.cut - start + 1;
+  }
+  return stop;
 }
 
 // Whether an allocation that ended with `error` should free the READY

@@ -96,6 +96,8 @@ struct exfat_mount {
   uint32_t xm_pending_count;   // used slots of xm_pending; xm_bitmap_lock
   uint32_t xm_pending_ready;   // clusters of entries that no entry on disk needs; xm_bitmap_lock
   uint32_t xm_pending_taken;   // bumped whenever a node takes its own back; xm_bitmap_lock
+  const struct exfat_pending_free* xm_pending_flight;  // the batch being freed; xm_bitmap_lock
+  uint32_t xm_pending_flight_count;                    // its entries; xm_bitmap_lock
   lck_mtx_t* xm_meta_lock;     // guards xm_meta_state
   thread_call_t xm_meta_timer; // the delayed metadata flush
   uint32_t xm_meta_state;      // META_*; xm_meta_lock

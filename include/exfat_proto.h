@@ -196,6 +196,8 @@ void exfat_pending_finish(struct exfat_mount* mount, const struct exfat_pending_
 void exfat_pending_flush(struct exfat_mount* mount, const char* who);
 void exfat_pending_make_room(struct exfat_mount* mount);
 bool exfat_pending_retry(struct exfat_mount* mount, int error, int attempt);
+uint32_t exfat_pending_flight_stop(const struct exfat_mount* mount, uint32_t start, uint32_t length,
+                                   uint32_t next);
 int exfat_file_add_extent(struct exfat_node* node, uint32_t first, uint32_t count);
 int exfat_file_extend(struct exfat_node* node, uint64_t new_size, int flags);
 int exfat_file_shrink(struct exfat_node* node, uint64_t new_size);

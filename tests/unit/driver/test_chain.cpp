@@ -183,6 +183,40 @@ TEST_F(ChainTest, FreedClustersWaitForTheirOwnersEntry) {
   EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
 }
 
+// A tail in the batch being freed is the batch's: a further cut of the file
+// walks only to it, so that growing back takes only what the file may keep
+// and the batch still frees the tail (and writes no end mark into the
+// file's grown chain).
+TEST_F(ChainTest, TailsInFlightAreNotWalkedAgain) {
+  std::vector<uint32_t> chain = {40, 41, 42, 43, 44, 45, 46, 47, 60, 61, 62, 63};
+  uint32_t f = chained_file(u"f", chain, chain.size() * kCluster);
+  mount_built();
+  struct exfat_node* node = get_node(f);
+  ASSERT_NE(nullptr, node);
+
+  ASSERT_EQ(0, truncate(node, 8 * kCluster));
+  exfat_pending_release(xm, node);  // its entry is written
+  struct exfat_pending_free batch[EXFAT_PENDING_FREES];
+  uint32_t n = exfat_pending_take(xm, batch);
+  ASSERT_EQ(1u, n) << "the tail 60-63 is in flight";
+  ASSERT_EQ(0, truncate(node, 4 * kCluster));
+  ASSERT_EQ(0, truncate(node, 12 * kCluster));
+  exfat_pending_finish(xm, batch, n, "test");
+
+  uint32_t c = 40;
+  for (uint32_t i = 0; i < 12; i++) {
+    ASSERT_TRUE(c >= 40 && c < 60) << "cluster " << i << " of the file is " << c;
+    EXPECT_TRUE(used(c)) << c;
+    c = fat(c);
+  }
+  EXPECT_EQ(EXFAT_FAT_EOC, c);
+  for (uint32_t t = 60; t <= 63; t++)
+    EXPECT_FALSE(used(t)) << t;
+  EXPECT_EQ(0u, xm->xm_flags & XM_CORRUPT);
+  update(node);
+  unmount_and_check();
+}
+
 // Freeing follows the chain only, to any end mark; a loop is reported as
 // corruption instead of being freed for ever.
 TEST_F(ChainTest, ChainFreeFollowsTheChainOnly) {
