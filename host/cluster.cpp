@@ -81,6 +81,13 @@ struct Xfer {
   // The next transfer of the same job: small asynchronous writes of one
   // push go to a transfer thread together, in one hand-off.
   Xfer* next = nullptr;
+
+  Xfer() = default;
+  // A transfer of `size` bytes of the file's list `upl`, from file offset
+  // `foff`; pages on loan (commit false) stay busy at the end.
+  Xfer(Info* info_, upl_t upl_, off_t foff_, uint32_t size_, bool read_, bool commit_ = true)
+      : vp(info_->vp), info(info_), upl(upl_), foff(foff_), size(size_), read(read_),
+        commit(commit_) {}
 };
 
 // Maps [x.foff, x.foff + x.size) through the file system's blockmap
@@ -177,6 +184,15 @@ void xfer_finish(Xfer& x, int err) {
     ubc_upl_commit_range(x.upl, 0, span, UPL_COMMIT_FREE_ON_EMPTY | (x.read ? 0 : UPL_COMMIT_CLEAR_DIRTY));
   else
     ubc_upl_abort_range(x.upl, 0, span, UPL_ABORT_FREE_ON_EMPTY | (x.read ? UPL_ABORT_ERROR : 0));
+}
+
+// Maps, runs and ends a transfer on the caller's thread; returns the first
+// error.
+int xfer_run(Xfer& x, off_t filesize) {
+  int err = xfer_map(x, filesize);
+  if (err == 0) err = xfer_exec(x);
+  xfer_finish(x, err);
+  return err;
 }
 
 int xfer_sync(Xfer& x) {
@@ -300,13 +316,7 @@ int read_absent(Info* info, uint64_t first, uint32_t max, off_t filesize, bool w
     drop_fresh(pages, n);
     return -ENOMEM;
   }
-  Xfer* x = new Xfer;
-  x->vp = info->vp;
-  x->info = info;
-  x->upl = upl;
-  x->foff = off_t(first) * PAGE_SIZE;
-  x->size = n * PAGE_SIZE;
-  x->read = true;
+  Xfer* x = new Xfer(info, upl, off_t(first) * PAGE_SIZE, n * PAGE_SIZE, true);
   int err = xfer_start(x, filesize, wait);
   return err ? -err : int(n);
 }
@@ -443,18 +453,8 @@ int prepare_partial(Info* info, uint64_t first, Page** pages, const uint32_t* st
     if (ps < oldEOF) {
       upl_t upl = make_list(info, first + i, &pages[i], 1);
       if (upl == nullptr) return ENOMEM;
-      Xfer x;
-      x.vp = info->vp;
-      x.info = info;
-      x.upl = upl;
-      x.foff = ps;
-      x.size = PAGE_SIZE;
-      x.read = true;
-      x.commit = false;
-      int err = xfer_map(x, oldEOF);
-      if (err == 0) err = xfer_exec(x);
-      xfer_finish(x, err);
-      if (err) return err;
+      Xfer x(info, upl, ps, PAGE_SIZE, true, false);
+      if (int err = xfer_run(x, oldEOF)) return err;
     } else {
       memset(p->data, 0, PAGE_SIZE);
     }
@@ -501,17 +501,8 @@ int zero_on_device(Info* info, uint64_t first, Page** pages, uint32_t n, off_t e
   upl_t upl = make_list(info, first, pages, n);
   int err = ENOMEM;
   if (upl != nullptr) {
-    Xfer x;
-    x.vp = info->vp;
-    x.info = info;
-    x.upl = upl;
-    x.foff = off_t(first) * PAGE_SIZE;
-    x.size = n * PAGE_SIZE;
-    x.read = false;
-    x.commit = false;
-    err = xfer_map(x, end);
-    if (err == 0) err = xfer_exec(x);
-    xfer_finish(x, err);
+    Xfer x(info, upl, off_t(first) * PAGE_SIZE, n * PAGE_SIZE, false, false);
+    err = xfer_run(x, end);
   }
   drop_fresh(pages, n);
   return err;
@@ -759,13 +750,7 @@ int cl_push_range(Info* info, uint64_t first, uint64_t last, bool wait, bool map
       error = error ? error : ENOMEM;
       break;
     }
-    Xfer* x = new Xfer;
-    x->vp = info->vp;
-    x->info = info;
-    x->upl = upl;
-    x->foff = off_t(start) * PAGE_SIZE;
-    x->size = n * PAGE_SIZE;
-    x->read = false;
+    Xfer* x = new Xfer(info, upl, off_t(start) * PAGE_SIZE, n * PAGE_SIZE, false);
     int err = 0;
     if (wait) {
       err = xfer_start(x, filesize, true);
@@ -904,17 +889,8 @@ int paging_xfer(vnode_t vp, upl_t upl, upl_offset_t upl_offset, off_t f_offset, 
       upl_set_page_locked(run, i, p);
     }
   }
-  Xfer x;
-  x.vp = vp;
-  x.info = info;
-  x.upl = run;
-  x.foff = f_offset;
-  x.size = span;
-  x.read = read;
-  x.commit = false;
-  int err = xfer_map(x, filesize);
-  if (err == 0) err = xfer_exec(x);
-  xfer_finish(x, err);
+  Xfer x(info, run, f_offset, span, read, false);
+  int err = xfer_run(x, filesize);
   if (!(flags & UPL_NOCOMMIT)) {
     if (err == 0)
       ubc_upl_commit_range(upl, upl_offset, span,
