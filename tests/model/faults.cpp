@@ -182,6 +182,11 @@ std::string unacceptable(const std::string& image, const std::set<std::string>& 
   if (fsck.empty())
     return "";
   test::FsckResult r = test::run_fsck_file(image);
+  // fsck.exfat 1.2.0 misreads a set that continues in a cluster not
+  // adjacent to its first (see test::fsck_only_misreads_split_sets); exvol
+  // check judges those sets below.
+  if (r.status == 4 && test::fsck_only_misreads_split_sets(image, r.output))
+    return "";
   std::string bad;
   if (r.status != 0 && r.status != 4)
     bad += "\n    fsck.exfat status " + std::to_string(r.status);

@@ -85,6 +85,13 @@ class ModelCheckPowerCut : public ::testing::TestWithParam<uint64_t> {};
 
 TEST_P(ModelCheckPowerCut, SyncedStateSurvivesACut) {
   std::vector<uint64_t> seeds = seed_range(1000 + GetParam() * 10, 10);
+  if (GetParam() == 0) {
+    // A directory's fsync wrote its blocks before the allocation caches; a
+    // rename cut short (two entries for one file); fsck.exfat's misread of
+    // a synced directory's set split across clusters.
+    for (uint64_t seed : {272922202u, 297071122u, 467157510u})
+      seeds.push_back(seed);
+  }
   if (GetParam() == 1) {
     // Clusters freed by a truncation or removal reached the disk (or
     // another file) before the entry that owned them was rewritten.
@@ -118,7 +125,7 @@ constexpr uint64_t kDaemonMemoryCeiling = 768ull << 20;
 
 TEST(ModelCheckFuse, SystemCallsOnAMountMatchTheModel) {
   run_seeds(
-      {7000},
+      {7000, 410166034},  // a second cut walked through the tail of a batch of frees in flight
       [](uint64_t seed, int steps) { return run_fuse(seed, steps, 3, kDaemonMemoryCeiling); }, 150,
       std::nullopt);
 }
