@@ -175,6 +175,24 @@ errno_t ubc_upl_unmap(upl_t upl) {
   return 0;
 }
 
+namespace {
+
+// Ends the list's hold on each page it has in [offset, offset + size) and
+// hands the page to `fn`. The ubc lock is held.
+template <typename Fn>
+void end_range_locked(upl_t upl, upl_offset_t offset, upl_size_t size, Fn fn) {
+  uint32_t first = offset / PAGE_SIZE;
+  uint32_t last = std::min<uint32_t>(upl->npages, uint32_t((uint64_t(offset) + size + PAGE_MASK) / PAGE_SIZE));
+  for (uint32_t i = first; i < last; i++) {
+    Page* p = upl->pages[i];
+    if (p == nullptr) continue;
+    end_page_locked(upl, i);
+    fn(p);
+  }
+}
+
+}  // namespace
+
 // Returns the pages of [offset, offset + size) of the list to the cache.
 // Pages the list created (absent before) are dropped, and with
 // UPL_ABORT_ERROR so are pages that never became valid; with
@@ -187,12 +205,7 @@ errno_t ubc_upl_abort_range(upl_t upl, upl_offset_t offset, upl_size_t size, int
   bool freed = false;
   {
     Locker l;
-    uint32_t first = offset / PAGE_SIZE;
-    uint32_t last = std::min<uint32_t>(upl->npages, uint32_t((uint64_t(offset) + size + PAGE_MASK) / PAGE_SIZE));
-    for (uint32_t i = first; i < last; i++) {
-      Page* p = upl->pages[i];
-      if (p == nullptr) continue;
-      end_page_locked(upl, i);
+    end_range_locked(upl, offset, size, [&](Page* p) {
       if (p->flags & PG_REDIRTY) page_set_dirty_locked(p);
       p->flags &= ~PG_REDIRTY;
       bool drop = (abort_flags & UPL_ABORT_DUMP_PAGES) || (p->flags & PG_FRESH) ||
@@ -201,7 +214,7 @@ errno_t ubc_upl_abort_range(upl_t upl, upl_offset_t offset, upl_size_t size, int
         page_free_locked(p);
       else
         page_release_locked(p);
-    }
+    });
     maybe_free_locked(upl, abort_flags & UPL_ABORT_FREE_ON_EMPTY, &freed);
   }
   if (freed) upl_destroy(upl);
@@ -227,12 +240,7 @@ errno_t ubc_upl_commit_range(upl_t upl, upl_offset_t offset, upl_size_t size, in
   {
     Locker l;
     Pool& pl = pool();
-    uint32_t first = offset / PAGE_SIZE;
-    uint32_t last = std::min<uint32_t>(upl->npages, uint32_t((uint64_t(offset) + size + PAGE_MASK) / PAGE_SIZE));
-    for (uint32_t i = first; i < last; i++) {
-      Page* p = upl->pages[i];
-      if (p == nullptr) continue;
-      end_page_locked(upl, i);
+    end_range_locked(upl, offset, size, [&](Page* p) {
       p->flags |= PG_VALID;
       if ((flags & UPL_COMMIT_SET_DIRTY) || (p->flags & PG_REDIRTY))
         page_set_dirty_locked(p);
@@ -249,7 +257,7 @@ errno_t ubc_upl_commit_range(upl_t upl, upl_offset_t offset, upl_size_t size, in
         pl.clean_lru.next->prev = p;
         pl.clean_lru.next = p;
       }
-    }
+    });
     maybe_free_locked(upl, flags & UPL_COMMIT_FREE_ON_EMPTY, &freed);
   }
   if (freed) upl_destroy(upl);
