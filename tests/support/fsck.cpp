@@ -75,8 +75,9 @@ class Image {
 
 // The entry set whose File entry is at byte `at`, if it runs past the end
 // of its cluster into a next cluster (by the FAT) that does not follow it,
-// and its checksum is right when read along the chain: the byte offsets of
-// its entries in that next cluster go into *continued. False otherwise.
+// or on past the end of that one too, and its checksum is right when read
+// along the chain: the byte offsets of its entries in later clusters go
+// into *continued. False otherwise.
 bool split_set_is_valid(const Image& img, uint64_t at, std::set<uint64_t>* continued) {
   uint8_t entry[32];
   uint32_t c = img.cluster_of(at);
@@ -85,7 +86,8 @@ bool split_set_is_valid(const Image& img, uint64_t at, std::set<uint64_t>* conti
   const uint32_t count = entry[1] + 1u;
   const uint64_t cluster_end = img.offset_of(c) + img.cluster_bytes();
   const uint32_t next = img.fat(c);
-  if (at + 32u * count <= cluster_end || !img.valid(next) || next == c + 1)
+  const bool past_two = at + 32u * count > cluster_end + img.cluster_bytes();
+  if (at + 32u * count <= cluster_end || !img.valid(next) || (next == c + 1 && !past_two))
     return false;
   uint16_t sum = 0;
   uint64_t pos = at;

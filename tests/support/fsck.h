@@ -25,10 +25,11 @@ FsckResult run_fsck_file(const std::string& path);
 
 // Whether every ERROR line of fsck.exfat's output for `image` is about an
 // entry set that crosses from one cluster of a FAT-chained directory into a
-// cluster that does not follow it on the disk, and that set is valid when
-// read along the chain: fsck.exfat 1.2.0 reads such a set as if the
-// clusters were adjacent, so it reports the set's checksum wrong and the
-// set's entries in the next cluster as entries of unknown type. False when
+// cluster that does not follow it on the disk (or that spans three
+// clusters, adjacent or not), and that set is valid when read along the
+// chain: fsck.exfat 1.2.0 misreads such a set, so it reports the set's
+// checksum wrong and the set's entries in later clusters as entries of
+// unknown type. False when
 // there is no ERROR line, the image can't be read, or any line is about
 // something else.
 bool fsck_only_misreads_split_sets(const std::string& image, const std::string& output);
