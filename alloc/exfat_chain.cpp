@@ -412,6 +412,12 @@ static int exfat_shrink_chain(struct exfat_node* node, uint32_t keep, struct exf
   if (keep > 0) {
     uint32_t last = 0;
     error = exfat_blockmap_internal(node, keep - 1, 1, nullptr, &last, nullptr);
+    if (error == E2BIG) {
+      // A damaged chain shorter than the file's size: nothing is freed.
+      kprintf("exfat_file_shrink: chain shorter than its file\n");
+      exfat_set_corrupt(mount);
+      error = EIO;
+    }
     if (error == 0) {
       node->x_last_cluster = last;
       uint32_t first_free = 0;
