@@ -57,6 +57,16 @@ class ChainTest : public VolumeTest {
     return builder_.add_set(builder_.root(), desc).offset;
   }
 
+  // Two runs, 40-47 and 60-63, as one file's chain.
+  const std::vector<uint32_t> kTwoRuns = {40, 41, 42, 43, 44, 45, 46, 47, 60, 61, 62, 63};
+
+  // Mounts the volume with a file "f" whose data is `chain`; its node.
+  struct exfat_node* mounted_chained_file(const std::vector<uint32_t>& chain) {
+    uint32_t f = chained_file(u"f", chain, chain.size() * kCluster);
+    mount_built();
+    return get_node(f);
+  }
+
   int truncate(struct exfat_node* node, uint64_t size, int flags = 0) {
     exfat_node_lock(node);
     int error = exfat_truncate(node, size, flags, ctx_);
@@ -145,10 +155,8 @@ TEST_F(ChainTest, ExtensionBeyondTheFreeSpace) {
 // the file's entry is written; the file takes its own back when it grows;
 // cuts that overlap are freed once; a FAT read failure frees nothing.
 TEST_F(ChainTest, FreedClustersWaitForTheirOwnersEntry) {
-  std::vector<uint32_t> chain = {40, 41, 42, 43, 44, 45, 46, 47, 60, 61, 62, 63};
-  uint32_t f = chained_file(u"f", chain, chain.size() * kCluster);
-  mount_built();
-  struct exfat_node* node = get_node(f);
+  const std::vector<uint32_t> chain = kTwoRuns;
+  struct exfat_node* node = mounted_chained_file(chain);
   ASSERT_NE(nullptr, node);
   const uint32_t free_before = free_clusters();
 
@@ -188,10 +196,8 @@ TEST_F(ChainTest, FreedClustersWaitForTheirOwnersEntry) {
 // and the batch still frees the tail (and writes no end mark into the
 // file's grown chain).
 TEST_F(ChainTest, TailsInFlightAreNotWalkedAgain) {
-  std::vector<uint32_t> chain = {40, 41, 42, 43, 44, 45, 46, 47, 60, 61, 62, 63};
-  uint32_t f = chained_file(u"f", chain, chain.size() * kCluster);
-  mount_built();
-  struct exfat_node* node = get_node(f);
+  const std::vector<uint32_t> chain = kTwoRuns;
+  struct exfat_node* node = mounted_chained_file(chain);
   ASSERT_NE(nullptr, node);
 
   ASSERT_EQ(0, truncate(node, 8 * kCluster));
